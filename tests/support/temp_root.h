@@ -1,0 +1,72 @@
+#ifndef MORVOCAT_TESTS_SUPPORT_TEMP_ROOT_H_
+#define MORVOCAT_TESTS_SUPPORT_TEMP_ROOT_H_
+
+// A fresh folder that stands in for the device's root for one test: every
+// fixed platform path resolves below it, and it is removed afterwards.
+
+#include <ftw.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace morvotest {
+
+class TempRoot {
+ public:
+  TempRoot() {
+    char templ[] = "/tmp/morvo_test_XXXXXX";
+    char* dir = mkdtemp(templ);
+    path_ = dir != nullptr ? dir : "";
+    setenv("MORVOCAT_ROOT", path_.c_str(), 1);
+    unsetenv("MORVOCAT_LOG_STORE");
+    unsetenv("MORVOCAT_PROPERTIES");
+  }
+  ~TempRoot() {
+    unsetenv("MORVOCAT_ROOT");
+    if (!path_.empty()) nftw(path_.c_str(), Remove, 16, FTW_DEPTH | FTW_PHYS);
+  }
+  TempRoot(const TempRoot&) = delete;
+  TempRoot& operator=(const TempRoot&) = delete;
+
+  const std::string& path() const { return path_; }
+  // The host path of a device path such as "/data/log/x".
+  std::string Under(const std::string& devicePath) const { return path_ + devicePath; }
+
+  // Creates every missing folder of the device path dir.
+  void MakeDirs(const std::string& devicePath) const {
+    std::string full = Under(devicePath);
+    for (size_t pos = path_.size() + 1; pos != std::string::npos; pos = full.find('/', pos + 1)) {
+      mkdir(full.substr(0, pos).c_str(), 0775);
+    }
+    mkdir(full.c_str(), 0775);
+  }
+
+ private:
+  static int Remove(const char* path, const struct stat*, int, struct FTW*) {
+    ::remove(path);
+    return 0;
+  }
+  std::string path_;
+};
+
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream ss;
+  ss << in.rdbuf();
+  return ss.str();
+}
+
+inline void WriteFile(const std::string& path, const std::string& text) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << text;
+}
+
+inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+}  // namespace morvotest
+
+#endif  // MORVOCAT_TESTS_SUPPORT_TEMP_ROOT_H_
