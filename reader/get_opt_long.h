@@ -29,11 +29,7 @@ void InitGetOptContext(GetOptContext* ctx, FILE* errorOut);
 MORVO_EXPORT int getopt_long_r(int argc, char* const* argv, const char* optstring,
                                const option* longopts, int* longindex, GetOptContext* ctx);
 
-namespace qdlogging {
-
 MORVO_EXPORT int GetOptLong(int argc, char* const* argv, const char* optstring,
                             const option* longopts, int* longindex, GetOptContext* ctx);
-
-}  // namespace qdlogging
 
 #endif  // MORVOCAT_READER_GET_OPT_LONG_H_
