@@ -1,0 +1,118 @@
+#include "config/xml_document.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <libxml/parser.h>
+#include <libxml/xmlerror.h>
+
+#include <new>
+
+namespace TavoConfig {
+
+namespace {
+
+// Longest message text printed for one diagnostic.
+constexpr int kDiagnosticMax = 400;
+
+const char* LevelName(xmlErrorLevel level) {
+  switch (level) {
+    case XML_ERR_WARNING: return "warning";
+    case XML_ERR_FATAL: return "fatal error";
+    default: return "error";
+  }
+}
+
+// libxml2's own output spreads one diagnostic over several lines (message,
+// context, caret); keep it to one line each.
+void PrintDiagnostic(void*, xmlErrorPtr error) {
+  if (error == nullptr) return;
+  const char* message = error->message != nullptr ? error->message : "";
+  size_t length = strcspn(message, "\r\n");
+  if (length > static_cast<size_t>(kDiagnosticMax)) length = kDiagnosticMax;
+  fprintf(stderr, "%s:%d: %s: %.*s\n", error->file != nullptr ? error->file : "(config)",
+          error->line, LevelName(error->level), static_cast<int>(length), message);
+}
+
+// Reads up to want bytes; fewer when the file ends first.
+bool ReadAll(int fd, char* buf, size_t want, size_t* got) {
+  size_t done = 0;
+  while (done < want) {
+    ssize_t n = read(fd, buf + done, want - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return false;
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  *got = done;
+  return true;
+}
+
+// Reads the whole file at path when it is a regular file of at most
+// kConfigFileMax bytes; O_NONBLOCK keeps a FIFO put there from blocking us.
+char* ReadSmallFile(const char* path, size_t* size) {
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd < 0) {
+    fprintf(stderr, "Config file [%s] cannot be opened!\n", path);
+    return nullptr;
+  }
+  struct stat st;
+  char* text = nullptr;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    fprintf(stderr, "Config file [%s] is not a regular file!\n", path);
+  } else if (static_cast<unsigned long long>(st.st_size) > kConfigFileMax) {
+    fprintf(stderr, "Config file [%s] is larger than %zu bytes!\n", path, kConfigFileMax);
+  } else {
+    text = new (std::nothrow) char[st.st_size + 1];
+    if (text != nullptr && !ReadAll(fd, text, static_cast<size_t>(st.st_size), size)) {
+      delete[] text;
+      text = nullptr;
+    }
+  }
+  close(fd);
+  return text;
+}
+
+}  // namespace
+
+xmlDoc* ReadConfigDocument(const char* path) {
+  if (path == nullptr) return nullptr;
+  size_t size = 0;
+  char* text = ReadSmallFile(path, &size);
+  if (text == nullptr) return nullptr;
+  xmlInitParser();
+  xmlDoc* doc = nullptr;
+  xmlParserCtxt* ctxt = xmlNewParserCtxt();
+  if (ctxt != nullptr) {
+    ctxt->sax->serror = PrintDiagnostic;
+    // No XML_PARSE_NOENT, DTDLOAD, DTDATTR, XINCLUDE or HUGE: only what the
+    // file itself says is read, within libxml2's default depth and size limits.
+    doc = xmlCtxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr, XML_PARSE_NONET);
+    xmlFreeParserCtxt(ctxt);
+  }
+  delete[] text;
+  return doc;
+}
+
+XmlAttr::XmlAttr(const xmlNode* node, const char* name)
+    : value_(node != nullptr ? xmlGetProp(node, reinterpret_cast<const xmlChar*>(name))
+                             : nullptr) {}
+
+XmlAttr::~XmlAttr() {
+  if (value_ != nullptr) xmlFree(value_);
+}
+
+bool XmlAttr::Is(const char* text) const {
+  return value_ != nullptr && xmlStrcmp(value_, reinterpret_cast<const xmlChar*>(text)) == 0;
+}
+
+bool IsElementNamed(const xmlNode* node, const char* name) {
+  return node != nullptr && node->type == XML_ELEMENT_NODE &&
+         xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>(name)) == 0;
+}
+
+}  // namespace TavoConfig

@@ -1,0 +1,52 @@
+#ifndef MORVOCAT_CONFIG_XML_DOCUMENT_H_
+#define MORVOCAT_CONFIG_XML_DOCUMENT_H_
+
+// Reading the configuration document and looking at its elements. The
+// document comes from one regular file of bounded size; the parser never
+// reaches the network, loads no DTD and substitutes no external entity, and
+// each libxml2 diagnostic becomes one line on standard error.
+
+#include <libxml/tree.h>
+
+#include <stddef.h>
+
+namespace TavoConfig {
+
+// Larger configuration files are refused rather than parsed.
+constexpr size_t kConfigFileMax = 1024 * 1024;
+
+// The parsed document (free it with xmlFreeDoc), or null when the file
+// cannot be read, is too large or is not well-formed.
+xmlDoc* ReadConfigDocument(const char* path);
+
+// An attribute's text, freed with the object; null when absent.
+class XmlAttr {
+ public:
+  XmlAttr(const xmlNode* node, const char* name);
+  ~XmlAttr();
+  XmlAttr(const XmlAttr&) = delete;
+  XmlAttr& operator=(const XmlAttr&) = delete;
+
+  const char* get() const { return reinterpret_cast<const char*>(value_); }
+  // The attribute is present and exactly text.
+  bool Is(const char* text) const;
+
+ private:
+  xmlChar* value_;
+};
+
+// An element node named exactly name (case-sensitive).
+bool IsElementNamed(const xmlNode* node, const char* name);
+
+// Calls visit on each element node from first on through its siblings, in
+// document order; text, comments and other nodes are skipped.
+template <typename Visit>
+void ForEachElement(const xmlNode* first, Visit visit) {
+  for (const xmlNode* node = first; node != nullptr; node = node->next) {
+    if (node->type == XML_ELEMENT_NODE) visit(node);
+  }
+}
+
+}  // namespace TavoConfig
+
+#endif  // MORVOCAT_CONFIG_XML_DOCUMENT_H_
