@@ -1,0 +1,256 @@
+#include "filesets/file_set.h"
+
+#include <dirent.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr int kCollect = 0;
+constexpr int kPurge = 1;
+// The reader's plain rotation packed up to ten archives.
+constexpr int kReaderArchiveCount = 10;
+
+}  // namespace
+
+using filesets::kIndexCount;
+
+FileSet::FileSet(std::string basePath, uint64_t fileLimit, FileSetRules rules, SetScheme scheme)
+    : outputFilePath(std::move(basePath)), maxFiles(fileLimit), rules_(rules), scheme_(scheme) {}
+
+FileSet::~FileSet() = default;
+
+std::string FileSet::GetInterger(const std::string& name, uint32_t total, uint32_t start,
+                                 uint32_t count) const {
+  if (name.size() != total || start + count - 1 > total || start > name.size()) {
+    return std::string();
+  }
+  return name.substr(start, count);
+}
+
+std::string FileSet::GetIndex(const std::string& name) const {
+  if (outputFilePath.empty()) return std::string();
+  uint32_t length = static_cast<uint32_t>(outputFilePath.size());
+  return GetInterger(name, length + filesets::kNameTail, length + filesets::kIndexOffset,
+                     filesets::kIndexWidth);
+}
+
+std::string FileSet::GetTimestamp(const std::string& name) const {
+  if (outputFilePath.empty()) return std::string();
+  uint32_t length = static_cast<uint32_t>(outputFilePath.size());
+  return GetInterger(name, length + filesets::kNameTail, length + filesets::kStampOffset,
+                     filesets::kStampWidth);
+}
+
+uint32_t FileSet::ConvertStringToIndex(const std::string& text) const {
+  return filesets::IndexAfter(text);
+}
+
+std::string FileSet::GetTimeStamp() const { return filesets::LocalTimeStamp(); }
+
+bool FileSet::SortByEarlyTime(const std::string& a, const std::string& b) {
+  return filesets::ByteOrderBefore(a, b);
+}
+
+int FileSet::ScanDir(int mode, const std::string& directory, const std::string& baseName) {
+  if (directory.empty() || baseName.empty()) return 1;
+  DIR* dir = opendir(directory.c_str());
+  if (dir == nullptr) {
+    fprintf(stderr, "open pdir error.\n");
+    return 1;
+  }
+  const size_t nameLength = outputFilePath.size() + filesets::kNameTail;
+  std::string full;
+  while (struct dirent* entry = readdir(dir)) {
+    // Links (such as the collector's current-file links) and anything of
+    // unknown type are not set files.
+    if (entry->d_type != DT_REG) continue;
+    full.assign(directory).append("/").append(entry->d_name);
+    if (DetectOldStyleFiles(full.c_str())) continue;
+    if (full.find(baseName) == std::string::npos || full.find(".gz") == std::string::npos) {
+      continue;
+    }
+    if (mode == kCollect && full.size() == nameLength) {
+      fileVec.push_back(full);
+    } else if (mode == kPurge && full.size() != nameLength && unlink(full.c_str()) != 0) {
+      fprintf(stderr, "ProcessMmapFileVec unlink [%s] fail\n", full.c_str());
+    }
+  }
+  closedir(dir);
+  return 0;
+}
+
+void FileSet::ProcessMmapFileVec(int mode) {
+  if (static_cast<unsigned>(mode) > kPurge || outputFilePath.empty()) return;
+  size_t slash = outputFilePath.rfind('/');
+  if (slash == std::string::npos) return;
+  ScanDir(mode, outputFilePath.substr(0, slash), outputFilePath.substr(slash + 1));
+}
+
+bool FileSet::DetectOldStyleFiles(const char* path) const {
+  if (!oldStyleCheck || path == nullptr) return false;
+  return filesets::IsOldStyleName(path, outputFilePath);
+}
+
+void FileSet::DeleteOldStyleFiles() {
+  if (rules_.sweepOnce) {
+    SweepOnce();
+  } else {
+    SweepNamesSilently();
+  }
+}
+
+void FileSet::SweepNamesSilently() {
+  if (scheme_ != SetScheme::INDEXED || outputFilePath.empty()) return;
+  fileVec.clear();
+  // The indexed scheme never writes the base path itself either.
+  for (int n = 0; n < filesets::kOldStyleCount; ++n) {
+    std::string name = n == 0 ? outputFilePath : filesets::NumberedName(outputFilePath, n);
+    if (access(name.c_str(), F_OK) == 0) unlink(name.c_str());
+  }
+  for (int n = 0; n < kReaderArchiveCount; ++n) {
+    std::string name = filesets::ArchiveName(outputFilePath, n);
+    if (access(name.c_str(), F_OK) == 0) unlink(name.c_str());
+  }
+}
+
+void FileSet::SweepOnce() {
+  if (!oldStyleCheck) return;
+  if (scheme_ == SetScheme::NUMBERED) {
+    // Left by an earlier indexed run of the same owner.
+    DropOldest(fileVec.size(), std::string());
+  } else {
+    for (int n = 0; n < filesets::kOldStyleCount; ++n) {
+      for (const std::string& name : {filesets::NumberedName(outputFilePath, n),
+                                      filesets::ArchiveName(outputFilePath, n)}) {
+        if (unlink(name.c_str()) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
+      }
+    }
+    ProcessMmapFileVec(kPurge);
+  }
+  oldStyleCheck = false;
+  FormFileVectors();
+}
+
+void FileSet::RotateVec(std::vector<std::string>& list, const std::string& pivot) const {
+  if (pivot.empty()) return;
+  const std::string key = pivot;  // pivot may be an entry of list
+  auto at = std::find(list.begin(), list.end(), key);
+  if (at == list.end()) return;
+  auto tail = at + 1;
+  auto copiesOfPivot = std::stable_partition(
+      tail, list.end(), [&key](const std::string& entry) { return entry != key; });
+  std::rotate(list.begin(), tail, copiesOfPivot);
+}
+
+std::string FileSet::GetFileByMaxTimestamp(const std::vector<std::string>& list) const {
+  std::string result;
+  std::string best;
+  for (const std::string& entry : list) {
+    std::string stamp = GetTimestamp(entry);
+    if (filesets::ByteOrderBefore(best, stamp)) {
+      best = std::move(stamp);
+      result = entry;
+    }
+  }
+  return result;
+}
+
+void FileSet::AdjustFileVecOrder(std::vector<std::string>& list) const {
+  if (list.empty()) return;
+  int previous = -1;
+  size_t runs = 1;
+  bool seen0 = false;
+  bool seen999 = false;
+  std::vector<std::string> runEnds;
+  size_t kept = 0;
+  for (size_t i = 0; i < list.size(); ++i) {
+    // Read as atoi reads it: a non-numeric field is 0, a negative one is
+    // dropped from the list (the file stays on disk).
+    int index = atoi(GetIndex(list[i]).c_str());
+    if (static_cast<uint32_t>(index) >= kIndexCount) continue;
+    if (kept != i) list[kept] = std::move(list[i]);
+    bool continuesRun = previous < 0 || index == previous + 1 ||
+                        index == previous - static_cast<int>(kIndexCount - 1);
+    if (!continuesRun) {
+      runEnds.push_back(list[kept - 1]);
+      ++runs;
+    }
+    seen0 = seen0 || index == 0;
+    seen999 = seen999 || index == static_cast<int>(kIndexCount - 1);
+    previous = index;
+    ++kept;
+  }
+  list.resize(kept);
+  if (list.empty()) return;
+  runEnds.push_back(list.back());
+  if (runs == 1) return;
+  if (runs == 2 && seen0 && seen999) {
+    RotateVec(list, runEnds.front());  // wrapped once past 999
+  } else {
+    RotateVec(list, GetFileByMaxTimestamp(runEnds));
+  }
+}
+
+uint32_t FileSet::GetNewLogFileIndex(std::vector<std::string>& list) const {
+  if (list.empty()) return 0;
+  AdjustFileVecOrder(list);
+  if (list.empty()) return 0;
+  if (rules_.continueInEmptyNewest) {
+    struct stat st;
+    if (stat(list.back().c_str(), &st) == 0 && st.st_size == 0) return filesets::kContinueNewest;
+  }
+  return ConvertStringToIndex(GetIndex(list.back()));
+}
+
+uint32_t FileSet::GetNewLogFileIndex() { return GetNewLogFileIndex(fileVec); }
+
+void FileSet::FormFileVectors() {
+  // The numbered scheme keeps no list once the indexed files are gone.
+  if (scheme_ == SetScheme::NUMBERED && !oldStyleCheck) return;
+  fileVec.clear();
+  ProcessMmapFileVec(kCollect);
+  std::sort(fileVec.begin(), fileVec.end(), SortByEarlyTime);
+  AdjustFileVecOrder(fileVec);
+  RemoveRedundancy();
+}
+
+void FileSet::RemoveRedundancy() {
+  if (scheme_ == SetScheme::NUMBERED) return;
+  uint64_t limit = FileLimit();
+  if (fileVec.size() <= limit) return;
+  // The newest entry is the file being written. Its name can also stand at
+  // the front when the index came round within one second: keep that file.
+  DropOldest(fileVec.size() - limit, fileVec.back());
+}
+
+uint64_t FileSet::FileLimit() const {
+  // A limit of 0 keeps only the cap of one file per index value, so the
+  // file being written is never pruned.
+  if (maxFiles == 0) return kIndexCount;
+  if (rules_.capAtIndexCount) return std::min<uint64_t>(maxFiles, kIndexCount);
+  return maxFiles;
+}
+
+void FileSet::DropOldest(size_t count, const std::string& keep) {
+  count = std::min(count, fileVec.size());
+  for (size_t i = 0; i < count; ++i) {
+    const std::string& name = fileVec[i];
+    if (name == keep) continue;
+    if (unlink(name.c_str()) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
+  }
+  fileVec.erase(fileVec.begin(), fileVec.begin() + static_cast<std::ptrdiff_t>(count));
+}
+
+bool FileSet::MakeLogFileName(uint32_t index, std::string* name) const {
+  char tag[40];
+  if (!filesets::FormatIndexTag(index, tag, sizeof(tag))) return false;
+  *name = outputFilePath + tag + GetTimeStamp() + ".gz";
+  return true;
+}

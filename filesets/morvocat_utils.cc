@@ -1,0 +1,85 @@
+#include "filesets/morvocat_utils.h"
+
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <new>
+#include <utility>
+
+#include "platform/tavo.h"
+
+namespace {
+
+constexpr mode_t kLogFileMode = 0664;
+
+SetScheme SchemeOf(int writeMode) {
+  return writeMode == MorvocatUtils::kMMapWriteMode ? SetScheme::INDEXED : SetScheme::NONE;
+}
+
+}  // namespace
+
+MorvocatUtils::MorvocatUtils(std::string path, int writeMode, uint64_t maxFiles)
+    : FileSet(std::move(path), maxFiles, kReaderSetRules, SchemeOf(writeMode)),
+      writeMode(writeMode) {
+  if (outputFilePath.empty() || writeMode != kMMapWriteMode) return;
+  tavoWriter = new (std::nothrow) Tavo();
+  if (tavoWriter != nullptr) tavoWriter->InitTavo();
+}
+
+MorvocatUtils::~MorvocatUtils() {
+  delete tavoWriter;
+  tavoWriter = nullptr;
+}
+
+void MorvocatUtils::Write(const char* data, uint64_t maxLength) {
+  if (tavoWriter == nullptr || data == nullptr) return;
+  tavoWriter->Write(data, strnlen(data, maxLength));
+}
+
+void MorvocatUtils::Flush() {
+  if (tavoWriter != nullptr) tavoWriter->Flush();
+}
+
+bool MorvocatUtils::IsMMapWriteMode() const { return writeMode == kMMapWriteMode; }
+
+bool MorvocatUtils::IsLogFileAccess() const {
+  return !logFilePath.empty() && access(logFilePath.c_str(), F_OK) == 0;
+}
+
+void MorvocatUtils::InitLogFiles() {
+  DeleteOldStyleFiles();
+  FormFileVectors();
+}
+
+void MorvocatUtils::GetNewLog() {
+  GetNewLogFileName();
+  RemoveRedundancy();
+}
+
+int MorvocatUtils::GetNewLogFileName() {
+  if (tavoWriter == nullptr) return 1;
+  uint32_t index = GetNewLogFileIndex();
+  if (index == filesets::kContinueNewest) {
+    // The newest file is empty: go on in it as it is.
+    logFilePath = fileVec.back();
+    return tavoWriter->SetOutputPath(logFilePath.c_str()) ? 0 : 1;
+  }
+  std::string name;
+  if (!MakeLogFileName(index, &name)) return 1;
+  logFilePath = name;
+  fileVec.push_back(std::move(name));
+  if (!tavoWriter->SetOutputPath(logFilePath.c_str())) return 1;
+  if (chmod(logFilePath.c_str(), kLogFileMode) != 0) {
+    fprintf(stderr, "chmod file[%s] err %s:\n", logFilePath.c_str(), strerror(errno));
+  }
+  return 0;
+}
+
+uint64_t MorvocatUtils::GetFileSize(const std::string& name) {
+  struct stat st;
+  if (stat(name.c_str(), &st) != 0) return UINT64_MAX;
+  return static_cast<uint64_t>(st.st_size);
+}
