@@ -1,0 +1,421 @@
+#include "platform/tavo.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/tavo_hook.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using morvotest::Exists;
+using morvotest::TempRoot;
+
+// The whole file through zlib's gz interface; "<bad>" when zlib objects.
+std::string GzRead(const std::string& path) {
+  gzFile gz = gzopen(path.c_str(), "rb");
+  if (gz == nullptr) return "<bad>";
+  std::string text;
+  char buf[65536];
+  int n;
+  while ((n = gzread(gz, buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
+  int err = Z_OK;
+  gzerror(gz, &err);
+  gzclose(gz);
+  return n < 0 || err != Z_OK ? "<bad>" : text;
+}
+
+// The whole file through the system's zcat; "<bad>" when zcat fails.
+std::string Zcat(const std::string& path) {
+  std::string cmd = "zcat -- '" + path + "' 2>/dev/null";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return "<bad>";
+  std::string text;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
+  return pclose(p) == 0 ? text : "<bad>";
+}
+
+// Both readers must agree on the content.
+std::string ReadBack(const std::string& path) {
+  std::string viaZlib = GzRead(path);
+  EXPECT_EQ(viaZlib, Zcat(path)) << path;
+  return viaZlib;
+}
+
+std::string Record(int i) {
+  char buf[64];
+  snprintf(buf, sizeof(buf), "11-23 09:00:00.000  100  101 I rec: %08d\n", i);
+  return buf;
+}
+
+std::string Records(int from, int to) {
+  std::string all;
+  for (int i = from; i < to; i++) all += Record(i);
+  return all;
+}
+
+// The record numbers in text; -1 when a line is not a whole record.
+std::vector<int> Numbers(const std::string& text) {
+  std::vector<int> out;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t nl = text.find('\n', pos);
+    if (nl == std::string::npos) return {-1};
+    std::string line = text.substr(pos, nl + 1 - pos);
+    int n = atoi(line.c_str() + line.size() - 9);
+    out.push_back(line == Record(n) ? n : -1);
+    pos = nl + 1;
+  }
+  return out;
+}
+
+std::string RandomBytes(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::string s(n, '\0');
+  for (auto& c : s) c = static_cast<char>(rng());
+  return s;
+}
+
+std::vector<std::string> CacheFiles(const std::string& dir) {
+  std::vector<std::string> found;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return found;
+  while (struct dirent* e = readdir(d)) {
+    if (strstr(e->d_name, ".tavocache") != nullptr) found.push_back(e->d_name);
+  }
+  closedir(d);
+  return found;
+}
+
+class TavoTest : public ::testing::Test {
+ protected:
+  void SetUp() override { dir_ = root_.path() + "/log"; mkdir(dir_.c_str(), 0775); }
+  std::string File(int index) {
+    char name[64];
+    snprintf(name, sizeof(name), "/x.I%03d.20261123-0900%02d.gz", index, index % 60);
+    return dir_ + name;
+  }
+  std::unique_ptr<Tavo> NewTavo() {
+    std::unique_ptr<Tavo> t(new (std::nothrow) Tavo());
+    t->InitTavo();
+    return t;
+  }
+  TempRoot root_;
+  std::string dir_;
+};
+
+TEST_F(TavoTest, EveryFlushLeavesAGzipStreamWithExactlyTheBytesWritten) {
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  std::string expected;
+  for (int round = 0; round < 4; round++) {
+    std::string part = Records(round * 100, round * 100 + 100);
+    ASSERT_TRUE(t->Write(part.data(), part.size()));
+    ASSERT_TRUE(t->Flush());
+    expected += part;
+    EXPECT_EQ(expected, ReadBack(File(0)));
+  }
+  EXPECT_TRUE(t->Flush());  // nothing new: no empty member, nothing changes
+  EXPECT_EQ(expected, ReadBack(File(0)));
+}
+
+TEST_F(TavoTest, SetOutputPathFlushesIntoTheOldFileAndCreatesTheNewOne) {
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  std::string first = Records(0, 50);
+  ASSERT_TRUE(t->Write(first.data(), first.size()));
+  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
+  EXPECT_EQ(first, ReadBack(File(0)));
+  struct stat st;
+  ASSERT_EQ(0, stat(File(1).c_str(), &st));
+  EXPECT_EQ(0, st.st_size);  // an unwritten file stays empty for its owner
+  EXPECT_EQ(0664u, st.st_mode & 07777);
+  std::string second = Records(50, 60);
+  ASSERT_TRUE(t->Write(second.data(), second.size()));
+  t.reset();  // destruction flushes
+  EXPECT_EQ(second, ReadBack(File(1)));
+  EXPECT_TRUE(CacheFiles(dir_).empty()) << "a clean end leaves no cache behind";
+}
+
+TEST_F(TavoTest, DataWrittenBeforeTheFirstPathLandsFirstInTheFirstFile) {
+  auto t = NewTavo();
+  std::string early = Records(0, 3);
+  ASSERT_TRUE(t->Write(early.data(), early.size()));
+  EXPECT_FALSE(t->Flush()) << "nowhere to put it yet";
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  std::string later = Records(3, 5);
+  ASSERT_TRUE(t->Write(later.data(), later.size()));
+  ASSERT_TRUE(t->Flush());
+  EXPECT_EQ(early + later, ReadBack(File(0)));
+}
+
+TEST_F(TavoTest, WritesLargerThanTheCacheArriveWhole) {
+  auto t = NewTavo();
+  std::string big = RandomBytes(5 << 20, 1) + Records(0, 100000);
+  ASSERT_TRUE(t->Write(big.data(), 3 << 20));  // before any path, too
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  ASSERT_TRUE(t->Write(big.data() + (3 << 20), big.size() - (3 << 20)));
+  ASSERT_TRUE(t->Flush());
+  EXPECT_TRUE(ReadBack(File(0)) == big);
+}
+
+TEST_F(TavoTest, FlushFromAnotherThreadWhileWritingKeepsOrderAndBytes) {
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  const int kCount = 60000;
+  std::atomic<bool> done{false};
+  std::atomic<int> failures{0};
+  std::thread flusher([&] {
+    while (!done.load()) {
+      if (!t->Flush()) failures++;
+    }
+  });
+  for (int i = 0; i < kCount; i++) {
+    std::string r = Record(i);
+    if (!t->Write(r.data(), r.size())) failures++;
+  }
+  done = true;
+  flusher.join();
+  ASSERT_TRUE(t->Flush());
+  EXPECT_EQ(0, failures.load());
+  EXPECT_TRUE(ReadBack(File(0)) == Records(0, kCount));
+}
+
+TEST_F(TavoTest, TwoLiveWritersOfOneSetKeepSeparateCaches) {
+  auto a = NewTavo();
+  auto b = NewTavo();
+  ASSERT_TRUE(a->SetOutputPath(File(0).c_str()));
+  ASSERT_TRUE(b->SetOutputPath(File(1).c_str()));
+  std::string ra = Records(0, 10), rb = Records(10, 20);
+  ASSERT_TRUE(a->Write(ra.data(), ra.size()));
+  ASSERT_TRUE(b->Write(rb.data(), rb.size()));
+  a.reset();
+  b.reset();
+  EXPECT_EQ(ra, ReadBack(File(0)));
+  EXPECT_EQ(rb, ReadBack(File(1)));
+}
+
+TEST_F(TavoTest, AVanishedOutputFailsTheFlushAndTheDataGoesToTheNextFile) {
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  std::string r = Records(0, 20);
+  ASSERT_TRUE(t->Write(r.data(), r.size()));
+  ASSERT_EQ(0, unlink(File(0).c_str()));
+  EXPECT_FALSE(t->Flush());
+  EXPECT_FALSE(Exists(File(0))) << "a flush must not bring back a removed file";
+  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
+  ASSERT_TRUE(t->Flush());
+  EXPECT_EQ(r, ReadBack(File(1)));
+}
+
+TEST_F(TavoTest, AnOutputThatCannotBeCreatedIsRefused) {
+  auto t = NewTavo();
+  EXPECT_FALSE(t->SetOutputPath((dir_ + "/missing/x.gz").c_str()));
+  EXPECT_FALSE(t->SetOutputPath(dir_.c_str()));
+  EXPECT_FALSE(t->SetOutputPath(""));
+  EXPECT_FALSE(t->SetOutputPath(nullptr));
+  std::string r = Records(0, 2);
+  EXPECT_TRUE(t->Write(r.data(), r.size()));
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  ASSERT_TRUE(t->Flush());
+  EXPECT_EQ(r, ReadBack(File(0)));
+}
+
+TEST_F(TavoTest, AFailedWriteOfTheOutputLeavesItValidAndKeepsTheDataForTheNextFlush) {
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  std::string first = Records(0, 100);
+  ASSERT_TRUE(t->Write(first.data(), first.size()));
+  ASSERT_TRUE(t->Flush());
+  struct stat st;
+  ASSERT_EQ(0, stat(File(0).c_str(), &st));
+  std::string noise = RandomBytes(256 << 10, 3);
+  ASSERT_TRUE(t->Write(noise.data(), noise.size()));
+  // Files may not grow past a few KiB more: the member is cut short (EFBIG).
+  struct rlimit saved;
+  ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+  struct rlimit small = saved;
+  small.rlim_cur = static_cast<rlim_t>(st.st_size) + 4096;
+  sighandler_t oldHandler = signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &small));
+  bool flushed = t->Flush();
+  setrlimit(RLIMIT_FSIZE, &saved);
+  signal(SIGXFSZ, oldHandler);
+  EXPECT_FALSE(flushed);
+  EXPECT_EQ(first, ReadBack(File(0))) << "the cut member must be taken off again";
+  ASSERT_TRUE(t->Flush());
+  EXPECT_TRUE(ReadBack(File(0)) == first + noise);
+}
+
+// Unmounts the small file system even when an assertion ends the test.
+struct Unmount {
+  std::string dir;
+  ~Unmount() { umount2(dir.c_str(), MNT_DETACH); }
+};
+
+TEST_F(TavoTest, AFullDiskFailsTheFlushAndTheDataGoesToTheNextFile) {
+  std::string small = root_.path() + "/small";
+  ASSERT_EQ(0, mkdir(small.c_str(), 0775));
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1536k") != 0) {
+    GTEST_SKIP() << "cannot mount a small file system here";
+  }
+  Unmount unmount{small};
+  std::string out = small + "/x.I000.20261123-090000.gz";
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(out.c_str()));
+  std::string first = Records(0, 1000);
+  ASSERT_TRUE(t->Write(first.data(), first.size()));
+  ASSERT_TRUE(t->Flush());
+  // The cache holds its blocks already, so only the output runs out (ENOSPC).
+  std::string noise = RandomBytes(800 << 10, 4);
+  ASSERT_TRUE(t->Write(noise.data(), noise.size()));
+  EXPECT_FALSE(t->Flush());
+  EXPECT_EQ(first, ReadBack(out));
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  t.reset();
+  EXPECT_TRUE(ReadBack(File(0)) == noise);
+  EXPECT_EQ(first, ReadBack(out));
+}
+
+// Records handed to Write by a child process, as counted by the child.
+struct SharedCount {
+  std::atomic<int> written;
+};
+
+platform::TavoFlushStage gKillAt;
+
+void KillAtStage(platform::TavoFlushStage stage) {
+  if (stage == gKillAt) raise(SIGKILL);
+}
+
+// Runs body in a child, which must die of SIGKILL.
+template <class Body>
+void RunKilled(Body body) {
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    body();
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+}
+
+TEST_F(TavoTest, AWriterKilledAtAnyMomentLosesNoRecordAndDoublesNone) {
+  void* mem = mmap(nullptr, sizeof(SharedCount), PROT_READ | PROT_WRITE,
+                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  ASSERT_NE(MAP_FAILED, mem);
+  SharedCount* shared = new (mem) SharedCount();
+  std::string path = File(0);
+  int next = 0;
+  for (int round = 0; round < 8; round++) {
+    shared->written = next;
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      Tavo* t = new (std::nothrow) Tavo();
+      t->InitTavo();
+      if (!t->SetOutputPath(path.c_str())) _exit(2);
+      for (int i = next;; i++) {
+        std::string r = Record(i);
+        if (!t->Write(r.data(), r.size())) _exit(3);
+        shared->written.store(i + 1);
+        if (i % 101 == 0) t->Flush();
+      }
+    }
+    int target = next + 2000 + round * 7000;
+    while (shared->written.load() < target) usleep(50);
+    kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(pid, waitpid(pid, &status, 0));
+    ASSERT_TRUE(WIFSIGNALED(status)) << "child failed with " << status;
+    int written = shared->written.load();
+    ASSERT_TRUE(NewTavo()->SetOutputPath(path.c_str()));
+    std::vector<int> numbers = Numbers(ReadBack(path));
+    ASSERT_GE(numbers.size(), static_cast<size_t>(written)) << "round " << round;
+    ASSERT_LE(numbers.size(), static_cast<size_t>(written) + 1) << "round " << round;
+    for (size_t i = 0; i < numbers.size(); i++) ASSERT_EQ(static_cast<int>(i), numbers[i]);
+    next = static_cast<int>(numbers.size());
+  }
+  munmap(mem, sizeof(SharedCount));
+}
+
+TEST_F(TavoTest, AWriterKilledInsideAFlushIsRecoveredExactlyOnce) {
+  for (auto stage : {platform::TavoFlushStage::kAppended, platform::TavoFlushStage::kCommitted}) {
+    std::string path = File(static_cast<int>(stage));
+    RunKilled([&] {
+      Tavo t;
+      t.InitTavo();
+      std::string a = Records(0, 100), b = Records(100, 200);
+      t.SetOutputPath(path.c_str());
+      t.Write(a.data(), a.size());
+      t.Flush();
+      gKillAt = stage;
+      platform::SetTavoFlushHook(KillAtStage);
+      t.Write(b.data(), b.size());
+      t.Flush();
+    });
+    ASSERT_TRUE(NewTavo()->SetOutputPath(path.c_str()));
+    EXPECT_EQ(Records(0, 200), ReadBack(path)) << "stage " << static_cast<int>(stage);
+  }
+}
+
+TEST_F(TavoTest, ARestartedWriterPutsTheDeadOnesDataIntoTheFileItWasMeantFor) {
+  RunKilled([&] {
+    Tavo t;
+    t.InitTavo();
+    std::string r = Records(0, 30);
+    t.SetOutputPath(File(0).c_str());
+    t.Write(r.data(), r.size());
+    raise(SIGKILL);
+  });
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));  // the set's next file
+  EXPECT_EQ(Records(0, 30), ReadBack(File(0)));
+  std::string more = Records(30, 40);
+  ASSERT_TRUE(t->Write(more.data(), more.size()));
+  ASSERT_TRUE(t->Flush());
+  EXPECT_EQ(more, ReadBack(File(1)));
+}
+
+TEST_F(TavoTest, ADeadWritersDataWhoseFileIsGoneGoesToTheNewFile) {
+  RunKilled([&] {
+    Tavo t;
+    t.InitTavo();
+    std::string r = Records(0, 30);
+    t.SetOutputPath(File(0).c_str());
+    t.Write(r.data(), r.size());
+    raise(SIGKILL);
+  });
+  ASSERT_EQ(0, unlink(File(0).c_str()));
+  auto t = NewTavo();
+  std::string more = Records(30, 40);
+  ASSERT_TRUE(t->Write(more.data(), more.size()));
+  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
+  ASSERT_TRUE(t->Flush());
+  EXPECT_EQ(Records(0, 40), ReadBack(File(1)));
+  EXPECT_FALSE(Exists(File(0)));
+}
+
+}  // namespace
