@@ -1,0 +1,347 @@
+// The reading side of the log store: logger lists, merged reads, and the
+// buffer operations (clear, sizes).
+
+#include <errno.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include <new>
+
+#include "platform/log_ring.h"
+#include "platform/log_store_dir.h"
+#include "platform/logger.h"
+#include "platform/safe_string.h"
+
+using platform::LogRing;
+
+namespace {
+
+// A blocked read wakes at least this often to look for itself; writers
+// normally wake it long before.
+constexpr long kWaitSliceMs = 1000;
+constexpr int kStaleRetries = 4;
+
+}  // namespace
+
+struct qd_logger {
+  qd_logger_list* list;
+  LogRing* ring;
+  // Position of the next record to look at.
+  uint64_t pos;
+  // The next record of this buffer, copied out and waiting for its turn in
+  // the merge.
+  bool hasPending;
+  uint64_t pendingPos;
+  qd_log_msg pending;
+};
+
+struct qd_logger_list {
+  int mode;
+  unsigned int tail;
+  pid_t pid;
+  bool started;
+  char dir[PATH_MAX];
+  qd_logger* loggers[LOG_ID_MAX];
+  platform::StoreSignal signal;
+};
+
+namespace {
+
+uint64_t StampOf(const qd_logger_entry& entry) {
+  return static_cast<uint64_t>(entry.sec) * 1000000000ULL + entry.nsec;
+}
+
+int64_t MonotonicMs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+// Follows a resize made by another process. False when the new file cannot
+// be mapped.
+bool Refresh(LogRing* ring) { return !ring->Retired() || ring->Reopen(); }
+
+// Runs op on the logger's ring, again on the new file while the ring it
+// held was replaced under it.
+template <typename Op>
+int WithCurrentRing(qd_logger* logger, Op op) {
+  if (logger == nullptr) return -EINVAL;
+  for (int attempt = 0; attempt < kStaleRetries; ++attempt) {
+    if (!Refresh(logger->ring)) return -EIO;
+    int rc = op(logger->ring);
+    if (rc != -ESTALE) return rc;
+  }
+  return -EIO;
+}
+
+// Copies the next record of logger that passes the pid filter into its
+// pending slot, when there is one. 0 or a negated errno.
+int FillPending(qd_logger* logger) {
+  if (logger->hasPending) return 0;
+  LogRing* ring = logger->ring;
+  for (;;) {
+    if (!Refresh(ring)) return -EIO;
+    uint64_t tail, head;
+    if (!ring->Span(&tail, &head)) return -EIO;
+    // Past the head: the file was made anew; below the tail: dropped.
+    if (logger->pos > head || logger->pos < tail) logger->pos = tail;
+    if (logger->pos == head) return 0;
+    int size = ring->ReadAt(logger->pos, head, &logger->pending);
+    if (size < 0) return size;
+    if (size == 0) continue;  // overwritten while copied: the tail moved on
+    logger->pendingPos = logger->pos;
+    logger->pos += static_cast<uint64_t>(size);
+    pid_t pid = logger->list->pid;
+    if (pid != 0 && logger->pending.entry.pid != pid) continue;
+    logger->hasPending = true;
+    return 0;
+  }
+}
+
+// The oldest pending record across the list into msg: its length, 0 when
+// no buffer has one, or a negated errno.
+int TakeOldest(qd_logger_list* list, qd_log_msg* msg) {
+  for (;;) {
+    qd_logger* oldest = nullptr;
+    for (qd_logger* logger : list->loggers) {
+      if (logger == nullptr) continue;
+      int rc = FillPending(logger);
+      if (rc < 0) return rc;
+      if (logger->hasPending &&
+          (oldest == nullptr || StampOf(logger->pending.entry) < StampOf(oldest->pending.entry))) {
+        oldest = logger;
+      }
+    }
+    if (oldest == nullptr) return 0;
+    oldest->hasPending = false;
+    uint64_t tail, head;
+    // A clear since the record was copied out drops it too.
+    if (!oldest->ring->Span(&tail, &head)) return -EIO;
+    if (oldest->pendingPos < tail) continue;
+    int size = static_cast<int>(platform::kRecordHeaderSize + oldest->pending.entry.len);
+    memcpy(msg->buf, oldest->pending.buf, static_cast<size_t>(size) + 1);
+    return size;
+  }
+}
+
+// Timestamps and positions of one buffer's records, oldest first.
+struct Stamps {
+  uint64_t* stamp = nullptr;
+  uint64_t* pos = nullptr;
+  size_t count = 0;
+  uint64_t head = 0;
+  ~Stamps() {
+    free(stamp);
+    free(pos);
+  }
+};
+
+int CollectStamps(qd_logger* logger, Stamps* out) {
+  for (;;) {
+    if (!Refresh(logger->ring)) return -EIO;
+    uint64_t tail, head;
+    if (!logger->ring->Span(&tail, &head)) return -EIO;
+    size_t most = static_cast<size_t>((head - tail) / platform::kRecordHeaderSize) + 1;
+    free(out->stamp);
+    free(out->pos);
+    out->stamp = static_cast<uint64_t*>(malloc(most * sizeof(uint64_t)));
+    out->pos = static_cast<uint64_t*>(malloc(most * sizeof(uint64_t)));
+    if (out->stamp == nullptr || out->pos == nullptr) return -ENOMEM;
+    out->count = 0;
+    out->head = head;
+    bool overwritten = false;
+    for (uint64_t pos = tail; pos < head && !overwritten;) {
+      qd_logger_entry entry;
+      int size = logger->ring->ReadHeaderAt(pos, head, &entry);
+      if (size < 0) return size;
+      overwritten = size == 0;
+      pid_t pid = logger->list->pid;
+      if (size > 0 && (pid == 0 || entry.pid == pid)) {
+        out->stamp[out->count] = StampOf(entry);
+        out->pos[out->count++] = pos;
+      }
+      pos += static_cast<uint64_t>(size);
+    }
+    // Overwritten while scanned: scan again from the new tail.
+    if (!overwritten) return 0;
+  }
+}
+
+// Starts each buffer so that the last list->tail records across all of
+// them, by time, are read.
+int PositionForTail(qd_logger_list* list) {
+  Stamps stamps[LOG_ID_MAX];
+  size_t keep[LOG_ID_MAX] = {0};
+  for (int id = 0; id < LOG_ID_MAX; ++id) {
+    if (list->loggers[id] == nullptr) continue;
+    int rc = CollectStamps(list->loggers[id], &stamps[id]);
+    if (rc < 0) return rc;
+  }
+  // Walk back from the newest end of every buffer, newest first.
+  for (unsigned int taken = 0; taken < list->tail; ++taken) {
+    int newest = -1;
+    for (int id = 0; id < LOG_ID_MAX; ++id) {
+      size_t left = stamps[id].count - keep[id];
+      if (left == 0) continue;
+      if (newest < 0 ||
+          stamps[id].stamp[left - 1] >= stamps[newest].stamp[stamps[newest].count - keep[newest] - 1]) {
+        newest = id;
+      }
+    }
+    if (newest < 0) break;
+    keep[newest]++;
+  }
+  for (int id = 0; id < LOG_ID_MAX; ++id) {
+    qd_logger* logger = list->loggers[id];
+    if (logger == nullptr) continue;
+    size_t first = stamps[id].count - keep[id];
+    logger->pos = first < stamps[id].count ? stamps[id].pos[first] : stamps[id].head;
+  }
+  return 0;
+}
+
+// True when a buffer of the list is full enough that the next record may
+// drop old ones, or already did since dropped[] was taken.
+int AboutToWrap(qd_logger_list* list, const uint64_t* dropped) {
+  for (int id = 0; id < LOG_ID_MAX; ++id) {
+    qd_logger* logger = list->loggers[id];
+    if (logger == nullptr) continue;
+    if (!Refresh(logger->ring)) return -EIO;
+    uint64_t tail, head;
+    if (!logger->ring->Span(&tail, &head)) return -EIO;
+    uint64_t room = logger->ring->capacity() - (head - tail);
+    if (room < QD_LOGGER_ENTRY_MAX_LEN || logger->ring->Evicted() != dropped[id]) return 1;
+  }
+  return 0;
+}
+
+int WaitForWrap(qd_logger_list* list) {
+  uint64_t dropped[LOG_ID_MAX] = {0};
+  for (int id = 0; id < LOG_ID_MAX; ++id) {
+    if (list->loggers[id] != nullptr) dropped[id] = list->loggers[id]->ring->Evicted();
+  }
+  int64_t deadline = MonotonicMs() + QD_LOGGER_WRAP_MAX_SECONDS * 1000LL;
+  for (;;) {
+    uint32_t seen = list->signal.PrepareWait();
+    int rc = AboutToWrap(list, dropped);
+    if (rc != 0) return rc < 0 ? rc : 0;
+    int64_t left = deadline - MonotonicMs();
+    if (left <= 0) return 0;
+    list->signal.Wait(seen, left < kWaitSliceMs ? static_cast<long>(left) : kWaitSliceMs);
+  }
+}
+
+int Start(qd_logger_list* list) {
+  if (list->mode & QD_LOGGER_MODE_WRAP) {
+    int rc = WaitForWrap(list);
+    if (rc < 0) return rc;
+    // After the wait the buffers are read as they stand.
+    list->mode |= QD_LOGGER_MODE_NONBLOCK;
+  }
+  if (list->tail > 0) {
+    int rc = PositionForTail(list);
+    if (rc < 0) return rc;
+  }
+  list->started = true;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+qd_logger_list* qd_logger_list_alloc(int mode, unsigned int tail, pid_t pid) {
+  qd_logger_list* list = new (std::nothrow) qd_logger_list;
+  if (list == nullptr) return nullptr;
+  list->mode = mode;
+  list->tail = tail;
+  list->pid = pid;
+  list->started = false;
+  list->dir[0] = '\0';
+  for (qd_logger*& logger : list->loggers) logger = nullptr;
+  return list;
+}
+
+void qd_logger_list_free(qd_logger_list* list) {
+  if (list == nullptr) return;
+  for (qd_logger* logger : list->loggers) {
+    if (logger == nullptr) continue;
+    delete logger->ring;
+    delete logger;
+  }
+  delete list;
+}
+
+qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
+  if (list == nullptr || id < LOG_ID_MIN || id >= LOG_ID_MAX) return nullptr;
+  if (list->loggers[id] != nullptr) return list->loggers[id];
+  // Every buffer of a list comes from the store the first one came from.
+  if (list->dir[0] == '\0' && !platform::LogStoreDir(list->dir, sizeof(list->dir))) {
+    return nullptr;
+  }
+  if (!list->signal.IsOpen() &&
+      (!platform::MakeStoreDir(list->dir) || !list->signal.Open(list->dir))) {
+    return nullptr;
+  }
+  qd_logger* logger = new (std::nothrow) qd_logger;
+  if (logger == nullptr) return nullptr;
+  logger->ring = LogRing::Open(list->dir, id, false);
+  if (logger->ring == nullptr) {
+    delete logger;
+    return nullptr;
+  }
+  logger->list = list;
+  logger->pos = 0;
+  logger->hasPending = false;
+  logger->pendingPos = 0;
+  list->loggers[id] = logger;
+  return logger;
+}
+
+int qd_logger_list_read(qd_logger_list* list, qd_log_msg* msg) {
+  if (list == nullptr || msg == nullptr) return -EINVAL;
+  bool any = false;
+  for (qd_logger* logger : list->loggers) any = any || logger != nullptr;
+  if (!any) return -EINVAL;
+  if (!list->started) {
+    int rc = Start(list);
+    if (rc < 0) return rc;
+  }
+  for (;;) {
+    int rc = TakeOldest(list, msg);
+    if (rc != 0) return rc;
+    if (list->mode & QD_LOGGER_MODE_NONBLOCK) return -EAGAIN;
+    // Ask to be woken, then look once more before sleeping: a record
+    // written in between is either seen now or wakes the sleep.
+    uint32_t seen = list->signal.PrepareWait();
+    rc = TakeOldest(list, msg);
+    if (rc != 0) return rc;
+    list->signal.Wait(seen, kWaitSliceMs);
+  }
+}
+
+int qd_logger_clear(qd_logger* logger) {
+  return WithCurrentRing(logger, [](LogRing* ring) { return ring->Clear(); });
+}
+
+int qd_logger_set_log_size(qd_logger* logger, unsigned long size) {
+  return WithCurrentRing(logger, [size](LogRing* ring) { return ring->Resize(size); });
+}
+
+long qd_logger_get_log_size(qd_logger* logger) {
+  if (logger == nullptr) return -EINVAL;
+  if (!Refresh(logger->ring)) return -EIO;
+  return static_cast<long>(logger->ring->capacity());
+}
+
+long qd_logger_get_log_readable_size(qd_logger* logger) {
+  if (logger == nullptr) return -EINVAL;
+  if (!Refresh(logger->ring)) return -EIO;
+  uint64_t tail, head;
+  if (!logger->ring->Span(&tail, &head)) return -EIO;
+  return static_cast<long>(head - tail);
+}
+
+}  // extern "C"
