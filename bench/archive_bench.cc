@@ -1,0 +1,144 @@
+// Times the two compressing writers against the stock tools on the same
+// generated log text and prints each as a ratio:
+//   TarzipFiles on five 4 MiB files against `tar czf` (target: at most 1.05),
+//   Tavo write + flush against `gzip -1` (target: at least 0.8 of its speed).
+// Each side runs three times; the median counts.
+
+#include <ftw.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "archive/tarzip.h"
+#include "platform/tavo.h"
+
+namespace {
+
+constexpr size_t kFileSize = 4 << 20;
+constexpr int kFiles = 5;
+constexpr int kRuns = 3;
+
+// Threadtime lines with the mix of tags, levels and numbers a phone logs.
+std::vector<std::string> MakeLines(size_t bytes, unsigned seed) {
+  static const char* kTags[] = {"ActivityManager", "WindowManager", "PowerManagerService",
+                                "wpa_supplicant",  "chatty",        "BatteryService",
+                                "InputReader",     "audio_hw"};
+  static const char* kTexts[] = {
+      "Start proc %u:com.example.app/u0a%u for service",
+      "Setting wakelock timeout %u ms, uid=%u",
+      "onScreenTurnedOn: state=%u seq=%u",
+      "level=%u voltage=%u temp=310 health=2 status=charging",
+      "Received packet len=%u from port %u",
+      "uid=%u identical %u lines",
+  };
+  std::mt19937 rng(seed);
+  std::vector<std::string> lines;
+  size_t total = 0;
+  unsigned long ms = 0;
+  char buf[512];
+  while (total < bytes) {
+    ms += rng() % 40;
+    unsigned pid = 1000 + static_cast<unsigned>(rng() % 3000);
+    int n = snprintf(buf, sizeof(buf), "11-23 %02lu:%02lu:%02lu.%03lu %5u %5u %c %s: ",
+                     (ms / 3600000) % 24, (ms / 60000) % 60, (ms / 1000) % 60, ms % 1000, pid,
+                     static_cast<unsigned>(pid + rng() % 40), "VDIWE"[rng() % 5], kTags[rng() % 8]);
+    n += snprintf(buf + n, sizeof(buf) - n, kTexts[rng() % 6],
+                  static_cast<unsigned>(rng() % 100000), static_cast<unsigned>(rng() % 10000));
+    buf[n++] = '\n';
+    lines.emplace_back(buf, static_cast<size_t>(n));
+    total += static_cast<size_t>(n);
+  }
+  return lines;
+}
+
+std::string Join(const std::vector<std::string>& lines, size_t limit) {
+  std::string text;
+  for (const auto& l : lines) {
+    if (text.size() + l.size() > limit) break;
+    text += l;
+  }
+  return text;
+}
+
+double Seconds(const std::function<void()>& body) {
+  auto start = std::chrono::steady_clock::now();
+  body();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+double Median(const std::function<void()>& body) {
+  std::vector<double> times;
+  for (int i = 0; i < kRuns; i++) times.push_back(Seconds(body));
+  std::sort(times.begin(), times.end());
+  return times[kRuns / 2];
+}
+
+void Shell(const std::string& cmd) {
+  if (system(cmd.c_str()) != 0) fprintf(stderr, "failed: %s\n", cmd.c_str());
+}
+
+int Remove(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
+
+}  // namespace
+
+int main() {
+  char templ[] = "/tmp/morvo_archive_bench_XXXXXX";
+  if (mkdtemp(templ) == nullptr) return 1;
+  std::string dir = templ;
+
+  std::vector<std::string> names, paths;
+  for (int i = 1; i <= kFiles; i++) {
+    names.push_back("main.log." + std::to_string(i));
+    paths.push_back(dir + "/" + names.back());
+    FILE* f = fopen(paths.back().c_str(), "w");
+    std::string text = Join(MakeLines(kFileSize + 4096, static_cast<unsigned>(i)), kFileSize);
+    fwrite(text.data(), 1, text.size(), f);
+    fclose(f);
+  }
+  std::vector<const char*> list;
+  for (auto& p : paths) list.push_back(p.c_str());
+  std::string ours = dir + "/ours.tar.gz";
+  double tarzip = Median([&] { TarzipFiles(kFiles, list.data(), ours.c_str(), 0); });
+  std::string members;
+  for (auto& n : names) members += " " + n;
+  double tar = Median([&] { Shell("tar czf '" + dir + "/tar.tar.gz' -C '" + dir + "'" + members); });
+  struct stat a, b;
+  stat(ours.c_str(), &a);
+  stat((dir + "/tar.tar.gz").c_str(), &b);
+  printf("TarzipFiles 5 x 4 MiB: %.3f s (%lld bytes), tar czf: %.3f s (%lld bytes), ratio %.3f "
+         "(target <= 1.05)\n",
+         tarzip, static_cast<long long>(a.st_size), tar, static_cast<long long>(b.st_size),
+         tarzip / tar);
+
+  std::vector<std::string> lines = MakeLines(kFiles * kFileSize, 99);
+  std::string text = Join(lines, SIZE_MAX);
+  std::string plain = dir + "/text.log";
+  FILE* f = fopen(plain.c_str(), "w");
+  fwrite(text.data(), 1, text.size(), f);
+  fclose(f);
+  std::string out = dir + "/x.I000.20261123-090000.gz";
+  double tavo = Median([&] {
+    unlink(out.c_str());
+    Tavo writer;
+    writer.InitTavo();
+    writer.SetOutputPath(out.c_str());
+    for (const auto& l : lines) writer.Write(l.data(), l.size());
+    writer.Flush();
+  });
+  double gzip = Median([&] { Shell("gzip -1 -c '" + plain + "' > '" + dir + "/text.gz'"); });
+  double mb = static_cast<double>(text.size()) / 1e6;
+  printf("Tavo write+flush %.1f MB: %.1f MB/s, gzip -1: %.1f MB/s, speed ratio %.3f "
+         "(target >= 0.8)\n",
+         mb, mb / tavo, mb / gzip, gzip / tavo);
+
+  nftw(dir.c_str(), Remove, 16, FTW_DEPTH | FTW_PHYS);
+  return 0;
+}
