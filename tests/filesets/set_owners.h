@@ -1,0 +1,94 @@
+#ifndef MORVOCAT_TESTS_FILESETS_SET_OWNERS_H_
+#define MORVOCAT_TESTS_FILESETS_SET_OWNERS_H_
+
+// The owners of a file set as the tests see them: each opens up the set's
+// fields. The shared tests run once per owner listed in SetOwners.
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "filesets/file_set.h"
+#include "filesets/morvocat_utils.h"
+#include "support/temp_root.h"
+
+namespace settest {
+
+// The reader's writer, in memory-mapped mode.
+class ReaderOwner : public MorvocatUtils {
+ public:
+  ReaderOwner(const std::string& base, uint64_t limit)
+      : MorvocatUtils(base, MorvocatUtils::kMMapWriteMode, limit) {}
+  using FileSet::fileVec;
+  using FileSet::maxFiles;
+  using FileSet::oldStyleCheck;
+  using MorvocatUtils::logFilePath;
+};
+
+// A set under the collector's rules, as its group sink holds it.
+class CollectorOwner : public FileSet {
+ public:
+  CollectorOwner(const std::string& base, uint64_t limit, SetScheme scheme = SetScheme::INDEXED)
+      : FileSet(base, limit, kCollectorSetRules, scheme) {}
+  using FileSet::fileVec;
+  using FileSet::MakeLogFileName;
+  using FileSet::maxFiles;
+  using FileSet::oldStyleCheck;
+};
+
+using SetOwners = ::testing::Types<ReaderOwner, CollectorOwner>;
+
+// base.Innn.stamp.gz
+inline std::string SetName(const std::string& base, int index, const std::string& stamp) {
+  char tag[16];
+  snprintf(tag, sizeof(tag), ".I%03d.", index);
+  return base + tag + stamp + ".gz";
+}
+
+// A set file with some content (an empty newest file is continued by the
+// reader, so files that stand for written ones are never empty).
+inline std::string MakeSetFile(const std::string& base, int index,
+                               const std::string& stamp = "20240105-081502") {
+  std::string name = SetName(base, index, stamp);
+  morvotest::WriteFile(name, "data\n");
+  return name;
+}
+
+// The index fields of list as numbers (-1 for a field that is not).
+inline std::vector<int> Indices(const FileSet& set, const std::vector<std::string>& list) {
+  std::vector<int> out;
+  for (const std::string& name : list) {
+    std::string field = set.GetIndex(name);
+    out.push_back(field.empty() ? -1 : atoi(field.c_str()));
+  }
+  return out;
+}
+
+inline mode_t ModeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+// A log folder under a fresh root, with the base path applog in it.
+class SetDirTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_.MakeDirs("/data/log");
+    dir_ = root_.Under("/data/log");
+    base_ = dir_ + "/applog";
+  }
+
+  morvotest::TempRoot root_;
+  std::string dir_;
+  std::string base_;
+};
+
+}  // namespace settest
+
+#endif  // MORVOCAT_TESTS_FILESETS_SET_OWNERS_H_
