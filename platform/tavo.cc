@@ -299,7 +299,7 @@ bool Tavo::Impl::SetOutputPathLocked(const char* path) {
   char key[PATH_MAX];
   if (strlen(path) >= sizeof(key) || !CreateOutput(path)) return false;
   if (!CacheFileFor(path, 0, key, sizeof(key))) key[0] = '\0';
-  if (cache != nullptr && cache->IsFile() && strcmp(key, cacheKey) == 0) {
+  if (cache != nullptr && cache->IsLinked() && strcmp(key, cacheKey) == 0) {
     // What cannot reach the old file goes to the new one.
     FlushCache(cache);
     Retarget(cache, path);

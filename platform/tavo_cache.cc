@@ -116,7 +116,8 @@ void TavoCache::Close(bool removeIfEmpty) {
     uint64_t base;
     size_t pending;
     Pending(&pending);
-    if (removeIfEmpty && pending == 0 && !Interrupted(&base)) unlink(file_);
+    // Only our own file: another cache may have been made under the name.
+    if (removeIfEmpty && pending == 0 && !Interrupted(&base) && IsLinked()) unlink(file_);
     munmap(header_, mapSize_);
     close(fd_);
   } else {
@@ -126,6 +127,12 @@ void TavoCache::Close(bool removeIfEmpty) {
   header_ = nullptr;
   data_ = nullptr;
   mapSize_ = 0;
+}
+
+bool TavoCache::IsLinked() const {
+  struct stat mapped, named;
+  return fd_ >= 0 && fstat(fd_, &mapped) == 0 && stat(file_, &named) == 0 &&
+         mapped.st_dev == named.st_dev && mapped.st_ino == named.st_ino;
 }
 
 size_t TavoCache::Room() const { return header_->capacity - Load(&header_->end); }

@@ -54,6 +54,9 @@ class TavoCache {
 
   bool IsOpen() const { return header_ != nullptr; }
   bool IsFile() const { return fd_ >= 0; }
+  // True while the mapped file is still the one found under its name; a
+  // removed cache would keep the data only as long as this process lives.
+  bool IsLinked() const;
   size_t Room() const;
   // The bytes not yet in the output file.
   const unsigned char* Pending(size_t* length) const;

@@ -418,4 +418,23 @@ TEST_F(TavoTest, ADeadWritersDataWhoseFileIsGoneGoesToTheNewFile) {
   EXPECT_FALSE(Exists(File(0)));
 }
 
+TEST_F(TavoTest, ACacheRemovedUnderALiveWriterIsMadeAgainAtTheNextFile) {
+  std::string dir = dir_;
+  RunKilled([&] {
+    Tavo t;
+    t.InitTavo();
+    std::string r1 = Records(0, 10), r2 = Records(10, 20);
+    t.SetOutputPath(File(0).c_str());
+    t.Write(r1.data(), r1.size());
+    t.Flush();
+    for (const auto& name : CacheFiles(dir)) unlink((dir + "/" + name).c_str());
+    t.SetOutputPath(File(1).c_str());
+    t.Write(r2.data(), r2.size());
+    raise(SIGKILL);
+  });
+  ASSERT_TRUE(NewTavo()->SetOutputPath(File(2).c_str()));
+  EXPECT_EQ(Records(0, 10), ReadBack(File(0)));
+  EXPECT_EQ(Records(10, 20), ReadBack(File(1)));
+}
+
 }  // namespace
