@@ -33,7 +33,8 @@ class OwnerRulesTest : public settest::SetDirTest {
 TEST_F(OwnerRulesTest, OldStyleNamesAreTheTenPlainSchemeNames) {
   ReaderOwner reader(base_, 10);
   CollectorOwner sink(base_, 10);
-  for (const FileSet* set : {static_cast<const FileSet*>(&reader), static_cast<const FileSet*>(&sink)}) {
+  const std::vector<const FileSet*> owners = {&reader, &sink};
+  for (const FileSet* set : owners) {
     for (int n = 0; n < 5; ++n) {
       EXPECT_TRUE(set->DetectOldStyleFiles(Numbered(n).c_str())) << n;
       EXPECT_TRUE(set->DetectOldStyleFiles(Archive(n).c_str())) << n;
