@@ -161,6 +161,14 @@ int LogRing::Lock() {
   return rc == ETIMEDOUT ? -EBUSY : -EIO;
 }
 
+bool LogRing::Settled() {
+  int rc = pthread_mutex_trylock(&header_->lock);
+  if (rc == EBUSY) return false;
+  if (rc == EOWNERDEAD) rc = pthread_mutex_consistent(&header_->lock);
+  pthread_mutex_unlock(&header_->lock);
+  return true;
+}
+
 void LogRing::Unlock() { pthread_mutex_unlock(&header_->lock); }
 
 void LogRing::CopyIn(uint64_t pos, const void* src, uint64_t size) {

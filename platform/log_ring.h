@@ -58,6 +58,10 @@ class LogRing {
   // out of range, or a negated errno.
   int Resize(uint64_t capacity);
 
+  // True when no writer is inside the ring at this moment, so every record
+  // stamped before now is visible.
+  bool Settled();
+
   // The positions of the oldest record and of the end. False when the
   // shared header is inconsistent.
   bool Span(uint64_t* tail, uint64_t* head) const;

@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sched.h>
 #include <time.h>
 
 #include <new>
@@ -22,6 +23,9 @@ namespace {
 // normally wake it long before.
 constexpr long kWaitSliceMs = 1000;
 constexpr int kStaleRetries = 4;
+// A writer holds its lock for a few microseconds; one that holds it longer
+// is stopped or dead and not waited for.
+constexpr int kSettleSpins = 1000;
 
 }  // namespace
 
@@ -100,6 +104,27 @@ int FillPending(qd_logger* logger) {
   }
 }
 
+// Waits, briefly, for writers inside ring: a record stamped before the one
+// about to be returned may still be on its way there.
+void AwaitWriters(LogRing* ring) {
+  for (int spin = 0; spin < kSettleSpins && !ring->Settled(); ++spin) sched_yield();
+}
+
+// Before a record is returned, the buffers with nothing pending are looked
+// at once more, after their writers are done: true when one has a record
+// now, which may be older.
+int CatchUpOthers(qd_logger_list* list, const qd_logger* chosen) {
+  int found = 0;
+  for (qd_logger* logger : list->loggers) {
+    if (logger == nullptr || logger == chosen || logger->hasPending) continue;
+    AwaitWriters(logger->ring);
+    int rc = FillPending(logger);
+    if (rc < 0) return rc;
+    found |= logger->hasPending ? 1 : 0;
+  }
+  return found;
+}
+
 // The oldest pending record across the list into msg: its length, 0 when
 // no buffer has one, or a negated errno.
 int TakeOldest(qd_logger_list* list, qd_log_msg* msg) {
@@ -115,6 +140,9 @@ int TakeOldest(qd_logger_list* list, qd_log_msg* msg) {
       }
     }
     if (oldest == nullptr) return 0;
+    int rc = CatchUpOthers(list, oldest);
+    if (rc < 0) return rc;
+    if (rc > 0) continue;
     oldest->hasPending = false;
     uint64_t tail, head;
     // A clear since the record was copied out drops it too.

@@ -1,0 +1,272 @@
+// The log store shared by several processes: writers and readers at once,
+// wake-ups, wrap mode, buffer operations seen across processes, a writer
+// killed while it holds the lock, and the morvo-log tool.
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/logger.h"
+#include "support/temp_root.h"
+#include "tests/platform/log_store_support.h"
+
+namespace {
+
+using morvotest::OpenList;
+using morvotest::ReadAll;
+using morvotest::Record;
+using morvotest::RunChild;
+using morvotest::WaitChild;
+
+constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
+
+std::string Filler(int writer, int n) { return std::string(n % 50, static_cast<char>('a' + writer)); }
+
+// A one-shot "I am ready" between a child and the test.
+struct Gate {
+  int fds[2] = {-1, -1};
+  Gate() { EXPECT_EQ(0, pipe(fds)); }
+  ~Gate() {
+    close(fds[0]);
+    close(fds[1]);
+  }
+  void Open() const { EXPECT_EQ(1, write(fds[1], "r", 1)); }
+  bool AwaitOpen() const {
+    char c;
+    return read(fds[0], &c, 1) == 1;
+  }
+};
+
+// Reads count records, blocking, and checks them: every (writer, buffer)
+// stream consecutive and whole, times never going back.
+int ReadAndCheck(int count) {
+  morvotest::ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
+  if (!list) return 2;
+  std::map<std::pair<int, uint32_t>, int> next;
+  uint64_t lastStamp = 0;
+  qd_log_msg msg;
+  for (int i = 0; i < count; ++i) {
+    if (qd_logger_list_read(list.get(), &msg) <= 0) return 3;
+    Record r = morvotest::Parse(msg);
+    int writer = -1, n = -1;
+    char filler[64] = "";
+    if (sscanf(r.message.c_str(), "w%d %d %63s", &writer, &n, filler) < 2) return 4;
+    if (r.tag != "mp" || Filler(writer, n) != filler) return 5;
+    // Main holds each writer's even numbers, system its odd ones.
+    auto stream = next.emplace(std::make_pair(writer, r.lid), r.lid == LOG_ID_MAIN ? 0 : 1).first;
+    if (n != stream->second) return 6;
+    stream->second = n + 2;
+    if (r.stamp < lastStamp) return 7;
+    lastStamp = r.stamp;
+  }
+  return 0;
+}
+
+TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
+  morvotest::TempRoot root;
+  constexpr int kWriters = 4, kPerWriter = 3000, kReaders = 2;
+  {
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
+    ASSERT_TRUE(list);
+    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_MAIN), 4 << 20));
+    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_SYSTEM), 4 << 20));
+  }
+  std::vector<pid_t> readers, writers;
+  for (int r = 0; r < kReaders; ++r) {
+    readers.push_back(RunChild([] { return ReadAndCheck(kWriters * kPerWriter); }));
+  }
+  for (int w = 0; w < kWriters; ++w) {
+    writers.push_back(RunChild([w] {
+      for (int n = 0; n < kPerWriter; ++n) {
+        // Even numbers to main, odd ones to system.
+        log_id_t id = n % 2 == 0 ? LOG_ID_MAIN : LOG_ID_SYSTEM;
+        std::string message = "w" + std::to_string(w) + " " + std::to_string(n) + " " +
+                              Filler(w, n);
+        if (qd_log_write(id, QD_LOG_INFO, "mp", message.c_str()) <= 0) return 1;
+      }
+      return 0;
+    }));
+  }
+  for (pid_t pid : writers) EXPECT_EQ(0, WaitChild(pid));
+  for (pid_t pid : readers) EXPECT_EQ(0, WaitChild(pid));
+  // And a reader that starts afterwards finds every record too.
+  EXPECT_EQ(0, ReadAndCheck(kWriters * kPerWriter));
+}
+
+TEST(LogStoreProcessTest, BlockedReaderIsWokenByAWriterInAnotherProcess) {
+  morvotest::TempRoot root;
+  Gate gate;
+  pid_t reader = RunChild([&gate] {
+    morvotest::ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_CRASH});
+    if (!list) return 2;
+    gate.Open();
+    qd_log_msg msg;
+    if (qd_logger_list_read(list.get(), &msg) <= 0) return 3;
+    Record r = morvotest::Parse(msg);
+    return r.message == "wake up" && r.lid == LOG_ID_CRASH ? 0 : 4;
+  });
+  ASSERT_TRUE(gate.AwaitOpen());
+  usleep(50 * 1000);  // let it go to sleep first
+  pid_t writer = RunChild([] { return qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "t", "wake up") > 0 ? 0 : 1; });
+  EXPECT_EQ(0, WaitChild(writer));
+  EXPECT_EQ(0, WaitChild(reader));
+}
+
+TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
+  morvotest::TempRoot root;
+  constexpr long kRing = 16384;
+  {
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_KERNEL});
+    ASSERT_TRUE(list);
+    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_KERNEL), kRing));
+  }
+  Gate gate;
+  const std::string text(95, 'k');  // 128 bytes a record with its tag and header
+  pid_t reader = RunChild([&gate] {
+    morvotest::ListPtr list =
+        OpenList(QD_LOGGER_MODE_WRAP | QD_LOGGER_MODE_NONBLOCK, 0, 0, {LOG_ID_KERNEL});
+    if (!list) return 2;
+    gate.Open();
+    int end = 0;
+    size_t count = ReadAll(list.get(), &end).size();
+    return end == -EAGAIN && count >= (kRing - QD_LOGGER_ENTRY_MAX_LEN) / 128 ? 0 : 3;
+  });
+  ASSERT_TRUE(gate.AwaitOpen());
+  for (int i = 0; i < 40; ++i) ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
+  usleep(100 * 1000);
+  // A third full: the reader still waits.
+  int status = 0;
+  EXPECT_EQ(0, waitpid(reader, &status, WNOHANG));
+  // Past the point where a largest record would no longer fit, not so far
+  // that anything is dropped.
+  for (int i = 0; i < 50; ++i) ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
+  EXPECT_EQ(0, WaitChild(reader));
+}
+
+TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
+  morvotest::TempRoot root;
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(5, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()));
+  Gate gate;
+  pid_t blocked = RunChild([&gate] {
+    morvotest::ListPtr mine = OpenList(0, 0, 0, {LOG_ID_MAIN});
+    if (!mine) return 2;
+    std::vector<std::string> seen;
+    gate.Open();
+    qd_log_msg msg;
+    while (seen.size() < 6 && qd_logger_list_read(mine.get(), &msg) > 0) {
+      seen.push_back(morvotest::Parse(msg).message);
+    }
+    return seen.size() == 6 && seen.back() == "after resize" ? 0 : 3;
+  });
+  ASSERT_TRUE(gate.AwaitOpen());
+  pid_t resizer = RunChild([] {
+    morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0 ? 0 : 1;
+  });
+  ASSERT_EQ(0, WaitChild(resizer));
+  EXPECT_EQ(65536, qd_logger_get_log_size(main));
+  EXPECT_EQ(5 * (28 + 5), qd_logger_get_log_readable_size(main));
+  // This process's writer and reader both move to the new file.
+  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "after resize"), 0);
+  EXPECT_EQ(6u, ReadAll(list.get()).size());
+  EXPECT_EQ(0, WaitChild(blocked));
+  pid_t clearer = RunChild([] {
+    morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    return other && qd_logger_clear(qd_logger_open(other.get(), LOG_ID_MAIN)) == 0 ? 0 : 1;
+  });
+  ASSERT_EQ(0, WaitChild(clearer));
+  EXPECT_EQ(0, qd_logger_get_log_readable_size(main));
+  morvotest::ListPtr fresh = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(fresh);
+  EXPECT_TRUE(ReadAll(fresh.get()).empty());
+}
+
+TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) {
+  morvotest::TempRoot root;
+  for (int round = 0; round < 10; ++round) {
+    pid_t writer = fork();
+    if (writer == 0) {
+      for (int n = 0;; ++n) qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "kill", std::to_string(n).c_str());
+    }
+    usleep(2000 + round * 700);
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+    std::string alive = "alive " + std::to_string(round);
+    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", alive.c_str()), 0) << round;
+    morvotest::ListPtr last = OpenList(kDrain, 1, 0, {LOG_ID_MAIN});
+    ASSERT_TRUE(last);
+    std::vector<Record> records = ReadAll(last.get());
+    ASSERT_EQ(1u, records.size());
+    EXPECT_EQ(alive, records[0].message);
+  }
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  int end = 0;
+  std::vector<Record> records = ReadAll(list.get(), &end);
+  EXPECT_EQ(-EAGAIN, end);
+  ASSERT_FALSE(records.empty());
+  for (const Record& r : records) {
+    if (r.tag == "t") continue;
+    EXPECT_EQ("kill", r.tag);
+    EXPECT_EQ(std::to_string(std::stoi(r.message)), r.message);
+  }
+}
+
+std::string Tool() {
+  const char* dir = getenv("MORVO_BIN_DIR");
+  return dir != nullptr ? std::string(dir) + "/morvo-log" : "";
+}
+
+int Shell(const std::string& command) {
+  int status = system(command.c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(MorvoLogToolTest, WritesArgumentsOrOneRecordPerInputLine) {
+  if (Tool().empty()) GTEST_SKIP() << "MORVO_BIN_DIR is not set";
+  morvotest::TempRoot root;
+  ASSERT_EQ(0, Shell(Tool() + " -b morvo_system -p E -t mytag a  message 'in words'"));
+  ASSERT_EQ(0, Shell("printf 'one\\ntwo\\n\\nlast' | " + Tool() + " -b morvo_system"));
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
+  ASSERT_TRUE(list);
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_EQ(5u, records.size());
+  EXPECT_EQ("mytag", records[0].tag);
+  EXPECT_EQ(QD_LOG_ERROR, records[0].priority);
+  EXPECT_EQ("a message in words", records[0].message);
+  const char* lines[] = {"one", "two", "", "last"};
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ("morvo-log", records[1 + i].tag);
+    EXPECT_EQ(QD_LOG_INFO, records[1 + i].priority);
+    EXPECT_EQ(lines[i], records[1 + i].message);
+  }
+}
+
+TEST(MorvoLogToolTest, BadOptionsPrintUsageAndFail) {
+  if (Tool().empty()) GTEST_SKIP() << "MORVO_BIN_DIR is not set";
+  morvotest::TempRoot root;
+  EXPECT_EQ(1, Shell(Tool() + " -b nosuch x 2>/dev/null"));
+  EXPECT_EQ(1, Shell(Tool() + " -p X x 2>/dev/null"));
+  EXPECT_EQ(1, Shell(Tool() + " -p II x 2>/dev/null"));
+  EXPECT_EQ(1, Shell(Tool() + " -q x 2>/dev/null"));
+  EXPECT_EQ(1, Shell(Tool() + " -t 2>/dev/null"));
+  EXPECT_EQ(0, Shell(Tool() + " -p V x"));
+  std::string usage = root.Under("/usage");
+  Shell(Tool() + " -z 2>" + usage);
+  EXPECT_NE(std::string::npos, morvotest::ReadFile(usage).find("usage: morvo-log"));
+}
+
+}  // namespace

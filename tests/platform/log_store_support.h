@@ -1,0 +1,92 @@
+#ifndef MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
+#define MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
+
+// Helpers shared by the log store tests: reading records back as values and
+// running parts of a test in child processes.
+
+#include <signal.h>
+#include <string.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/logger.h"
+
+namespace morvotest {
+
+struct Record {
+  uint32_t lid = 0;
+  int32_t pid = 0;
+  uint32_t tid = 0;
+  uint64_t stamp = 0;
+  int priority = 0;
+  std::string tag;
+  std::string message;
+};
+
+// Splits a record as read into its fields; the payload is priority byte,
+// tag, NUL, message, NUL.
+inline Record Parse(const qd_log_msg& msg) {
+  Record r;
+  r.lid = msg.entry.lid;
+  r.pid = msg.entry.pid;
+  r.tid = msg.entry.tid;
+  r.stamp = static_cast<uint64_t>(msg.entry.sec) * 1000000000ULL + msg.entry.nsec;
+  const char* payload = reinterpret_cast<const char*>(msg.buf) + msg.entry.hdr_size;
+  r.priority = static_cast<unsigned char>(payload[0]);
+  r.tag = payload + 1;
+  r.message = payload + 2 + r.tag.size();
+  return r;
+}
+
+struct ListDeleter {
+  void operator()(qd_logger_list* list) const { qd_logger_list_free(list); }
+};
+using ListPtr = std::unique_ptr<qd_logger_list, ListDeleter>;
+
+// A list with the given buffers open; null when one fails to open.
+inline ListPtr OpenList(int mode, unsigned int tail, pid_t pid, std::vector<log_id_t> ids) {
+  ListPtr list(qd_logger_list_alloc(mode, tail, pid));
+  if (!list) return nullptr;
+  for (log_id_t id : ids) {
+    if (qd_logger_open(list.get(), id) == nullptr) return nullptr;
+  }
+  return list;
+}
+
+// Reads until the list reports something other than a record; that result
+// goes to *end.
+inline std::vector<Record> ReadAll(qd_logger_list* list, int* end = nullptr) {
+  std::vector<Record> records;
+  qd_log_msg msg;
+  int rc;
+  while ((rc = qd_logger_list_read(list, &msg)) > 0) records.push_back(Parse(msg));
+  if (end != nullptr) *end = rc;
+  return records;
+}
+
+// Runs body in a child process whose exit status is body's result; a child
+// that hangs is killed by its alarm.
+template <typename Body>
+pid_t RunChild(Body body) {
+  pid_t pid = fork();
+  if (pid == 0) {
+    alarm(60);
+    _exit(body());
+  }
+  return pid;
+}
+
+// The child's exit status, or -1 when it did not exit normally.
+inline int WaitChild(pid_t pid) {
+  int status = 0;
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+}  // namespace morvotest
+
+#endif  // MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_

@@ -1,0 +1,240 @@
+#include <errno.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/log_format.h"
+#include "platform/logger.h"
+#include "support/temp_root.h"
+#include "tests/platform/log_store_support.h"
+
+namespace {
+
+using morvotest::OpenList;
+using morvotest::ReadAll;
+using morvotest::Record;
+using morvotest::RunChild;
+using morvotest::WaitChild;
+
+constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
+
+long SizeOf(log_id_t id, long (*query)(qd_logger*)) {
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {id});
+  return list ? query(qd_logger_open(list.get(), id)) : -1;
+}
+
+TEST(LogIdsTest, NamesAndIdsRoundTripAndUnknownsAreRefused) {
+  const char* names[] = {"morvo_main",  "morvo_radio", "morvo_events",   "morvo_system",
+                         "morvo_crash", "morvo_stats", "morvo_security", "morvo_kernel"};
+  for (int id = 0; id < LOG_ID_MAX; ++id) {
+    EXPECT_STREQ(names[id], qdlogging_log_id_to_name(static_cast<log_id_t>(id)));
+    EXPECT_EQ(id, qdlogging_name_to_log_id(names[id]));
+  }
+  EXPECT_EQ(LOG_ID_MAX, qdlogging_name_to_log_id("main"));
+  EXPECT_EQ(LOG_ID_MAX, qdlogging_name_to_log_id("morvo_main "));
+  EXPECT_EQ(LOG_ID_MAX, qdlogging_name_to_log_id(nullptr));
+  EXPECT_STREQ("", qdlogging_log_id_to_name(LOG_ID_MAX));
+  EXPECT_STREQ("", qdlogging_log_id_to_name(static_cast<log_id_t>(-1)));
+}
+
+TEST(LogStoreTest, RecordsComeBackWholeWithTheWritersIds) {
+  morvotest::TempRoot root;
+  ASSERT_EQ(13, qd_log_write(LOG_ID_MAIN, QD_LOG_WARN, "tag", "message"));
+  ASSERT_EQ(3, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, nullptr, nullptr));
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  qd_log_msg msg;
+  ASSERT_EQ(28 + 13, qd_logger_list_read(list.get(), &msg));
+  EXPECT_EQ(28, msg.entry.hdr_size);
+  EXPECT_EQ(13, msg.entry.len);
+  EXPECT_EQ(getpid(), msg.entry.pid);
+  EXPECT_EQ(static_cast<uint32_t>(syscall(SYS_gettid)), msg.entry.tid);
+  EXPECT_EQ(getuid(), msg.entry.uid);
+  EXPECT_EQ(0u, msg.entry.lid);
+  EXPECT_NEAR(time(nullptr), msg.entry.sec, 5);
+  EXPECT_EQ(0, memcmp(msg.buf + 28, "\x05tag\0message\0", 13));
+  ASSERT_EQ(28 + 3, qd_logger_list_read(list.get(), &msg));
+  Record empty = morvotest::Parse(msg);
+  EXPECT_EQ("", empty.tag);
+  EXPECT_EQ("", empty.message);
+  EXPECT_EQ(-EAGAIN, qd_logger_list_read(list.get(), &msg));
+  EXPECT_TRUE(morvotest::Exists(root.Under(MORVO_LOG_STORE_DIR "/morvo_main")));
+}
+
+TEST(LogStoreTest, WritesAreCheckedAndOverlongTextIsCutToThePayload) {
+  morvotest::TempRoot root;
+  EXPECT_EQ(-EINVAL, qd_log_write(LOG_ID_MAX, QD_LOG_INFO, "t", "m"));
+  EXPECT_EQ(-EINVAL, qd_log_write(-1, QD_LOG_INFO, "t", "m"));
+  EXPECT_EQ(-EINVAL, qd_log_write(LOG_ID_MAIN, 9, "t", "m"));
+  std::string longText(6000, 'x');
+  EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "tag",
+                                                      longText.c_str()));
+  EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO,
+                                                      longText.c_str(), "m"));
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ(std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 6, 'x'), records[0].message);
+  EXPECT_EQ(std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'x'), records[1].tag);
+  EXPECT_EQ("", records[1].message);
+}
+
+TEST(LogStoreTest, OpenRefusesBadIdsAndReadNeedsAnOpenBuffer) {
+  morvotest::TempRoot root;
+  morvotest::ListPtr list(qd_logger_list_alloc(kDrain, 0, 0));
+  ASSERT_TRUE(list);
+  qd_log_msg msg;
+  EXPECT_EQ(-EINVAL, qd_logger_list_read(list.get(), &msg));
+  EXPECT_EQ(nullptr, qd_logger_open(list.get(), LOG_ID_MAX));
+  EXPECT_EQ(nullptr, qd_logger_open(nullptr, LOG_ID_MAIN));
+  qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
+  ASSERT_NE(nullptr, main);
+  EXPECT_EQ(main, qd_logger_open(list.get(), LOG_ID_MAIN));
+  EXPECT_EQ(-EINVAL, qd_logger_list_read(list.get(), nullptr));
+  EXPECT_EQ(-EAGAIN, qd_logger_list_read(list.get(), &msg));
+  EXPECT_EQ(-EINVAL, qd_logger_clear(nullptr));
+  EXPECT_EQ(-EINVAL, qd_logger_get_log_size(nullptr));
+}
+
+TEST(LogStoreTest, BuffersMergeInTimeOrderAndOnlyOpenedOnesAreRead) {
+  morvotest::TempRoot root;
+  const log_id_t order[] = {LOG_ID_SYSTEM, LOG_ID_MAIN, LOG_ID_CRASH, LOG_ID_MAIN,
+                            LOG_ID_RADIO,  LOG_ID_SYSTEM, LOG_ID_CRASH};
+  for (size_t i = 0; i < sizeof(order) / sizeof(order[0]); ++i) {
+    ASSERT_GT(qd_log_write(order[i], QD_LOG_INFO, "t", std::to_string(i).c_str()), 0);
+  }
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH});
+  ASSERT_TRUE(list);
+  int end = 0;
+  std::vector<Record> records = ReadAll(list.get(), &end);
+  EXPECT_EQ(-EAGAIN, end);
+  std::vector<std::string> seen;
+  for (const Record& r : records) {
+    seen.push_back(r.message);
+    EXPECT_EQ(order[std::stoi(r.message)], static_cast<log_id_t>(r.lid));
+  }
+  // The radio record (4) is not read: its buffer is not open.
+  EXPECT_EQ((std::vector<std::string>{"0", "1", "2", "3", "5", "6"}), seen);
+}
+
+TEST(LogStoreTest, TailTakesTheLastRecordsAcrossBuffersThenFollows) {
+  morvotest::TempRoot root;
+  for (int i = 0; i < 10; ++i) {
+    log_id_t id = i % 3 == 0 ? LOG_ID_SYSTEM : LOG_ID_MAIN;
+    ASSERT_GT(qd_log_write(id, QD_LOG_INFO, "t", std::to_string(i).c_str()), 0);
+  }
+  morvotest::ListPtr list = OpenList(kDrain, 4, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
+  ASSERT_TRUE(list);
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_EQ(4u, records.size());
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(std::to_string(6 + i), records[i].message);
+  // A tail larger than the buffers holds gives all of them.
+  morvotest::ListPtr all = OpenList(kDrain, 100, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
+  ASSERT_TRUE(all);
+  EXPECT_EQ(10u, ReadAll(all.get()).size());
+  // Records written after the tail was taken follow it.
+  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "later"), 0);
+  records = ReadAll(list.get());
+  ASSERT_EQ(1u, records.size());
+  EXPECT_EQ("later", records[0].message);
+}
+
+TEST(LogStoreTest, PidFilterKeepsOnlyThatProcessesRecordsAlsoInTheTail) {
+  morvotest::TempRoot root;
+  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "parent before"), 0);
+  pid_t child = RunChild([] {
+    for (int i = 0; i < 3; ++i) {
+      if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", ("child " + std::to_string(i)).c_str()) <
+          0) {
+        return 1;
+      }
+    }
+    return 0;
+  });
+  ASSERT_EQ(0, WaitChild(child));
+  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "parent after"), 0);
+  morvotest::ListPtr list = OpenList(kDrain, 0, child, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_EQ(3u, records.size());
+  for (const Record& r : records) EXPECT_EQ(child, r.pid);
+  morvotest::ListPtr tail = OpenList(kDrain, 2, child, {LOG_ID_MAIN});
+  ASSERT_TRUE(tail);
+  records = ReadAll(tail.get());
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ("child 1", records[0].message);
+  EXPECT_EQ("child 2", records[1].message);
+}
+
+TEST(LogStoreTest, ReadableSizeCountsHeadersAndPayloadsAndClearEmpties) {
+  morvotest::TempRoot root;
+  EXPECT_EQ(QD_LOGGER_DEFAULT_RING_SIZE, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_size));
+  EXPECT_EQ(0, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_readable_size));
+  ASSERT_EQ(5, qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "a", "b"));
+  ASSERT_EQ(10, qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "abc", "defg"));
+  EXPECT_EQ(28 + 5 + 28 + 10, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_readable_size));
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
+  ASSERT_TRUE(list);
+  ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_EVENTS)));
+  EXPECT_EQ(0, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_readable_size));
+  EXPECT_TRUE(ReadAll(list.get()).empty());
+}
+
+TEST(LogStoreTest, SetSizeIsCheckedAndKeepsTheNewestRecordsThatFit) {
+  morvotest::TempRoot root;
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
+  EXPECT_EQ(-EINVAL, qd_logger_set_log_size(main, 4095));
+  EXPECT_EQ(-EINVAL, qd_logger_set_log_size(main, 512UL * 1024 * 1024));
+  std::string text(100, 'm');
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, std::to_string(i).c_str(), text.c_str()), 0);
+  }
+  ASSERT_EQ(0, qd_logger_set_log_size(main, 8192));
+  EXPECT_EQ(8192, qd_logger_get_log_size(main));
+  long used = qd_logger_get_log_readable_size(main);
+  EXPECT_GT(used, 8192 - 140);
+  EXPECT_LE(used, 8192);
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_FALSE(records.empty());
+  EXPECT_EQ("199", records.back().tag);
+  for (size_t i = 1; i < records.size(); ++i) {
+    EXPECT_EQ(std::stoi(records[i - 1].tag) + 1, std::stoi(records[i].tag));
+    EXPECT_EQ(text, records[i].message);
+  }
+}
+
+TEST(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
+  morvotest::TempRoot root;
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_RADIO});
+  ASSERT_TRUE(list);
+  ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_RADIO), 4096));
+  ASSERT_GT(qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "t", "0"), 0);
+  qd_log_msg msg;
+  ASSERT_GT(qd_logger_list_read(list.get(), &msg), 0);
+  // Records of varied length so that some straddle the end of the ring.
+  for (int i = 1; i < 2000; ++i) {
+    std::string message = std::to_string(i) + std::string(i % 97, '.');
+    ASSERT_GT(qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "t", message.c_str()), 0);
+  }
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_GT(records.size(), 10u);
+  EXPECT_GT(std::stoi(records.front().message), 1);
+  for (size_t i = 0; i < records.size(); ++i) {
+    int n = std::stoi(records[i].message);
+    EXPECT_EQ(std::to_string(n) + std::string(n % 97, '.'), records[i].message);
+    if (i > 0) {
+      EXPECT_EQ(std::stoi(records[i - 1].message) + 1, n);
+    }
+  }
+  EXPECT_EQ(1999, std::stoi(records.back().message));
+}
+
+}  // namespace
