@@ -41,11 +41,11 @@ using platform::TavoCache;
 
 namespace {
 
-// Chosen by measuring deflate on generated threadtime log text in 1 MiB
-// members: level 1 ran at ~158 MB/s to 26.6% of the input, level 3 at
-// ~97 MB/s to 24.6%, level 6 at ~34 MB/s to 22.4% (gzip -1 itself: ~83 MB/s
-// to 26.5%). Level 3 saves under a tenth of the space for 60% more time and
-// level 6 could not keep up with gzip -1; the writer sits in the reader's
+// Chosen by measurement (bench/archive_bench, generated threadtime text in
+// 1 MiB members): level 1 ran at ~165 MB/s to 25.7% of the input, level 3 at
+// ~95 MB/s to 23.7%, level 6 at ~38 MB/s to 21.6%; gzip -1 itself ran at
+// 70-98 MB/s to 25.6%. Level 3 saves under a tenth of the space for ~75% more
+// time and level 6 falls far behind gzip -1; the writer sits in the reader's
 // record loop on a phone, so the cheapest level wins.
 constexpr int kLevel = 1;
 constexpr size_t kCacheCapacity = 1 << 20;
@@ -214,6 +214,9 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
 }
 
 bool Tavo::Impl::WriteLocked(const unsigned char* data, size_t length) {
+  // A record that does not fit waits for a flush rather than being split
+  // across a failed one.
+  if (length > cache->Room() && !FlushCache(cache)) return false;
   while (length > 0) {
     size_t room = cache->Room();
     if (room == 0) {
