@@ -138,7 +138,7 @@ struct Tavo::Impl {
   bool DrainEarly();
   bool KeepEarly(const unsigned char* data, size_t length);
   void Retarget(TavoCache* c, const char* path);
-  TavoCache* OpenCache(const char* key);
+  TavoCache* OpenCache(const char* path);
   bool SetOutputPathLocked(const char* path);
 };
 
@@ -281,17 +281,15 @@ void Tavo::Impl::Retarget(TavoCache* c, const char* path) {
   c->SetPath(path);
 }
 
-TavoCache* Tavo::Impl::OpenCache(const char* key) {
+// The first free cache file for path, or one on the heap.
+TavoCache* Tavo::Impl::OpenCache(const char* path) {
   TavoCache* c = new (std::nothrow) TavoCache();
   if (c == nullptr) return nullptr;
   char file[PATH_MAX];
   for (int slot = 0; slot < kCacheSlots; slot++) {
-    const char* name = key;
-    if (slot > 0) {
-      if (!CacheFileFor(key, slot, file, sizeof(file))) break;
-      name = file;
+    if (CacheFileFor(path, slot, file, sizeof(file)) && c->OpenFile(file, kCacheCapacity)) {
+      return c;
     }
-    if (c->OpenFile(name, kCacheCapacity)) return c;
   }
   if (c->OpenMemory(kCacheCapacity)) return c;
   delete c;
@@ -308,7 +306,7 @@ bool Tavo::Impl::SetOutputPathLocked(const char* path) {
     Retarget(cache, path);
     return DrainEarly();
   }
-  TavoCache* next = OpenCache(key);
+  TavoCache* next = OpenCache(path);
   if (next == nullptr) return false;
   size_t pending;
   next->Pending(&pending);

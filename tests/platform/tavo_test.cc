@@ -15,6 +15,7 @@
 #include <atomic>
 #include <memory>
 #include <random>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -96,12 +97,12 @@ std::string RandomBytes(size_t n, unsigned seed) {
   return s;
 }
 
-std::vector<std::string> CacheFiles(const std::string& dir) {
-  std::vector<std::string> found;
+std::set<std::string> CacheFiles(const std::string& dir) {
+  std::set<std::string> found;
   DIR* d = opendir(dir.c_str());
   if (d == nullptr) return found;
   while (struct dirent* e = readdir(d)) {
-    if (strstr(e->d_name, ".tavocache") != nullptr) found.push_back(e->d_name);
+    if (strstr(e->d_name, ".tavocache") != nullptr) found.insert(e->d_name);
   }
   closedir(d);
   return found;
@@ -209,6 +210,7 @@ TEST_F(TavoTest, TwoLiveWritersOfOneSetKeepSeparateCaches) {
   std::string ra = Records(0, 10), rb = Records(10, 20);
   ASSERT_TRUE(a->Write(ra.data(), ra.size()));
   ASSERT_TRUE(b->Write(rb.data(), rb.size()));
+  EXPECT_EQ((std::set<std::string>{".x.tavocache", ".x-1.tavocache"}), CacheFiles(dir_));
   a.reset();
   b.reset();
   EXPECT_EQ(ra, ReadBack(File(0)));
