@@ -1,0 +1,133 @@
+#include "reader/read_loop.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include "platform/safe_string.h"
+#include "reader/output_file.h"
+
+namespace qdlogging {
+namespace {
+
+constexpr size_t kDividerSize = 1024;
+constexpr size_t kLineSize = 512;
+
+// The record buffers of a run, indexed by log id once instead of searching
+// the list by name for every record.
+struct DeviceTable {
+  LogDevice* byId[LOG_ID_MAX] = {};
+  LogDevice unexpected;
+};
+
+void BuildTable(const android_logcat_context_internal* ctx, DeviceTable* table) {
+  table->unexpected.name = "unexpected";
+  for (LogDevice* d = ctx->devices; d != nullptr; d = d->next) {
+    log_id_t id = qdlogging_name_to_log_id(d->name);
+    if (id < LOG_ID_MAX && table->byId[id] == nullptr) table->byId[id] = d;
+  }
+}
+
+// False ends the loop; the read result decides how.
+bool CheckReadResult(android_logcat_context_internal* ctx, int result) {
+  if (result > 0) return true;
+  switch (result) {
+    case -EAGAIN: break;
+    case 0:
+    case -EIO: LogcatPanic(ctx, HELP_NONE, "read: unexpected EOF!\n"); break;
+    case -EINVAL: LogcatPanic(ctx, HELP_NONE, "read: unexpected length.\n"); break;
+    default: LogcatPanic(ctx, HELP_NONE, "logcat read failure\n"); break;
+  }
+  return false;
+}
+
+void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device) {
+  if (ctx->deviceCount > 1) {
+    char divider[kDividerSize];
+    memset_s(divider, sizeof(divider), 0, sizeof(divider));
+    if (snprintf_s(divider, sizeof(divider), sizeof(divider) - 1, "--------- %s %s\n",
+                   "beginning of", device->name) < 0) {
+      LogcatPanic(ctx, HELP_NONE, "MaybePrintStart snprintf_s error");
+    }
+    MorvocatUtils* writer = MmapWriter();
+    if (writer != nullptr) {
+      writer->Write(divider, strnlen(divider, sizeof(divider)));
+    } else if (write(ctx->output_fd, divider, strlen(divider)) < 0) {
+      LogcatPanic(ctx, HELP_NONE, "output error");
+      return;
+    }
+  }
+  device->printed = true;
+}
+
+// Writes one parsed entry; returns the bytes written, or -1 when the line
+// could not be written to the output descriptor.
+long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry) {
+  MorvocatUtils* writer = MmapWriter();
+  if (writer != nullptr) {
+    char lineBuffer[kLineSize];
+    size_t length = 0;
+    char* line = qdlogging_log_formatLogLine(ctx->logFormat, lineBuffer, sizeof(lineBuffer), &entry,
+                                             &length);
+    if (line == nullptr) return 0;
+    writer->Write(line, length);
+    if (line != lineBuffer) free(line);
+    return static_cast<long>(length);
+  }
+  int written = qdlogging_log_printLogLine(ctx->logFormat, ctx->output_fd, &entry);
+  if (written < 0) {
+    fprintf(stderr, "%s\n", "output error");
+    return -1;
+  }
+  return written;
+}
+
+// One record: divider, parse, filter, write, account. False ends the loop.
+bool HandleRecord(android_logcat_context_internal* ctx, DeviceTable* table, LogDevice** previous,
+                  qd_log_msg* msg) {
+  uint32_t lid = msg->entry.lid;
+  LogDevice* device = lid < LOG_ID_MAX ? table->byId[lid] : nullptr;
+  if (device == nullptr) {
+    device = &table->unexpected;
+    ctx->deviceCount = 2;
+  }
+  if (device != *previous && !device->printed) MaybePrintStart(ctx, device);
+  *previous = device;
+  if (StopRequested(ctx)) return false;
+
+  QdLogEntry entry;
+  if (qdlogging_log_processLogBuffer(&msg->entry, &entry) < 0) return true;
+  char tag[QD_LOGGER_ENTRY_MAX_PAYLOAD + 1];
+  size_t tagLen = entry.tagLen < sizeof(tag) ? entry.tagLen : sizeof(tag) - 1;
+  memcpy(tag, entry.tag, tagLen);
+  tag[tagLen] = '\0';
+  long written = 0;
+  if (qdlogging_log_shouldPrintLine(ctx->logFormat, tag, entry.priority) != 0) {
+    ctx->printCount++;
+    written = WriteEntry(ctx, entry);
+    if (written <= 0) return true;
+  }
+  ctx->outByteCount += static_cast<uint64_t>(written);
+  CheckOutput(ctx);
+  return true;
+}
+
+}  // namespace
+
+void ReadLoop(android_logcat_context_internal* ctx) {
+  qd_logger_list* list = ctx->devices != nullptr ? ctx->devices->loggerList : nullptr;
+  DeviceTable table;
+  BuildTable(ctx, &table);
+  LogDevice* previous = nullptr;
+  qd_log_msg msg;
+  while (!StopRequested(ctx)) {
+    int result = qd_logger_list_read(list, &msg);
+    if (!CheckReadResult(ctx, result)) break;
+    msg.buf[result < QD_LOGGER_ENTRY_MAX_LEN ? result : QD_LOGGER_ENTRY_MAX_LEN] = '\0';
+    if (!HandleRecord(ctx, &table, &previous, &msg)) break;
+  }
+  FreeDevices(ctx);
+}
+
+}  // namespace qdlogging

@@ -1,0 +1,162 @@
+// -f through the rotating writer: indexed .gz files that hold every record
+// once, rotation by size, and recovery of what a killed run had accepted.
+
+#include <dirent.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "platform/logger.h"
+#include "reader/run_capture.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using morvotest::RunCommand;
+
+std::vector<std::string> SetFiles(const std::string& dir, const std::string& base) {
+  std::vector<std::string> files;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return files;
+  while (dirent* e = readdir(d)) {
+    std::string name = e->d_name;
+    if (name.rfind(base + ".I", 0) == 0) files.push_back(dir + "/" + name);
+  }
+  closedir(d);
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+std::string Zcat(const std::string& path) {
+  std::string text;
+  FILE* p = popen(("zcat '" + path + "'").c_str(), "r");
+  if (p == nullptr) return text;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
+  EXPECT_EQ(0, pclose(p)) << path << " is not a whole gzip stream";
+  return text;
+}
+
+// The numbers of "seq N" messages in the order they appear.
+std::vector<long> Sequence(const std::string& text) {
+  std::vector<long> numbers;
+  for (size_t pos = text.find(": seq "); pos != std::string::npos;
+       pos = text.find(": seq ", pos + 1)) {
+    numbers.push_back(strtol(text.c_str() + pos + 6, nullptr, 10));
+  }
+  return numbers;
+}
+
+void ExpectWholeSequence(const std::vector<long>& numbers, long count) {
+  ASSERT_EQ(static_cast<size_t>(count), numbers.size());
+  for (long i = 0; i < count; ++i) {
+    if (numbers[i] != i) {
+      ADD_FAILURE() << "record " << i << " is " << numbers[i];
+      return;
+    }
+  }
+}
+
+class OutputFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override { root_.MakeDirs("/data/log"); }
+  std::string Dir() const { return root_.Under("/data/log"); }
+  morvotest::TempRoot root_;
+};
+
+TEST_F(OutputFileTest, EveryRecordLandsOnceInOrderAcrossHundredsOfRotations) {
+  constexpr long kRecords = 200000;
+  ASSERT_EQ(0, RunCommand({"-b", "morvo_main", "-G", "32768k"}).status);
+  for (long i = 0; i < kRecords; ++i) {
+    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "seq", ("seq " + std::to_string(i)).c_str()),
+              0);
+  }
+  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", Dir() + "/x", "-r", "16"});
+  ASSERT_EQ(0, r.status) << r.err;
+  std::vector<std::string> files = SetFiles(Dir(), "x");
+  EXPECT_GT(files.size(), 300u);
+  std::string all;
+  for (const std::string& f : files) {
+    EXPECT_EQ(Dir().size() + 2 + 24, f.size()) << f;
+    all += Zcat(f);
+  }
+  ExpectWholeSequence(Sequence(all), kRecords);
+  EXPECT_FALSE(morvotest::Exists(Dir() + "/x"));
+}
+
+TEST_F(OutputFileTest, DividersAndLinesGoToTheFilesNotTheOutput) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 0");
+  qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "f", "seq 1");
+  morvotest::RunResult r = RunCommand({"-d", "-f", Dir() + "/y"});
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ("", r.out);
+  std::vector<std::string> files = SetFiles(Dir(), "y");
+  ASSERT_EQ(1u, files.size());
+  std::string text = Zcat(files[0]);
+  EXPECT_EQ(0u, text.find("--------- beginning of morvo_main\n"));
+  EXPECT_NE(std::string::npos, text.find("--------- beginning of morvo_system\n"));
+  ExpectWholeSequence(Sequence(text), 2);
+}
+
+TEST_F(OutputFileTest, RestartRemovesPlainFilesAndContinuesTheSet) {
+  std::string base = Dir() + "/z";
+  for (const char* old : {"", ".1", ".4", "-0.tar.gz", "-9.tar.gz"}) {
+    morvotest::WriteFile(base + old, "old");
+  }
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 0");
+  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base}).status);
+  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base}).status);
+  for (const char* old : {"", ".1", ".4", "-0.tar.gz", "-9.tar.gz"}) {
+    EXPECT_FALSE(morvotest::Exists(base + old)) << old;
+  }
+  std::vector<std::string> files = SetFiles(Dir(), "z");
+  ASSERT_EQ(2u, files.size());
+  EXPECT_NE(std::string::npos, files[0].find(".I000."));
+  EXPECT_NE(std::string::npos, files[1].find(".I001."));
+}
+
+TEST_F(OutputFileTest, BarePathIsRefusedAndTheRunReadsOnWithoutOutput) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "nowhere to go");
+  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", "bare"});
+  EXPECT_EQ("", r.out);
+  EXPECT_FALSE(morvotest::Exists("bare"));
+}
+
+// A run that is killed keeps what it had accepted: the next run recovers
+// it into the set before writing anything new.
+TEST_F(OutputFileTest, KilledRunLosesNothingItHadAccepted) {
+  constexpr long kRecords = 5000;
+  std::string base = Dir() + "/k";
+  const char* bin = getenv("MORVO_BIN_DIR");
+  ASSERT_NE(nullptr, bin);
+  std::string morvocat = std::string(bin) + "/morvocat";
+  pid_t child = fork();
+  if (child == 0) {
+    execl(morvocat.c_str(), "morvocat", "-b", "morvo_main", "-f", base.c_str(), nullptr);
+    _exit(127);
+  }
+  for (long i = 0; i < kRecords; ++i) {
+    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "k", ("seq " + std::to_string(i)).c_str());
+  }
+  // Wait until the run has handed the whole ring to its writer.
+  usleep(500 * 1000);
+  kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
+  ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "k", "after the restart");
+  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base}).status);
+  std::string all;
+  for (const std::string& f : SetFiles(Dir(), "k")) all += Zcat(f);
+  ExpectWholeSequence(Sequence(all), kRecords);
+  EXPECT_NE(std::string::npos, all.find("after the restart"));
+}
+
+}  // namespace

@@ -1,0 +1,107 @@
+// The plain output file, which a run uses only when its rotating writer
+// cannot be allocated. This program makes exactly that allocation fail.
+
+#include <dirent.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <new>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "filesets/morvocat_utils.h"
+#include "platform/logger.h"
+#include "reader/run_capture.h"
+#include "support/temp_root.h"
+
+namespace {
+bool failWriterAllocation = false;
+}  // namespace
+
+// Replaces the library's non-throwing allocation: an object of the writer's
+// size is refused while the flag is set.
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+  if (failWriterAllocation && size == sizeof(MorvocatUtils)) return nullptr;
+  return malloc(size);
+}
+
+namespace {
+
+using morvotest::Exists;
+using morvotest::RunCommand;
+
+class PlainOutputTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_.MakeDirs("/data/log");
+    base_ = root_.Under("/data/log/p");
+    failWriterAllocation = true;
+  }
+  void TearDown() override { failWriterAllocation = false; }
+
+  // Writes count records of about 1 KiB each to morvo_main.
+  static void WriteKilobyteRecords(int count) {
+    std::string text(1000, 'k');
+    for (int i = 0; i < count; ++i) {
+      qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "plain", (std::to_string(i) + text).c_str());
+    }
+  }
+
+  morvotest::TempRoot root_;
+  std::string base_;
+};
+
+TEST_F(PlainOutputTest, RotatedNamesArePaddedToTheDigitsOfTheCount) {
+  WriteKilobyteRecords(40);
+  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "10"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(Exists(base_));
+  EXPECT_TRUE(Exists(base_ + ".01"));
+  EXPECT_TRUE(Exists(base_ + ".10"));
+  EXPECT_FALSE(Exists(base_ + ".1"));
+  EXPECT_FALSE(Exists(base_ + ".11"));
+  // Plain text, not the writer's compressed files.
+  EXPECT_NE(std::string::npos, morvotest::ReadFile(base_ + ".10").find("I plain   : "));
+}
+
+TEST_F(PlainOutputTest, DefaultCountKeepsFourUnpaddedCopies) {
+  WriteKilobyteRecords(20);
+  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2"}).status);
+  EXPECT_TRUE(Exists(base_ + ".1"));
+  EXPECT_TRUE(Exists(base_ + ".4"));
+  EXPECT_FALSE(Exists(base_ + ".5"));
+}
+
+TEST_F(PlainOutputTest, FullSetsArePackedIntoAtMostTheGivenArchives) {
+  WriteKilobyteRecords(120);
+  morvotest::RunResult r =
+      RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "4", "-z", "3"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_TRUE(Exists(base_ + "-0.tar.gz"));
+  EXPECT_TRUE(Exists(base_ + "-2.tar.gz"));
+  EXPECT_FALSE(Exists(base_ + "-3.tar.gz"));
+  EXPECT_FALSE(Exists(base_ + "_tmp"));
+  std::string listing;
+  FILE* p = popen(("tar tzf '" + base_ + "-0.tar.gz'").c_str(), "r");
+  ASSERT_NE(nullptr, p);
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) listing.append(buf, n);
+  EXPECT_EQ(0, pclose(p));
+  for (int k = 1; k <= 4; ++k) {
+    EXPECT_NE(std::string::npos, listing.find("p." + std::to_string(k))) << listing;
+  }
+}
+
+TEST_F(PlainOutputTest, AppendingContinuesTheCountOfAnExistingFile) {
+  morvotest::WriteFile(base_, std::string(1500, 'e') + "\n");
+  WriteKilobyteRecords(1);
+  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2"}).status);
+  // 1.5 KiB already there plus one record reach 2 KiB: the file rotated.
+  EXPECT_TRUE(Exists(base_ + ".1"));
+  EXPECT_EQ(0u, morvotest::ReadFile(base_ + ".1").find(std::string(1500, 'e')));
+}
+
+}  // namespace

@@ -1,0 +1,202 @@
+// The embedding interface from a host's side: thread runs and their pipe,
+// destroy results, and the redirections written as arguments.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "morvocat/morvocat.h"
+#include "platform/logger.h"
+#include "reader/run_capture.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using morvotest::ReadAll;
+using morvotest::RunCommand;
+
+class Argv {
+ public:
+  explicit Argv(std::vector<std::string> args) : args_(std::move(args)) {
+    args_.insert(args_.begin(), "morvocat");
+    for (std::string& a : args_) ptrs_.push_back(&a[0]);
+    ptrs_.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(args_.size()); }
+  char** argv() { return ptrs_.data(); }
+
+ private:
+  std::vector<std::string> args_;
+  std::vector<char*> ptrs_;
+};
+
+std::string ReadToEnd(int fd) {
+  std::string text;
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof(buf))) > 0) text.append(buf, n);
+  return text;
+}
+
+class ReaderApiTest : public ::testing::Test {
+ protected:
+  morvotest::TempRoot root_;
+};
+
+TEST_F(ReaderApiTest, ThreadRunDeliversItsOutputThroughThePipeUntilEndOfFile) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "api", "through the pipe");
+  android_logcat_context ctx = CreateAndroidLogcat();
+  ASSERT_NE(nullptr, ctx);
+  {
+    Argv args({"-d", "-b", "morvo_main"});
+    int fd = AndroidLogcatRunCommandThread(ctx, args.argc(), args.argv(), nullptr);
+    ASSERT_GE(fd, 0);
+    // The run works on its own copies: the host's array may go away now.
+    std::string text = ReadToEnd(fd);
+    EXPECT_NE(std::string::npos, text.find("I api     : through the pipe\n")) << text;
+  }
+  while (AndroidLogcatRunCommandThreadRunning(ctx)) sched_yield();
+  // The first pipe is still open: a second thread run is refused.
+  Argv again({"-d"});
+  errno = 0;
+  EXPECT_EQ(-1, AndroidLogcatRunCommandThread(ctx, again.argc(), again.argv(), nullptr));
+  EXPECT_EQ(EBUSY, errno);
+  EXPECT_EQ(0, AndroidLogcatRunCommandThreadRunning(ctx));
+  EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
+  EXPECT_EQ(nullptr, ctx);
+}
+
+TEST_F(ReaderApiTest, ThreadRunThatFailsStillEndsThePipe) {
+  android_logcat_context ctx = CreateAndroidLogcat();
+  Argv args({"-b", "nosuch"});
+  int fd = AndroidLogcatRunCommandThread(ctx, args.argc(), args.argv(), nullptr);
+  ASSERT_GE(fd, 0);
+  EXPECT_EQ("", ReadToEnd(fd));
+  EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
+}
+
+TEST_F(ReaderApiTest, DestroyReportsTheLastRunOrRefusesNull) {
+  android_logcat_context none = nullptr;
+  EXPECT_EQ(-9, AndroidLogcatDestroy(&none));
+  android_logcat_context neverRun = CreateAndroidLogcat();
+  EXPECT_EQ(0, AndroidLogcatRunCommandThreadRunning(neverRun));
+  EXPECT_EQ(0, AndroidLogcatDestroy(&neverRun));
+
+  EXPECT_EQ(0, RunCommand({"-d"}).destroyStatus);
+  EXPECT_EQ(1, RunCommand({"-S"}).destroyStatus);
+
+  android_logcat_context ctx = CreateAndroidLogcat();
+  Argv args({"-d"});
+  int closedFd = memfd_create("gone", 0);
+  close(closedFd);
+  EXPECT_EQ(-EBADF, AndroidLogcatRunCommand(ctx, closedFd, -1, args.argc(), args.argv(), nullptr));
+  EXPECT_EQ(-EBADF, AndroidLogcatDestroy(&ctx));
+}
+
+TEST_F(ReaderApiTest, ErrorsFollowTheRedirectionsWrittenAsArguments) {
+  morvotest::RunResult toOut = RunCommand({"-S", "2>&1"});
+  EXPECT_EQ(1, toOut.status);
+  EXPECT_EQ("Unrecognized Option S\n", toOut.out);
+  EXPECT_EQ("", toOut.err);
+
+  morvotest::RunResult toNull = RunCommand({"-S", "2>/dev/null"});
+  EXPECT_EQ(1, toNull.status);
+  EXPECT_EQ("", toNull.out + toNull.err);
+
+  morvotest::RunResult toFile = RunCommand({"-S", "2>/tmp/somewhere"});
+  EXPECT_EQ(1, toFile.status);
+  EXPECT_EQ("Unrecognized Option S\n", toFile.err);
+}
+
+TEST_F(ReaderApiTest, OutputRedirectionWritesTheLinesToTheTarget) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_WARN, "redir", "into a file");
+  std::string target = root_.Under("/out.txt");
+  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", ">" + target});
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ("", r.out);
+  EXPECT_NE(std::string::npos, morvotest::ReadFile(target).find("W redir   : into a file\n"));
+}
+
+TEST_F(ReaderApiTest, SameDescriptorForOutputAndErrorCarriesBoth) {
+  int fd = memfd_create("both", 0);
+  android_logcat_context ctx = CreateAndroidLogcat();
+  Argv args({"-d", "-b", "nosuch"});
+  int shared = dup(fd);
+  EXPECT_EQ(1, AndroidLogcatRunCommand(ctx, shared, shared, args.argc(), args.argv(), nullptr));
+  EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
+  EXPECT_EQ("unknown buffer nosuch\n", ReadAll(fd));
+  close(fd);
+}
+
+TEST_F(ReaderApiTest, AContextRunsAgainAfterAFinishedRun) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "again", "second run sees this");
+  android_logcat_context ctx = CreateAndroidLogcat();
+  int out = memfd_create("out", 0);
+  {
+    Argv first({"-S"});
+    EXPECT_EQ(1, AndroidLogcatRunCommand(ctx, -1, dup(out), first.argc(), first.argv(), nullptr));
+  }
+  Argv second({"-d", "-b", "morvo_main"});
+  EXPECT_EQ(0, AndroidLogcatRunCommand(ctx, dup(out), -1, second.argc(), second.argv(), nullptr));
+  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+  std::string text = ReadAll(out);
+  EXPECT_NE(std::string::npos, text.find("second run sees this")) << text;
+  close(out);
+}
+
+TEST_F(ReaderApiTest, EnvironmentLookupTakesTheFirstExactName) {
+  android_logcat_context ctx = CreateAndroidLogcat();
+  EXPECT_EQ(nullptr, qdlogging::GetEnv(ctx, "A"));
+  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+  const char* slot = nullptr;
+  ReportErrorName(&slot, "first");
+  ReportErrorName(&slot, "second");
+  EXPECT_STREQ("first", slot);
+}
+
+TEST_F(ReaderApiTest, BlockingReaderIsWokenByAWriterInAnotherProcess) {
+  android_logcat_context ctx = CreateAndroidLogcat();
+  Argv args({"-b", "morvo_main"});
+  int fd = AndroidLogcatRunCommandThread(ctx, args.argc(), args.argv(), nullptr);
+  ASSERT_GE(fd, 0);
+  pid_t child = fork();
+  if (child == 0) {
+    usleep(50 * 1000);
+    _exit(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "other", "from another process") > 0 ? 0 : 1);
+  }
+  std::string text;
+  char buf[512];
+  while (text.find('\n') == std::string::npos) {
+    pollfd p = {fd, POLLIN, 0};
+    ASSERT_EQ(1, poll(&p, 1, 10000)) << "no line arrived";
+    ssize_t n = read(fd, buf, sizeof(buf));
+    ASSERT_GT(n, 0);
+    text.append(buf, n);
+  }
+  EXPECT_NE(std::string::npos, text.find("I other   : from another process")) << text;
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_EQ(1, AndroidLogcatRunCommandThreadRunning(ctx));
+  // The blocked run ends at the next record after the stop request.
+  std::atomic<int> destroyed{-100};
+  std::thread destroyer([&] { destroyed = AndroidLogcatDestroy(&ctx); });
+  while (destroyed == -100) {
+    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "other", "wake up");
+    usleep(10 * 1000);
+  }
+  destroyer.join();
+  EXPECT_EQ(0, destroyed);
+}
+
+}  // namespace

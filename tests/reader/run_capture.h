@@ -1,0 +1,59 @@
+#ifndef MORVOCAT_TESTS_READER_RUN_CAPTURE_H_
+#define MORVOCAT_TESTS_READER_RUN_CAPTURE_H_
+
+// Runs one command line through the embedding interface, the way a host
+// does, and captures what the run printed on each channel.
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "morvocat/morvocat.h"
+
+namespace morvotest {
+
+struct RunResult {
+  int status = 0;         // what AndroidLogcatRunCommand returned
+  int destroyStatus = 0;  // what AndroidLogcatDestroy returned
+  std::string out;
+  std::string err;
+};
+
+inline std::string ReadAll(int fd) {
+  std::string text;
+  lseek(fd, 0, SEEK_SET);
+  char buf[4096];
+  ssize_t n;
+  while ((n = read(fd, buf, sizeof(buf))) > 0) text.append(buf, n);
+  return text;
+}
+
+// argv[0] is added; env entries are "NAME=value".
+inline RunResult RunCommand(std::vector<std::string> args, std::vector<std::string> env = {}) {
+  args.insert(args.begin(), "morvocat");
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (std::string& e : env) envp.push_back(&e[0]);
+  envp.push_back(nullptr);
+  int outFd = memfd_create("out", 0);
+  int errFd = memfd_create("err", 0);
+  android_logcat_context ctx = CreateAndroidLogcat();
+  RunResult result;
+  // The context owns the descriptors it is given; keep our own copies.
+  result.status = AndroidLogcatRunCommand(ctx, dup(outFd), dup(errFd),
+                                          static_cast<int>(args.size()), argv.data(), envp.data());
+  result.destroyStatus = AndroidLogcatDestroy(&ctx);
+  result.out = ReadAll(outFd);
+  result.err = ReadAll(errFd);
+  close(outFd);
+  close(errFd);
+  return result;
+}
+
+}  // namespace morvotest
+
+#endif  // MORVOCAT_TESTS_READER_RUN_CAPTURE_H_
