@@ -139,7 +139,11 @@ int LogRing::Map() {
   return -EIO;
 }
 
-bool LogRing::Retired() const { return header_->retired.load(std::memory_order_acquire) != 0; }
+bool LogRing::Stale() const {
+  return header_->magic != kRingMagic || header_->version != kRingVersion ||
+         header_->logId != static_cast<uint32_t>(id_) || header_->capacity != capacity_ ||
+         header_->retired.load(std::memory_order_acquire) != 0;
+}
 
 bool LogRing::Reopen() { return Map() == 0; }
 
@@ -216,18 +220,20 @@ uint64_t LogRing::DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) con
 int LogRing::Append(qd_logger_entry* entry, const char* payload) {
   uint64_t size = kRecordHeaderSize + entry->len;
   if (entry->len > QD_LOGGER_ENTRY_MAX_PAYLOAD || size > capacity_) return -EMSGSIZE;
+  // Checked before the lock too: the lock of a scribbled header is no lock.
+  if (Stale()) return -ESTALE;
   int rc = Lock();
   if (rc != 0) return rc;
-  if (Retired()) {
+  if (Stale()) {
     Unlock();
     return -ESTALE;
   }
   uint64_t head = header_->head.load(std::memory_order_relaxed);
-  uint64_t tail = header_->tail.load(std::memory_order_relaxed);
-  // A scribbled header costs the records it held, not the buffer.
-  if (tail > head || head - tail > capacity_) tail = head;
+  uint64_t oldTail = header_->tail.load(std::memory_order_relaxed);
+  // Scribbled positions cost the records they held, not the buffer.
+  uint64_t tail = oldTail > head || head - oldTail > capacity_ ? head : oldTail;
   uint64_t newTail = DropUntilFree(tail, head, capacity_ - size);
-  if (newTail != tail) {
+  if (newTail != oldTail) {
     header_->evicted.store(header_->evicted.load(std::memory_order_relaxed) + (newTail - tail),
                            std::memory_order_relaxed);
     header_->tail.store(newTail, std::memory_order_relaxed);
@@ -248,9 +254,11 @@ int LogRing::Append(qd_logger_entry* entry, const char* payload) {
 }
 
 int LogRing::Clear() {
+  // Checked before the lock too: the lock of a scribbled header is no lock.
+  if (Stale()) return -ESTALE;
   int rc = Lock();
   if (rc != 0) return rc;
-  if (Retired()) {
+  if (Stale()) {
     Unlock();
     return -ESTALE;
   }
@@ -261,9 +269,11 @@ int LogRing::Clear() {
 
 int LogRing::Resize(uint64_t capacity) {
   if (capacity < kRingMinSize || capacity > kRingMaxSize) return -EINVAL;
+  // Checked before the lock too: the lock of a scribbled header is no lock.
+  if (Stale()) return -ESTALE;
   int rc = Lock();
   if (rc != 0) return rc;
-  if (Retired()) {
+  if (Stale()) {
     Unlock();
     return -ESTALE;
   }

@@ -42,9 +42,10 @@ class LogRing {
   uint64_t capacity() const { return capacity_; }
   StoreSignal& signal() { return signal_; }
 
-  // True once another process replaced the file (resize); Reopen then maps
-  // the new one. Positions carry over.
-  bool Retired() const;
+  // True once another process replaced the file (resize), or when the
+  // mapped header no longer reads as this ring's (overwritten in place);
+  // Reopen then maps what is at the path now. Positions carry over.
+  bool Stale() const;
   bool Reopen();
 
   // Appends header (stamped with the time here, under the lock) and

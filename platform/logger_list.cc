@@ -63,9 +63,9 @@ int64_t MonotonicMs() {
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Follows a resize made by another process. False when the new file cannot
-// be mapped.
-bool Refresh(LogRing* ring) { return !ring->Retired() || ring->Reopen(); }
+// Follows a resize made by another process. False when the file now at the
+// path cannot be mapped.
+bool Refresh(LogRing* ring) { return !ring->Stale() || ring->Reopen(); }
 
 // Runs op on the logger's ring, again on the new file while the ring it
 // held was replaced under it.
