@@ -7,7 +7,8 @@
 // (".x.tavocache" for "x.I004.20240101-120000.gz"). A writer restarted over
 // the same set is handed a new file name (the next index), so only a name
 // that leaves the index and stamp out lets it find its predecessor's cache.
-// The header records which file the data is meant for; a restarted writer
+// A ".gz" inside the stem is written "_gz", so no scan for set files takes
+// the cache for one. The header records which file the data is meant for; a restarted writer
 // appends it there when that file still exists, else to its own new file.
 // The cache is locked while mapped, so two live writers of one set in one
 // directory take different cache files.
@@ -85,7 +86,11 @@ bool CacheFileFor(const char* path, int slot, char* out, size_t size) {
                                   static_cast<int>(stemLen), base)
                      : snprintf_s(out, size, size - 1, "%.*s.%.*s-%d.tavocache", dirLen, path,
                                   static_cast<int>(stemLen), base, slot);
-  return rc >= 0;
+  if (rc < 0) return false;
+  // Owners take names holding the base name and ".gz" for set files (and
+  // purge the odd ones); a cache name must never look like that.
+  for (char* p = out + dirLen; (p = strstr(p, ".gz")) != nullptr; p++) *p = '_';
+  return true;
 }
 
 bool WriteAll(int fd, const unsigned char* data, size_t length) {
@@ -101,7 +106,8 @@ bool WriteAll(int fd, const unsigned char* data, size_t length) {
 
 // Creates path when absent; an existing file is kept as it is.
 bool CreateOutput(const char* path) {
-  int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC, 0664);
+  // Non-blocking, so a FIFO put in the way cannot hang the writer.
+  int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0664);
   if (fd < 0) return false;
   struct stat st;
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777) != 0664) {
@@ -183,7 +189,7 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   size_t length;
   const unsigned char* data = c->Pending(&length);
   if (length == 0) return true;
-  int fd = open(c->Path(), O_WRONLY | O_APPEND | O_CLOEXEC);
+  int fd = open(c->Path(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return false;
   struct stat st;
   bool ok = fstat(fd, &st) == 0;

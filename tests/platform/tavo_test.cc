@@ -217,6 +217,14 @@ TEST_F(TavoTest, TwoLiveWritersOfOneSetKeepSeparateCaches) {
   EXPECT_EQ(rb, ReadBack(File(1)));
 }
 
+TEST_F(TavoTest, TheCacheIsNamedAfterTheSetAndNeverLooksLikeASetFile) {
+  auto t = NewTavo();
+  ASSERT_TRUE(t->SetOutputPath((dir_ + "/k.gz.log.I007.20261123-090000.gz").c_str()));
+  EXPECT_EQ(std::set<std::string>{".k_gz.log.tavocache"}, CacheFiles(dir_));
+  ASSERT_TRUE(t->SetOutputPath((dir_ + "/plain.gz").c_str()));
+  EXPECT_EQ(std::set<std::string>{".plain.tavocache"}, CacheFiles(dir_));
+}
+
 TEST_F(TavoTest, AVanishedOutputFailsTheFlushAndTheDataGoesToTheNextFile) {
   auto t = NewTavo();
   ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
@@ -242,6 +250,9 @@ TEST_F(TavoTest, AnOutputThatCannotBeCreatedIsRefused) {
   auto t = NewTavo();
   EXPECT_FALSE(t->SetOutputPath((dir_ + "/missing/x.gz").c_str()));
   EXPECT_FALSE(t->SetOutputPath(dir_.c_str()));
+  std::string fifo = dir_ + "/fifo.gz";
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0664));
+  EXPECT_FALSE(t->SetOutputPath(fifo.c_str())) << "and does not hang";
   EXPECT_FALSE(t->SetOutputPath(""));
   EXPECT_FALSE(t->SetOutputPath(nullptr));
   std::string r = Records(0, 2);
