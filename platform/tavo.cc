@@ -8,14 +8,15 @@
 // the same set is handed a new file name (the next index), so only a name
 // that leaves the index and stamp out lets it find its predecessor's cache.
 // A ".gz" inside the stem is written "_gz", so no scan for set files takes
-// the cache for one. The header records which file the data is meant for; a restarted writer
-// appends it there when that file still exists, else to its own new file.
-// The cache is locked while mapped, so two live writers of one set in one
-// directory take different cache files.
+// the cache for one. The header records which file the data is meant for; a
+// restarted writer appends it there when that file still exists, else to its
+// own new file. The cache is locked while mapped, so two live writers of one
+// set in one directory take different cache files.
 //
 // Before the first SetOutputPath there is no directory to put a cache in and
 // no set a restarted writer could tie the data to, so those bytes wait on the
-// heap; owners choose their first file right after the first record.
+// heap (a kill in that window loses them); owners choose their first file
+// right after the first record.
 //
 // A file that is still empty is left at size 0 rather than given an empty
 // gzip member: owners take a size-0 newest file as one to continue in.
