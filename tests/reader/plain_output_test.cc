@@ -24,7 +24,11 @@ bool failWriterAllocation = false;
 // size is refused while the flag is set.
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
   if (failWriterAllocation && size == sizeof(MorvocatUtils)) return nullptr;
-  return malloc(size);
+  try {
+    return ::operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
 }
 
 namespace {
