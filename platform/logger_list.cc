@@ -23,9 +23,10 @@ namespace {
 // normally wake it long before.
 constexpr long kWaitSliceMs = 1000;
 constexpr int kStaleRetries = 4;
-// A writer holds its lock for a few microseconds; one that holds it longer
-// is stopped or dead and not waited for.
-constexpr int kSettleSpins = 1000;
+// A writer holds its lock for microseconds, unless it is preempted; one
+// that holds it for longer than this is taken as stopped and not waited for
+// again until it lets go.
+constexpr int64_t kSettleWaitNs = 200 * 1000 * 1000;
 
 }  // namespace
 
@@ -34,6 +35,9 @@ struct qd_logger {
   LogRing* ring;
   // Position of the next record to look at.
   uint64_t pos;
+  // A writer held the lock past the settle wait; not waited for again
+  // until the lock is seen free.
+  bool stuck;
   // The next record of this buffer, copied out and waiting for its turn in
   // the merge.
   bool hasPending;
@@ -57,11 +61,6 @@ uint64_t StampOf(const qd_logger_entry& entry) {
   return static_cast<uint64_t>(entry.sec) * 1000000000ULL + entry.nsec;
 }
 
-int64_t MonotonicMs() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 // Follows a resize made by another process. False when the file now at the
 // path cannot be mapped.
@@ -104,10 +103,26 @@ int FillPending(qd_logger* logger) {
   }
 }
 
-// Waits, briefly, for writers inside ring: a record stamped before the one
-// about to be returned may still be on its way there.
-void AwaitWriters(LogRing* ring) {
-  for (int spin = 0; spin < kSettleSpins && !ring->Settled(); ++spin) sched_yield();
+int64_t MonotonicNs() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000LL + now.tv_nsec;
+}
+
+// Waits, briefly, for a writer inside the logger's ring: a record stamped
+// before the one about to be returned may still be on its way there.
+void AwaitWriters(qd_logger* logger) {
+  if (logger->ring->Settled()) {
+    logger->stuck = false;
+    return;
+  }
+  if (logger->stuck) return;
+  int64_t deadline = MonotonicNs() + kSettleWaitNs;
+  do {
+    sched_yield();
+    if (logger->ring->Settled()) return;
+  } while (MonotonicNs() < deadline);
+  logger->stuck = true;
 }
 
 // Before a record is returned, the buffers with nothing pending are looked
@@ -117,7 +132,7 @@ int CatchUpOthers(qd_logger_list* list, const qd_logger* chosen) {
   int found = 0;
   for (qd_logger* logger : list->loggers) {
     if (logger == nullptr || logger == chosen || logger->hasPending) continue;
-    AwaitWriters(logger->ring);
+    AwaitWriters(logger);
     int rc = FillPending(logger);
     if (rc < 0) return rc;
     found |= logger->hasPending ? 1 : 0;
@@ -250,12 +265,12 @@ int WaitForWrap(qd_logger_list* list) {
   for (int id = 0; id < LOG_ID_MAX; ++id) {
     if (list->loggers[id] != nullptr) dropped[id] = list->loggers[id]->ring->Evicted();
   }
-  int64_t deadline = MonotonicMs() + QD_LOGGER_WRAP_MAX_SECONDS * 1000LL;
+  int64_t deadline = MonotonicNs() / 1000000 + QD_LOGGER_WRAP_MAX_SECONDS * 1000LL;
   for (;;) {
     uint32_t seen = list->signal.PrepareWait();
     int rc = AboutToWrap(list, dropped);
     if (rc != 0) return rc < 0 ? rc : 0;
-    int64_t left = deadline - MonotonicMs();
+    int64_t left = deadline - MonotonicNs() / 1000000;
     if (left <= 0) return 0;
     list->signal.Wait(seen, left < kWaitSliceMs ? static_cast<long>(left) : kWaitSliceMs);
   }
@@ -322,6 +337,7 @@ qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
   }
   logger->list = list;
   logger->pos = 0;
+  logger->stuck = false;
   logger->hasPending = false;
   logger->pendingPos = 0;
   list->loggers[id] = logger;
