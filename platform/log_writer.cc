@@ -39,12 +39,23 @@ std::atomic<uid_t> gUid{0};
 thread_local pid_t tTid = 0;
 pthread_once_t gForkHookOnce = PTHREAD_ONCE_INIT;
 
-void ForgetIdsInChild() {
-  gPid.store(0, std::memory_order_relaxed);
-  tTid = 0;
+// A fork while another thread is inside a slot would leave the child's copy
+// of that slot locked for ever; the slots are held across the fork instead.
+void HoldSlots() {
+  for (int id = 0; id < LOG_ID_MAX; ++id) gSlots[id].mutex.lock();
 }
 
-void InstallForkHook() { pthread_atfork(nullptr, nullptr, ForgetIdsInChild); }
+void ReleaseSlots() {
+  for (int id = LOG_ID_MAX - 1; id >= 0; --id) gSlots[id].mutex.unlock();
+}
+
+void ReleaseSlotsInChild() {
+  gPid.store(0, std::memory_order_relaxed);
+  tTid = 0;
+  ReleaseSlots();
+}
+
+void InstallForkHook() { pthread_atfork(HoldSlots, ReleaseSlots, ReleaseSlotsInChild); }
 
 void StampCaller(qd_logger_entry* entry) {
   pthread_once(&gForkHookOnce, InstallForkHook);

@@ -11,6 +11,7 @@
 
 #include <map>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -223,6 +224,51 @@ TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) 
     EXPECT_EQ("kill", r.tag);
     EXPECT_EQ(std::to_string(std::stoi(r.message)), r.message);
   }
+}
+
+TEST(LogStoreProcessTest, ThreadsWriteTogetherAndForkingWhileTheyWriteIsSafe) {
+  morvotest::TempRoot root;
+  constexpr int kThreads = 3, kPerThread = 4000;
+  {
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
+    ASSERT_TRUE(list);
+    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_EVENTS), 4 << 20));
+  }
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([t] {
+      for (int n = 0; n < kPerThread; ++n) {
+        std::string message = std::to_string(t) + " " + std::to_string(n);
+        ASSERT_GT(qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "th", message.c_str()), 0);
+      }
+    });
+  }
+  // Children forked while the threads hold the writer's locks can write.
+  for (int i = 0; i < 20; ++i) {
+    pid_t child = RunChild([] { return qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "fk", "x") > 0 ? 0 : 1; });
+    EXPECT_EQ(0, WaitChild(child));
+  }
+  for (std::thread& thread : threads) thread.join();
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
+  ASSERT_TRUE(list);
+  std::map<int, int> next;
+  std::map<int, uint32_t> tids;
+  int forked = 0;
+  for (const Record& r : ReadAll(list.get())) {
+    if (r.tag == "fk") {
+      forked++;
+      continue;
+    }
+    int t = -1, n = -1;
+    ASSERT_EQ(2, sscanf(r.message.c_str(), "%d %d", &t, &n));
+    EXPECT_EQ(next[t]++, n);
+    tids.emplace(t, r.tid);
+    EXPECT_EQ(tids[t], r.tid);
+    EXPECT_EQ(getpid(), r.pid);
+  }
+  EXPECT_EQ(20, forked);
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kPerThread, next[t]);
+  EXPECT_EQ(static_cast<size_t>(kThreads), tids.size());
 }
 
 std::string Tool() {
