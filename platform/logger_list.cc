@@ -3,9 +3,9 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sched.h>
 #include <time.h>
 
 #include <new>
@@ -13,7 +13,6 @@
 #include "platform/log_ring.h"
 #include "platform/log_store_dir.h"
 #include "platform/logger.h"
-#include "platform/safe_string.h"
 
 using platform::LogRing;
 
@@ -60,7 +59,6 @@ namespace {
 uint64_t StampOf(const qd_logger_entry& entry) {
   return static_cast<uint64_t>(entry.sec) * 1000000000ULL + entry.nsec;
 }
-
 
 // Follows a resize made by another process. False when the file now at the
 // path cannot be mapped.
@@ -169,41 +167,48 @@ int TakeOldest(qd_logger_list* list, qd_log_msg* msg) {
   }
 }
 
-// Timestamps and positions of one buffer's records, oldest first.
+// The timestamps and positions of the newest records of one buffer, as
+// many as a tail can take: a circular window over the buffer's records.
 struct Stamps {
   uint64_t* stamp = nullptr;
   uint64_t* pos = nullptr;
-  size_t count = 0;
+  size_t slots = 0;
+  size_t count = 0;  // records seen; the window holds the last slots of them
   uint64_t head = 0;
   ~Stamps() {
     free(stamp);
     free(pos);
   }
+  size_t held() const { return count < slots ? count : slots; }
+  // back = 0 is the newest record.
+  size_t Index(size_t back) const { return (count - 1 - back) % slots; }
 };
 
-int CollectStamps(qd_logger* logger, Stamps* out) {
+int CollectStamps(qd_logger* logger, unsigned int tail, Stamps* out) {
   for (;;) {
     if (!Refresh(logger->ring)) return -EIO;
-    uint64_t tail, head;
-    if (!logger->ring->Span(&tail, &head)) return -EIO;
-    size_t most = static_cast<size_t>((head - tail) / platform::kRecordHeaderSize) + 1;
+    uint64_t first, head;
+    if (!logger->ring->Span(&first, &head)) return -EIO;
+    uint64_t most = (head - first) / (platform::kRecordHeaderSize + platform::kRecordMinPayload) + 1;
     free(out->stamp);
     free(out->pos);
-    out->stamp = static_cast<uint64_t*>(malloc(most * sizeof(uint64_t)));
-    out->pos = static_cast<uint64_t*>(malloc(most * sizeof(uint64_t)));
+    out->slots = static_cast<size_t>(most < tail ? most : tail);
+    out->stamp = static_cast<uint64_t*>(malloc(out->slots * sizeof(uint64_t)));
+    out->pos = static_cast<uint64_t*>(malloc(out->slots * sizeof(uint64_t)));
     if (out->stamp == nullptr || out->pos == nullptr) return -ENOMEM;
     out->count = 0;
     out->head = head;
     bool overwritten = false;
-    for (uint64_t pos = tail; pos < head && !overwritten;) {
+    for (uint64_t pos = first; pos < head && !overwritten;) {
       qd_logger_entry entry;
       int size = logger->ring->ReadHeaderAt(pos, head, &entry);
       if (size < 0) return size;
       overwritten = size == 0;
       pid_t pid = logger->list->pid;
       if (size > 0 && (pid == 0 || entry.pid == pid)) {
-        out->stamp[out->count] = StampOf(entry);
-        out->pos[out->count++] = pos;
+        size_t slot = out->count++ % out->slots;
+        out->stamp[slot] = StampOf(entry);
+        out->pos[slot] = pos;
       }
       pos += static_cast<uint64_t>(size);
     }
@@ -216,31 +221,33 @@ int CollectStamps(qd_logger* logger, Stamps* out) {
 // them, by time, are read.
 int PositionForTail(qd_logger_list* list) {
   Stamps stamps[LOG_ID_MAX];
-  size_t keep[LOG_ID_MAX] = {0};
+  size_t taken[LOG_ID_MAX] = {0};
   for (int id = 0; id < LOG_ID_MAX; ++id) {
     if (list->loggers[id] == nullptr) continue;
-    int rc = CollectStamps(list->loggers[id], &stamps[id]);
+    int rc = CollectStamps(list->loggers[id], list->tail, &stamps[id]);
     if (rc < 0) return rc;
   }
-  // Walk back from the newest end of every buffer, newest first.
-  for (unsigned int taken = 0; taken < list->tail; ++taken) {
+  // Walk back from the newest end of every buffer, newest first; on equal
+  // times the higher id goes first, as the merge puts it last.
+  for (unsigned int n = 0; n < list->tail; ++n) {
     int newest = -1;
+    uint64_t newestStamp = 0;
     for (int id = 0; id < LOG_ID_MAX; ++id) {
-      size_t left = stamps[id].count - keep[id];
-      if (left == 0) continue;
-      if (newest < 0 ||
-          stamps[id].stamp[left - 1] >= stamps[newest].stamp[stamps[newest].count - keep[newest] - 1]) {
+      if (taken[id] == stamps[id].held()) continue;
+      uint64_t stamp = stamps[id].stamp[stamps[id].Index(taken[id])];
+      if (newest < 0 || stamp >= newestStamp) {
         newest = id;
+        newestStamp = stamp;
       }
     }
     if (newest < 0) break;
-    keep[newest]++;
+    taken[newest]++;
   }
   for (int id = 0; id < LOG_ID_MAX; ++id) {
     qd_logger* logger = list->loggers[id];
     if (logger == nullptr) continue;
-    size_t first = stamps[id].count - keep[id];
-    logger->pos = first < stamps[id].count ? stamps[id].pos[first] : stamps[id].head;
+    const Stamps& s = stamps[id];
+    logger->pos = taken[id] == 0 ? s.head : s.pos[s.Index(taken[id] - 1)];
   }
   return 0;
 }
