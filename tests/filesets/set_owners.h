@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "collector/tavobase.h"
+#include "config/tavo_common.h"
 #include "filesets/file_set.h"
 #include "filesets/morvocat_utils.h"
 #include "support/temp_root.h"
@@ -42,7 +44,39 @@ class CollectorOwner : public FileSet {
   using FileSet::oldStyleCheck;
 };
 
-using SetOwners = ::testing::Types<ReaderOwner, CollectorOwner>;
+// The collector's group sink itself, in memory-mapped mode, configured with
+// limit files.
+class TavobaseOwner : public Tavobase {
+ public:
+  TavobaseOwner(const std::string& base, uint64_t limit)
+      : Tavobase(Config(base, limit).Group(), TavoCommon::MMAP_WRITE) {}
+  using FileSet::fileVec;
+  using FileSet::MakeLogFileName;
+  using FileSet::maxFiles;
+  using FileSet::oldStyleCheck;
+
+ protected:
+  void openLogFilePost() override {}
+
+ private:
+  // Lives for the constructor call only: the sink copies what it keeps.
+  struct Config {
+    Config(const std::string& base, uint64_t limit) : path(base) {
+      info.maxCompressdFiles = limit;
+      info.rotateSizeKbytes = 4096;
+    }
+    TavoCommon::TavocatGroupT* Group() {
+      group.info = &info;
+      group.outputFilePath = &path[0];
+      return &group;
+    }
+    std::string path;
+    TavoCommon::TavocatInfoT info{};
+    TavoCommon::TavocatGroupT group{};
+  };
+};
+
+using SetOwners = ::testing::Types<ReaderOwner, CollectorOwner, TavobaseOwner>;
 
 // base.Innn.stamp.gz
 inline std::string SetName(const std::string& base, int index, const std::string& stamp) {

@@ -1,0 +1,172 @@
+#include "collector/tavobase.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <new>
+
+#include "collector/monitor_dir.h"
+#include "collector/owner_change.h"
+#include "platform/tavo.h"
+
+using TavoCommon::FACTORY_WRITE;
+using TavoCommon::MMAP_WRITE;
+
+namespace {
+
+constexpr size_t kDefaultMaxFiles = 10;
+constexpr size_t kMaxFilesCap = 1000;
+// A factory archive holds this many rotated files.
+constexpr size_t kFilesPerArchive = 5;
+constexpr mode_t kDirMode = 0775;
+constexpr mode_t kFileMode = 0664;
+
+std::string PathOf(const TavoCommon::TavocatGroupT* group) {
+  return group != nullptr && group->outputFilePath != nullptr ? group->outputFilePath : "";
+}
+
+size_t MaxFilesOf(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode) {
+  size_t files = kDefaultMaxFiles;
+  if (group == nullptr) return files;
+  if (group->info != nullptr) files = std::min(group->info->maxCompressdFiles, kMaxFilesCap);
+  // Factory mode counts archives of five files each.
+  if (mode != MMAP_WRITE) files = (files + kFilesPerArchive - 1) / kFilesPerArchive;
+  return files;
+}
+
+SetScheme SchemeOf(TavoCommon::TypeWrite mode) {
+  return mode == FACTORY_WRITE ? SetScheme::NUMBERED : SetScheme::INDEXED;
+}
+
+}  // namespace
+
+Tavobase::Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode)
+    : FileSet(PathOf(group), MaxFilesOf(group, mode), kCollectorSetRules, SchemeOf(mode)),
+      writeMode(mode) {
+  if (group == nullptr) return;
+  prevLinkPath = outputFilePath + ".1";
+  failureRetry = group->failureRetry;
+  if (group->info != nullptr) rotateSizeKbytes = group->info->rotateSizeKbytes;
+  if (writeMode != MMAP_WRITE) return;
+  tavoWriter = new (std::nothrow) Tavo();
+  if (tavoWriter != nullptr) tavoWriter->InitTavo();
+  dirMonitor = new (std::nothrow) MonitorDir(outputFilePath.c_str());
+  if (dirMonitor != nullptr) {
+    dirMonitor->SetupLogBase(this);
+    dirMonitor->Start();
+  }
+}
+
+Tavobase::~Tavobase() {
+  // The monitor flushes the writer: it must be gone first.
+  delete dirMonitor;
+  dirMonitor = nullptr;
+  delete tavoWriter;
+  tavoWriter = nullptr;
+  FactoryClose();
+}
+
+bool Tavobase::IsMMapWrite() const { return writeMode == MMAP_WRITE; }
+
+bool Tavobase::IsFactoryWrite() const { return writeMode == FACTORY_WRITE; }
+
+void Tavobase::LogcatClose() {
+  if (IsFactoryWrite()) {
+    FactoryClose();
+  } else {
+    MmapClose();
+  }
+}
+
+void Tavobase::MmapClose() {
+  if (tavoWriter != nullptr) tavoWriter->Flush();
+}
+
+void Tavobase::FactoryClose() {
+  // Standard output stands in for a group without a path; it is not ours.
+  if (logFd >= 0 && logFd != STDOUT_FILENO) close(logFd);
+  logFd = -1;
+}
+
+void Tavobase::ReleaseFD(int* holder) {
+  if (holder == nullptr) return;
+  if (*holder >= 0) close(*holder);
+  delete holder;
+}
+
+int Tavobase::SetupOutput() {
+  if (outputFilePath.empty()) {
+    logFd = STDOUT_FILENO;
+    return 0;
+  }
+  if (CreateBugreportsDir(outputFilePath.c_str()) == 1) {
+    fprintf(stderr, "create bugreports dir error!!\n");
+    return 1;
+  }
+  FormFileVectors();
+  OpenLogFile();
+  if (IsMMapWrite()) return 0;
+  if (logFd < 0) {
+    fprintf(stderr, "couldn't open output file!!\n");
+    return 1;
+  }
+  struct stat st;
+  if (fstat(logFd, &st) != 0) {
+    fprintf(stderr, "fstat file %s err\n", logFilePath.c_str());
+  } else {
+    curFileSize = static_cast<size_t>(st.st_size);
+  }
+  return 0;
+}
+
+int Tavobase::CreateBugreportsDir(const char* path) const {
+  if (path == nullptr || path[0] == '\0') {
+    fprintf(stderr, "bugreport dir is invalide.\n");
+    return 1;
+  }
+  const char* slash = strrchr(path, '/');
+  if (slash == nullptr) {
+    fprintf(stderr, "pend is invalide.\n");
+    return 1;
+  }
+  std::string dir(path, static_cast<size_t>(slash - path));
+  if (MkdirP(dir.c_str(), kDirMode) == 1) {
+    fprintf(stderr, "MkdirP dir[%s] err\n", dir.c_str());
+  } else if (chmod(dir.c_str(), kDirMode) != 0) {
+    fprintf(stderr, "chmod dir[%s] err\n", dir.c_str());
+  }
+  ChownRootSystem(dir.c_str(), "chown [%s] err\n");
+  return 0;
+}
+
+void Tavobase::OpenLogFile() {
+  if (outputFilePath.empty()) return;
+  if (IsFactoryWrite()) {
+    FactoryClose();
+    OpenLogFileFactory();
+    return;
+  }
+  MmapClose();
+  if (ChooseFileName() != 0) return;
+  if (tavoWriter != nullptr) {
+    if (!tavoWriter->SetOutputPath(logFilePath.c_str())) {
+      fprintf(stderr, "error while set mmap output path\n");
+    }
+    logFd = open(logFilePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode);
+  }
+  curFileSize = 0;
+  if (logFd == -1) {
+    fprintf(stderr, "open or mmap file[%s] err \n", logFilePath.c_str());
+    return;
+  }
+  if (fchmod(logFd, kFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
+  ChownRootSystem(logFilePath.c_str(), "chown [%s] err\n");
+  RefreshSymlink();
+  close(logFd);
+  logFd = -1;
+  openLogFilePost();
+}

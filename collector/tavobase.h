@@ -1,0 +1,104 @@
+#ifndef MORVOCAT_COLLECTOR_TAVOBASE_H_
+#define MORVOCAT_COLLECTOR_TAVOBASE_H_
+
+// The output half of one collector group: its rotating set of log files and
+// the writes into the newest of them. Two write modes:
+// - mmap: records go through the memory-mapped writer into indexed,
+//   time-stamped .gz files; the links P and P.1 point at the newest two; a
+//   directory monitor flushes the writer when the log directories are opened.
+// - factory: plain writes to P, kept open; rotation renames P to P.1 ... P.5
+//   and packs full sets of five into P-0.tar.gz, P-1.tar.gz, ...
+// A rotation is only ever made before a write whose preceding write ended a
+// record, so the parts of one record always share a file.
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+
+#include "config/tavo_common.h"
+#include "filesets/file_set.h"
+
+class MonitorDir;
+class Tavo;
+
+class Tavobase : public FileSet {
+ public:
+  // group may be null (nothing configured: the defaults stay).
+  Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode);
+  // Stops and joins the monitor before the writer it flushes is destroyed;
+  // closes the factory descriptor.
+  ~Tavobase() override;
+
+  bool IsMMapWrite() const;
+  bool IsFactoryWrite() const;
+  // Factory mode: closes the descriptor; mmap mode: flushes the writer.
+  void LogcatClose();
+  void MmapClose();
+  void FactoryClose();
+  // Closes the descriptor a heap-held int holds and frees the holder.
+  static void ReleaseFD(int* holder);
+
+  // Makes the directory, forms the set and opens the current file. 0 or 1.
+  int SetupOutput();
+  // Makes the directory part of path and gives it to root:system. 1 only
+  // for a path that has no directory part.
+  int CreateBugreportsDir(const char* path) const;
+  void OpenLogFile();
+
+  // Each returns 0 when the text was accepted, 1 otherwise. endsRecord says
+  // whether the text finishes a record.
+  int LogcatWrite(const char* text, size_t length, bool endsRecord);
+  int MmapWrite(const char* text, size_t length, bool endsRecord);
+  int FactoryWrite(const char* text, size_t length, bool endsRecord);
+  // The text left-justified and padded with blanks to width; 0 means the
+  // text's own length here and refuses the write in LogcatWriteStr.
+  int LogcatWriteFixLenBuffer(const char* text, size_t width, bool endsRecord);
+  int LogcatWriteStr(const char* text, size_t width, bool endsRecord);
+  // "MM-DD hh:mm:ss.mmm line\n" in local time.
+  int LogcatWriteWithTimestamp(const char* line);
+
+  // Rotation (group_rotation.cc).
+  // Names the next indexed file and appends it to the set; 1 when the index
+  // cannot be formatted.
+  int ChooseFileName();
+  void RefreshSymlink() const;
+  // Removes path when it is a link to an existing file.
+  void ReleaseSymlink(const char* path) const;
+  // Starts the next file before a write of length that would reach the
+  // size threshold.
+  void RotateLog(uint64_t length);
+  void RotateLogsFactory();
+  void OpenLogFileFactory();
+  // Makes path and its missing parents with mode. 0 or 1.
+  int MkdirP(const char* path, uint32_t mode) const;
+  void CreateDir(const char* path) const;
+
+  // Packs P.1 to P.5 into P-0.tar.gz after shifting the older archives.
+  void CompressLogsFactory() const;
+  void CompressRunFactory(const std::string& workDir) const;
+
+ protected:
+  // Called each time a new current file has been opened.
+  virtual void openLogFilePost() = 0;
+
+  Tavo* tavoWriter = nullptr;
+  MonitorDir* dirMonitor = nullptr;
+  TavoCommon::TypeWrite writeMode;
+  std::string logFilePath;
+  std::string prevLinkPath;
+  int logFd = -1;
+  size_t curFileSize = 0;
+  size_t rotateSizeKbytes = 4096;
+  size_t failureCount = 0;
+  size_t failureRetry = 0;
+  bool recordEnded = true;
+
+ private:
+  // Steps 2 to 4 of every write: rebuild a vanished file, rotate where a
+  // record ended, remember whether this one does.
+  void PrepareWrite(size_t length, bool endsRecord);
+  int WriteFormatted(const char* text, size_t width, bool endsRecord);
+};
+
+#endif  // MORVOCAT_COLLECTOR_TAVOBASE_H_
