@@ -104,6 +104,38 @@ TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
   EXPECT_EQ(0, ReadAndCheck(kWriters * kPerWriter));
 }
 
+// The body of record n: its number and a run of one letter whose length
+// also depends on n, so a record pieced together from two is caught.
+std::string RaceText(int n) { return std::to_string(n) + ":" + std::string(n % 300, 'a' + n % 26); }
+
+TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
+  morvotest::TempRoot root;
+  constexpr int kRecords = 60000;
+  morvotest::ListPtr list = OpenList(0, 0, 0, {LOG_ID_RADIO});
+  ASSERT_TRUE(list);
+  ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_RADIO), 8192));
+  pid_t writer = RunChild([] {
+    for (int n = 0; n < kRecords; ++n) {
+      if (qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "race", RaceText(n).c_str()) <= 0) return 1;
+    }
+    return 0;
+  });
+  int last = -1, seen = 0;
+  qd_log_msg msg;
+  while (last < kRecords - 1 && qd_logger_list_read(list.get(), &msg) > 0) {
+    Record r = morvotest::Parse(msg);
+    int n = atoi(r.message.c_str());
+    ASSERT_EQ(RaceText(n), r.message);
+    ASSERT_EQ("race", r.tag);
+    ASSERT_GT(n, last);
+    last = n;
+    seen++;
+  }
+  EXPECT_EQ(kRecords - 1, last);
+  EXPECT_GT(seen, 0);
+  EXPECT_EQ(0, WaitChild(writer));
+}
+
 TEST(LogStoreProcessTest, BlockedReaderIsWokenByAWriterInAnotherProcess) {
   morvotest::TempRoot root;
   Gate gate;
