@@ -70,7 +70,7 @@ void RunCommandLine(android_logcat_context_internal* ctx) {
     if ((opts.readMode & QD_LOGGER_MODE_NONBLOCK) == 0) BackgroundScheduling(ctx);
     SetupOutputFile(ctx);
   }
-  ReadLoop(ctx);
+  ReadLoop(ctx, (opts.readMode & QD_LOGGER_MODE_NONBLOCK) != 0);
 }
 
 void EndRun(android_logcat_context_internal* ctx) {

@@ -5,7 +5,10 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <new>
+
 #include "platform/safe_string.h"
+#include "reader/line_batch.h"
 #include "reader/output_file.h"
 
 namespace qdlogging {
@@ -14,18 +17,21 @@ namespace {
 constexpr size_t kDividerSize = 1024;
 constexpr size_t kLineSize = 512;
 
-// The record buffers of a run, indexed by log id once instead of searching
-// the list by name for every record.
-struct DeviceTable {
+// The state of one loop: the record buffers indexed by log id once instead
+// of searching the list by name for every record, and the line batch of a
+// run that does not wait.
+struct LoopState {
   LogDevice* byId[LOG_ID_MAX] = {};
   LogDevice unexpected;
+  LogDevice* previous = nullptr;
+  LineBatch* batch = nullptr;
 };
 
-void BuildTable(const android_logcat_context_internal* ctx, DeviceTable* table) {
-  table->unexpected.name = "unexpected";
+void StartLoop(const android_logcat_context_internal* ctx, LoopState* loop) {
+  loop->unexpected.name = "unexpected";
   for (LogDevice* d = ctx->devices; d != nullptr; d = d->next) {
     log_id_t id = qdlogging_name_to_log_id(d->name);
-    if (id < LOG_ID_MAX && table->byId[id] == nullptr) table->byId[id] = d;
+    if (id < LOG_ID_MAX && loop->byId[id] == nullptr) loop->byId[id] = d;
   }
 }
 
@@ -42,7 +48,7 @@ bool CheckReadResult(android_logcat_context_internal* ctx, int result) {
   return false;
 }
 
-void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device) {
+void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, LineBatch* batch) {
   if (ctx->deviceCount > 1) {
     char divider[kDividerSize];
     memset_s(divider, sizeof(divider), 0, sizeof(divider));
@@ -51,6 +57,7 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device) {
       LogcatPanic(ctx, HELP_NONE, "MaybePrintStart snprintf_s error");
     }
     MorvocatUtils* writer = MmapWriter();
+    if (batch != nullptr && !batch->Flush()) fprintf(stderr, "%s\n", "output error");
     if (writer != nullptr) {
       writer->Write(divider, strnlen(divider, sizeof(divider)));
     } else if (write(ctx->output_fd, divider, strlen(divider)) < 0) {
@@ -63,7 +70,12 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device) {
 
 // Writes one parsed entry; returns the bytes written, or -1 when the line
 // could not be written to the output descriptor.
-long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry) {
+long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry, LineBatch* batch) {
+  if (batch != nullptr) {
+    long written = batch->Add(ctx->logFormat, entry);
+    if (written < 0) fprintf(stderr, "%s\n", "output error");
+    return written;
+  }
   MorvocatUtils* writer = MmapWriter();
   if (writer != nullptr) {
     char lineBuffer[kLineSize];
@@ -84,16 +96,15 @@ long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry) {
 }
 
 // One record: divider, parse, filter, write, account. False ends the loop.
-bool HandleRecord(android_logcat_context_internal* ctx, DeviceTable* table, LogDevice** previous,
-                  qd_log_msg* msg) {
+bool HandleRecord(android_logcat_context_internal* ctx, LoopState* loop, qd_log_msg* msg) {
   uint32_t lid = msg->entry.lid;
-  LogDevice* device = lid < LOG_ID_MAX ? table->byId[lid] : nullptr;
+  LogDevice* device = lid < LOG_ID_MAX ? loop->byId[lid] : nullptr;
   if (device == nullptr) {
-    device = &table->unexpected;
+    device = &loop->unexpected;
     ctx->deviceCount = 2;
   }
-  if (device != *previous && !device->printed) MaybePrintStart(ctx, device);
-  *previous = device;
+  if (device != loop->previous && !device->printed) MaybePrintStart(ctx, device, loop->batch);
+  loop->previous = device;
   if (StopRequested(ctx)) return false;
 
   QdLogEntry entry;
@@ -105,7 +116,7 @@ bool HandleRecord(android_logcat_context_internal* ctx, DeviceTable* table, LogD
   long written = 0;
   if (qdlogging_log_shouldPrintLine(ctx->logFormat, tag, entry.priority) != 0) {
     ctx->printCount++;
-    written = WriteEntry(ctx, entry);
+    written = WriteEntry(ctx, entry, loop->batch);
     if (written <= 0) return true;
   }
   ctx->outByteCount += static_cast<uint64_t>(written);
@@ -115,18 +126,24 @@ bool HandleRecord(android_logcat_context_internal* ctx, DeviceTable* table, LogD
 
 }  // namespace
 
-void ReadLoop(android_logcat_context_internal* ctx) {
+void ReadLoop(android_logcat_context_internal* ctx, bool nonBlocking) {
   qd_logger_list* list = ctx->devices != nullptr ? ctx->devices->loggerList : nullptr;
-  DeviceTable table;
-  BuildTable(ctx, &table);
-  LogDevice* previous = nullptr;
+  LoopState loop;
+  StartLoop(ctx, &loop);
+  // Only lines to the host's output are batched: an output file is checked
+  // for rotation after every record.
+  LineBatch* batch = nullptr;
+  if (nonBlocking && ctx->outputFileName == nullptr) batch = new (std::nothrow) LineBatch(ctx->output_fd);
+  loop.batch = batch;
   qd_log_msg msg;
   while (!StopRequested(ctx)) {
     int result = qd_logger_list_read(list, &msg);
     if (!CheckReadResult(ctx, result)) break;
     msg.buf[result < QD_LOGGER_ENTRY_MAX_LEN ? result : QD_LOGGER_ENTRY_MAX_LEN] = '\0';
-    if (!HandleRecord(ctx, &table, &previous, &msg)) break;
+    if (!HandleRecord(ctx, &loop, &msg)) break;
   }
+  if (batch != nullptr && !batch->Flush()) fprintf(stderr, "%s\n", "output error");
+  delete batch;
   FreeDevices(ctx);
 }
 

@@ -84,6 +84,32 @@ TEST_F(ReadLoopTest, DefaultBuffersGetOneDividerEachOnlyWhenSeveralAreSelected) 
   EXPECT_EQ("a       : m2", Body(single[1]));
 }
 
+// A dump is written in blocks: many blocks' worth of lines, long lines and
+// dividers between them must come out whole and in order.
+TEST_F(ReadLoopTest, LargeDumpComesOutWholeAndInOrder) {
+  ASSERT_EQ(0, RunCommand({"-b", "morvo_main,morvo_system", "-G", "8192k"}).status);
+  constexpr int kRecords = 20000;
+  std::string longText(3000, 'L');
+  for (int i = 0; i < kRecords; ++i) {
+    log_id_t id = i % 1000 == 999 ? LOG_ID_SYSTEM : LOG_ID_MAIN;
+    std::string msg = std::to_string(i) + (i % 97 == 0 ? longText : "");
+    ASSERT_GT(qd_log_write(id, QD_LOG_INFO, "bulk", msg.c_str()), 0);
+  }
+  RunResult r = RunCommand({"-d", "-b", "morvo_main,morvo_system"});
+  EXPECT_EQ(0, r.status);
+  std::vector<std::string> lines = Lines(r.out);
+  ASSERT_EQ(static_cast<size_t>(kRecords + 2), lines.size());
+  EXPECT_EQ("--------- beginning of morvo_main", lines[0]);
+  EXPECT_EQ("--------- beginning of morvo_system", lines[1000]);
+  int expected = 0;
+  for (const std::string& line : lines) {
+    if (line.rfind("---------", 0) == 0) continue;
+    std::string msg = std::to_string(expected) + (expected % 97 == 0 ? longText : "");
+    ASSERT_EQ("bulk    : " + msg, Body(line)) << "record " << expected;
+    expected++;
+  }
+}
+
 TEST_F(ReadLoopTest, TailPrintsOnlyTheLastRecords) {
   for (int i = 0; i < 10; ++i) {
     qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "tail", std::to_string(i).c_str());
