@@ -1,0 +1,177 @@
+// Memory-mapped mode: indexed files, the links P and P.1, pruning, restart,
+// and where rotations may fall.
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "sink_support.h"
+
+namespace {
+
+using sinktest::GroupConfig;
+using sinktest::TestSink;
+using TavoCommon::MMAP_WRITE;
+
+class MmapRotationTest : public sinktest::SinkTest {
+ protected:
+  // The set files in the folder, by index.
+  std::vector<std::string> SetFiles() const {
+    std::vector<std::string> files;
+    for (const std::string& name : sinktest::Entries(dir_)) {
+      if (name.rfind("applog.I", 0) == 0) files.push_back(name.substr(7, 4));
+    }
+    return files;
+  }
+  // "I004" for the file the link at path points to; "" for no link.
+  static std::string LinkedIndex(const std::string& path) {
+    std::string target = sinktest::LinkTarget(path);
+    size_t at = target.rfind(".I");
+    return at == std::string::npos ? std::string() : target.substr(at + 1, 4);
+  }
+  void ExpectLinks(const std::string& newest, const std::string& previous) const {
+    EXPECT_EQ(LinkedIndex(base_), newest);
+    EXPECT_EQ(LinkedIndex(base_ + ".1"), previous);
+    if (previous.empty()) {
+      EXPECT_FALSE(sinktest::IsLink(base_ + ".1"));
+    }
+  }
+};
+
+// With a threshold of 1 KiB, a record of 600 bytes after another one
+// always starts a new file.
+int WriteRecord(TestSink& sink, char fill) {
+  std::string record(599, fill);
+  record += '\n';
+  return sink.LogcatWrite(record.data(), record.size(), true);
+}
+
+TEST_F(MmapRotationTest, SetAndLinksThroughRotationsAndARestart) {
+  GroupConfig config(base_, 1, 3);
+  {
+    TestSink sink(config, MMAP_WRITE);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    EXPECT_EQ(SetFiles(), (std::vector<std::string>{"I000"}));
+    ExpectLinks("I000", "");
+    ASSERT_EQ(WriteRecord(sink, 'a'), 0);
+    EXPECT_EQ(SetFiles().size(), 1u);
+
+    ASSERT_EQ(WriteRecord(sink, 'b'), 0);
+    EXPECT_EQ(SetFiles(), (std::vector<std::string>{"I000", "I001"}));
+    ExpectLinks("I001", "I000");
+    ASSERT_EQ(WriteRecord(sink, 'c'), 0);
+    EXPECT_EQ(SetFiles(), (std::vector<std::string>{"I000", "I001", "I002"}));
+    ExpectLinks("I002", "I001");
+    ASSERT_EQ(WriteRecord(sink, 'd'), 0);
+    EXPECT_EQ(SetFiles(), (std::vector<std::string>{"I001", "I002", "I003"}));
+    ExpectLinks("I003", "I002");
+    EXPECT_EQ(sink.fileVec.size(), 3u);
+  }
+  // Each record went to the file that was current when it was written.
+  EXPECT_EQ(sinktest::Unzipped(base_ + ".1"), std::string(599, 'c') + "\n");
+  EXPECT_EQ(sinktest::Unzipped(base_), std::string(599, 'd') + "\n");
+
+  TestSink restarted(config, MMAP_WRITE);
+  ASSERT_EQ(restarted.SetupOutput(), 0);
+  EXPECT_EQ(SetFiles(), (std::vector<std::string>{"I001", "I002", "I003", "I004"}));
+  ExpectLinks("I004", "I003");
+  ASSERT_EQ(WriteRecord(restarted, 'e'), 0);
+  ASSERT_EQ(WriteRecord(restarted, 'f'), 0);
+  EXPECT_EQ(SetFiles(), (std::vector<std::string>{"I003", "I004", "I005"}));
+  ExpectLinks("I005", "I004");
+}
+
+TEST_F(MmapRotationTest, RotationFallsOnlyWhereARecordEnded) {
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  const std::string column(600, 'c');
+  const std::string first = sink.logFilePath;
+  // One row: three columns and its line end, far past the threshold.
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(sink.LogcatWrite(column.data(), column.size(), false), 0);
+  ASSERT_EQ(sink.LogcatWrite("\n", 1, true), 0);
+  EXPECT_EQ(sink.logFilePath, first);
+  EXPECT_FALSE(sink.recordEnded == false);
+  EXPECT_EQ(sink.curFileSize, 1801u);
+  // The row ended: the next write starts a new file.
+  ASSERT_EQ(sink.LogcatWrite("next\n", 5, true), 0);
+  EXPECT_NE(sink.logFilePath, first);
+  EXPECT_EQ(sink.curFileSize, 5u);
+  sink.LogcatClose();
+  EXPECT_EQ(sinktest::Unzipped(first), column + column + column + "\n");
+  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "next\n");
+}
+
+TEST_F(MmapRotationTest, ThresholdIsReachedInWholeKibibytes) {
+  GroupConfig config(base_, 4096, 10);
+  TestSink sink(config, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  const std::string first = sink.logFilePath;
+  sink.curFileSize = 4194000;
+  sink.RotateLog(303);  // 4095 KiB
+  EXPECT_EQ(sink.logFilePath, first);
+  sink.RotateLog(304);  // 4096 KiB
+  EXPECT_NE(sink.logFilePath, first);
+  EXPECT_EQ(sink.curFileSize, 0u);
+
+  GroupConfig off(base_, 0, 10);
+  TestSink never(off, MMAP_WRITE);
+  ASSERT_EQ(never.SetupOutput(), 0);
+  const std::string current = never.logFilePath;
+  never.curFileSize = SIZE_MAX / 2;
+  never.RotateLog(1 << 20);
+  EXPECT_EQ(never.logFilePath, current);
+}
+
+TEST_F(MmapRotationTest, DeletedCurrentFileIsMadeAgainAtTheNextWrite) {
+  GroupConfig config(base_, 4096, 10);
+  TestSink sink(config, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
+  // "one" still waits in the writer's cache: it goes to the new file.
+  ASSERT_EQ(unlink(sink.logFilePath.c_str()), 0);
+  ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
+  ASSERT_TRUE(morvotest::Exists(sink.logFilePath));
+  EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
+  sink.LogcatClose();
+  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "one\ntwo\n");
+
+  // The folder too.
+  std::string command = "rm -rf " + sinktest::Quoted(dir_);
+  ASSERT_EQ(system(command.c_str()), 0);
+  ASSERT_EQ(sink.LogcatWrite("three\n", 6, true), 0);
+  ASSERT_TRUE(morvotest::Exists(sink.logFilePath));
+  EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
+  sink.LogcatClose();
+  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "three\n");
+}
+
+TEST_F(MmapRotationTest, ALimitOfZeroNeverDeletesTheFileBeingWritten) {
+  GroupConfig config(base_, 1, 0);
+  TestSink sink(config, MMAP_WRITE);
+  EXPECT_EQ(sink.maxFiles, 0u);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  for (char fill = 'a'; fill < 'f'; ++fill) {
+    ASSERT_EQ(WriteRecord(sink, fill), 0);
+    EXPECT_TRUE(morvotest::Exists(sink.logFilePath)) << fill;
+  }
+  EXPECT_EQ(SetFiles().size(), 5u);
+  EXPECT_EQ(sink.fileVec.size(), 5u);
+}
+
+TEST_F(MmapRotationTest, EveryNewFileGetsItsTitleFirst) {
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, MMAP_WRITE);
+  sink.title = "TITLE\n";
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  const std::string first = sink.logFilePath;
+  ASSERT_EQ(WriteRecord(sink, 'a'), 0);
+  ASSERT_EQ(WriteRecord(sink, 'b'), 0);
+  EXPECT_EQ(sink.opens, 2);
+  sink.LogcatClose();
+  EXPECT_EQ(sinktest::Unzipped(first), "TITLE\n" + std::string(599, 'a') + "\n");
+  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "TITLE\n" + std::string(599, 'b') + "\n");
+}
+
+}  // namespace

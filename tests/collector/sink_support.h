@@ -1,0 +1,152 @@
+#ifndef MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_
+#define MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_
+
+// A group sink as the tests drive it: a configuration record to build it
+// from, its fields opened up, and ways to read back what it wrote (gzip
+// files through zcat, archives through tar).
+
+#include <dirent.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "collector/tavobase.h"
+#include "config/tavo_common.h"
+#include "support/temp_root.h"
+
+namespace sinktest {
+
+// A group with its instance record.
+struct GroupConfig {
+  GroupConfig(const std::string& output, size_t rotateKbytes, size_t maxCompressd)
+      : path(output) {
+    info.rotateSizeKbytes = rotateKbytes;
+    info.maxCompressdFiles = maxCompressd;
+    group.info = &info;
+    group.outputFilePath = &path[0];
+    group.failureRetry = 3;
+  }
+  GroupConfig(const GroupConfig&) = delete;
+  GroupConfig& operator=(const GroupConfig&) = delete;
+
+  std::string path;
+  TavoCommon::TavocatInfoT info{};
+  TavoCommon::TavocatGroupT group{};
+};
+
+class TestSink : public Tavobase {
+ public:
+  TestSink(const GroupConfig& config, TavoCommon::TypeWrite mode) : Tavobase(&config.group, mode) {}
+
+  using FileSet::fileVec;
+  using FileSet::maxFiles;
+  using Tavobase::curFileSize;
+  using Tavobase::dirMonitor;
+  using Tavobase::logFd;
+  using Tavobase::logFilePath;
+  using Tavobase::prevLinkPath;
+  using Tavobase::recordEnded;
+  using Tavobase::rotateSizeKbytes;
+  using Tavobase::tavoWriter;
+
+  // Written at the top of every new file when set, as a polling group's
+  // title row is.
+  std::string title;
+  int opens = 0;
+
+ protected:
+  void openLogFilePost() override {
+    ++opens;
+    if (!title.empty()) LogcatWrite(title.data(), title.size(), true);
+  }
+};
+
+// Standard output of a shell command.
+inline std::string CommandOutput(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buffer[65536];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
+  pclose(pipe);
+  return out;
+}
+
+inline std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+
+// The text of a file of gzip members.
+inline std::string Unzipped(const std::string& path) {
+  return CommandOutput("zcat " + Quoted(path) + " 2>/dev/null");
+}
+
+// One member of a tar.gz archive.
+inline std::string TarMember(const std::string& archive, const std::string& member) {
+  return CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) + " 2>/dev/null");
+}
+
+inline std::vector<std::string> TarMembers(const std::string& archive) {
+  std::vector<std::string> names;
+  std::string listing = CommandOutput("tar -tzf " + Quoted(archive) + " 2>/dev/null");
+  size_t start = 0;
+  for (size_t end; (end = listing.find('\n', start)) != std::string::npos; start = end + 1) {
+    names.push_back(listing.substr(start, end - start));
+  }
+  return names;
+}
+
+// The names in dir (not . and ..), sorted.
+inline std::vector<std::string> Entries(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  if (d == nullptr) return names;
+  while (struct dirent* e = readdir(d)) {
+    std::string name = e->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  closedir(d);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Where the link at path points; empty when it is no link.
+inline std::string LinkTarget(const std::string& path) {
+  char target[4096];
+  ssize_t n = readlink(path.c_str(), target, sizeof(target));
+  return n < 0 ? std::string() : std::string(target, static_cast<size_t>(n));
+}
+
+inline mode_t ModeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+inline bool IsLink(const std::string& path) {
+  struct stat st;
+  return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
+}
+
+// A log folder under a fresh root, with the diagnostic folder the monitor
+// also watches; the group's path is base_.
+class SinkTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_.MakeDirs("/data/log/ksv_log");
+    dir_ = root_.Under("/data/log/group");
+    base_ = dir_ + "/applog";
+  }
+
+  morvotest::TempRoot root_;
+  std::string dir_;
+  std::string base_;
+};
+
+}  // namespace sinktest
+
+#endif  // MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_

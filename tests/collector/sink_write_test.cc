@@ -1,0 +1,229 @@
+// The write paths' formats and limits, the sink's settings, and the
+// preparation of its folder.
+
+#include <fcntl.h>
+#include <regex.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "sink_support.h"
+
+namespace {
+
+using sinktest::GroupConfig;
+using sinktest::TestSink;
+using TavoCommon::FACTORY_WRITE;
+using TavoCommon::MMAP_WRITE;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
+
+// A factory sink: what it writes is in base_ as written.
+class SinkWriteTest : public sinktest::SinkTest {
+ protected:
+  void SetUp() override {
+    SinkTest::SetUp();
+    config_ = new GroupConfig(base_, 4096, 10);
+    sink_ = new TestSink(*config_, FACTORY_WRITE);
+    ASSERT_EQ(sink_->SetupOutput(), 0);
+  }
+  void TearDown() override {
+    delete sink_;
+    delete config_;
+  }
+  std::string Written() const { return morvotest::ReadFile(base_); }
+
+  GroupConfig* config_ = nullptr;
+  TestSink* sink_ = nullptr;
+};
+
+TEST_F(SinkWriteTest, FixedWidthPadsShortTextsAndKeepsLongOnesWhole) {
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer("ab", 6, false), 0);
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer("abcde", 2, false), 0);
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer("xyz", 0, true), 0);
+  EXPECT_EQ(Written(), "ab    abcdexyz");
+  EXPECT_EQ(sink_->LogcatWriteStr("cd", 4, true), 0);
+  EXPECT_EQ(Written(), "ab    abcdexyzcd  ");
+}
+
+TEST_F(SinkWriteTest, StrOfWidthZeroWritesNothing) {
+  EXPECT_EQ(sink_->LogcatWriteStr("Read Fail", 0, false), 1);
+  EXPECT_EQ(Written(), "");
+  EXPECT_TRUE(sink_->recordEnded);
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer(nullptr, 4, true), 1);
+  EXPECT_EQ(sink_->LogcatWriteStr(nullptr, 4, true), 1);
+}
+
+TEST_F(SinkWriteTest, NoWriteGoesPast8191Characters) {
+  const std::string longest(8191, 'a');
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer(longest.c_str(), 8192, true), 1);
+  EXPECT_EQ(sink_->LogcatWriteStr(longest.c_str(), 8192, true), 1);
+  const std::string tooLong(8192, 'b');
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer(tooLong.c_str(), 0, true), 1);
+  EXPECT_EQ(sink_->LogcatWriteStr(tooLong.c_str(), 10, true), 1);
+  EXPECT_EQ(Written(), "");
+  EXPECT_EQ(sink_->LogcatWriteFixLenBuffer(longest.c_str(), 0, true), 0);
+  EXPECT_EQ(sink_->LogcatWriteStr("c", 8191, true), 0);
+  EXPECT_EQ(Written(), longest + "c" + std::string(8190, ' '));
+  const std::string line(8192 - 20, 'l');
+  EXPECT_EQ(sink_->LogcatWriteWithTimestamp(line.c_str()), 1);
+}
+
+std::string StampNow() {
+  time_t now = time(nullptr);
+  struct tm local;
+  localtime_r(&now, &local);
+  char text[32];
+  strftime(text, sizeof(text), "%m-%d %H:%M:%S", &local);
+  return text;
+}
+
+TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
+  std::string before = StampNow();
+  ASSERT_EQ(sink_->LogcatWriteWithTimestamp("hello world"), 0);
+  std::string after = StampNow();
+  std::string line = Written();
+  regex_t shape;
+  ASSERT_EQ(regcomp(&shape,
+                    "^[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} hello world\n$",
+                    REG_EXTENDED),
+            0);
+  EXPECT_EQ(regexec(&shape, line.c_str(), 0, nullptr, 0), 0) << line;
+  regfree(&shape);
+  std::string stamp = line.substr(0, 14);
+  EXPECT_LE(before, stamp);
+  EXPECT_LE(stamp, after);
+  EXPECT_TRUE(sink_->recordEnded);
+}
+
+TEST_F(SinkWriteTest, EmptyAndClosedOutputs) {
+  // Nothing to write and no descriptor change nothing but the record flag.
+  EXPECT_EQ(sink_->FactoryWrite("x", 0, false), 0);
+  EXPECT_FALSE(sink_->recordEnded);
+  EXPECT_EQ(Written(), "");
+  EXPECT_EQ(sink_->LogcatWrite(nullptr, 3, true), 1);
+  // A descriptor closed after a failed write is opened again at the next one.
+  sink_->FactoryClose();
+  EXPECT_EQ(sink_->LogcatWrite("y\n", 2, true), 0);
+  EXPECT_EQ(Written(), "y\n");
+}
+
+TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
+  EXPECT_EQ(sink_->rotateSizeKbytes, 4096u);
+  EXPECT_EQ(sink_->prevLinkPath, base_ + ".1");
+  EXPECT_EQ(sink_->tavoWriter, nullptr);
+  EXPECT_EQ(sink_->dirMonitor, nullptr);
+  EXPECT_TRUE(sink_->IsFactoryWrite());
+  struct Case {
+    size_t configured;
+    TavoCommon::TypeWrite mode;
+    size_t kept;
+  };
+  for (const Case& c : {Case{5000, MMAP_WRITE, 1000}, Case{5000, FACTORY_WRITE, 200},
+                        Case{25, FACTORY_WRITE, 5}, Case{1, FACTORY_WRITE, 1},
+                        Case{0, FACTORY_WRITE, 0}, Case{7, MMAP_WRITE, 7}}) {
+    GroupConfig config(base_, 64, c.configured);
+    TestSink sink(config, c.mode);
+    EXPECT_EQ(sink.maxFiles, c.kept) << c.configured;
+    EXPECT_EQ(sink.IsMMapWrite(), c.mode == MMAP_WRITE);
+  }
+  GroupConfig noInstance(base_, 64, 64);
+  noInstance.group.info = nullptr;
+  TestSink defaults(noInstance, MMAP_WRITE);
+  EXPECT_EQ(defaults.maxFiles, 10u);
+  EXPECT_EQ(defaults.rotateSizeKbytes, 4096u);
+  EXPECT_NE(defaults.tavoWriter, nullptr);
+  EXPECT_NE(defaults.dirMonitor, nullptr);
+}
+
+// A sink built without a group keeps every default and writes nowhere.
+class BareSink : public Tavobase {
+ public:
+  BareSink() : Tavobase(nullptr, MMAP_WRITE) {}
+  using FileSet::maxFiles;
+  using Tavobase::dirMonitor;
+  using Tavobase::logFd;
+  using Tavobase::rotateSizeKbytes;
+
+ protected:
+  void openLogFilePost() override {}
+};
+
+TEST(BareSinkTest, NoGroupKeepsTheDefaults) {
+  BareSink sink;
+  EXPECT_EQ(sink.maxFiles, 10u);
+  EXPECT_EQ(sink.rotateSizeKbytes, 4096u);
+  EXPECT_EQ(sink.dirMonitor, nullptr);
+  EXPECT_EQ(sink.SetupOutput(), 0);
+  EXPECT_EQ(sink.logFd, 1);
+  EXPECT_EQ(sink.LogcatWrite("x", 1, true), 1);
+}
+
+TEST_F(SinkWriteTest, AGroupWithoutAPathWritesToStandardOutput) {
+  GroupConfig config("", 4096, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  EXPECT_EQ(sink.logFd, 1);
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(sink.LogcatWrite("to stdout\n", 10, true), 0);
+  fflush(stdout);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "to stdout\n");
+}
+
+TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
+  std::string deep = root_.Under("/data/log/a/b/c");
+  EXPECT_EQ(sink_->MkdirP(deep.c_str(), 0775), 0);
+  EXPECT_EQ(sinktest::ModeOf(deep), 0775u);
+  EXPECT_EQ(sink_->MkdirP((deep + "/").c_str(), 0700), 0);
+  EXPECT_EQ(sinktest::ModeOf(deep), 0775u);  // existing folders stay as they are
+  EXPECT_EQ(sink_->MkdirP("", 0775), 1);
+  EXPECT_EQ(sink_->MkdirP("/", 0775), 0);
+  std::string longest = root_.Under("/") + std::string(254 - root_.Under("/").size(), 'x');
+  std::string tooLong = longest + "y";
+  EXPECT_EQ(sink_->MkdirP(tooLong.c_str(), 0775), 1);
+  EXPECT_FALSE(morvotest::Exists(tooLong));
+  EXPECT_EQ(sink_->MkdirP(longest.c_str(), 0775), 0);
+  // A file in the way.
+  morvotest::WriteFile(root_.Under("/data/log/file"), "x");
+  CaptureStderr();
+  EXPECT_EQ(sink_->MkdirP(root_.Under("/data/log/file/sub").c_str(), 0775), 1);
+  EXPECT_NE(GetCapturedStderr().find("MkdirP: mkdir ["), std::string::npos);
+  CaptureStderr();
+  sink_->CreateDir(root_.Under("/data/log/file/sub").c_str());
+  EXPECT_NE(GetCapturedStderr().find("MkdirP dir["), std::string::npos);
+  sink_->CreateDir(root_.Under("/data/log/made").c_str());
+  EXPECT_EQ(sinktest::ModeOf(root_.Under("/data/log/made")), 0775u);
+}
+
+TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {
+  CaptureStderr();
+  EXPECT_EQ(sink_->CreateBugreportsDir(""), 1);
+  EXPECT_EQ(GetCapturedStderr(), "bugreport dir is invalide.\n");
+  CaptureStderr();
+  EXPECT_EQ(sink_->CreateBugreportsDir("applog"), 1);
+  EXPECT_EQ(GetCapturedStderr(), "pend is invalide.\n");
+  GroupConfig config("applog", 4096, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  CaptureStderr();
+  EXPECT_EQ(sink.SetupOutput(), 1);
+  EXPECT_EQ(GetCapturedStderr(), "pend is invalide.\ncreate bugreports dir error!!\n");
+  // A folder that cannot be made is reported; the preparation goes on.
+  morvotest::WriteFile(root_.Under("/data/log/file"), "x");
+  CaptureStderr();
+  EXPECT_EQ(sink_->CreateBugreportsDir(root_.Under("/data/log/file/sub/x").c_str()), 0);
+  EXPECT_NE(GetCapturedStderr().find("MkdirP dir["), std::string::npos);
+}
+
+TEST(ReleaseFDTest, ClosesAndFreesTheHolder) {
+  int* holder = new int(dup(1));
+  int fd = *holder;
+  Tavobase::ReleaseFD(holder);
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+  Tavobase::ReleaseFD(nullptr);
+  Tavobase::ReleaseFD(new int(-1));
+}
+
+}  // namespace
