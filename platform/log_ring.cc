@@ -54,13 +54,13 @@ struct LogRing::FileSpec {
 };
 
 void LogRing::InitFile(void* addr, size_t, const void* arg) {
-  const auto* spec = static_cast<const FileSpec*>(arg);
+  const auto* layout = static_cast<const FileSpec*>(arg);
   auto* header = new (addr) Header;
   header->magic = kRingMagic;
   header->version = kRingVersion;
   header->headerSize = kHeaderPage;
-  header->logId = spec->id;
-  header->capacity = spec->capacity;
+  header->logId = layout->id;
+  header->capacity = layout->capacity;
   header->retired.store(0, std::memory_order_relaxed);
   header->reserved = 0;
   pthread_mutexattr_t attr;
@@ -69,17 +69,17 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
   pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
   pthread_mutex_init(&header->lock, &attr);
   pthread_mutexattr_destroy(&attr);
-  header->head.store(spec->head, std::memory_order_relaxed);
-  header->tail.store(spec->tail, std::memory_order_relaxed);
-  header->evicted.store(spec->evicted, std::memory_order_relaxed);
-  if (spec->source == nullptr) return;
+  header->head.store(layout->head, std::memory_order_relaxed);
+  header->tail.store(layout->tail, std::memory_order_relaxed);
+  header->evicted.store(layout->evicted, std::memory_order_relaxed);
+  if (layout->source == nullptr) return;
   // The records keep their positions, so readers of the old file go on in
   // the new one where they were.
   unsigned char* data = static_cast<unsigned char*>(addr) + kHeaderPage;
-  for (uint64_t pos = spec->tail; pos < spec->head;) {
-    uint64_t offset = pos % spec->capacity;
-    uint64_t chunk = std::min(spec->head - pos, spec->capacity - offset);
-    spec->source->CopyOut(pos, data + offset, chunk);
+  for (uint64_t pos = layout->tail; pos < layout->head;) {
+    uint64_t offset = pos % layout->capacity;
+    uint64_t chunk = std::min(layout->head - pos, layout->capacity - offset);
+    layout->source->CopyOut(pos, data + offset, chunk);
     pos += chunk;
   }
 }
@@ -127,8 +127,8 @@ int LogRing::Map() {
       rc = -EINVAL;
     }
     if (rc != -ENOENT && !(rc == -EINVAL && repair_)) return rc;
-    FileSpec spec = {id_, QD_LOGGER_DEFAULT_RING_SIZE, 0, 0, 0, nullptr};
-    rc = PublishSharedFile(path_, kHeaderPage + spec.capacity, rc == -EINVAL, InitFile, &spec,
+    FileSpec layout = {id_, QD_LOGGER_DEFAULT_RING_SIZE, 0, 0, 0, nullptr};
+    rc = PublishSharedFile(path_, kHeaderPage + layout.capacity, rc == -EINVAL, InitFile, &layout,
                            &mapping);
     if (rc == 0) {
       Adopt(mapping);
@@ -143,6 +143,18 @@ bool LogRing::Stale() const {
   return header_->magic != kRingMagic || header_->version != kRingVersion ||
          header_->logId != static_cast<uint32_t>(id_) || header_->capacity != capacity_ ||
          header_->retired.load(std::memory_order_acquire) != 0;
+}
+
+int LogRing::LockFresh() {
+  // Checked before the lock too: the lock of a scribbled header is no lock.
+  if (Stale()) return -ESTALE;
+  int rc = Lock();
+  if (rc != 0) return rc;
+  if (Stale()) {
+    Unlock();
+    return -ESTALE;
+  }
+  return 0;
 }
 
 bool LogRing::Reopen() { return Map() == 0; }
@@ -220,14 +232,8 @@ uint64_t LogRing::DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) con
 int LogRing::Append(qd_logger_entry* entry, const char* payload) {
   uint64_t size = kRecordHeaderSize + entry->len;
   if (entry->len > QD_LOGGER_ENTRY_MAX_PAYLOAD || size > capacity_) return -EMSGSIZE;
-  // Checked before the lock too: the lock of a scribbled header is no lock.
-  if (Stale()) return -ESTALE;
-  int rc = Lock();
+  int rc = LockFresh();
   if (rc != 0) return rc;
-  if (Stale()) {
-    Unlock();
-    return -ESTALE;
-  }
   uint64_t head = header_->head.load(std::memory_order_relaxed);
   uint64_t oldTail = header_->tail.load(std::memory_order_relaxed);
   // Scribbled positions cost the records they held, not the buffer.
@@ -254,14 +260,8 @@ int LogRing::Append(qd_logger_entry* entry, const char* payload) {
 }
 
 int LogRing::Clear() {
-  // Checked before the lock too: the lock of a scribbled header is no lock.
-  if (Stale()) return -ESTALE;
-  int rc = Lock();
+  int rc = LockFresh();
   if (rc != 0) return rc;
-  if (Stale()) {
-    Unlock();
-    return -ESTALE;
-  }
   header_->tail.store(header_->head.load(std::memory_order_relaxed), std::memory_order_release);
   Unlock();
   return 0;
@@ -269,14 +269,8 @@ int LogRing::Clear() {
 
 int LogRing::Resize(uint64_t capacity) {
   if (capacity < kRingMinSize || capacity > kRingMaxSize) return -EINVAL;
-  // Checked before the lock too: the lock of a scribbled header is no lock.
-  if (Stale()) return -ESTALE;
-  int rc = Lock();
+  int rc = LockFresh();
   if (rc != 0) return rc;
-  if (Stale()) {
-    Unlock();
-    return -ESTALE;
-  }
   if (capacity == capacity_) {
     Unlock();
     return 0;
@@ -285,12 +279,12 @@ int LogRing::Resize(uint64_t capacity) {
   uint64_t tail = header_->tail.load(std::memory_order_relaxed);
   if (tail > head || head - tail > capacity_) tail = head;
   uint64_t keepFrom = DropUntilFree(tail, head, capacity);
-  FileSpec spec = {id_, capacity, head, keepFrom,
+  FileSpec layout = {id_, capacity, head, keepFrom,
                    header_->evicted.load(std::memory_order_relaxed) + (keepFrom - tail), this};
   SharedMapping mapping;
   // Replaced under the old file's lock, and the old file is marked before
   // the lock is let go: a writer waiting on it then finds it retired.
-  rc = PublishSharedFile(path_, kHeaderPage + capacity, true, InitFile, &spec, &mapping);
+  rc = PublishSharedFile(path_, kHeaderPage + capacity, true, InitFile, &layout, &mapping);
   if (rc == 0) header_->retired.store(1, std::memory_order_release);
   Unlock();
   if (rc != 0) return rc;

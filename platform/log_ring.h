@@ -84,6 +84,8 @@ class LogRing {
   int Map();
   void Adopt(const SharedMapping& mapping);
   int Lock();
+  // Lock() on a header that is still this ring's; -ESTALE when it is not.
+  int LockFresh();
   void Unlock();
   uint64_t RecordSizeAt(uint64_t pos, uint64_t head) const;
   uint64_t DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) const;

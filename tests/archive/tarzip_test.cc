@@ -17,6 +17,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/gzip_text.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -26,18 +27,6 @@ using morvotest::TempRoot;
 using morvotest::WriteFile;
 
 constexpr size_t kBlock = 512;
-
-// The uncompressed tar stream; "<bad>" when it is no valid gzip file.
-std::string Gunzip(const std::string& path) {
-  gzFile gz = gzopen(path.c_str(), "rb");
-  if (gz == nullptr) return "<bad>";
-  std::string out;
-  char buf[65536];
-  int n;
-  while ((n = gzread(gz, buf, sizeof(buf))) > 0) out.append(buf, static_cast<size_t>(n));
-  gzclose(gz);
-  return n < 0 ? "<bad>" : out;
-}
 
 // Output and exit status of a shell command.
 std::string Shell(const std::string& cmd, int* status) {
@@ -111,14 +100,14 @@ class TarzipTest : public ::testing::Test {
 TEST_F(TarzipTest, AnEmptyListGivesExactlyOneZeroBlock) {
   const char* none[] = {nullptr};
   TarzipFiles(0, none, archive_.c_str(), 0);
-  EXPECT_EQ(std::string(kBlock, '\0'), Gunzip(archive_));
+  EXPECT_EQ(std::string(kBlock, '\0'), morvotest::Gunzip(archive_));
   EXPECT_TRUE(TarNames(archive_).empty());
 }
 
 TEST_F(TarzipTest, HeaderFieldsAreByteExact) {
   MakeFile("a.log.1", 0);
   ASSERT_TRUE(Pack({Path("a.log.1")}));
-  std::string tar = Gunzip(archive_);
+  std::string tar = morvotest::Gunzip(archive_);
   ASSERT_EQ(2 * kBlock, tar.size());
   std::string expected(kBlock, '\0');
   expected.replace(0, 7, "a.log.1");
@@ -135,7 +124,7 @@ TEST_F(TarzipTest, ContentTakesWholeBlocksPaddedWithZeros) {
   std::string c512 = MakeFile("b512", 512), c513 = MakeFile("c513", 513);
   MakeFile("a0", 0);
   ASSERT_TRUE(Pack({Path("a0"), Path("b512"), Path("c513")}));
-  std::string tar = Gunzip(archive_);
+  std::string tar = morvotest::Gunzip(archive_);
   std::vector<Header> m = Members(tar);
   ASSERT_EQ(3u, m.size());
   EXPECT_EQ(0u, m[0].size);
@@ -166,7 +155,7 @@ TEST_F(TarzipTest, StockTarListsAndExtractsTheSameBytes) {
     EXPECT_TRUE(contents[i] == ReadFile(dest + "/" + name)) << name;
   }
   EXPECT_EQ(4u, TarNames(archive_).size());
-  Members(Gunzip(archive_));
+  Members(morvotest::Gunzip(archive_));
 }
 
 TEST_F(TarzipTest, NamesFillTheFieldWithoutTerminatorAndLongerOnesAreCut) {
@@ -174,7 +163,7 @@ TEST_F(TarzipTest, NamesFillTheFieldWithoutTerminatorAndLongerOnesAreCut) {
   MakeFile(exact, 3);
   MakeFile(longer, 3);
   ASSERT_TRUE(Pack({Path(exact), Path(longer)}));
-  std::string tar = Gunzip(archive_);
+  std::string tar = morvotest::Gunzip(archive_);
   EXPECT_EQ(exact, tar.substr(0, 100));
   EXPECT_EQ('1', tar[100]) << "the mode follows the name directly";
   EXPECT_EQ(longer.substr(0, 100), tar.substr(2 * kBlock, 100));
@@ -238,7 +227,7 @@ TEST_F(TarzipTest, ContentFollowsTheSizeGivenWhateverTheFileHolds) {
   WriteZipContent(gz, Path("f").c_str(), 600);   // shrank since: filled out
   WriteZipContent(gz, Path("gone").c_str(), 600);  // unopenable: nothing
   gzclose(gz);
-  std::string tar = Gunzip(archive_);
+  std::string tar = morvotest::Gunzip(archive_);
   ASSERT_EQ(3 * kBlock, tar.size());
   EXPECT_EQ("0123", tar.substr(0, 4));
   EXPECT_EQ(std::string(508, '\0'), tar.substr(4, 508));
@@ -289,7 +278,7 @@ TEST_F(TarzipTest, AFileTooLargeForTheSizeFieldKeepsTheArchiveConsistentButIncom
   ASSERT_EQ(0, ftruncate(fd, (off_t{1} << 32) + 512));
   close(fd);
   EXPECT_FALSE(Pack({Path("huge")}));
-  std::vector<Header> m = Members(Gunzip(archive_));
+  std::vector<Header> m = Members(morvotest::Gunzip(archive_));
   ASSERT_EQ(1u, m.size());
   EXPECT_EQ(512u, m[0].size);
 }

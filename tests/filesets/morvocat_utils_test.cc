@@ -3,7 +3,6 @@
 
 #include <stdint.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <string>
 #include <vector>
@@ -11,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "set_owners.h"
+#include "support/gzip_text.h"
 
 namespace {
 
@@ -18,18 +18,6 @@ using settest::Indices;
 using settest::MakeSetFile;
 using settest::ReaderOwner;
 using settest::SetName;
-
-// What zcat would print for path.
-std::string Unzip(const std::string& path) {
-  gzFile in = gzopen(path.c_str(), "rb");
-  if (in == nullptr) return "<unreadable>";
-  std::string text;
-  char buf[4096];
-  int n;
-  while ((n = gzread(in, buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
-  gzclose(in);
-  return text;
-}
 
 class MorvocatUtilsTest : public settest::SetDirTest {
  protected:
@@ -105,7 +93,7 @@ TEST_F(MorvocatUtilsTest, RestartContinuesInAnEmptyNewestFileAsItIs) {
 
   writer.Write("continued\n", 64);
   writer.Flush();
-  EXPECT_EQ("continued\n", Unzip(empty));
+  EXPECT_EQ("continued\n", morvotest::Gunzip(empty));
 }
 
 TEST_F(MorvocatUtilsTest, RestartOpensTheIndexAfterTheNewest) {
@@ -171,7 +159,7 @@ TEST_F(MorvocatUtilsTest, WriteStopsAtTheFirstNulOrTheMaximumLength) {
   writer.Write("xyzw", 2);
   writer.Write(nullptr, 5);
   writer.Flush();
-  EXPECT_EQ("abcxy", Unzip(writer.logFilePath));
+  EXPECT_EQ("abcxy", morvotest::Gunzip(writer.logFilePath));
 }
 
 TEST_F(MorvocatUtilsTest, DeletedCurrentFileIsNoticedAndReplaced) {
@@ -191,7 +179,7 @@ TEST_F(MorvocatUtilsTest, DeletedCurrentFileIsNoticedAndReplaced) {
   EXPECT_EQ((std::vector<int>{6, 7}), Indices(writer, writer.fileVec));
   writer.Write("after\n", 6);
   writer.Flush();
-  EXPECT_EQ("after\n", Unzip(writer.logFilePath));
+  EXPECT_EQ("after\n", morvotest::Gunzip(writer.logFilePath));
 }
 
 TEST_F(MorvocatUtilsTest, LimitZeroPrunesNothingBelowTheCap) {
@@ -223,8 +211,8 @@ TEST_F(MorvocatUtilsTest, SetThatWrappedSeveralTimesStaysBoundedAndOrdered) {
   writer.Write("last\n", 16);
   writer.Flush();
   EXPECT_EQ((std::vector<int>{341, 342, 343, 344}), Indices(writer, writer.fileVec));
-  EXPECT_EQ("2342\n", Unzip(writer.fileVec[1]));
-  EXPECT_EQ("2344\nlast\n", Unzip(writer.fileVec[3]));
+  EXPECT_EQ("2342\n", morvotest::Gunzip(writer.fileVec[1]));
+  EXPECT_EQ("2344\nlast\n", morvotest::Gunzip(writer.fileVec[3]));
   EXPECT_EQ(4u, SetFilesOnDisk());
 
   ReaderOwner restarted(base_, 4);

@@ -23,42 +23,18 @@
 #include <gtest/gtest.h>
 
 #include "platform/tavo_hook.h"
+#include "support/gzip_text.h"
 #include "support/temp_root.h"
 
 namespace {
 
 using morvotest::Exists;
 using morvotest::TempRoot;
-
-// The whole file through zlib's gz interface; "<bad>" when zlib objects.
-std::string GzRead(const std::string& path) {
-  gzFile gz = gzopen(path.c_str(), "rb");
-  if (gz == nullptr) return "<bad>";
-  std::string text;
-  char buf[65536];
-  int n;
-  while ((n = gzread(gz, buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
-  int err = Z_OK;
-  gzerror(gz, &err);
-  gzclose(gz);
-  return n < 0 || err != Z_OK ? "<bad>" : text;
-}
-
-// The whole file through the system's zcat; "<bad>" when zcat fails.
-std::string Zcat(const std::string& path) {
-  std::string cmd = "zcat -- '" + path + "' 2>/dev/null";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return "<bad>";
-  std::string text;
-  char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
-  return pclose(p) == 0 ? text : "<bad>";
-}
+using morvotest::Zcat;
 
 // Both readers must agree on the content.
 std::string ReadBack(const std::string& path) {
-  std::string viaZlib = GzRead(path);
+  std::string viaZlib = morvotest::Gunzip(path);
   EXPECT_EQ(viaZlib, Zcat(path)) << path;
   return viaZlib;
 }

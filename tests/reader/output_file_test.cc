@@ -15,6 +15,7 @@
 
 #include "platform/logger.h"
 #include "reader/run_capture.h"
+#include "support/gzip_text.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -32,17 +33,6 @@ std::vector<std::string> SetFiles(const std::string& dir, const std::string& bas
   closedir(d);
   std::sort(files.begin(), files.end());
   return files;
-}
-
-std::string Zcat(const std::string& path) {
-  std::string text;
-  FILE* p = popen(("zcat '" + path + "'").c_str(), "r");
-  if (p == nullptr) return text;
-  char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
-  EXPECT_EQ(0, pclose(p)) << path << " is not a whole gzip stream";
-  return text;
 }
 
 // The numbers of "seq N" messages in the order they appear.
@@ -86,7 +76,9 @@ TEST_F(OutputFileTest, EveryRecordLandsOnceInOrderAcrossHundredsOfRotations) {
   std::string all;
   for (const std::string& f : files) {
     EXPECT_EQ(Dir().size() + 2 + 24, f.size()) << f;
-    all += Zcat(f);
+    std::string text = morvotest::Zcat(f);
+    EXPECT_NE(morvotest::kBadGzip, text) << f;
+    all += text;
   }
   ExpectWholeSequence(Sequence(all), kRecords);
   EXPECT_FALSE(morvotest::Exists(Dir() + "/x"));
@@ -100,7 +92,7 @@ TEST_F(OutputFileTest, DividersAndLinesGoToTheFilesNotTheOutput) {
   EXPECT_EQ("", r.out);
   std::vector<std::string> files = SetFiles(Dir(), "y");
   ASSERT_EQ(1u, files.size());
-  std::string text = Zcat(files[0]);
+  std::string text = morvotest::Zcat(files[0]);
   EXPECT_EQ(0u, text.find("--------- beginning of morvo_main\n"));
   EXPECT_NE(std::string::npos, text.find("--------- beginning of morvo_system\n"));
   ExpectWholeSequence(Sequence(text), 2);
@@ -154,7 +146,7 @@ TEST_F(OutputFileTest, KilledRunLosesNothingItHadAccepted) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "k", "after the restart");
   ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base}).status);
   std::string all;
-  for (const std::string& f : SetFiles(Dir(), "k")) all += Zcat(f);
+  for (const std::string& f : SetFiles(Dir(), "k")) all += morvotest::Zcat(f);
   ExpectWholeSequence(Sequence(all), kRecords);
   EXPECT_NE(std::string::npos, all.find("after the restart"));
 }

@@ -1,0 +1,43 @@
+#ifndef MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
+#define MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
+
+// Reading back what the system compressed, through zlib and through the
+// stock zcat a user would run. Both answer "<bad>" when the file is not a
+// whole gzip stream.
+
+#include <stdio.h>
+#include <zlib.h>
+
+#include <string>
+
+namespace morvotest {
+
+constexpr char kBadGzip[] = "<bad>";
+
+inline std::string Gunzip(const std::string& path) {
+  gzFile gz = gzopen(path.c_str(), "rb");
+  if (gz == nullptr) return kBadGzip;
+  std::string text;
+  char buf[65536];
+  int n;
+  while ((n = gzread(gz, buf, sizeof(buf))) > 0) text.append(buf, static_cast<size_t>(n));
+  int err = Z_OK;
+  gzerror(gz, &err);
+  gzclose(gz);
+  return n < 0 || err != Z_OK ? kBadGzip : text;
+}
+
+inline std::string Zcat(const std::string& path) {
+  std::string cmd = "zcat -- '" + path + "' 2>/dev/null";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return kBadGzip;
+  std::string text;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
+  return pclose(p) == 0 ? text : kBadGzip;
+}
+
+}  // namespace morvotest
+
+#endif  // MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
