@@ -1,0 +1,59 @@
+#ifndef MORVOCAT_COLLECTOR_TAVOCAT_H_
+#define MORVOCAT_COLLECTOR_TAVOCAT_H_
+
+// One collector group: its sink and sources, and the thread that copies the
+// sources into the sink in the group's style (a stream, input devices,
+// polled rows, dumpsys commands, rows on charger changes).
+
+#include <stddef.h>
+
+#include "collector/data_src_reader.h"
+#include "collector/input_monitor.h"
+#include "collector/thread_base.h"
+#include "config/tavo_common.h"
+
+class Tavocat : public DataSrcReader, public ThreadBase {
+ public:
+  // Prepares the group's output; the group's files are taken under the
+  // root prefix. group is not owned and must outlive the object.
+  Tavocat(TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode);
+  // Does not stop the thread: it must have ended (see RunEnded).
+  ~Tavocat() override;
+
+  void Run() override;
+  // With the group-thread lock held: whether Run has ended, and a request
+  // that a running Run end at its next wait.
+  bool RunEnded() const { return runEnded; }
+  void Cancel();
+  // Hands over the input text gathered so far and flushes or closes the
+  // sink; for a group whose thread has ended.
+  void FlushAll();
+
+  int MonitorNode();
+  void MonitorDir();
+  int PollNode();
+  void CondTrigger();
+  void PollCmd();
+  // The local time in format (year, month, day, hour, minute, second) into
+  // out; empty when it does not fit.
+  static void PollingDateTime(const char* format, char* out, size_t size);
+  int WriteEmptyLine();
+  void HandleChargerPluginout();
+  bool IsChargerPluginout() const;
+  bool IsChargerAction();
+  void WriteTitleLine();
+
+ protected:
+  void openLogFilePost() override;
+
+ private:
+  static int WriteFromMonitor(void* self, const char* text, size_t length, bool endsRecord);
+  // Writes one node's part of a polled row.
+  int PollOneNode(const TavoCommon::TavocatInputNodeSetT* node, bool last);
+
+  TavoCommon::TavocatGroupT* group;
+  InputMonitor inputMonitor;
+  bool runEnded = false;
+};
+
+#endif  // MORVOCAT_COLLECTOR_TAVOCAT_H_
