@@ -133,11 +133,14 @@ inline bool IsLink(const std::string& path) {
 }
 
 // A log folder under a fresh root, with the diagnostic folder the monitor
-// also watches; the group's path is base_.
+// also watches; the group's path is base_. The group's folder exists before
+// the group is built, as on a device after its first run: a monitor started
+// for a missing folder ends at once.
 class SinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
     root_.MakeDirs("/data/log/ksv_log");
+    root_.MakeDirs("/data/log/group");
     dir_ = root_.Under("/data/log/group");
     base_ = dir_ + "/applog";
   }
