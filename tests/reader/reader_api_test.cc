@@ -1,6 +1,7 @@
 // The embedding interface from a host's side: thread runs and their pipe,
 // destroy results, and the redirections written as arguments.
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -152,6 +153,17 @@ TEST_F(ReaderApiTest, AContextRunsAgainAfterAFinishedRun) {
   std::string text = ReadAll(out);
   EXPECT_NE(std::string::npos, text.find("second run sees this")) << text;
   close(out);
+}
+
+TEST_F(ReaderApiTest, LibraryExportsTheEntryPointsAndHidesItsInternals) {
+  for (const char* name : {"CreateAndroidLogcat", "AndroidLogcatRunCommandThread", "ReportErrorName",
+                           "qd_logger_list_read", "qdlogging_log_formatLogLine", "snprintf_s"}) {
+    EXPECT_NE(nullptr, dlsym(RTLD_DEFAULT, name)) << name;
+  }
+  for (const char* name : {"_ZN9qdlogging13StopRequestedEPK31android_logcat_context_internal",
+                           "_ZN4Tavo4Impl7PrepareEv", "TarzipFiles", "Logcat"}) {
+    EXPECT_EQ(nullptr, dlsym(RTLD_DEFAULT, name)) << name;
+  }
 }
 
 TEST_F(ReaderApiTest, EnvironmentLookupTakesTheFirstExactName) {
