@@ -1,0 +1,96 @@
+#ifndef MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
+#define MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
+
+// Helpers for the tests of the collector's sources, runner and entry: group
+// records built in the test, standard error captured, a deadline-bounded
+// wait for a condition.
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "config/tavo_common.h"
+#include "support/temp_root.h"
+
+namespace grouptest {
+
+// A node list, a group and its instance, all owned here.
+struct GroupRecord {
+  explicit GroupRecord(const std::string& output, TavoCommon::LogStyle style) : path(output) {
+    info.rotateSizeKbytes = 4096;
+    info.maxCompressdFiles = 10;
+    group.info = &info;
+    group.style = style;
+    group.outputFilePath = &path[0];
+  }
+  GroupRecord(const GroupRecord&) = delete;
+  GroupRecord& operator=(const GroupRecord&) = delete;
+
+  std::string path;
+  TavoCommon::TavocatInfoT info{};
+  TavoCommon::TavocatGroupT group{};
+};
+
+// Standard error of everything between construction and Text().
+class StderrCapture {
+ public:
+  StderrCapture() {
+    fflush(stderr);
+    char name[] = "/tmp/morvo_stderr_XXXXXX";
+    fd_ = mkstemp(name);
+    path_ = name;
+    saved_ = dup(STDERR_FILENO);
+    dup2(fd_, STDERR_FILENO);
+  }
+  ~StderrCapture() {
+    Restore();
+    close(fd_);
+    unlink(path_.c_str());
+  }
+  StderrCapture(const StderrCapture&) = delete;
+  StderrCapture& operator=(const StderrCapture&) = delete;
+
+  std::string Text() {
+    Restore();
+    return morvotest::ReadFile(path_);
+  }
+
+ private:
+  void Restore() {
+    if (saved_ < 0) return;
+    fflush(stderr);
+    dup2(saved_, STDERR_FILENO);
+    close(saved_);
+    saved_ = -1;
+  }
+  int fd_;
+  int saved_;
+  std::string path_;
+};
+
+// Polls done until it holds or 20 seconds have passed; returns done().
+inline bool WaitFor(const std::function<bool()>& done) {
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return true;
+}
+
+inline size_t Count(const std::string& text, const std::string& piece) {
+  size_t count = 0;
+  for (size_t pos = text.find(piece); pos != std::string::npos; pos = text.find(piece, pos + 1)) {
+    ++count;
+  }
+  return count;
+}
+
+}  // namespace grouptest
+
+#endif  // MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
