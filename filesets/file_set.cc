@@ -231,10 +231,13 @@ void FileSet::RemoveRedundancy() {
 }
 
 uint64_t FileSet::FileLimit() const {
-  // A limit of 0 keeps only the cap of one file per index value, so the
-  // file being written is never pruned.
-  if (maxFiles == 0) return kIndexCount;
-  if (rules_.capAtIndexCount) return std::min<uint64_t>(maxFiles, kIndexCount);
+  // One index value always stays unused: a set holding all 1000 would read
+  // as one unbroken run after a restart, whatever file was newest, while a
+  // gap shows where writing stopped. A limit of 0 keeps only this cap, so
+  // the file being written is never pruned.
+  constexpr uint64_t kMaxKept = kIndexCount - 1;
+  if (maxFiles == 0) return kMaxKept;
+  if (rules_.capAtIndexCount) return std::min<uint64_t>(maxFiles, kMaxKept);
   return maxFiles;
 }
 

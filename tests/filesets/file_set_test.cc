@@ -347,7 +347,7 @@ TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
   EXPECT_TRUE(morvotest::Exists(newest));
 }
 
-TYPED_TEST(FileSetTest, LimitZeroKeepsOneFilePerIndexAndNeverTheCurrentFile) {
+TYPED_TEST(FileSetTest, LimitZeroLeavesOneIndexFreeAndNeverTheCurrentFile) {
   const std::string& b = this->base_;
   TypeParam set(b, 0);
   std::vector<std::string> names;
@@ -356,10 +356,10 @@ TYPED_TEST(FileSetTest, LimitZeroKeepsOneFilePerIndexAndNeverTheCurrentFile) {
   set.fileVec = names;
   set.fileVec.push_back(current);
   set.RemoveRedundancy();
-  ASSERT_EQ(1000u, set.fileVec.size());
-  EXPECT_EQ(names[1], set.fileVec.front());
+  ASSERT_EQ(999u, set.fileVec.size());
+  EXPECT_EQ(names[2], set.fileVec.front());
   EXPECT_EQ(current, set.fileVec.back());
-  EXPECT_FALSE(morvotest::Exists(names[0]));
+  EXPECT_FALSE(morvotest::Exists(names[1]));
   EXPECT_TRUE(morvotest::Exists(current));
 
   // Index 0 came round within the same second: the oldest name is the

@@ -221,6 +221,27 @@ TEST_F(MorvocatUtilsTest, SetThatWrappedSeveralTimesStaysBoundedAndOrdered) {
   EXPECT_EQ((std::vector<int>{342, 343, 344, 345}), Indices(restarted, restarted.fileVec));
 }
 
+// Without a limit the set keeps as many files as it can name; a restart
+// must still go on after the file that was really the newest.
+TEST_F(MorvocatUtilsTest, RestartOverAFullWrappedSetContinuesAfterTheNewest) {
+  constexpr int kFiles = 1300;
+  ReaderOwner writer(base_, 0);
+  writer.InitLogFiles();
+  for (int i = 0; i < kFiles; ++i) {
+    writer.GetNewLog();
+    writer.Write((std::to_string(i) + "\n").c_str(), 16);
+    writer.Flush();
+  }
+  EXPECT_EQ(999u, SetFilesOnDisk());
+  ReaderOwner restarted(base_, 0);
+  restarted.InitLogFiles();
+  restarted.GetNewLog();
+  std::vector<int> indices = Indices(restarted, restarted.fileVec);
+  ASSERT_EQ(999u, indices.size());
+  EXPECT_EQ(302, indices.front());
+  EXPECT_EQ(300, indices.back());
+}
+
 TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {
   ReaderOwner writer(base_, 10);
   std::string name = MakeSetFile(base_, 1);
