@@ -1,0 +1,231 @@
+// The input monitor: picking by name, event lines, rate lines, the gather
+// buffer and its flushes, and the whole loop fed real input_event records
+// through FIFOs that appear and disappear in a device directory.
+
+#include <errno.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "collector/input_monitor.h"
+#include "collector/group_support.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using TavoCommon::TavocatStrListT;
+
+// What the monitor hands to its sink, piece by piece.
+struct Collected {
+  std::mutex mu;
+  std::string text;
+  int writes = 0;
+
+  static int Write(void* self, const char* text, size_t length, bool endsRecord) {
+    auto* c = static_cast<Collected*>(self);
+    std::lock_guard<std::mutex> lock(c->mu);
+    c->text.append(text, length);
+    ++c->writes;
+    return endsRecord ? 0 : 1;
+  }
+  std::string Text() {
+    std::lock_guard<std::mutex> lock(mu);
+    return text;
+  }
+};
+
+struct Event {
+  int64_t sec;
+  int64_t usec;
+  uint16_t type;
+  uint16_t code;
+  int32_t value;
+};
+static_assert(sizeof(Event) == 24, "the kernel's record on a 64-bit system");
+
+void Send(int fd, int64_t sec, int64_t usec, int type, int code, int value) {
+  Event event{sec, usec, static_cast<uint16_t>(type), static_cast<uint16_t>(code), value};
+  ASSERT_EQ(static_cast<ssize_t>(sizeof(event)), write(fd, &event, sizeof(event)));
+}
+
+// Opens the FIFO for writing once the monitor holds it open for reading.
+int OpenWhenHeld(const std::string& path) {
+  int fd = -1;
+  grouptest::WaitFor([&] {
+    fd = open(path.c_str(), O_WRONLY | O_NONBLOCK);
+    return fd >= 0;
+  });
+  return fd;
+}
+
+TEST(InputMonitorPick, NamesMatchOverElevenCharactersIgnoringCase) {
+  char upper[] = "GPIO-KEYS";
+  char shorter[] = "gpio-key";
+  char longer[] = "Touchscreen-panel-9";
+  TavocatStrListT third{longer, nullptr};
+  TavocatStrListT second{shorter, &third};
+  TavocatStrListT nullEntry{nullptr, &second};
+  EXPECT_FALSE(InputMonitor::IsPicked("gpio-keys", &second));
+  TavocatStrListT first{upper, &nullEntry};
+  EXPECT_TRUE(InputMonitor::IsPicked("gpio-keys", &first));
+  EXPECT_TRUE(InputMonitor::IsPicked("touchscreen-other", &first));
+  EXPECT_FALSE(InputMonitor::IsPicked("touchscree", &first));
+  EXPECT_FALSE(InputMonitor::IsPicked("gpio-keys", nullptr));
+}
+
+class InputMonitorText : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(monitor.AllocateBuffers()); }
+  std::string Flushed() {
+    monitor.MonitorFlush();
+    return collected.Text();
+  }
+  Collected collected;
+  InputMonitor monitor{&Collected::Write, &collected};
+};
+
+TEST_F(InputMonitorText, CodesAndValuesUseShortNamesLabelsOrHex) {
+  monitor.MonitorPrintEvent(3, 53, 0x10);
+  monitor.MonitorPrintEvent(3, 55, 1);
+  monitor.MonitorPrintEvent(9, 5, -1);
+  monitor.MonitorPrintEvent(0, 0, 0);
+  monitor.MonitorPrintEvent(3, 0x3a, 7);
+  EXPECT_EQ(0, collected.writes);
+  EXPECT_EQ(" X 00000010 ABS_MT_TOOL_TYPE MT_TOOL_ 0005 ffffffff S 00000000 P 00000007",
+            Flushed());
+}
+
+TEST_F(InputMonitorText, OnlyThePowerKeyIsHandedOverAtOnce) {
+  monitor.MonitorPrintEvent(1, 115, 1);
+  EXPECT_EQ(0, collected.writes);
+  monitor.MonitorPrintEvent(1, 116, 0);
+  EXPECT_EQ(1, collected.writes);
+  EXPECT_EQ(" KEY_VOLUMEUP DOWN     KEY_POWER UP      ", collected.Text());
+  EXPECT_EQ(0, monitor.GatheredLength());
+}
+
+TEST_F(InputMonitorText, APieceThatWouldFillTheBufferFlushesFirst) {
+  std::string piece(400, 'a');
+  for (int i = 0; i < 40; ++i) monitor.MonitorWriteToBuf("%s", piece.c_str());
+  monitor.MonitorWriteToBuf("%s", std::string(383, 'b').c_str());
+  EXPECT_EQ(0, collected.writes);
+  EXPECT_EQ(16383, monitor.GatheredLength());
+  monitor.MonitorWriteToBuf("c");
+  ASSERT_EQ(1, collected.writes);
+  EXPECT_EQ(16383u, collected.Text().size());
+  EXPECT_EQ('b', collected.Text().back());
+  EXPECT_EQ(1, monitor.GatheredLength());
+  std::string all = Flushed();
+  EXPECT_EQ(16384u, all.size());
+  EXPECT_EQ('c', all.back());
+}
+
+TEST_F(InputMonitorText, APieceLongerThanTheEventBufferIsDropped) {
+  grouptest::StderrCapture err;
+  monitor.MonitorWriteToBuf("%s", std::string(600, 'x').c_str());
+  EXPECT_EQ("couldn't write to event buf\n", err.Text());
+  EXPECT_EQ(0, monitor.GatheredLength());
+}
+
+TEST_F(InputMonitorText, RemovingAnUnknownDeviceIsReported) {
+  grouptest::StderrCapture err;
+  EXPECT_EQ(1, monitor.MonitorCloseDevice("/nowhere/event9"));
+  EXPECT_EQ("remote device: /nowhere/event9 not found", err.Text());
+}
+
+class InputMonitorLoop : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // A write to a FIFO the monitor has let go must fail, not end the test.
+    signal(SIGPIPE, SIG_IGN);
+    dir = root.Under("/dev/input");
+    root.MakeDirs("/dev/input");
+  }
+  void Start() {
+    thread = std::thread([this] { monitor.Run(dir.c_str(), &pick); });
+  }
+  morvotest::TempRoot root;
+  std::string dir;
+  char any[1] = {'\0'};
+  // FIFOs report no name; an empty pick matches exactly that.
+  TavocatStrListT pick{any, nullptr};
+  Collected collected;
+  InputMonitor monitor{&Collected::Write, &collected};
+  std::thread thread;
+};
+
+TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
+  std::string first = dir + "/event0";
+  std::string second = dir + "/event1";
+  ASSERT_EQ(0, mkfifo(first.c_str(), 0600));
+  grouptest::StderrCapture err;
+  Start();
+  int fd0 = OpenWhenHeld(first);
+  ASSERT_GE(fd0, 0);
+  Send(fd0, 100, 1, 1, 115, 1);
+  Send(fd0, 100, 10, 0, 0, 0);
+  Send(fd0, 100, 16676, 0, 0, 0);
+  Send(fd0, 100, 16676, 0, 0, 0);
+  Send(fd0, 100, 20000, 1, 116, 1);
+  ASSERT_TRUE(grouptest::WaitFor([&] { return collected.Text().find("KEY_POWER") != std::string::npos; }));
+  std::string text = collected.Text();
+  EXPECT_EQ(0u, text.find("add device 1: " + first + "\n  name:     \"\"\n")) << text;
+  const std::string stamp = "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d ";
+  std::regex lines(stamp + "\\[100\\.000001\\]  KEY_VOLUMEUP DOWN    \n " +
+                   stamp + "\\[100\\.000010\\]  S 00000000\n " +
+                   stamp + "\\[100\\.016676\\]  S 00000000\trate 60\n\n " +
+                   stamp + "\\[100\\.016676\\]  S 00000000\trate 0\n\n " +
+                   stamp + "\\[100\\.020000\\]  KEY_POWER DOWN    $");
+  EXPECT_TRUE(std::regex_search(text, lines)) << text;
+
+  ASSERT_EQ(0, mkfifo(second.c_str(), 0600));
+  int fd1 = OpenWhenHeld(second);
+  ASSERT_GE(fd1, 0);
+  unlink(first.c_str());
+  // The removal closes the monitor's end: a write then finds no reader.
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    return write(fd0, "x", 1) < 0 && errno == EPIPE;
+  }));
+  ASSERT_EQ(10, write(fd1, "short read", 10));
+  thread.join();
+  EXPECT_EQ("could not get event,poll result:1", err.Text());
+  EXPECT_EQ(2, monitor.DeviceCount());
+  EXPECT_STREQ(second.c_str(), monitor.DeviceName(1));
+  monitor.MonitorFlush();
+  text = collected.Text();
+  EXPECT_NE(std::string::npos, text.find("add device 2: " + second + "\n")) << text;
+  EXPECT_NE(std::string::npos, text.find("remove device 1: " + first + "\n")) << text;
+  close(fd0);
+  close(fd1);
+}
+
+TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
+  std::string path = dir + "/event3";
+  ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  char other[] = "gpio-keys";
+  pick.str = other;
+  ASSERT_EQ(0, monitor.AllocateBuffers() ? 0 : 1);
+  EXPECT_EQ(0, monitor.MonitorScanDir(dir.c_str(), &pick));
+  EXPECT_EQ(0, monitor.DeviceCount());
+  monitor.MonitorFlush();
+  EXPECT_EQ("add device 0: " + path + "\n  name:     \"\"\n", collected.Text());
+  EXPECT_EQ(1, monitor.MonitorScanDir((dir + "/missing").c_str(), &pick));
+}
+
+TEST_F(InputMonitorLoop, AMissingDirectoryEndsTheMonitor) {
+  grouptest::StderrCapture err;
+  std::string missing = dir + "/gone";
+  monitor.Run(missing.c_str(), &pick);
+  EXPECT_EQ("could not add watch for " + missing + "\n", err.Text());
+  EXPECT_EQ(1, monitor.DeviceCount());
+}
+
+}  // namespace
