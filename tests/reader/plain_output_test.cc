@@ -36,6 +36,17 @@ namespace {
 using morvotest::Exists;
 using morvotest::RunCommand;
 
+// The member names of an archive as stock tar lists them; "" on failure.
+std::string TarListing(const std::string& archive) {
+  std::string listing;
+  FILE* p = popen(("tar tzf '" + archive + "'").c_str(), "r");
+  if (p == nullptr) return listing;
+  char buf[4096];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) listing.append(buf, n);
+  return pclose(p) == 0 ? listing : std::string();
+}
+
 class PlainOutputTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -87,16 +98,21 @@ TEST_F(PlainOutputTest, FullSetsArePackedIntoAtMostTheGivenArchives) {
   EXPECT_TRUE(Exists(base_ + "-2.tar.gz"));
   EXPECT_FALSE(Exists(base_ + "-3.tar.gz"));
   EXPECT_FALSE(Exists(base_ + "_tmp"));
-  std::string listing;
-  FILE* p = popen(("tar tzf '" + base_ + "-0.tar.gz'").c_str(), "r");
-  ASSERT_NE(nullptr, p);
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) listing.append(buf, n);
-  EXPECT_EQ(0, pclose(p));
+  std::string listing = TarListing(base_ + "-0.tar.gz");
   for (int k = 1; k <= 4; ++k) {
     EXPECT_NE(std::string::npos, listing.find("p." + std::to_string(k))) << listing;
   }
+}
+
+TEST_F(PlainOutputTest, MoreThan32RotatedFilesAreArchivedWhole) {
+  WriteKilobyteRecords(90);
+  morvotest::RunResult r =
+      RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "40", "-z", "1"});
+  EXPECT_EQ(0, r.status) << r.err;
+  std::string listing = TarListing(base_ + "-0.tar.gz");
+  EXPECT_NE(std::string::npos, listing.find("p.40\n")) << listing;
+  EXPECT_NE(std::string::npos, listing.find("p.33\n")) << listing;
+  EXPECT_FALSE(Exists(base_ + ".40"));
 }
 
 TEST_F(PlainOutputTest, AppendingContinuesTheCountOfAnExistingFile) {
