@@ -12,6 +12,7 @@
 #include <memory>
 #include <new>
 
+#include "collector/node_path.h"
 #include "collector/wait_point.h"
 #include "platform/properties.h"
 #include "platform/root_path.h"
@@ -30,11 +31,11 @@ constexpr char kStopService[] = "kmsgcat_cp";
 
 using FdHolder = std::unique_ptr<int, void (*)(int*)>;
 
-// Opens the device path under the root prefix; the holder owns the result.
+// Opens a node of the configuration; the holder owns the result.
 FdHolder OpenNode(const char* devicePath) {
   FdHolder holder(new (std::nothrow) int(-1), &Tavobase::ReleaseFD);
   char path[kPathSize];
-  if (holder && platform::ResolvePath(devicePath, path, sizeof(path))) {
+  if (holder && ResolveNodePath(devicePath, path, sizeof(path))) {
     *holder = open(path, O_RDONLY);
   }
   return holder;
@@ -117,7 +118,7 @@ int DataSrcReader::OpenDataSrc(const char* path, int* fd, bool* cshell) {
     return 1;
   }
   char devicePath[kPathSize];
-  if (!platform::ResolvePath(path, devicePath, sizeof(devicePath)) ||
+  if (!ResolveNodePath(path, devicePath, sizeof(devicePath)) ||
       realpath(devicePath, realDataSrc.get()) == nullptr) {
     fprintf(stderr, "failed to translate path[%s] to absolute path\n", path);
     return 1;

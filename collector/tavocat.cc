@@ -8,6 +8,7 @@
 
 #include "collector/charger_event.h"
 #include "collector/group_threads.h"
+#include "collector/node_path.h"
 #include "collector/wait_point.h"
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
@@ -118,7 +119,7 @@ void Tavocat::MonitorDir() {
   auto* dirSet = static_cast<TavocatInputDirSetT*>(group->inputSet);
   if (dirSet == nullptr || dirSet->inputDirPath == nullptr) return;
   char dir[kPathSize];
-  if (!platform::ResolvePath(dirSet->inputDirPath, dir, sizeof(dir))) return;
+  if (!ResolveNodePath(dirSet->inputDirPath, dir, sizeof(dir))) return;
   inputMonitor.Run(dir, dirSet->pickNode);
 }
 

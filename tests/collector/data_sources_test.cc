@@ -85,6 +85,17 @@ TEST_F(DataSources, AnUnreadableNodeWritesReadFailOnlyWithAWidth) {
   EXPECT_EQ(1, Sink().NodeCatOnce(nullptr, 11, true));
 }
 
+TEST_F(DataSources, ARelativeNodeIsOpenedFromTheWorkingDirectory) {
+  char saved[4096];
+  ASSERT_NE(nullptr, getcwd(saved, sizeof(saved)));
+  ASSERT_EQ(0, chdir(root.Under("/sys/node").c_str()));
+  Node("Time", "Stamp\n");
+  int result = Sink().NodeCatOnce("Time", 0, true);
+  ASSERT_EQ(0, chdir(saved));
+  EXPECT_EQ(0, result);
+  EXPECT_EQ("Stamp", Written());
+}
+
 TEST_F(DataSources, AnEmptyNodeWithoutRetriesReadsFailAtOnce) {
   EXPECT_EQ(0, Sink().NodeCatOnce(Node("empty", "").c_str(), 10, true));
   EXPECT_EQ("Read Fail ", Written());

@@ -1,0 +1,232 @@
+// The collector process end to end under a temporary root: the two built-in
+// instances and the sample file, their files and links, the process name,
+// the watchdog, SIGUSR2 ending the process with status 12 and every accepted
+// line in the files exactly once; and the starts that are refused.
+
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "collector/collector_process.h"
+#include "collector/group_support.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using e2etest::CollectorProcess;
+using morvotest::ReadFile;
+using morvotest::WriteFile;
+
+std::string Shell(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
+  pclose(pipe);
+  return out;
+}
+
+std::string Unzipped(const std::string& dir, const std::string& base) {
+  return Shell("zcat " + dir + "/" + base + ".I*.gz 2>/dev/null");
+}
+
+bool Ended(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
+
+class Collector : public ::testing::Test {
+ protected:
+  Collector() {
+    root.MakeDirs("/proc");
+    root.MakeDirs("/data/log/ksv_log");
+    WriteFile(root.Under("/proc/reboot_watchdog"), "");
+  }
+  // Appends numbered lines first..last to the kmsg stand-in.
+  std::string AppendKmsg(int first, int last) {
+    std::string text;
+    for (int i = first; i <= last; ++i) text += "<6>kernel line " + std::to_string(i) + "\n";
+    FILE* kmsg = fopen(root.Under("/proc/kmsg").c_str(), "a");
+    fputs(text.c_str(), kmsg);
+    fclose(kmsg);
+    return text;
+  }
+  // The stream has read the whole kmsg file: what it read is written
+  // before its thread next waits, where the teardown can stop it.
+  bool KmsgConsumed(const CollectorProcess& collector) {
+    std::string kmsg = root.Under("/proc/kmsg");
+    struct stat st;
+    return grouptest::WaitFor([&] {
+      return stat(kmsg.c_str(), &st) == 0 && collector.ReadOffset(kmsg) == st.st_size;
+    });
+  }
+  bool Announced(const CollectorProcess& collector) {
+    return grouptest::WaitFor([&] {
+      return ReadFile(root.Under("/proc/reboot_watchdog")) == std::to_string(collector.pid());
+    });
+  }
+  static void ExpectEachLineOnce(const std::string& output, int first, int last) {
+    for (int i = first; i <= last; ++i) {
+      std::string line = " <6>kernel line " + std::to_string(i) + "\n";
+      ASSERT_EQ(1u, grouptest::Count(output, line)) << line;
+    }
+  }
+  morvotest::TempRoot root;
+};
+
+TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
+  AppendKmsg(1, 2000);
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
+  ASSERT_TRUE(Announced(collector)) << collector.Err();
+  EXPECT_EQ("kmsglogcat", collector.Comm());
+  EXPECT_EQ(0u, collector.Cmdline().find(std::string("kmsglogcat\0", 11)));
+  AppendKmsg(2001, 5000);
+  ASSERT_TRUE(KmsgConsumed(collector));
+  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+
+  std::string dir = root.Under("/data/log/android_logs");
+  std::string output = Unzipped(dir, "kmsgcat-log");
+  ExpectEachLineOnce(output, 1, 5000);
+  EXPECT_EQ(5000u, grouptest::Count(output, "\n"));
+  char target[4096] = {0};
+  ASSERT_GT(readlink((dir + "/kmsgcat-log").c_str(), target, sizeof(target) - 1), 0);
+  EXPECT_TRUE(std::regex_match(target, std::regex(".*/kmsgcat-log\\.I000\\.\\d{8}-\\d{6}\\.gz")))
+      << target;
+}
+
+TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
+  std::string coul = "/sys/class/qd_power/coul/coul_data/";
+  std::string charge = "/sys/class/qd_power/charger/charge_data/";
+  root.MakeDirs(coul);
+  root.MakeDirs(charge);
+  WriteFile(root.Under(coul + "gaugelog_head"), "GaugeHead \n");
+  WriteFile(root.Under(coul + "gaugelog"), "3900mV    \n");
+  WriteFile(root.Under(charge + "chargelog_head"), "ChargeHead\n");
+  WriteFile(root.Under(charge + "chargelog"), "500mA\n");
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "chargelogcat"});
+  ASSERT_TRUE(Announced(collector)) << collector.Err();
+  EXPECT_EQ("chargelogcat", collector.Comm());
+  std::string log = root.Under("/data/log/charge-log/charge-log");
+  ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::Count(ReadFile(log), "\n") >= 3; }));
+  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  // The time column's title is a title path, "Time", opened from the
+  // working directory like any relative node.
+  std::regex rows("^\nRead Fail {14}GaugeHead ChargeHead\n"
+                  "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d >  3900mV    500mA\n)+$");
+  EXPECT_TRUE(std::regex_match(ReadFile(log), rows)) << ReadFile(log);
+}
+
+TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
+  const char* source = getenv("MORVO_SOURCE_DIR");
+  ASSERT_NE(nullptr, source);
+  root.MakeDirs("/system/etc");
+  WriteFile(root.Under("/system/etc/tavocat_config.xml"),
+            ReadFile(std::string(source) + "/etc/tavocat_config.xml"));
+  root.MakeDirs("/dev/input");
+  std::string fifo = root.Under("/dev/input/event0");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  root.MakeDirs("/bin");
+  std::string dumpsys = root.Under("/bin/dumpsys");
+  WriteFile(dumpsys, "#!/bin/sh\necho \"level: 87 ($1)\"\ntouch " + root.Under("/ran") + "\n");
+  chmod(dumpsys.c_str(), 0755);
+  std::string savedPath = getenv("PATH");
+  setenv("PATH", (root.Under("/bin") + ":" + savedPath).c_str(), 1);
+  AppendKmsg(1, 300);
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
+  setenv("PATH", savedPath.c_str(), 1);
+  ASSERT_TRUE(Announced(collector)) << collector.Err();
+  ASSERT_TRUE(KmsgConsumed(collector));
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0;
+  }));
+  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+
+  std::string dir = root.Under("/data/log/android_logs");
+  ExpectEachLineOnce(Unzipped(dir, "kmsgcat-log"), 1, 300);
+  std::regex battery("^current time: <battery>[-0-9: ]+\r\nlevel: 87 \\(battery\\)\n$");
+  std::string batteryLog = Unzipped(dir, "battery-log");
+  EXPECT_TRUE(std::regex_match(batteryLog, battery)) << batteryLog;
+  // The FIFO reports no name, so gpio-keys does not pick it; the text
+  // gathered about it is handed over at the end.
+  EXPECT_EQ("add device 1: " + fifo + "\n  name:     \"\"\n", Unzipped(dir, "input-log"));
+}
+
+TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
+  root.MakeDirs("/system/etc");
+  WriteFile(root.Under("/system/etc/tavocat_config.xml"),
+            "<config><tavocat name=\"once\" platform=\"Qcom\">"
+            "<writeMode value=\"factory\"/><tavocatGroup>"
+            "<logStyle value=\"poll_node\"/><outputFilePath value=\"/data/log/once/once-log\"/>"
+            "<inputNodeSet><dataPath value=\"/proc/uptime_x\"/><width value=\"4\"/></inputNodeSet>"
+            "</tavocatGroup></tavocat></config>");
+  WriteFile(root.Under("/proc/uptime_x"), "12\n");
+  rmdir(root.Under("/data/log/ksv_log").c_str());
+  unlink(root.Under("/proc/reboot_watchdog").c_str());
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "once"});
+  std::string log = root.Under("/data/log/once/once-log");
+  ASSERT_TRUE(grouptest::WaitFor([&] { return ReadFile(log) == "12  \n"; })) << collector.Err();
+  ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == "once"; }));
+  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  EXPECT_FALSE(morvotest::Exists(root.Under("/proc/reboot_watchdog")));
+}
+
+TEST_F(Collector, AConfigurationThatDoesNotLoadLeavesAPausedProcess) {
+  root.MakeDirs("/system/etc");
+  WriteFile(root.Under("/system/etc/tavocat_config.xml"), "<config><tavocat");
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    return collector.Err().find("Main:parse_config_file failed, exit!!\n") != std::string::npos;
+  }));
+  EXPECT_EQ("morvocat", collector.Comm());
+  EXPECT_EQ("", ReadFile(root.Under("/proc/reboot_watchdog")));
+  // No handler was installed: SIGUSR2 ends it as a signal does.
+  int status = collector.SendAndWait(SIGUSR2);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGUSR2) << status;
+}
+
+TEST_F(Collector, TwoChargerTriggersAreRefused) {
+  root.MakeDirs("/system/etc");
+  std::string group =
+      "<tavocatGroup><logStyle value=\"cond_trigger\"/>"
+      "<outputFilePath value=\"/data/log/c/c-log\"/>"
+      "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet></tavocatGroup>";
+  WriteFile(root.Under("/system/etc/tavocat_config.xml"),
+            "<config><tavocat name=\"twice\" platform=\"Qcom\">" + group + group +
+                "</tavocat></config>");
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "twice"});
+  int status = collector.WaitEnd();
+  EXPECT_TRUE(WIFEXITED(status)) << status;
+  EXPECT_NE(std::string::npos,
+            collector.Err().find("Main:tavocat [twice] has more than one cond_trigger group, "
+                                 "refused!\n"))
+      << collector.Err();
+  EXPECT_FALSE(morvotest::Exists(root.Under("/data/log/c")));
+}
+
+TEST_F(Collector, StartsAreRefusedForOtherKindsAndOverlongNames) {
+  CollectorProcess kindOne(root, {"--tavo", "1", "-x", "kmsglogcat"});
+  EXPECT_TRUE(WIFEXITED(kindOne.WaitEnd()));
+  EXPECT_NE(std::string::npos, kindOne.Err().find("Main:Unrecognized Option\n")) << kindOne.Err();
+  CollectorProcess longName(root, {"--tavo", "2", "-x", std::string(256, 'n')});
+  EXPECT_TRUE(WIFEXITED(longName.WaitEnd()));
+  EXPECT_NE(std::string::npos, longName.Err().find("Main:tavocatName strncpy_sp error!"))
+      << longName.Err();
+  EXPECT_EQ("", ReadFile(root.Under("/proc/reboot_watchdog")));
+}
+
+TEST_F(Collector, ANameOf255CharactersIsLookedUp) {
+  CollectorProcess collector(root, {"--tavo", "2", "-x", std::string(255, 'n')});
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    return collector.Err().find("Main:parse_config_file failed, exit!!\n") != std::string::npos;
+  }));
+  EXPECT_EQ(std::string::npos, collector.Err().find("strncpy_sp"));
+}
+
+}  // namespace

@@ -1,0 +1,121 @@
+#ifndef MORVOCAT_TESTS_COLLECTOR_COLLECTOR_PROCESS_H_
+#define MORVOCAT_TESTS_COLLECTOR_COLLECTOR_PROCESS_H_
+
+// A collector started as the device starts it, "morvocat --tavo 2 -x NAME",
+// in a child process under a temporary root, and what can be seen of it
+// from outside: its name, its open files, its children, its end.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "collector/group_support.h"
+#include "support/temp_root.h"
+
+namespace e2etest {
+
+class CollectorProcess {
+ public:
+  // Starts the collector with args after the program name; standard error
+  // goes to a file of the root.
+  CollectorProcess(const morvotest::TempRoot& root, std::vector<std::string> args)
+      : errPath_(root.Under("/collector.err")), dir_(root.path()) {
+    const char* bin = getenv("MORVO_BIN_DIR");
+    std::string program = std::string(bin != nullptr ? bin : ".") + "/morvocat";
+    args.insert(args.begin(), program);
+    pid_ = fork();
+    if (pid_ == 0) {
+      int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      dup2(err, STDERR_FILENO);
+      // Relative node paths of a configuration are opened from here.
+      if (chdir(dir_.c_str()) != 0) _exit(126);
+      std::vector<char*> argv;
+      for (std::string& a : args) argv.push_back(&a[0]);
+      argv.push_back(nullptr);
+      execv(program.c_str(), argv.data());
+      _exit(127);
+    }
+  }
+  ~CollectorProcess() {
+    if (pid_ > 0 && !ended_) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+  CollectorProcess(const CollectorProcess&) = delete;
+  CollectorProcess& operator=(const CollectorProcess&) = delete;
+
+  pid_t pid() const { return pid_; }
+  std::string Err() const { return morvotest::ReadFile(errPath_); }
+  std::string Comm() const { return Trimmed(morvotest::ReadFile(Proc("comm"))); }
+  std::string Cmdline() const { return morvotest::ReadFile(Proc("cmdline")); }
+
+  // The wait status once the process has ended by itself within the
+  // helpers' deadline; -1 otherwise.
+  int WaitEnd() {
+    int status = -1;
+    grouptest::WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
+    ended_ = status != -1;
+    return status;
+  }
+  int SendAndWait(int signo) {
+    kill(pid_, signo);
+    return WaitEnd();
+  }
+
+  // The read offset of the process's descriptor open on hostPath; -1 when
+  // it has none.
+  long long ReadOffset(const std::string& hostPath) const {
+    DIR* dir = opendir(Proc("fd").c_str());
+    if (dir == nullptr) return -1;
+    long long offset = -1;
+    while (struct dirent* entry = readdir(dir)) {
+      char target[PATH_MAX] = {0};
+      std::string link = Proc("fd/") + entry->d_name;
+      if (readlink(link.c_str(), target, sizeof(target) - 1) <= 0 || hostPath != target) continue;
+      std::string info = morvotest::ReadFile(Proc("fdinfo/") + entry->d_name);
+      offset = atoll(info.c_str() + info.find("pos:") + 4);
+    }
+    closedir(dir);
+    return offset;
+  }
+
+  // Processes whose parent is the collector (chown, dumpsys shells).
+  int Children() const {
+    int count = 0;
+    DIR* proc = opendir("/proc");
+    while (struct dirent* entry = readdir(proc)) {
+      std::string stat = morvotest::ReadFile(std::string("/proc/") + entry->d_name + "/stat");
+      size_t close = stat.rfind(')');
+      if (close == std::string::npos) continue;
+      int ppid = 0;
+      if (sscanf(stat.c_str() + close + 1, " %*c %d", &ppid) == 1 && ppid == pid_) ++count;
+    }
+    closedir(proc);
+    return count;
+  }
+
+ private:
+  std::string Proc(const std::string& name) const {
+    return "/proc/" + std::to_string(pid_) + "/" + name;
+  }
+  static std::string Trimmed(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+  }
+  std::string errPath_;
+  std::string dir_;
+  pid_t pid_ = -1;
+  bool ended_ = false;
+};
+
+}  // namespace e2etest
+
+#endif  // MORVOCAT_TESTS_COLLECTOR_COLLECTOR_PROCESS_H_
