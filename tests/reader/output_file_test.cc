@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include "morvocat/morvocat.h"
 #include "platform/logger.h"
 #include "reader/run_capture.h"
 #include "support/gzip_text.h"
@@ -113,6 +114,39 @@ TEST_F(OutputFileTest, RestartRemovesPlainFilesAndContinuesTheSet) {
   ASSERT_EQ(2u, files.size());
   EXPECT_NE(std::string::npos, files[0].find(".I000."));
   EXPECT_NE(std::string::npos, files[1].find(".I001."));
+}
+
+// Polls for up to five seconds until the set of base has count files.
+bool WaitForFiles(const std::string& dir, const std::string& base, size_t count) {
+  for (int i = 0; i < 500; ++i) {
+    if (SetFiles(dir, base).size() == count) return true;
+    usleep(10 * 1000);
+  }
+  return false;
+}
+
+TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAtTheNextRecord) {
+  std::string base = Dir() + "/gone";
+  android_logcat_context ctx = CreateAndroidLogcat();
+  char arg0[] = "morvocat", arg1[] = "-b", arg2[] = "morvo_main", arg3[] = "-f";
+  std::string path = base;
+  char* argv[] = {arg0, arg1, arg2, arg3, &path[0], nullptr};
+  int fd = AndroidLogcatRunCommandThread(ctx, 5, argv, nullptr);
+  ASSERT_GE(fd, 0);
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "before the deletion");
+  ASSERT_TRUE(WaitForFiles(Dir(), "gone", 1));
+  unlink(SetFiles(Dir(), "gone")[0].c_str());
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "seq 0");
+  ASSERT_TRUE(WaitForFiles(Dir(), "gone", 1));
+  // A run blocked in its read sees the stop request at the next record.
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "wake up");
+  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+  std::vector<std::string> files = SetFiles(Dir(), "gone");
+  ASSERT_EQ(1u, files.size());
+  std::string text = morvotest::Zcat(files[0]);
+  // What was cached when the file went is written into its successor.
+  EXPECT_NE(std::string::npos, text.find("before the deletion"));
+  ExpectWholeSequence(Sequence(text), 1);
 }
 
 TEST_F(OutputFileTest, BarePathIsRefusedAndTheRunReadsOnWithoutOutput) {

@@ -115,6 +115,32 @@ TEST_F(PlainOutputTest, MoreThan32RotatedFilesAreArchivedWhole) {
   EXPECT_FALSE(Exists(base_ + ".40"));
 }
 
+TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
+  morvotest::WriteFile(base_ + ".1", "older copy\n");
+  android_logcat_context ctx = CreateAndroidLogcat();
+  char arg0[] = "morvocat", arg1[] = "-b", arg2[] = "morvo_main", arg3[] = "-f";
+  char* argv[] = {arg0, arg1, arg2, arg3, &base_[0], nullptr};
+  ASSERT_GE(AndroidLogcatRunCommandThread(ctx, 5, argv, nullptr), 0);
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "first");
+  for (int i = 0; i < 500 && morvotest::ReadFile(base_).empty(); ++i) usleep(10 * 1000);
+  ASSERT_EQ(0, unlink(base_.c_str()));
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "second");
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "third");
+  for (int i = 0; i < 500 && morvotest::ReadFile(base_).find("third") == std::string::npos; ++i) {
+    usleep(10 * 1000);
+  }
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "wake up");
+  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+  // P was gone, so no new P.1 was made: the old copy moved up to P.2.
+  EXPECT_EQ("older copy\n", morvotest::ReadFile(base_ + ".2"));
+  EXPECT_FALSE(Exists(base_ + ".1"));
+  // The record that revealed the deletion went to the deleted file; the
+  // fresh P takes the records after it.
+  std::string text = morvotest::ReadFile(base_);
+  EXPECT_EQ(std::string::npos, text.find("first"));
+  EXPECT_NE(std::string::npos, text.find("third"));
+}
+
 TEST_F(PlainOutputTest, AppendingContinuesTheCountOfAnExistingFile) {
   morvotest::WriteFile(base_, std::string(1500, 'e') + "\n");
   WriteKilobyteRecords(1);
