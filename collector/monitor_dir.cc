@@ -73,7 +73,8 @@ void MonitorDir::Stop() {
 
 void MonitorDir::Run() {
   if (logBase == nullptr || dir == nullptr) return;
-  int fd = inotify_init();
+  // Without its stop descriptor the loop could never be ended.
+  int fd = stopFd_ < 0 ? -1 : inotify_init();
   if (fd < 0) {
     fprintf(stderr, "could not get file descriptor.\n");
     return;
@@ -84,7 +85,7 @@ void MonitorDir::Run() {
   } else if (!platform::ResolvePath(kKsvLogDir, ksvLog, sizeof(ksvLog)) ||
              inotify_add_watch(fd, ksvLog, kWatchMask) < 0) {
     fprintf(stderr, "could not add watch for %s\n", ksvLog);
-  } else if (fd >= FD_SETSIZE || stopFd_ < 0 || stopFd_ >= FD_SETSIZE) {
+  } else if (fd >= FD_SETSIZE || stopFd_ >= FD_SETSIZE) {
     // Both descriptors must fit a select set.
     fprintf(stderr, "The fd is larger than 1024.\n");
   } else {
