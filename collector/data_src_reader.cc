@@ -239,6 +239,8 @@ int DataSrcReader::SystemCmdCat(const char* command) {
       break;
     }
   }
+  // A command that never ends must not hold the group past the teardown.
+  WaitPoint wait;
   pclose(output);
   return result;
 }
