@@ -2,9 +2,12 @@
 // buffer and its flushes, and the whole loop fed real input_event records
 // through FIFOs that appear and disappear in a device directory.
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/uinput.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -226,6 +229,58 @@ TEST_F(InputMonitorLoop, AMissingDirectoryEndsTheMonitor) {
   monitor.Run(missing.c_str(), &pick);
   EXPECT_EQ("could not add watch for " + missing + "\n", err.Text());
   EXPECT_EQ(1, monitor.DeviceCount());
+}
+
+// The event node the kernel made for a uinput device, found through sysfs.
+std::string EventNodeOf(int uinput) {
+  char sysname[64] = {0};
+  if (ioctl(uinput, UI_GET_SYSNAME(sizeof(sysname)), sysname) < 0) return "";
+  std::string dir = std::string("/sys/devices/virtual/input/") + sysname;
+  std::string node;
+  grouptest::WaitFor([&] {
+    DIR* entries = opendir(dir.c_str());
+    while (entries != nullptr && node.empty()) {
+      struct dirent* entry = readdir(entries);
+      if (entry == nullptr) break;
+      if (strncmp(entry->d_name, "event", 5) == 0) node = std::string("/dev/input/") + entry->d_name;
+    }
+    if (entries != nullptr) closedir(entries);
+    return !node.empty() && access(node.c_str(), F_OK) == 0;
+  });
+  return node;
+}
+
+TEST_F(InputMonitorLoop, ARealVirtualDeviceIsPickedByItsName) {
+  int uinput = open("/dev/uinput", O_WRONLY | O_NONBLOCK);
+  if (uinput < 0) GTEST_SKIP() << "no /dev/uinput on this host";
+  ioctl(uinput, UI_SET_EVBIT, EV_KEY);
+  ioctl(uinput, UI_SET_KEYBIT, KEY_POWER);
+  struct uinput_setup setup = {};
+  setup.id.bustype = BUS_VIRTUAL;
+  strcpy(setup.name, "gpio-keys");
+  ASSERT_EQ(0, ioctl(uinput, UI_DEV_SETUP, &setup));
+  ASSERT_EQ(0, ioctl(uinput, UI_DEV_CREATE));
+  std::string node = EventNodeOf(uinput);
+  ASSERT_FALSE(node.empty());
+  ASSERT_EQ(0, symlink(node.c_str(), (dir + "/event0").c_str()));
+  char name[] = "GPIO-KEYS";
+  pick.str = name;
+  Start();
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    struct input_event press = {};
+    press.type = EV_KEY;
+    press.code = KEY_POWER;
+    press.value = 1;
+    if (write(uinput, &press, sizeof(press)) != sizeof(press)) return false;
+    struct input_event syn = {};
+    if (write(uinput, &syn, sizeof(syn)) != sizeof(syn)) return false;
+    return collected.Text().find(" KEY_POWER DOWN    ") != std::string::npos;
+  }));
+  grouptest::StderrCapture err;
+  ioctl(uinput, UI_DEV_DESTROY);
+  close(uinput);
+  thread.join();
+  EXPECT_EQ(0u, collected.Text().find("add device 1: " + dir + "/event0\n  name:     \"gpio-keys\"\n"));
 }
 
 }  // namespace
