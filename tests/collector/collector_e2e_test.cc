@@ -101,6 +101,29 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
       << target;
 }
 
+TEST_F(Collector, SigusrWhileTheStreamRunsKeepsEveryAcceptedLineWholeAndOnce) {
+  WriteFile(root.Under("/proc/kmsg"), "");
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
+  ASSERT_TRUE(Announced(collector)) << collector.Err();
+  AppendKmsg(1, 100000);
+  ASSERT_TRUE(grouptest::WaitFor([&] { return collector.ReadOffset(root.Under("/proc/kmsg")) > 0; }));
+  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  // Whatever the stream had taken when the signal came is there, in order.
+  std::string output = Unzipped(root.Under("/data/log/android_logs"), "kmsgcat-log");
+  size_t lines = grouptest::Count(output, "\n");
+  ASSERT_GT(lines, 0u);
+  std::regex stamped("^[-0-9 :.]{19}<6>kernel line (\\d+)$");
+  size_t start = 0;
+  for (size_t i = 1; i <= lines; ++i) {
+    size_t end = output.find('\n', start);
+    std::smatch match;
+    std::string line = output.substr(start, end - start);
+    ASSERT_TRUE(std::regex_match(line, match, stamped)) << line;
+    ASSERT_EQ(std::to_string(i), match[1].str());
+    start = end + 1;
+  }
+}
+
 TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
   std::string coul = "/sys/class/qd_power/coul/coul_data/";
   std::string charge = "/sys/class/qd_power/charger/charge_data/";
