@@ -237,8 +237,7 @@ uint64_t FileSet::FileLimit() const {
   // the file being written is never pruned.
   constexpr uint64_t kMaxKept = kIndexCount - 1;
   if (maxFiles == 0) return kMaxKept;
-  if (rules_.capAtIndexCount) return std::min<uint64_t>(maxFiles, kMaxKept);
-  return maxFiles;
+  return std::min<uint64_t>(maxFiles, kMaxKept);
 }
 
 void FileSet::DropOldest(size_t count, const std::string& keep) {

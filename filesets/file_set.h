@@ -21,9 +21,6 @@ struct FileSetRules {
   // GetNewLogFileIndex answers kContinueNewest when the newest file exists
   // and is empty, so a restarted owner goes on in it.
   bool continueInEmptyNewest;
-  // RemoveRedundancy keeps no more than one file per index value, whatever
-  // maxFiles says.
-  bool capAtIndexCount;
   // The old-style sweep runs once per set: afterwards old names are no
   // longer recognised. It reports every deletion that fails (a missing file
   // included), purges names of the wrong length and forms the set again.
@@ -33,8 +30,8 @@ struct FileSetRules {
 };
 
 // The reader's writer, and the collector's group sink.
-constexpr FileSetRules kReaderSetRules{true, true, false};
-constexpr FileSetRules kCollectorSetRules{false, false, true};
+constexpr FileSetRules kReaderSetRules{true, false};
+constexpr FileSetRules kCollectorSetRules{false, true};
 
 // What the owner writes, fixed for its lifetime.
 enum class SetScheme {

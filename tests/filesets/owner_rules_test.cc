@@ -163,7 +163,7 @@ TEST_F(OwnerRulesTest, OnlyTheReaderContinuesAnEmptyNewestFile) {
   EXPECT_EQ(3u, reader.GetNewLogFileIndex());
 }
 
-TEST_F(OwnerRulesTest, OnlyTheReaderCapsALargerLimitBelowTheIndexCount) {
+TEST_F(OwnerRulesTest, BothOwnersKeepOneIndexFreeWhateverTheLimit) {
   std::vector<std::string> names;
   for (int index = 0; index < 1000; ++index) names.push_back(MakeSetFile(base_, index));
   names.push_back(MakeSetFile(base_, 0, "20240301-000000"));
@@ -173,11 +173,12 @@ TEST_F(OwnerRulesTest, OnlyTheReaderCapsALargerLimitBelowTheIndexCount) {
   EXPECT_EQ(999u, reader.fileVec.size());
   EXPECT_FALSE(morvotest::Exists(names[1]));
 
-  CollectorOwner sink(base_, 5000);
-  sink.fileVec = std::vector<std::string>(names.begin() + 1, names.end());
+  CollectorOwner sink(base_, 1000);
+  sink.fileVec = std::vector<std::string>(names.begin() + 2, names.end());
   sink.fileVec.push_back(MakeSetFile(base_, 1, "20240301-000000"));
   sink.RemoveRedundancy();
-  EXPECT_EQ(1001u, sink.fileVec.size());
+  EXPECT_EQ(999u, sink.fileVec.size());
+  EXPECT_FALSE(morvotest::Exists(names[2]));
 }
 
 }  // namespace
