@@ -44,7 +44,7 @@ char* argAreaEnd = nullptr;
 // Set by the teardown: the main thread neither joins nor destroys any more.
 bool closing = false;
 
-// Shared by every group through the process-wide charger state.
+// Trigger groups share the process-wide charger wait, so one at most may run.
 int CountCondTriggers(const TavocatInfoT& info) {
   int count = 0;
   for (const TavocatGroupT* group = info.groups; group != nullptr; group = group->next) {

@@ -16,7 +16,8 @@ int TavocatMain(unsigned long kind, const char* name, int argc, char** argv);
 // process with the signal number as status. Runs on the collector's signal
 // thread, never in signal context.
 void CloseTavocats(int signo);
-// Destroys every listed group, the list left empty.
+// With the group-thread lock held: stops every listed group's thread at its
+// next wait, flushes and destroys the group; the list is left empty.
 void ListLogBaseFree();
 void TavocatInfoDeinit(TavoCommon::TavocatInfoT* info);
 
