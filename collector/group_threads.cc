@@ -17,7 +17,7 @@ void Unlock() { pthread_mutex_unlock(&groupLock); }
 
 void WaitForEnd() { pthread_cond_wait(&groupEnded, &groupLock); }
 
-void MarkEnded(bool* ended) {
+void MarkEnded(std::atomic<bool>* ended) {
   pthread_mutex_lock(&groupLock);
   *ended = true;
   pthread_cond_broadcast(&groupEnded);

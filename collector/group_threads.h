@@ -5,6 +5,8 @@
 // and its teardown share, so that exactly one of the last two joins each
 // group thread and a group is never destroyed while its thread runs.
 
+#include <atomic>
+
 namespace GroupThreads {
 
 void Lock();
@@ -12,8 +14,9 @@ void Unlock();
 // With the lock held: waits until some group thread has ended.
 void WaitForEnd();
 // Called by a group thread as it ends: sets *ended under the lock and wakes
-// the waiters.
-void MarkEnded(bool* ended);
+// the waiters. The flag is atomic as well, since a thread cancelled at a wait
+// unwinds to here.
+void MarkEnded(std::atomic<bool>* ended);
 
 }  // namespace GroupThreads
 

@@ -83,7 +83,7 @@ int Tavocat::WriteFromMonitor(void* self, const char* text, size_t length, bool 
 void Tavocat::Run() {
   // Marks the end also when the thread is cancelled at a wait.
   struct EndMark {
-    bool* ended;
+    std::atomic<bool>* ended;
     ~EndMark() { GroupThreads::MarkEnded(ended); }
   } endMark{&runEnded};
   WaitPoint::CloseOutsideWaits();

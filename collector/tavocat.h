@@ -7,6 +7,8 @@
 
 #include <stddef.h>
 
+#include <atomic>
+
 #include "collector/data_src_reader.h"
 #include "collector/input_monitor.h"
 #include "collector/thread_base.h"
@@ -53,7 +55,7 @@ class Tavocat : public DataSrcReader, public ThreadBase {
 
   TavoCommon::TavocatGroupT* group;
   InputMonitor inputMonitor;
-  bool runEnded = false;
+  std::atomic<bool> runEnded{false};
 };
 
 #endif  // MORVOCAT_COLLECTOR_TAVOCAT_H_
