@@ -23,6 +23,31 @@ constexpr uint64_t kHeaderPage = 4096;
 // failing the call beats hanging every writer.
 constexpr int kLockTimeoutSeconds = 2;
 
+// Every ring lock is robust and shared between processes.
+void InitLock(pthread_mutex_t* lock) {
+  pthread_mutexattr_t attr;
+  pthread_mutexattr_init(&attr);
+  pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
+  pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_init(lock, &attr);
+  pthread_mutexattr_destroy(&attr);
+}
+
+// The C library keeps the kind of a mutex inside it, and every call on the
+// mutex obeys it: a scribbled kind can make even a trylock abort the
+// process (a priority-protected kind with a wild ceiling). A lock whose
+// kind is not the one InitLock gives is never used.
+bool LockIntact(const pthread_mutex_t& lock) {
+  static const int kKind = [] {
+    pthread_mutex_t model;
+    InitLock(&model);
+    int kind = model.__data.__kind;
+    pthread_mutex_destroy(&model);
+    return kind;
+  }();
+  return __atomic_load_n(&lock.__data.__kind, __ATOMIC_RELAXED) == kKind;
+}
+
 }  // namespace
 
 struct LogRing::Header {
@@ -63,12 +88,7 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
   header->capacity = layout->capacity;
   header->retired.store(0, std::memory_order_relaxed);
   header->reserved = 0;
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_init(&header->lock, &attr);
-  pthread_mutexattr_destroy(&attr);
+  InitLock(&header->lock);
   header->head.store(layout->head, std::memory_order_relaxed);
   header->tail.store(layout->tail, std::memory_order_relaxed);
   header->evicted.store(layout->evicted, std::memory_order_relaxed);
@@ -119,7 +139,7 @@ int LogRing::Map() {
       if (header->magic == kRingMagic && header->version == kRingVersion &&
           header->headerSize == kHeaderPage && header->logId == static_cast<uint32_t>(id_) &&
           header->capacity >= kRingMinSize && header->capacity <= kRingMaxSize &&
-          mapping.size == kHeaderPage + header->capacity) {
+          mapping.size == kHeaderPage + header->capacity && LockIntact(header->lock)) {
         Adopt(mapping);
         return 0;
       }
@@ -142,7 +162,7 @@ int LogRing::Map() {
 bool LogRing::Stale() const {
   return header_->magic != kRingMagic || header_->version != kRingVersion ||
          header_->logId != static_cast<uint32_t>(id_) || header_->capacity != capacity_ ||
-         header_->retired.load(std::memory_order_acquire) != 0;
+         header_->retired.load(std::memory_order_acquire) != 0 || !LockIntact(header_->lock);
 }
 
 int LogRing::LockFresh() {
@@ -178,6 +198,8 @@ int LogRing::Lock() {
 }
 
 bool LogRing::Settled() {
+  // No writer takes a lock that is not intact: it makes the file anew.
+  if (!LockIntact(header_->lock)) return true;
   int rc = pthread_mutex_trylock(&header_->lock);
   if (rc == EBUSY) return false;
   if (rc == EOWNERDEAD) rc = pthread_mutex_consistent(&header_->lock);

@@ -244,4 +244,32 @@ TEST(LogStoreCorruptTest, ADamagedSignalPageIsRenewed) {
   EXPECT_EQ(1u, ReadAll(list.get()).size());
 }
 
+TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
+  morvotest::TempRoot root;
+  // An empty main buffer beside a system buffer with one record: returning
+  // that record, the reader looks whether a writer is inside main.
+  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
+  morvotest::ListPtr clearing = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(clearing);
+  ASSERT_EQ(0, qd_logger_clear(qd_logger_open(clearing.get(), LOG_ID_MAIN)));
+  ASSERT_GT(qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "t", "s"), 0);
+  std::string path = RingPath(root, "morvo_main");
+  const std::string sound = morvotest::ReadFile(path);
+  // Written over the lock's kind, this word once made the C library abort
+  // the reader inside a trylock.
+  const uint32_t wild = 0x8be66d43;
+  for (size_t offset = 0; offset < 256; offset += sizeof(wild)) {
+    Patch(path, offset, &wild, sizeof(wild));
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
+    ASSERT_TRUE(list);
+    qd_logger_open(list.get(), LOG_ID_MAIN);
+    int end = 0;
+    std::vector<Record> records = ReadAll(list.get(), &end);
+    EXPECT_TRUE(end == -EAGAIN || end == -EIO || end == -EINVAL) << offset << ": " << end;
+    EXPECT_LE(records.size(), 2u) << offset;
+    for (const Record& r : records) EXPECT_EQ("t", r.tag) << offset;
+    morvotest::WriteFile(path, sound);
+  }
+}
+
 }  // namespace
