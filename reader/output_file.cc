@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <new>
@@ -21,8 +22,32 @@ namespace {
 constexpr uid_t kSystemId = 1000;
 constexpr int kMmapWriteMode = 1;
 
+// Looking for the current file costs a path lookup, more than everything
+// else a record costs together; a file that was found is looked for again
+// after this long, or before a rotation flushes into it. Records written in
+// between stay in the writer's cache, which follows into the next file.
+constexpr int64_t kFileRecheckNs = 1000 * 1000;
+
 // One file-writing run per process: the slot is process-wide.
 MorvocatUtils* writerSlot = nullptr;
+int64_t nextFileCheckNs = 0;
+
+int64_t MonotonicNs() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+bool FileCheckDue() {
+  int64_t now = MonotonicNs();
+  if (now < nextFileCheckNs) return false;
+  nextFileCheckNs = now + kFileRecheckNs;
+  return true;
+}
+
+bool RotationDue(const android_logcat_context_internal* ctx) {
+  return ctx->rotateKBytes != 0 && ctx->outByteCount / 1024 >= ctx->rotateKBytes;
+}
 
 void OpenPlainOutput(android_logcat_context_internal* ctx) {
   ctx->output_fd = OpenLogFile(ctx->outputFileName);
@@ -46,13 +71,13 @@ void OpenPlainOutput(android_logcat_context_internal* ctx) {
 }
 
 void CheckWriterOutput(android_logcat_context_internal* ctx, MorvocatUtils* writer) {
-  if (!writer->IsLogFileAccess()) {
+  if ((RotationDue(ctx) || FileCheckDue()) && !writer->IsLogFileAccess()) {
     ctx->outByteCount = 0;
     if (CreateLogFolder(ctx->outputFileName) == -1) return;
     writer->InitLogFiles();
     writer->GetNewLog();
   }
-  if (ctx->rotateKBytes != 0 && ctx->outByteCount / 1024 >= ctx->rotateKBytes) {
+  if (RotationDue(ctx)) {
     writer->Flush();
     CloseOutput(ctx);
     writer->GetNewLog();
@@ -71,6 +96,7 @@ void SetupOutputFile(android_logcat_context_internal* ctx) {
   if (CreateLogFolder(ctx->outputFileName) == -1) return;
   uint64_t maxFiles = ctx->rotateCount * ctx->compressCount;
   writerSlot = new (std::nothrow) MorvocatUtils(ctx->outputFileName, kMmapWriteMode, maxFiles);
+  nextFileCheckNs = 0;
   if (MmapWriter() != nullptr) {
     writerSlot->InitLogFiles();
     return;
@@ -86,7 +112,7 @@ void CheckOutput(android_logcat_context_internal* ctx) {
   }
   if (ctx->outputFileName == nullptr) return;
   if (access(ctx->outputFileName, F_OK) != 0) RotateLogs(ctx);
-  if (ctx->rotateKBytes != 0 && ctx->outByteCount / 1024 >= ctx->rotateKBytes) RotateLogs(ctx);
+  if (RotationDue(ctx)) RotateLogs(ctx);
 }
 
 void DestroyWriter() {
