@@ -236,14 +236,14 @@ int ParseWOption(int argc, char* const* argv, const char* letters, const option*
   return result;
 }
 
-// The letter spec points into the letters; the argument's rest, or the next
+// The letter's entry points into the letters; the argument's rest, or the next
 // argument, becomes optarg.
-int TakeArgument(int argc, char* const* argv, const char* letters, const char* spec,
+int TakeArgument(int argc, char* const* argv, const char* letters, const char* entry,
                  GetOptContext* ctx) {
-  int letter = spec[0];
+  int letter = entry[0];
   if (*ctx->nextChar != '\0') {
     ctx->optarg = ctx->nextChar;
-  } else if (spec[2] != ':') {
+  } else if (entry[2] != ':') {
     if (++ctx->optind >= argc) {
       Warn(ctx, letters, "option requires an argument -- %c", letter);
       ctx->optopt = letter;
@@ -261,8 +261,8 @@ int ParseShortOption(int argc, char* const* argv, const char* letters, const opt
                      int* longindex, GetOptContext* ctx) {
   int letter = static_cast<unsigned char>(*ctx->nextChar++);
   bool atEnd = *ctx->nextChar == '\0';
-  const char* spec = strchr(letters, letter);
-  if (letter == ':' || (letter == '-' && !atEnd) || spec == nullptr) {
+  const char* entry = strchr(letters, letter);
+  if (letter == ':' || (letter == '-' && !atEnd) || entry == nullptr) {
     if (letter == '-' && atEnd) {
       return -1;
     }
@@ -273,16 +273,16 @@ int ParseShortOption(int argc, char* const* argv, const char* letters, const opt
     ctx->optopt = letter;
     return '?';
   }
-  if (longopts != nullptr && letter == 'W' && spec[1] == ';') {
+  if (longopts != nullptr && letter == 'W' && entry[1] == ';') {
     return ParseWOption(argc, argv, letters, longopts, longindex, ctx);
   }
-  if (spec[1] != ':') {
+  if (entry[1] != ':') {
     if (atEnd) {
       ++ctx->optind;
     }
     return letter;
   }
-  return TakeArgument(argc, argv, letters, spec, ctx);
+  return TakeArgument(argc, argv, letters, entry, ctx);
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 // -f through the rotating writer: indexed .gz files that hold every record
 // once, rotation by size, and recovery of what a killed run had accepted.
 
-#include <dirent.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -17,34 +15,14 @@
 #include "platform/logger.h"
 #include "reader/run_capture.h"
 #include "support/gzip_text.h"
+#include "support/log_set.h"
 #include "support/temp_root.h"
 
 namespace {
 
 using morvotest::RunCommand;
-
-std::vector<std::string> SetFiles(const std::string& dir, const std::string& base) {
-  std::vector<std::string> files;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return files;
-  while (dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name.rfind(base + ".I", 0) == 0) files.push_back(dir + "/" + name);
-  }
-  closedir(d);
-  std::sort(files.begin(), files.end());
-  return files;
-}
-
-// The numbers of "seq N" messages in the order they appear.
-std::vector<long> Sequence(const std::string& text) {
-  std::vector<long> numbers;
-  for (size_t pos = text.find(": seq "); pos != std::string::npos;
-       pos = text.find(": seq ", pos + 1)) {
-    numbers.push_back(strtol(text.c_str() + pos + 6, nullptr, 10));
-  }
-  return numbers;
-}
+using morvotest::Sequence;
+using morvotest::SetFiles;
 
 void ExpectWholeSequence(const std::vector<long>& numbers, long count) {
   ASSERT_EQ(static_cast<size_t>(count), numbers.size());

@@ -1,7 +1,6 @@
 // The reader's output files under load: more than a thousand rotations with
 // the index wrapping, and runs killed at random points.
 
-#include <dirent.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,33 +15,14 @@
 #include "platform/logger.h"
 #include "reader/run_capture.h"
 #include "support/gzip_text.h"
+#include "support/log_set.h"
 #include "support/temp_root.h"
 
 namespace {
 
 using morvotest::RunCommand;
-
-std::vector<std::string> SetFiles(const std::string& dir, const std::string& base) {
-  std::vector<std::string> files;
-  if (DIR* d = opendir(dir.c_str())) {
-    while (dirent* e = readdir(d)) {
-      std::string name = e->d_name;
-      if (name.rfind(base + ".I", 0) == 0) files.push_back(dir + "/" + name);
-    }
-    closedir(d);
-  }
-  return files;
-}
-
-// The numbers of "seq N" messages in the order they appear.
-std::vector<long> Sequence(const std::string& text) {
-  std::vector<long> numbers;
-  for (size_t pos = text.find(": seq "); pos != std::string::npos;
-       pos = text.find(": seq ", pos + 1)) {
-    numbers.push_back(strtol(text.c_str() + pos + 6, nullptr, 10));
-  }
-  return numbers;
-}
+using morvotest::Sequence;
+using morvotest::SetFiles;
 
 // The index field of a set file name: base path, ".I", three digits.
 int IndexOf(const std::string& file, size_t baseLength) {
@@ -52,7 +32,6 @@ int IndexOf(const std::string& file, size_t baseLength) {
 // The files of the set in writing order: after a wrap the run that starts
 // right after the free index is the oldest.
 std::vector<std::string> WritingOrder(std::vector<std::string> files, size_t baseLength) {
-  std::sort(files.begin(), files.end());
   for (size_t i = 1; i < files.size(); ++i) {
     if (IndexOf(files[i], baseLength) != IndexOf(files[i - 1], baseLength) + 1) {
       std::rotate(files.begin(), files.begin() + static_cast<long>(i), files.end());
@@ -125,10 +104,8 @@ TEST_F(ReaderStressTest, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
   }
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "s", "last");
   ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base}).status);
-  std::vector<std::string> files = SetFiles(Dir(), "k");
-  std::sort(files.begin(), files.end());
   std::string all;
-  for (const std::string& f : files) all += morvotest::Zcat(f);
+  for (const std::string& f : SetFiles(Dir(), "k")) all += morvotest::Zcat(f);
   std::vector<long> numbers = Sequence(all);
   std::vector<long> sorted = numbers;
   std::sort(sorted.begin(), sorted.end());
