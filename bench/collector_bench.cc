@@ -19,6 +19,8 @@
 #include <string>
 #include <thread>
 
+#include "bench/bench_row.h"
+
 namespace {
 
 constexpr int kLines = 200000;
@@ -105,6 +107,8 @@ int main() {
   printf("collector RSS with the sample file's groups: %ld KiB (anonymous %ld, files %ld, shared %ld)\n",
          StatusKib(pid, "VmRSS"), StatusKib(pid, "RssAnon"), StatusKib(pid, "RssFile"),
          StatusKib(pid, "RssShmem"));
+  morvobench::PrintRow("collector resident memory (sample)", "KiB",
+                       static_cast<double>(StatusKib(pid, "VmRSS")), NAN, NAN, "< 4096 KiB");
 
   std::string kmsg = root + "/proc/kmsg";
   auto start = std::chrono::steady_clock::now();
@@ -120,7 +124,10 @@ int main() {
   start = std::chrono::steady_clock::now();
   std::string cat = "cat " + kmsg + " > " + root + "/cat-copy";
   if (system(cat.c_str()) != 0) return 1;
-  printf("cat of the same lines to a file: %.0f lines/s\n", kLines / Seconds(start));
+  double catSeconds = Seconds(start);
+  printf("cat of the same lines to a file: %.0f lines/s\n", kLines / catSeconds);
+  morvobench::PrintRow("collector kmsg stream vs cat to a file", "lines/s", kLines / collector,
+                       kLines / catSeconds, catSeconds / collector, "-");
   std::string clean = "rm -rf " + root;
   return system(clean.c_str()) == 0 ? 0 : 1;
 }
