@@ -55,10 +55,7 @@ Tavobase::Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite
   tavoWriter = new (std::nothrow) Tavo();
   if (tavoWriter != nullptr) tavoWriter->InitTavo();
   dirMonitor = new (std::nothrow) MonitorDir(outputFilePath.c_str());
-  if (dirMonitor != nullptr) {
-    dirMonitor->SetupLogBase(this);
-    dirMonitor->Start();
-  }
+  if (dirMonitor != nullptr) dirMonitor->SetupLogBase(this);
 }
 
 Tavobase::~Tavobase() {
@@ -107,6 +104,9 @@ int Tavobase::SetupOutput() {
     fprintf(stderr, "create bugreports dir error!!\n");
     return 1;
   }
+  // The monitor starts once the folder it watches exists: on a fresh device
+  // a watch added before would fail and end the monitor for good.
+  if (dirMonitor != nullptr) dirMonitor->Start();
   FormFileVectors();
   OpenLogFile();
   if (IsMMapWrite()) return 0;

@@ -76,6 +76,17 @@ TEST_F(MonitorTest, OpeningEitherLogFolderFlushesTheWriter) {
   EXPECT_TRUE(OpensFlush(root_.Under("/data/log/ksv_log"), sink.logFilePath, "first\nsecond\n"));
 }
 
+// On a fresh device the group's folder is made by the sink's set-up; the
+// monitor must still watch it.
+TEST_F(MonitorTest, AGroupFolderMadeAtSetUpIsWatched) {
+  std::string fresh = dir_ + "/fresh";
+  GroupConfig config(fresh + "/applog", 4096, 10);
+  TestSink sink(config, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
+  EXPECT_TRUE(OpensFlush(fresh, sink.logFilePath, "first\n"));
+}
+
 // n inotify records: the masks, each followed by a name of name bytes.
 std::string Events(std::initializer_list<uint32_t> masks, uint32_t name) {
   std::string buffer;
