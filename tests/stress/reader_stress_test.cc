@@ -23,23 +23,7 @@ namespace {
 using morvotest::RunCommand;
 using morvotest::Sequence;
 using morvotest::SetFiles;
-
-// The index field of a set file name: base path, ".I", three digits.
-int IndexOf(const std::string& file, size_t baseLength) {
-  return atoi(file.substr(baseLength + 2, 3).c_str());
-}
-
-// The files of the set in writing order: after a wrap the run that starts
-// right after the free index is the oldest.
-std::vector<std::string> WritingOrder(std::vector<std::string> files, size_t baseLength) {
-  for (size_t i = 1; i < files.size(); ++i) {
-    if (IndexOf(files[i], baseLength) != IndexOf(files[i - 1], baseLength) + 1) {
-      std::rotate(files.begin(), files.begin() + static_cast<long>(i), files.end());
-      break;
-    }
-  }
-  return files;
-}
+using morvotest::WritingOrder;
 
 void WriteSequence(long from, long to) {
   for (long i = from; i < to; ++i) {

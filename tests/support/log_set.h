@@ -27,12 +27,29 @@ inline std::vector<std::string> SetFiles(const std::string& dir, const std::stri
   return files;
 }
 
-// The numbers of "seq N" messages in the order they appear.
-inline std::vector<long> Sequence(const std::string& text) {
+// The index field of a set file name: base path, ".I", three digits.
+inline int IndexOf(const std::string& file, size_t baseLength) {
+  return atoi(file.substr(baseLength + 2, 3).c_str());
+}
+
+// The set files in writing order: after a wrap the run that starts right
+// after the free index is the oldest.
+inline std::vector<std::string> WritingOrder(std::vector<std::string> files, size_t baseLength) {
+  for (size_t i = 1; i < files.size(); ++i) {
+    if (IndexOf(files[i], baseLength) != IndexOf(files[i - 1], baseLength) + 1) {
+      std::rotate(files.begin(), files.begin() + static_cast<long>(i), files.end());
+      break;
+    }
+  }
+  return files;
+}
+
+// The numbers that follow marker ("seq N" messages by default) in the
+// order they appear.
+inline std::vector<long> Sequence(const std::string& text, const std::string& marker = ": seq ") {
   std::vector<long> numbers;
-  for (size_t pos = text.find(": seq "); pos != std::string::npos;
-       pos = text.find(": seq ", pos + 1)) {
-    numbers.push_back(strtol(text.c_str() + pos + 6, nullptr, 10));
+  for (size_t pos = text.find(marker); pos != std::string::npos; pos = text.find(marker, pos + 1)) {
+    numbers.push_back(strtol(text.c_str() + pos + marker.size(), nullptr, 10));
   }
   return numbers;
 }

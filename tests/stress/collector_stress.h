@@ -1,0 +1,171 @@
+#ifndef MORVOCAT_TESTS_STRESS_COLLECTOR_STRESS_H_
+#define MORVOCAT_TESTS_STRESS_COLLECTOR_STRESS_H_
+
+// A collector process with one kmsg stream group written by the test's own
+// configuration, numbered lines fed to its kmsg stand-in, and what its file
+// set holds afterwards, oldest line first, in either write mode.
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "collector/collector_process.h"
+#include "support/gzip_text.h"
+#include "support/log_set.h"
+#include "support/temp_root.h"
+
+namespace stresstest {
+
+constexpr char kName[] = "stress";
+constexpr char kDir[] = "/data/log/stress";
+constexpr char kBase[] = "kmsg-log";
+constexpr char kMarker[] = "<6>kernel line ";
+
+inline std::string Line(long n) { return kMarker + std::to_string(n) + "\n"; }
+
+inline std::string Lines(long first, long end) {
+  std::string text;
+  for (long n = first; n < end; ++n) text += Line(n);
+  return text;
+}
+
+inline std::string CommandOutput(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
+  pclose(pipe);
+  return out;
+}
+
+struct Settings {
+  bool factory;
+  size_t rotateKbytes;
+  size_t maxCompressd;
+};
+
+// The root of one collector: its configuration, kmsg stand-in and folders.
+class CollectorRoot {
+ public:
+  explicit CollectorRoot(const Settings& settings) {
+    root_.MakeDirs("/proc");
+    root_.MakeDirs("/data/log/ksv_log");
+    root_.MakeDirs("/system/etc");
+    morvotest::WriteFile(
+        root_.Under("/system/etc/tavocat_config.xml"),
+        "<config><tavocat name=\"" + std::string(kName) + "\" platform=\"Qcom\">"
+            "<logRotateSizeKBytes value=\"" + std::to_string(settings.rotateKbytes) + "\"/>"
+            "<maxCompressdFiles value=\"" + std::to_string(settings.maxCompressd) + "\"/>"
+            "<writeMode value=\"" + (settings.factory ? "factory" : "mmap") + "\"/>"
+            "<tavocatGroup><logStyle value=\"monitor_node\"/>"
+            "<outputFilePath value=\"" + Output() + "\"/>"
+            "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
+            "</tavocatGroup></tavocat></config>");
+    morvotest::WriteFile(Kmsg(), "");
+    // Every new file runs chown; the stock one looks up the group "system"
+    // each time, which would make a thousand rotations crawl.
+    root_.MakeDirs("/bin");
+    symlink("/bin/true", root_.Under("/bin/chown").c_str());
+  }
+
+  const morvotest::TempRoot& root() const { return root_; }
+  std::string Kmsg() const { return root_.Under("/proc/kmsg"); }
+  static std::string Output() { return std::string(kDir) + "/" + kBase; }
+  std::string Dir() const { return root_.Under(kDir); }
+
+  void Append(const std::string& text) const {
+    FILE* kmsg = fopen(Kmsg().c_str(), "a");
+    fwrite(text.data(), 1, text.size(), kmsg);
+    fclose(kmsg);
+  }
+  // A new stand-in holding text, as the kernel's stream holds only what
+  // nobody has read yet.
+  void Replace(const std::string& text) const {
+    std::string next = Kmsg() + ".new";
+    morvotest::WriteFile(next, text);
+    rename(next.c_str(), Kmsg().c_str());
+  }
+  long long KmsgSize() const {
+    struct stat st;
+    return stat(Kmsg().c_str(), &st) == 0 ? st.st_size : -1;
+  }
+  // The collector has read all the stand-in holds.
+  bool Consumed(const e2etest::CollectorProcess& collector) const {
+    return grouptest::WaitFor([&] { return collector.ReadOffset(Kmsg()) == KmsgSize(); });
+  }
+
+  // What the mmap set holds, oldest file first.
+  std::string MmapText() const {
+    std::string text;
+    std::string base = Dir() + "/" + kBase;
+    for (const std::string& f : morvotest::WritingOrder(morvotest::SetFiles(Dir(), kBase),
+                                                        base.size())) {
+      text += morvotest::Zcat(f);
+    }
+    return text;
+  }
+  // The factory archives that exist, oldest first (the highest number).
+  std::vector<std::string> Archives() const {
+    std::vector<std::string> archives;
+    std::string base = Dir() + "/" + kBase;
+    for (int k = 0; morvotest::Exists(base + "-" + std::to_string(k) + ".tar.gz"); ++k) {
+      archives.insert(archives.begin(), base + "-" + std::to_string(k) + ".tar.gz");
+    }
+    return archives;
+  }
+  // What the factory archives and files hold, oldest first.
+  std::string FactoryText() const {
+    std::string text;
+    std::string base = Dir() + "/" + kBase;
+    for (const std::string& archive : Archives()) {
+      for (int n = 5; n >= 1; --n) {
+        text += CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase + "." +
+                              std::to_string(n) + "' 2>/dev/null");
+      }
+    }
+    for (int n = 5; n >= 1; --n) text += morvotest::ReadFile(base + "." + std::to_string(n));
+    return text + morvotest::ReadFile(base);
+  }
+  std::string Text(bool factory) const { return factory ? FactoryText() : MmapText(); }
+
+ private:
+  morvotest::TempRoot root_;
+};
+
+// A folder put first on the search path until Restore.
+class SearchPathFirst {
+ public:
+  explicit SearchPathFirst(const std::string& dir) {
+    saved_ = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
+    setenv("PATH", (dir + ":" + saved_).c_str(), 1);
+  }
+  void Restore() const { setenv("PATH", saved_.c_str(), 1); }
+
+ private:
+  std::string saved_;
+};
+
+// The collector the configuration names, started with the root's chown
+// first on its search path.
+class Collector : private SearchPathFirst, public e2etest::CollectorProcess {
+ public:
+  explicit Collector(const CollectorRoot& root)
+      : SearchPathFirst(root.root().Under("/bin")),
+        e2etest::CollectorProcess(root.root(), {"--tavo", "2", "-x", kName}) {
+    Restore();
+  }
+};
+
+inline std::vector<long> Numbers(const std::string& text) {
+  return morvotest::Sequence(text, kMarker);
+}
+
+}  // namespace stresstest
+
+#endif  // MORVOCAT_TESTS_STRESS_COLLECTOR_STRESS_H_

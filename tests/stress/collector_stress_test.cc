@@ -1,0 +1,127 @@
+// A collector process under load in both write modes: more than a thousand
+// rotations, and kills at random points followed by restarts.
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "collector/data_src_reader.h"
+#include "stress/collector_stress.h"
+
+namespace {
+
+using stresstest::CollectorRoot;
+using stresstest::Lines;
+using stresstest::Numbers;
+
+constexpr size_t kReadSize = DataSrcReader::kReadBufSize;
+
+bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
+
+class CollectorStress : public ::testing::TestWithParam<bool> {
+ protected:
+  bool Factory() const { return GetParam(); }
+};
+
+// About 25 lines fill a file of 1 KiB, so 30000 lines make about 1200
+// rotations: the mmap index wraps, the factory set makes some 240 archives.
+TEST_P(CollectorStress, RotationsPastAThousandKeepAContiguousTail) {
+  constexpr long kLines = 30000;
+  CollectorRoot root({Factory(), 1, 25});
+  root.Append(Lines(0, kLines / 2));
+  stresstest::Collector collector(root);
+  root.Append(Lines(kLines / 2, kLines));
+  ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
+  ASSERT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+
+  if (Factory()) {
+    EXPECT_EQ(5u, root.Archives().size());
+    EXPECT_FALSE(morvotest::Exists(root.Dir() + "/" + stresstest::kBase + "_tmp"));
+  } else {
+    EXPECT_EQ(25u, morvotest::SetFiles(root.Dir(), stresstest::kBase).size());
+  }
+  std::vector<long> numbers = Numbers(root.Text(Factory()));
+  ASSERT_FALSE(numbers.empty());
+  EXPECT_EQ(kLines - 1, numbers.back());
+  // The oldest files were pruned, so the tail starts well after the start.
+  EXPECT_GT(numbers.front(), kLines / 2);
+  for (size_t i = 1; i < numbers.size(); ++i) {
+    ASSERT_EQ(numbers[i - 1] + 1, numbers[i]) << "after line " << numbers[i - 1];
+  }
+}
+
+// Each round feeds a few batches, each read in full before the next, then
+// one more that the kill may cut anywhere. The stream writes what one read
+// brought before it reads again, so only the last read's lines may be lost.
+// The next run's stand-in holds only the lines not read yet, so nothing may
+// appear twice.
+TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
+  CollectorRoot root({Factory(), 4, 1000});
+  std::mt19937 random(Factory() ? 1123 : 2311);
+  std::string unread;  // the stand-in's content
+  long next = 0;
+  std::vector<bool> mayBeLost;
+  constexpr int kRounds = 6;
+  for (int round = 0; round < kRounds; ++round) {
+    stresstest::Collector collector(root);
+    for (int batch = 2 + random() % 3; batch > 0; --batch) {
+      long count = 200 + random() % 800;
+      root.Append(Lines(next, next + count));
+      unread += Lines(next, next + count);
+      next += count;
+      if (batch > 1) {
+        ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
+      }
+    }
+    usleep(random() % 40000);
+    ASSERT_EQ(0, kill(collector.pid(), SIGSTOP));
+    int status;
+    ASSERT_EQ(collector.pid(), waitpid(collector.pid(), &status, WUNTRACED));
+    long long offset = collector.ReadOffset(root.Kmsg());
+    ASSERT_GE(offset, 0);
+    mayBeLost.resize(static_cast<size_t>(next), false);
+    size_t lastRead = static_cast<size_t>(offset) > kReadSize
+                          ? unread.rfind('\n', static_cast<size_t>(offset) - kReadSize - 1) + 1
+                          : 0;
+    // The line the kill may have cut is fed again whole.
+    size_t keep = offset == 0 ? 0 : unread.rfind('\n', static_cast<size_t>(offset) - 1) + 1;
+    for (long n : Numbers(unread.substr(lastRead, keep - lastRead))) {
+      mayBeLost[static_cast<size_t>(n)] = true;
+    }
+    unread.erase(0, keep);
+    kill(collector.pid(), SIGKILL);
+    root.Replace(unread);
+  }
+  {
+    stresstest::Collector collector(root);
+    root.Append(Lines(next, next + 500));
+    next += 500;
+    ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
+    ASSERT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+  }
+  mayBeLost.resize(static_cast<size_t>(next), false);
+  std::vector<long> numbers = Numbers(root.Text(Factory()));
+  for (size_t i = 1; i < numbers.size(); ++i) {
+    ASSERT_LT(numbers[i - 1], numbers[i]) << "doubled or out of order at line " << numbers[i];
+  }
+  size_t at = 0;
+  for (long n = 0; n < next; ++n) {
+    bool found = at < numbers.size() && numbers[at] == n;
+    if (found) ++at;
+    ASSERT_TRUE(found || mayBeLost[static_cast<size_t>(n)]) << "line " << n << " lost";
+  }
+  EXPECT_EQ(numbers.size(), at);
+}
+
+INSTANTIATE_TEST_SUITE_P(WriteModes, CollectorStress, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return info.param ? "Factory" : "Mmap";
+                         });
+
+}  // namespace
