@@ -24,6 +24,8 @@ constexpr char kName[] = "stress";
 constexpr char kDir[] = "/data/log/stress";
 constexpr char kBase[] = "kmsg-log";
 constexpr char kMarker[] = "<6>kernel line ";
+// A factory set keeps at most 1000 / 5 archives.
+constexpr int kMostArchives = 200;
 
 inline std::string Line(long n) { return kMarker + std::to_string(n) + "\n"; }
 
@@ -56,6 +58,8 @@ class CollectorRoot {
   explicit CollectorRoot(const Settings& settings) {
     root_.MakeDirs("/proc");
     root_.MakeDirs("/data/log/ksv_log");
+    // Made here so a test can mount over it or plant links in it.
+    root_.MakeDirs(kDir);
     root_.MakeDirs("/system/etc");
     morvotest::WriteFile(
         root_.Under("/system/etc/tavocat_config.xml"),
@@ -95,9 +99,17 @@ class CollectorRoot {
     struct stat st;
     return stat(Kmsg().c_str(), &st) == 0 ? st.st_size : -1;
   }
-  // The collector has read all the stand-in holds.
+  // The collector has read all the stand-in holds; waits on as long as it
+  // makes progress, since a slow (sanitized) build needs more time.
   bool Consumed(const e2etest::CollectorProcess& collector) const {
-    return grouptest::WaitFor([&] { return collector.ReadOffset(Kmsg()) == KmsgSize(); });
+    for (long long seen = -2;;) {
+      if (grouptest::WaitFor([&] { return collector.ReadOffset(Kmsg()) == KmsgSize(); })) {
+        return true;
+      }
+      long long now = collector.ReadOffset(Kmsg());
+      if (now == seen) return false;
+      seen = now;
+    }
   }
 
   // What the mmap set holds, oldest file first.
@@ -114,12 +126,14 @@ class CollectorRoot {
   std::vector<std::string> Archives() const {
     std::vector<std::string> archives;
     std::string base = Dir() + "/" + kBase;
-    for (int k = 0; morvotest::Exists(base + "-" + std::to_string(k) + ".tar.gz"); ++k) {
-      archives.insert(archives.begin(), base + "-" + std::to_string(k) + ".tar.gz");
+    // An archive step that failed after shifting leaves "-0" free.
+    for (int k = 0; k < kMostArchives; ++k) {
+      std::string archive = base + "-" + std::to_string(k) + ".tar.gz";
+      if (morvotest::Exists(archive)) archives.insert(archives.begin(), archive);
     }
     return archives;
   }
-  // What the factory archives and files hold, oldest first.
+  // What the factory archives, work folder and files hold, oldest first.
   std::string FactoryText() const {
     std::string text;
     std::string base = Dir() + "/" + kBase;
@@ -128,6 +142,10 @@ class CollectorRoot {
         text += CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase + "." +
                               std::to_string(n) + "' 2>/dev/null");
       }
+    }
+    // Members an archive could not take wait in the work folder.
+    for (int n = 5; n >= 1; --n) {
+      text += morvotest::ReadFile(base + "_tmp/" + kBase + "." + std::to_string(n));
     }
     for (int n = 5; n >= 1; --n) text += morvotest::ReadFile(base + "." + std::to_string(n));
     return text + morvotest::ReadFile(base);
