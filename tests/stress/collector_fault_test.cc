@@ -3,7 +3,6 @@
 // point outside the log tree.
 
 #include <signal.h>
-#include <stdio.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
