@@ -17,6 +17,7 @@
 
 #include "collector/collector_process.h"
 #include "collector/group_support.h"
+#include "support/command_output.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -25,19 +26,8 @@ using e2etest::CollectorProcess;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
 
-std::string Shell(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
-  pclose(pipe);
-  return out;
-}
-
 std::string Unzipped(const std::string& dir, const std::string& base) {
-  return Shell("zcat " + dir + "/" + base + ".I*.gz 2>/dev/null");
+  return morvotest::CommandOutput("zcat " + dir + "/" + base + ".I*.gz 2>/dev/null");
 }
 
 bool Ended(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }

@@ -18,6 +18,7 @@
 
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"
+#include "support/command_output.h"
 #include "support/temp_root.h"
 
 namespace sinktest {
@@ -68,32 +69,21 @@ class TestSink : public Tavobase {
 };
 
 // Standard output of a shell command.
-inline std::string CommandOutput(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buffer[65536];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) out.append(buffer, n);
-  pclose(pipe);
-  return out;
-}
-
 inline std::string Quoted(const std::string& path) { return "'" + path + "'"; }
 
 // The text of a file of gzip members.
 inline std::string Unzipped(const std::string& path) {
-  return CommandOutput("zcat " + Quoted(path) + " 2>/dev/null");
+  return morvotest::CommandOutput("zcat " + Quoted(path) + " 2>/dev/null");
 }
 
 // One member of a tar.gz archive.
 inline std::string TarMember(const std::string& archive, const std::string& member) {
-  return CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) + " 2>/dev/null");
+  return morvotest::CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) + " 2>/dev/null");
 }
 
 inline std::vector<std::string> TarMembers(const std::string& archive) {
   std::vector<std::string> names;
-  std::string listing = CommandOutput("tar -tzf " + Quoted(archive) + " 2>/dev/null");
+  std::string listing = morvotest::CommandOutput("tar -tzf " + Quoted(archive) + " 2>/dev/null");
   size_t start = 0;
   for (size_t end; (end = listing.find('\n', start)) != std::string::npos; start = end + 1) {
     names.push_back(listing.substr(start, end - start));

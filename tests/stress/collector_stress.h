@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "collector/collector_process.h"
+#include "support/command_output.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
 #include "support/temp_root.h"
@@ -33,17 +34,6 @@ inline std::string Lines(long first, long end) {
   std::string text;
   for (long n = first; n < end; ++n) text += Line(n);
   return text;
-}
-
-inline std::string CommandOutput(const std::string& command) {
-  std::string out;
-  FILE* pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) return out;
-  char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
-  pclose(pipe);
-  return out;
 }
 
 struct Settings {
@@ -139,7 +129,7 @@ class CollectorRoot {
     std::string base = Dir() + "/" + kBase;
     for (const std::string& archive : Archives()) {
       for (int n = 5; n >= 1; --n) {
-        text += CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase + "." +
+        text += morvotest::CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase + "." +
                               std::to_string(n) + "' 2>/dev/null");
       }
     }
