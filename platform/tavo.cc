@@ -107,8 +107,9 @@ bool WriteAll(int fd, const unsigned char* data, size_t length) {
 
 // Creates path when absent; an existing file is kept as it is.
 bool CreateOutput(const char* path) {
-  // Non-blocking, so a FIFO put in the way cannot hang the writer.
-  int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0664);
+  // Non-blocking, so a FIFO put in the way cannot hang the writer; a link
+  // put in the way is never followed out of the log folder.
+  int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0664);
   if (fd < 0) return false;
   struct stat st;
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777) != 0664) {
@@ -190,7 +191,7 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   size_t length;
   const unsigned char* data = c->Pending(&length);
   if (length == 0) return true;
-  int fd = open(c->Path(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK);
+  int fd = open(c->Path(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
   if (fd < 0) return false;
   struct stat st;
   bool ok = fstat(fd, &st) == 0;

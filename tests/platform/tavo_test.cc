@@ -134,6 +134,19 @@ TEST_F(TavoTest, SetOutputPathFlushesIntoTheOldFileAndCreatesTheNewOne) {
   EXPECT_TRUE(CacheFiles(dir_).empty()) << "a clean end leaves no cache behind";
 }
 
+TEST_F(TavoTest, ALinkPlantedAtTheOutputIsNeverFollowed) {
+  std::string outside = root_.path() + "/outside";
+  ASSERT_EQ(0, symlink(outside.c_str(), File(0).c_str()));
+  auto t = NewTavo();
+  EXPECT_FALSE(t->SetOutputPath(File(0).c_str()));
+  std::string kept = Records(0, 10);
+  ASSERT_TRUE(t->Write(kept.data(), kept.size()));
+  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
+  t.reset();
+  EXPECT_FALSE(Exists(outside));
+  EXPECT_EQ(kept, ReadBack(File(1)));
+}
+
 TEST_F(TavoTest, DataWrittenBeforeTheFirstPathLandsFirstInTheFirstFile) {
   auto t = NewTavo();
   std::string early = Records(0, 3);
