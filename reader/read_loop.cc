@@ -139,7 +139,6 @@ void ReadLoop(android_logcat_context_internal* ctx, bool nonBlocking) {
   while (!StopRequested(ctx)) {
     int result = qd_logger_list_read(list, &msg);
     if (!CheckReadResult(ctx, result)) break;
-    msg.buf[result < QD_LOGGER_ENTRY_MAX_LEN ? result : QD_LOGGER_ENTRY_MAX_LEN] = '\0';
     if (!HandleRecord(ctx, &loop, &msg)) break;
   }
   if (batch != nullptr && !batch->Flush()) fprintf(stderr, "%s\n", "output error");
