@@ -30,13 +30,9 @@ int ParseConfigFileAt(const char* path, const char* name, TavocatInfoT* info) {
   // Only an absent file falls back to the built-in instances; a file that
   // exists but does not serve this name is a failure.
   if (access(path, F_OK) != 0) return ParseDefault(name, *info);
-  xmlDoc* doc = ReadConfigDocument(path);
-  if (doc == nullptr) return 1;
-  const xmlNode* root = xmlDocGetRootElement(doc);
-  int result = 1;
-  if (root != nullptr && ParseTavocatConfigs(root->children, name, info) == 0) result = 0;
-  xmlFreeDoc(doc);
-  return result;
+  ConfigDocument doc(path);
+  const xmlNode* root = doc.root();
+  return root != nullptr && ParseTavocatConfigs(root->children, name, info) == 0 ? 0 : 1;
 }
 
 int ParseTavocatConfigs(const xmlNode* first, const char* name, TavocatInfoT* info) {

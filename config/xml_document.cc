@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <libxml/parser.h>
 #include <libxml/xmlerror.h>
 
 #include <new>
@@ -79,40 +78,47 @@ char* ReadSmallFile(const char* path, size_t* size) {
 
 }  // namespace
 
-xmlDoc* ReadConfigDocument(const char* path) {
-  if (path == nullptr) return nullptr;
+ConfigDocument::ConfigDocument(const char* path) : doc_(nullptr) {
+  if (path == nullptr || !library_.loaded()) return;
   size_t size = 0;
   char* text = ReadSmallFile(path, &size);
-  if (text == nullptr) return nullptr;
-  xmlInitParser();
-  xmlDoc* doc = nullptr;
-  xmlParserCtxt* ctxt = xmlNewParserCtxt();
+  if (text == nullptr) return;
+  const XmlCalls& xml = Xml();
+  xml.initParser();
+  xmlParserCtxt* ctxt = xml.newParserCtxt();
   if (ctxt != nullptr) {
     ctxt->sax->serror = PrintDiagnostic;
     // No XML_PARSE_NOENT, DTDLOAD, DTDATTR, XINCLUDE or HUGE: only what the
     // file itself says is read, within libxml2's default depth and size limits.
-    doc = xmlCtxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr, XML_PARSE_NONET);
-    xmlFreeParserCtxt(ctxt);
+    doc_ = xml.ctxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr, XML_PARSE_NONET);
+    xml.freeParserCtxt(ctxt);
   }
   delete[] text;
-  return doc;
+}
+
+ConfigDocument::~ConfigDocument() {
+  if (doc_ != nullptr) Xml().freeDoc(doc_);
+}
+
+const xmlNode* ConfigDocument::root() const {
+  return doc_ != nullptr ? Xml().docGetRootElement(doc_) : nullptr;
 }
 
 XmlAttr::XmlAttr(const xmlNode* node, const char* name)
-    : value_(node != nullptr ? xmlGetProp(node, reinterpret_cast<const xmlChar*>(name))
+    : value_(node != nullptr ? Xml().getProp(node, reinterpret_cast<const xmlChar*>(name))
                              : nullptr) {}
 
 XmlAttr::~XmlAttr() {
-  if (value_ != nullptr) xmlFree(value_);
+  if (value_ != nullptr) (*Xml().freeMemory)(value_);
 }
 
 bool XmlAttr::Is(const char* text) const {
-  return value_ != nullptr && xmlStrcmp(value_, reinterpret_cast<const xmlChar*>(text)) == 0;
+  return value_ != nullptr && strcmp(get(), text) == 0;
 }
 
 bool IsElementNamed(const xmlNode* node, const char* name) {
   return node != nullptr && node->type == XML_ELEMENT_NODE &&
-         xmlStrcmp(node->name, reinterpret_cast<const xmlChar*>(name)) == 0;
+         strcmp(reinterpret_cast<const char*>(node->name), name) == 0;
 }
 
 }  // namespace TavoConfig

@@ -10,16 +10,33 @@
 
 #include <stddef.h>
 
+#include "config/xml_library.h"
+
 namespace TavoConfig {
 
 // Larger configuration files are refused rather than parsed.
 constexpr size_t kConfigFileMax = 1024 * 1024;
 
-// The parsed document (free it with xmlFreeDoc), or null when the file
-// cannot be read, is too large or is not well-formed.
-xmlDoc* ReadConfigDocument(const char* path);
+// The configuration file's parsed document; libxml2 stays loaded while it
+// lives.
+class ConfigDocument {
+ public:
+  explicit ConfigDocument(const char* path);
+  ~ConfigDocument();
+  ConfigDocument(const ConfigDocument&) = delete;
+  ConfigDocument& operator=(const ConfigDocument&) = delete;
 
-// An attribute's text, freed with the object; null when absent.
+  // The root element; null when the file cannot be read, is too large or is
+  // not well-formed.
+  const xmlNode* root() const;
+
+ private:
+  XmlLibrary library_;
+  xmlDoc* doc_;
+};
+
+// An attribute's text, freed with the object; null when absent. Needs a
+// loaded XmlLibrary.
 class XmlAttr {
  public:
   XmlAttr(const xmlNode* node, const char* name);

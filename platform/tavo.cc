@@ -29,12 +29,12 @@
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <mutex>
 #include <new>
 
+#include "platform/gzip_member.h"
 #include "platform/safe_string.h"
 #include "platform/tavo_cache.h"
 #include "platform/tavo_hook.h"
@@ -51,7 +51,6 @@ namespace {
 // record loop on a phone, so the cheapest level wins.
 constexpr int kLevel = 1;
 constexpr size_t kCacheCapacity = 1 << 20;
-constexpr size_t kOutChunk = 128 << 10;
 // Bytes accepted before the first SetOutputPath.
 constexpr size_t kEarlyLimit = 16 << 20;
 constexpr int kCacheSlots = 4;
@@ -94,17 +93,6 @@ bool CacheFileFor(const char* path, int slot, char* out, size_t size) {
   return true;
 }
 
-bool WriteAll(int fd, const unsigned char* data, size_t length) {
-  while (length > 0) {
-    ssize_t done = write(fd, data, length);
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
-    data += done;
-    length -= static_cast<size_t>(done);
-  }
-  return true;
-}
-
 // Creates path when absent; an existing file is kept as it is.
 bool CreateOutput(const char* path) {
   // Non-blocking, so a FIFO put in the way cannot hang the writer; a link
@@ -134,13 +122,8 @@ struct Tavo::Impl {
   unsigned char* early = nullptr;
   size_t earlyLen = 0;
   size_t earlyCap = 0;
-  z_stream zs = {};
-  bool zsReady = false;
-  unsigned char* out = nullptr;
 
   ~Impl();
-  bool Prepare();
-  bool AppendMember(int fd, const unsigned char* data, size_t length);
   bool FlushCache(TavoCache* c);
   bool WriteLocked(const unsigned char* data, size_t length);
   bool DrainEarly();
@@ -157,32 +140,6 @@ Tavo::Impl::~Impl() {
     delete cache;
   }
   free(early);
-  free(out);
-  if (zsReady) deflateEnd(&zs);
-}
-
-bool Tavo::Impl::Prepare() {
-  if (zsReady) return true;
-  if (out == nullptr) out = static_cast<unsigned char*>(malloc(kOutChunk));
-  if (out == nullptr) return false;
-  // Window bits 15 + 16: a gzip header and trailer around every member.
-  zsReady = deflateInit2(&zs, kLevel, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY) == Z_OK;
-  return zsReady;
-}
-
-bool Tavo::Impl::AppendMember(int fd, const unsigned char* data, size_t length) {
-  if (!Prepare() || deflateReset(&zs) != Z_OK) return false;
-  zs.next_in = const_cast<unsigned char*>(data);
-  zs.avail_in = static_cast<uInt>(length);
-  int rc = Z_OK;
-  while (rc != Z_STREAM_END) {
-    zs.next_out = out;
-    zs.avail_out = kOutChunk;
-    rc = deflate(&zs, Z_FINISH);
-    if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) return false;
-    if (!WriteAll(fd, out, kOutChunk - zs.avail_out)) return false;
-  }
-  return true;
 }
 
 // Appends what c holds to the file it belongs to. On failure the output is
@@ -207,7 +164,7 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   }
   if (ok) {
     c->BeginFlush(size);
-    ok = AppendMember(fd, data, length);
+    ok = platform::AppendGzipMember(fd, data, length, kLevel);
     if (ok) {
       RunHook(platform::TavoFlushStage::kAppended);
       c->CommitFlush();
@@ -345,8 +302,8 @@ Tavo::~Tavo() { delete impl_; }
 
 int Tavo::InitTavo() {
   if (impl_ == nullptr) return -1;
-  std::lock_guard<std::mutex> lock(impl_->mu);
-  return impl_->Prepare() ? 0 : -1;
+  // Nothing to set up ahead: the compressor exists only during a flush.
+  return 0;
 }
 
 bool Tavo::SetOutputPath(const char* path) {

@@ -9,6 +9,7 @@
 
 #include "config/config_test_support.h"
 #include "config/platform_check.h"
+#include "config/xml_library.h"
 
 namespace {
 
@@ -26,6 +27,8 @@ class PlatformTest : public ConfigTest {
     xmlFreeNode(element);
     return accepted;
   }
+
+  TavoConfig::XmlLibrary xml_;
 };
 
 TEST_F(PlatformTest, HardwareNameGivesThePlatformFirstTestWins) {
