@@ -14,7 +14,7 @@
 
 #include "collector/group_threads.h"
 #include "collector/tavocat.h"
-#include "config/config_parser.h"
+#include "config/parse_apart.h"
 #include "config/config_tree.h"
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
@@ -200,7 +200,7 @@ int TavocatMain(unsigned long kind, const char* name, int argc, char** argv) {
   TavocatInfoT info;
   memset_s(&info, sizeof(info), 0, sizeof(info));
   activeConfig = &info;
-  if (TavoConfig::ParseConfigFile(collectorName, &info) != 0) {
+  if (TavoConfig::ParseConfigFileApart(collectorName, &info) != 0) {
     fprintf(stderr, "Main:parse_config_file failed, exit!!\n");
     TavoConfig::FreeConfigFile(&info);
     return PauseForever();

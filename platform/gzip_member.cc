@@ -1,9 +1,9 @@
 #include "platform/gzip_member.h"
 
-#include <errno.h>
 #include <sys/mman.h>
-#include <unistd.h>
 #include <zlib.h>
+
+#include "platform/write_fully.h"
 
 namespace platform {
 
@@ -33,17 +33,6 @@ voidpf Carve(voidpf opaque, uInt items, uInt size) {
 
 void ReleaseNothing(voidpf, voidpf) {}
 
-bool WriteAll(int fd, const unsigned char* data, size_t length) {
-  while (length > 0) {
-    ssize_t done = write(fd, data, length);
-    if (done < 0 && errno == EINTR) continue;
-    if (done <= 0) return false;
-    data += done;
-    length -= static_cast<size_t>(done);
-  }
-  return true;
-}
-
 bool Deflate(z_stream* zs, int fd, unsigned char* out) {
   int rc = Z_OK;
   while (rc != Z_STREAM_END) {
@@ -51,7 +40,8 @@ bool Deflate(z_stream* zs, int fd, unsigned char* out) {
     zs->avail_out = kOutChunk;
     rc = deflate(zs, Z_FINISH);
     if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) return false;
-    if (!WriteAll(fd, out, kOutChunk - zs->avail_out)) return false;
+    size_t produced = kOutChunk - zs->avail_out;
+    if (WriteFully(fd, out, produced) != produced) return false;
   }
   return true;
 }

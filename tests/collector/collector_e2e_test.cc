@@ -155,6 +155,14 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
   setenv("PATH", savedPath.c_str(), 1);
   ASSERT_TRUE(Announced(collector)) << collector.Err();
+  // The file was parsed in a child: neither the XML parser nor what it
+  // pulls in was ever mapped into the resident process.
+  std::string maps = collector.Maps();
+  EXPECT_EQ(std::string::npos, maps.find("libxml2")) << maps;
+  EXPECT_EQ(std::string::npos, maps.find("libicu")) << maps;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  EXPECT_EQ(std::string::npos, maps.find("libstdc++")) << maps;
+#endif
   ASSERT_TRUE(KmsgConsumed(collector));
   ASSERT_TRUE(grouptest::WaitFor([&] {
     return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0;

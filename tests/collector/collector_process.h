@@ -56,6 +56,7 @@ class CollectorProcess {
   std::string Err() const { return morvotest::ReadFile(errPath_); }
   std::string Comm() const { return Trimmed(morvotest::ReadFile(Proc("comm"))); }
   std::string Cmdline() const { return morvotest::ReadFile(Proc("cmdline")); }
+  std::string Maps() const { return morvotest::ReadFile(Proc("maps")); }
 
   // The wait status once the process has ended by itself within the
   // helpers' deadline; -1 otherwise.
