@@ -2,7 +2,6 @@
 // has vanished, then rotates when the previous write ended a record and this
 // one would reach the size threshold.
 
-#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -13,6 +12,7 @@
 #include "collector/tavobase.h"
 #include "platform/safe_string.h"
 #include "platform/tavo.h"
+#include "platform/write_fully.h"
 
 namespace {
 
@@ -50,25 +50,18 @@ int Tavobase::FactoryWrite(const char* text, size_t length, bool endsRecord) {
   PrepareWrite(length, endsRecord);
   if (length == 0) return 0;
   if (logFd < 0) return 1;
-  size_t done = 0;
-  while (done < length) {
-    ssize_t n = write(logFd, text + done, length - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      fprintf(stderr, "%s: write fail\n", logFilePath.c_str());
-      // Take back the part that went in, so the refused record leaves no
-      // trace and a repeated one is not doubled.
-      struct stat st;
-      if (done > 0 && fstat(logFd, &st) == 0 && static_cast<size_t>(st.st_size) >= done) {
-        if (ftruncate(logFd, st.st_size - static_cast<off_t>(done)) == 0) curFileSize -= done;
-      }
-      FactoryClose();
-      return 1;
-    }
-    done += static_cast<size_t>(n);
-    curFileSize += static_cast<size_t>(n);
+  size_t done = platform::WriteFully(logFd, text, length);
+  curFileSize += done;
+  if (done == length) return 0;
+  fprintf(stderr, "%s: write fail\n", logFilePath.c_str());
+  // Take back the part that went in, so the refused record leaves no trace
+  // and a repeated one is not doubled.
+  struct stat st;
+  if (done > 0 && fstat(logFd, &st) == 0 && static_cast<size_t>(st.st_size) >= done) {
+    if (ftruncate(logFd, st.st_size - static_cast<off_t>(done)) == 0) curFileSize -= done;
   }
-  return 0;
+  FactoryClose();
+  return 1;
 }
 
 int Tavobase::WriteFormatted(const char* text, size_t width, bool endsRecord) {

@@ -10,6 +10,7 @@
 
 #include "platform/log_filter.h"
 #include "platform/log_line.h"
+#include "platform/write_fully.h"
 
 // "threadtime" is the only print format, so there is no format code to keep.
 struct QdLogFormat {
@@ -25,17 +26,7 @@ constexpr size_t kPrintBufferSize = 1024;
 
 // Writes all of text; the length or a negated errno.
 int WriteAll(int fd, const char* text, size_t length) {
-  size_t done = 0;
-  while (done < length) {
-    ssize_t n = write(fd, text + done, length - done);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -errno;
-    }
-    if (n == 0) return -EIO;
-    done += static_cast<size_t>(n);
-  }
-  return static_cast<int>(length);
+  return platform::WriteFully(fd, text, length) == length ? static_cast<int>(length) : -errno;
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 #include "reader/buffer_operations.h"
 
-#include <errno.h>
 #include <string.h>
 #include <unistd.h>
 
 #include "platform/safe_string.h"
+#include "platform/write_fully.h"
 #include "reader/output_file.h"
 
 namespace qdlogging {
@@ -65,8 +65,7 @@ void WriteSizeReport(android_logcat_context_internal* ctx, const char* name, lon
                      name, size, sizeSuffix, used, usedSuffix, QD_LOGGER_ENTRY_MAX_LEN,
                      QD_LOGGER_ENTRY_MAX_PAYLOAD);
   if (n <= 0) return;
-  while (write(ctx->output_fd, line, n) < 0 && errno == EINTR) {
-  }
+  platform::WriteFully(ctx->output_fd, line, static_cast<size_t>(n));
 }
 
 void OperateOn(android_logcat_context_internal* ctx, const RunOptions& opts, LogDevice* device,

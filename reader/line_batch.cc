@@ -1,9 +1,9 @@
 #include "reader/line_batch.h"
 
-#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
-#include <unistd.h>
+
+#include "platform/write_fully.h"
 
 namespace qdlogging {
 
@@ -24,29 +24,14 @@ long LineBatch::Add(QdLogFormat* format, const QdLogEntry& entry) {
 
 bool LineBatch::Append(const char* text, size_t length) {
   if (kSize - used_ < length && !Flush()) return false;
-  if (length > kSize) {
-    for (size_t done = 0; done < length;) {
-      ssize_t n = write(fd_, text + done, length - done);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      done += static_cast<size_t>(n);
-    }
-    return true;
-  }
+  if (length > kSize) return platform::WriteFully(fd_, text, length) == length;
   memcpy(buffer_ + used_, text, length);
   used_ += length;
   return true;
 }
 
 bool LineBatch::Flush() {
-  size_t done = 0;
-  while (done < used_) {
-    ssize_t n = write(fd_, buffer_ + done, used_ - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
-  bool ok = done == used_;
+  bool ok = platform::WriteFully(fd_, buffer_, used_) == used_;
   used_ = 0;
   return ok;
 }
