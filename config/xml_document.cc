@@ -78,38 +78,41 @@ char* ReadSmallFile(const char* path, size_t* size) {
 
 }  // namespace
 
-ConfigDocument::ConfigDocument(const char* path) : doc_(nullptr) {
-  if (path == nullptr || !library_.loaded()) return;
+ConfigDocument::ConfigDocument(const char* path) : xml_(nullptr), doc_(nullptr) {
+  if (path == nullptr) return;
   size_t size = 0;
   char* text = ReadSmallFile(path, &size);
   if (text == nullptr) return;
-  const XmlCalls& xml = Xml();
-  xml.initParser();
-  xmlParserCtxt* ctxt = xml.newParserCtxt();
+  xml_ = XmlLibrary();
+  xmlParserCtxt* ctxt = xml_ != nullptr ? xml_->newParserCtxt() : nullptr;
   if (ctxt != nullptr) {
     ctxt->sax->serror = PrintDiagnostic;
     // No XML_PARSE_NOENT, DTDLOAD, DTDATTR, XINCLUDE or HUGE: only what the
     // file itself says is read, within libxml2's default depth and size limits.
-    doc_ = xml.ctxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr, XML_PARSE_NONET);
-    xml.freeParserCtxt(ctxt);
+    doc_ = xml_->ctxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr,
+                                XML_PARSE_NONET);
+    xml_->freeParserCtxt(ctxt);
   }
   delete[] text;
 }
 
 ConfigDocument::~ConfigDocument() {
-  if (doc_ != nullptr) Xml().freeDoc(doc_);
+  if (doc_ != nullptr) xml_->freeDoc(doc_);
 }
 
 const xmlNode* ConfigDocument::root() const {
-  return doc_ != nullptr ? Xml().docGetRootElement(doc_) : nullptr;
+  return doc_ != nullptr ? xml_->docGetRootElement(doc_) : nullptr;
 }
 
+// Nodes come from a parsed document, so libxml2 is loaded by then.
 XmlAttr::XmlAttr(const xmlNode* node, const char* name)
-    : value_(node != nullptr ? Xml().getProp(node, reinterpret_cast<const xmlChar*>(name))
-                             : nullptr) {}
+    : xml_(XmlLibrary()),
+      value_(node != nullptr && xml_ != nullptr
+                 ? xml_->getProp(node, reinterpret_cast<const xmlChar*>(name))
+                 : nullptr) {}
 
 XmlAttr::~XmlAttr() {
-  if (value_ != nullptr) (*Xml().freeMemory)(value_);
+  if (value_ != nullptr) (*xml_->freeMemory)(value_);
 }
 
 bool XmlAttr::Is(const char* text) const {

@@ -17,8 +17,7 @@ namespace TavoConfig {
 // Larger configuration files are refused rather than parsed.
 constexpr size_t kConfigFileMax = 1024 * 1024;
 
-// The configuration file's parsed document; libxml2 stays loaded while it
-// lives.
+// The configuration file's parsed document.
 class ConfigDocument {
  public:
   explicit ConfigDocument(const char* path);
@@ -31,12 +30,11 @@ class ConfigDocument {
   const xmlNode* root() const;
 
  private:
-  XmlLibrary library_;
+  const XmlCalls* xml_;
   xmlDoc* doc_;
 };
 
-// An attribute's text, freed with the object; null when absent. Needs a
-// loaded XmlLibrary.
+// An attribute's text, freed with the object; null when absent.
 class XmlAttr {
  public:
   XmlAttr(const xmlNode* node, const char* name);
@@ -49,6 +47,7 @@ class XmlAttr {
   bool Is(const char* text) const;
 
  private:
+  const XmlCalls* xml_;
   xmlChar* value_;
 };
 

@@ -10,67 +10,41 @@ namespace {
 
 constexpr const char kLibraryName[] = "libxml2.so.2";
 
-pthread_mutex_t gLock = PTHREAD_MUTEX_INITIALIZER;
-int gHolders = 0;
-void* gHandle = nullptr;
-// The process had libxml2 before us (the host uses it too): its global
-// state is then not ours to clean up.
-bool gWasResident = false;
+pthread_once_t gOnce = PTHREAD_ONCE_INIT;
 XmlCalls gCalls;
+const XmlCalls* gLoaded = nullptr;
 
 template <typename Call>
-bool Resolve(const char* name, Call* call) {
-  *call = reinterpret_cast<Call>(dlsym(gHandle, name));
+bool Resolve(void* handle, const char* name, Call* call) {
+  *call = reinterpret_cast<Call>(dlsym(handle, name));
   return *call != nullptr;
 }
 
-bool ResolveAll() {
-  return Resolve("xmlInitParser", &gCalls.initParser) &&
-         Resolve("xmlNewParserCtxt", &gCalls.newParserCtxt) &&
-         Resolve("xmlCtxtReadMemory", &gCalls.ctxtReadMemory) &&
-         Resolve("xmlFreeParserCtxt", &gCalls.freeParserCtxt) &&
-         Resolve("xmlDocGetRootElement", &gCalls.docGetRootElement) &&
-         Resolve("xmlFreeDoc", &gCalls.freeDoc) && Resolve("xmlGetProp", &gCalls.getProp) &&
-         Resolve("xmlFree", &gCalls.freeMemory) &&
-         Resolve("xmlCleanupParser", &gCalls.cleanupParser);
-}
-
-bool Load() {
-  gHandle = dlopen(kLibraryName, RTLD_NOW | RTLD_NOLOAD);
-  gWasResident = gHandle != nullptr;
-  if (!gWasResident) gHandle = dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
-  if (gHandle != nullptr && ResolveAll()) return true;
+void Load() {
+  void* handle = dlopen(kLibraryName, RTLD_NOW | RTLD_LOCAL);
+  bool ok = handle != nullptr && Resolve(handle, "xmlInitParser", &gCalls.initParser) &&
+            Resolve(handle, "xmlNewParserCtxt", &gCalls.newParserCtxt) &&
+            Resolve(handle, "xmlCtxtReadMemory", &gCalls.ctxtReadMemory) &&
+            Resolve(handle, "xmlFreeParserCtxt", &gCalls.freeParserCtxt) &&
+            Resolve(handle, "xmlDocGetRootElement", &gCalls.docGetRootElement) &&
+            Resolve(handle, "xmlFreeDoc", &gCalls.freeDoc) &&
+            Resolve(handle, "xmlGetProp", &gCalls.getProp) &&
+            Resolve(handle, "xmlFree", &gCalls.freeMemory);
+  if (ok) {
+    gCalls.initParser();
+    gLoaded = &gCalls;
+    return;
+  }
   const char* why = dlerror();
   fprintf(stderr, "Cannot load %s: %s\n", kLibraryName, why != nullptr ? why : "symbol missing");
-  if (gHandle != nullptr) dlclose(gHandle);
-  gHandle = nullptr;
-  return false;
-}
-
-void Unload() {
-  if (!gWasResident) gCalls.cleanupParser();
-  dlclose(gHandle);
-  gHandle = nullptr;
+  if (handle != nullptr) dlclose(handle);
 }
 
 }  // namespace
 
-XmlLibrary::XmlLibrary() : loaded_(false) {
-  pthread_mutex_lock(&gLock);
-  if (gHolders > 0 || Load()) {
-    ++gHolders;
-    loaded_ = true;
-  }
-  pthread_mutex_unlock(&gLock);
+const XmlCalls* XmlLibrary() {
+  pthread_once(&gOnce, Load);
+  return gLoaded;
 }
-
-XmlLibrary::~XmlLibrary() {
-  if (!loaded_) return;
-  pthread_mutex_lock(&gLock);
-  if (--gHolders == 0) Unload();
-  pthread_mutex_unlock(&gLock);
-}
-
-const XmlCalls& Xml() { return gCalls; }
 
 }  // namespace TavoConfig

@@ -1,9 +1,11 @@
 #ifndef MORVOCAT_CONFIG_XML_LIBRARY_H_
 #define MORVOCAT_CONFIG_XML_LIBRARY_H_
 
-// libxml2 is loaded only while a configuration is read. Linked for good, it
-// and the ICU libraries it pulls in stayed mapped for the whole life of a
-// resident collector and were a third of its memory.
+// libxml2 is loaded when a configuration is first read rather than linked:
+// linked, it would be mapped into every host of the library, every log
+// reader included, with the ICU libraries and the shared C++ runtime it
+// pulls in. Once loaded it stays: ICU keeps caches that only its own
+// cleanup frees, and the host may use libxml2 itself.
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
@@ -20,27 +22,11 @@ struct XmlCalls {
   decltype(&::xmlFreeDoc) freeDoc;
   decltype(&::xmlGetProp) getProp;
   xmlFreeFunc* freeMemory;  // libxml2's own deallocator, a variable there
-  decltype(&::xmlCleanupParser) cleanupParser;
 };
 
-// Keeps libxml2 loaded while alive: the first holder loads it, the last one
-// unloads it. Holders may live on several threads.
-class XmlLibrary {
- public:
-  XmlLibrary();
-  ~XmlLibrary();
-  XmlLibrary(const XmlLibrary&) = delete;
-  XmlLibrary& operator=(const XmlLibrary&) = delete;
-
-  // libxml2 could be loaded; the failure was reported on standard error.
-  bool loaded() const { return loaded_; }
-
- private:
-  bool loaded_;
-};
-
-// The calls of the loaded library; use only while a loaded XmlLibrary lives.
-const XmlCalls& Xml();
+// The calls, libxml2 being loaded on the first call from any thread; null
+// when it cannot be loaded, which is reported once on standard error.
+const XmlCalls* XmlLibrary();
 
 }  // namespace TavoConfig
 

@@ -9,7 +9,6 @@
 
 #include "config/config_test_support.h"
 #include "config/platform_check.h"
-#include "config/xml_library.h"
 
 namespace {
 
@@ -27,8 +26,6 @@ class PlatformTest : public ConfigTest {
     xmlFreeNode(element);
     return accepted;
   }
-
-  TavoConfig::XmlLibrary xml_;
 };
 
 TEST_F(PlatformTest, HardwareNameGivesThePlatformFirstTestWins) {
