@@ -104,7 +104,6 @@ const xmlNode* ConfigDocument::root() const {
   return doc_ != nullptr ? xml_->docGetRootElement(doc_) : nullptr;
 }
 
-// Nodes come from a parsed document, so libxml2 is loaded by then.
 XmlAttr::XmlAttr(const xmlNode* node, const char* name)
     : xml_(XmlLibrary()),
       value_(node != nullptr && xml_ != nullptr

@@ -23,7 +23,6 @@
 
 #include "platform/tavo.h"
 
-#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
