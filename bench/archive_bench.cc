@@ -2,7 +2,7 @@
 // generated log text and prints each as a ratio:
 //   TarzipFiles on five 4 MiB files against `tar czf` (target: at most 1.05),
 //   Tavo write + flush against `gzip -1` (target: at least 0.8 of its speed),
-// and the deflate levels Tavo could use, in its 1 MiB members.
+// and the deflate levels Tavo could use, in its 512 KiB members.
 // Each side runs three times; the median counts.
 
 #include <ftw.h>
@@ -90,7 +90,7 @@ void Shell(const std::string& cmd) {
 
 // Speed and size of deflate at level on text, cut into members as Tavo does.
 void ReportLevel(const std::string& text, int level) {
-  constexpr size_t kMember = 1 << 20;
+  constexpr size_t kMember = 512 << 10;
   std::vector<unsigned char> out(compressBound(kMember) + 64);
   z_stream zs = {};
   deflateInit2(&zs, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY);

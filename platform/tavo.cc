@@ -42,14 +42,9 @@ using platform::TavoCache;
 
 namespace {
 
-// Chosen by measurement (bench/archive_bench, generated threadtime text in
-// 1 MiB members): level 1 ran at ~165 MB/s to 25.7% of the input, level 3 at
-// ~95 MB/s to 23.7%, level 6 at ~38 MB/s to 21.6%; gzip -1 itself ran at
-// 70-98 MB/s to 25.6%. Level 3 saves under a tenth of the space for ~75% more
-// time and level 6 falls far behind gzip -1; the writer sits in the reader's
-// record loop on a phone, so the cheapest level wins.
-constexpr int kLevel = 1;
-constexpr size_t kCacheCapacity = 1 << 20;
+// Half a MiB: the mapped cache counts in a resident collector's memory for
+// each busy group, and members of this size compress as well as larger ones.
+constexpr size_t kCacheCapacity = 512 << 10;
 // Bytes accepted before the first SetOutputPath.
 constexpr size_t kEarlyLimit = 16 << 20;
 constexpr int kCacheSlots = 4;
@@ -163,7 +158,7 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   }
   if (ok) {
     c->BeginFlush(size);
-    ok = platform::AppendGzipMember(fd, data, length, kLevel);
+    ok = platform::AppendGzipMember(fd, data, length);
     if (ok) {
       RunHook(platform::TavoFlushStage::kAppended);
       c->CommitFlush();
@@ -301,7 +296,8 @@ Tavo::~Tavo() { delete impl_; }
 
 int Tavo::InitTavo() {
   if (impl_ == nullptr) return -1;
-  // Nothing to set up ahead: the compressor exists only during a flush.
+  // Nothing to set up ahead: the process's compressor is made at the
+  // first flush.
   return 0;
 }
 

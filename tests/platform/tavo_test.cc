@@ -286,7 +286,7 @@ struct Unmount {
 TEST_F(TavoTest, AFullDiskFailsTheFlushAndTheDataGoesToTheNextFile) {
   std::string small = root_.path() + "/small";
   ASSERT_EQ(0, mkdir(small.c_str(), 0775));
-  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=1536k") != 0) {
+  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=768k") != 0) {
     GTEST_SKIP() << "cannot mount a small file system here";
   }
   Unmount unmount{small};
@@ -297,7 +297,7 @@ TEST_F(TavoTest, AFullDiskFailsTheFlushAndTheDataGoesToTheNextFile) {
   ASSERT_TRUE(t->Write(first.data(), first.size()));
   ASSERT_TRUE(t->Flush());
   // The cache holds its blocks already, so only the output runs out (ENOSPC).
-  std::string noise = RandomBytes(800 << 10, 4);
+  std::string noise = RandomBytes(400 << 10, 4);
   ASSERT_TRUE(t->Write(noise.data(), noise.size()));
   EXPECT_FALSE(t->Flush());
   EXPECT_EQ(first, ReadBack(out));
