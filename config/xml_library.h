@@ -4,8 +4,9 @@
 // libxml2 is loaded when a configuration is first read rather than linked:
 // linked, it would be mapped into every host of the library, every log
 // reader included, with the ICU libraries and the shared C++ runtime it
-// pulls in. Once loaded it stays: ICU keeps caches that only its own
-// cleanup frees, and the host may use libxml2 itself.
+// pulls in. Once loaded it stays: unloading it lost track of state that
+// libxml2 and ICU make lazily and their cleanup leaves (a leak check found
+// it), and the host may use libxml2 itself.
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
