@@ -6,24 +6,22 @@
 #include <unistd.h>
 
 #include "archive/tarzip.h"
+#include "filesets/file_name.h"
 
 namespace {
 
-constexpr int kMembers = 5;
+using archive::kFactoryArchiveMembers;
+
 constexpr mode_t kWorkDirMode = 0775;
 
-std::string ArchiveName(const std::string& path, int n) {
-  return path + "-" + std::to_string(n) + ".tar.gz";
-}
-
 std::string MemberName(const std::string& dir, const std::string& base, int n) {
-  return dir + "/" + base + "." + std::to_string(n);
+  return filesets::NumberedName(dir + "/" + base, n);
 }
 
 std::string BaseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
 
 bool HoldsMembers(const std::string& workDir, const std::string& base) {
-  for (int n = 1; n <= kMembers; ++n) {
+  for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
     if (access(MemberName(workDir, base, n).c_str(), F_OK) == 0) return true;
   }
   return false;
@@ -48,8 +46,8 @@ void CompressLogsFactory(const std::string& logFilePath, int32_t maxFiles) {
     if (HoldsMembers(workDir, base)) return;
     MakeWorkDir(workDir);
   }
-  for (int n = kMembers; n >= 1; --n) {
-    std::string from = logFilePath + "." + std::to_string(n);
+  for (int n = kFactoryArchiveMembers; n >= 1; --n) {
+    std::string from = filesets::NumberedName(logFilePath, n);
     if (rename(from.c_str(), MemberName(workDir, base, n).c_str()) != 0) {
       perror("while rename log files");
     }
@@ -61,21 +59,22 @@ void CompressRunFactory(const std::string& logFilePath, int32_t maxFiles,
                         const std::string& workDir) {
   if (workDir.empty()) return;
   for (int32_t k = maxFiles - 1; k >= 1; --k) {
-    if (rename(ArchiveName(logFilePath, k - 1).c_str(), ArchiveName(logFilePath, k).c_str()) != 0 &&
+    std::string from = filesets::ArchiveName(logFilePath, k - 1);
+    if (rename(from.c_str(), filesets::ArchiveName(logFilePath, k).c_str()) != 0 &&
         errno != ENOENT) {
       perror("while rename compressed files");
     }
   }
   if (logFilePath.find('/') == std::string::npos) return;
   const std::string base = BaseName(logFilePath);
-  std::string members[kMembers];
-  const char* paths[kMembers];
-  for (int n = 1; n <= kMembers; ++n) {
+  std::string members[kFactoryArchiveMembers];
+  const char* paths[kFactoryArchiveMembers];
+  for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
     members[n - 1] = MemberName(workDir, base, n);
     paths[n - 1] = members[n - 1].c_str();
   }
-  const std::string archive = ArchiveName(logFilePath, 0);
-  if (!TarzipFilesComplete(kMembers, paths, archive.c_str(), 0)) {
+  const std::string archive = filesets::ArchiveName(logFilePath, 0);
+  if (!TarzipFilesComplete(kFactoryArchiveMembers, paths, archive.c_str(), 0)) {
     // Keep the members for the next run to pack; a cut archive would only
     // hold part of them.
     fprintf(stderr, "compress [%s] failed, files kept in %s\n", archive.c_str(), workDir.c_str());

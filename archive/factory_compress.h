@@ -14,6 +14,9 @@
 
 namespace archive {
 
+// Numbered copies that make one archive.
+constexpr int kFactoryArchiveMembers = 5;
+
 // Moves P.1 to P.5 into the work directory and packs them. Members left in
 // the work directory by an interrupted or failed run are packed first; while
 // they cannot be, the numbered files stay where they are.

@@ -58,11 +58,7 @@ int DataSrcReader::WriteNodeText(char* data, size_t width, bool endsRecord) {
   if (length >= 2 && (data[length - 1] == '\r' || data[length - 1] == '\n')) {
     data[--length] = '\0';
   }
-  char text[kReadBufSize];
-  int padded = snprintf_s(text, sizeof(text), sizeof(text) - 1, "%-*s",
-                          static_cast<int>(width != 0 ? width : length), data);
-  if (padded < 0) return 1;
-  return LogcatWrite(text, static_cast<size_t>(padded), endsRecord);
+  return LogcatWriteFixLenBuffer(data, width, endsRecord);
 }
 
 bool DataSrcReader::FailureLimitReached() {

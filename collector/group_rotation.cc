@@ -12,18 +12,18 @@
 #include "archive/factory_compress.h"
 #include "collector/owner_change.h"
 #include "collector/tavobase.h"
+#include "filesets/file_name.h"
 
 namespace {
 
 // Numbered copies kept beside the factory file before they are archived.
-constexpr int kNumberedCopies = 5;
+constexpr int kNumberedCopies = archive::kFactoryArchiveMembers;
 constexpr mode_t kFactoryCreateMode = 0640;
-constexpr mode_t kFileMode = 0664;
 constexpr mode_t kDirMode = 0775;
 constexpr size_t kPathLimit = 254;
 
 std::string Numbered(const std::string& path, int n) {
-  return n == 0 ? path : path + "." + std::to_string(n);
+  return n == 0 ? path : filesets::NumberedName(path, n);
 }
 
 }  // namespace
@@ -105,7 +105,7 @@ void Tavobase::OpenLogFileFactory() {
     fprintf(stderr, "open file[%s] err\n", logFilePath.c_str());
     return;
   }
-  if (fchmod(logFd, kFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
+  if (fchmod(logFd, kLogFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
   ChownRootSystem(logFilePath.c_str(), "chown file[%s] err\n");
   openLogFilePost();
 }

@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <new>
 
+#include "archive/factory_compress.h"
 #include "collector/monitor_dir.h"
 #include "collector/owner_change.h"
+#include "filesets/file_name.h"
 #include "platform/tavo.h"
 
 using TavoCommon::FACTORY_WRITE;
@@ -19,11 +21,8 @@ using TavoCommon::MMAP_WRITE;
 namespace {
 
 constexpr size_t kDefaultMaxFiles = 10;
-constexpr size_t kMaxFilesCap = 1000;
-// A factory archive holds this many rotated files.
-constexpr size_t kFilesPerArchive = 5;
-constexpr mode_t kDirMode = 0775;
-constexpr mode_t kFileMode = 0664;
+constexpr size_t kMaxFilesCap = filesets::kIndexCount;
+constexpr size_t kFilesPerArchive = archive::kFactoryArchiveMembers;
 
 std::string PathOf(const TavoCommon::TavocatGroupT* group) {
   return group != nullptr && group->outputFilePath != nullptr ? group->outputFilePath : "";
@@ -134,11 +133,7 @@ int Tavobase::CreateBugreportsDir(const char* path) const {
     return 1;
   }
   std::string dir(path, static_cast<size_t>(slash - path));
-  if (MkdirP(dir.c_str(), kDirMode) == 1) {
-    fprintf(stderr, "MkdirP dir[%s] err\n", dir.c_str());
-  } else if (chmod(dir.c_str(), kDirMode) != 0) {
-    fprintf(stderr, "chmod dir[%s] err\n", dir.c_str());
-  }
+  CreateDir(dir.c_str());
   ChownRootSystem(dir.c_str(), "chown [%s] err\n");
   return 0;
 }
@@ -156,14 +151,14 @@ void Tavobase::OpenLogFile() {
     if (!tavoWriter->SetOutputPath(logFilePath.c_str())) {
       fprintf(stderr, "error while set mmap output path\n");
     }
-    logFd = open(logFilePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kFileMode);
+    logFd = open(logFilePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kLogFileMode);
   }
   curFileSize = 0;
   if (logFd == -1) {
     fprintf(stderr, "open or mmap file[%s] err \n", logFilePath.c_str());
     return;
   }
-  if (fchmod(logFd, kFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
+  if (fchmod(logFd, kLogFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
   ChownRootSystem(logFilePath.c_str(), "chown [%s] err\n");
   RefreshSymlink();
   close(logFd);

@@ -13,6 +13,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 
@@ -95,6 +96,8 @@ class Tavobase : public FileSet {
   bool recordEnded = true;
 
  private:
+  static constexpr mode_t kLogFileMode = 0664;
+
   // Steps 2 to 4 of every write: rebuild a vanished file, rotate where a
   // record ended, remember whether this one does.
   void PrepareWrite(size_t length, bool endsRecord);

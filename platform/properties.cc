@@ -13,6 +13,7 @@
 
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
+#include "platform/write_fully.h"
 
 namespace {
 
@@ -72,16 +73,6 @@ bool MakeParentDir(const char* path) {
   return true;
 }
 
-bool WriteWhole(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n <= 0) return false;
-    done += n;
-  }
-  return true;
-}
-
 }  // namespace
 
 extern "C" {
@@ -135,7 +126,8 @@ int property_set(const char* key, const char* value) {
       text.append(line);
       int fd = open(tmpPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664);
       if (fd >= 0) {
-        bool ok = WriteWhole(fd, text) && fsync(fd) == 0;
+        bool ok = platform::WriteFully(fd, text.data(), text.size()) == text.size() &&
+                  fsync(fd) == 0;
         close(fd);
         if (ok && rename(tmpPath, path) == 0) result = 0;
         else unlink(tmpPath);

