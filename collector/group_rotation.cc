@@ -29,12 +29,7 @@ std::string Numbered(const std::string& path, int n) {
 }  // namespace
 
 int Tavobase::ChooseFileName() {
-  uint32_t index = GetNewLogFileIndex(fileVec);
-  std::string name;
-  if (!MakeLogFileName(index, &name)) return 1;
-  logFilePath = name;
-  fileVec.push_back(std::move(name));
-  return 0;
+  return AddNewFile(GetNewLogFileIndex(fileVec), &logFilePath) ? 0 : 1;
 }
 
 void Tavobase::RefreshSymlink() const {

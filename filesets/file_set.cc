@@ -256,3 +256,11 @@ bool FileSet::MakeLogFileName(uint32_t index, std::string* name) const {
   *name = outputFilePath + tag + GetTimeStamp() + ".gz";
   return true;
 }
+
+bool FileSet::AddNewFile(uint32_t index, std::string* path) {
+  std::string name;
+  if (!MakeLogFileName(index, &name)) return false;
+  *path = name;
+  fileVec.push_back(std::move(name));
+  return true;
+}

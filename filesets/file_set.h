@@ -90,6 +90,9 @@ class FileSet {
 
   // The set name for index opened now; false when it cannot be formatted.
   bool MakeLogFileName(uint32_t index, std::string* name) const;
+  // Names the file for index, appends it to the set and gives its name in
+  // *path; false when the name cannot be formatted.
+  bool AddNewFile(uint32_t index, std::string* path);
 
   std::string outputFilePath;
   std::vector<std::string> fileVec;

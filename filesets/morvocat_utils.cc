@@ -67,10 +67,7 @@ int MorvocatUtils::GetNewLogFileName() {
     logFilePath = fileVec.back();
     return tavoWriter->SetOutputPath(logFilePath.c_str()) ? 0 : 1;
   }
-  std::string name;
-  if (!MakeLogFileName(index, &name)) return 1;
-  logFilePath = name;
-  fileVec.push_back(std::move(name));
+  if (!AddNewFile(index, &logFilePath)) return 1;
   if (!tavoWriter->SetOutputPath(logFilePath.c_str())) return 1;
   if (chmod(logFilePath.c_str(), kLogFileMode) != 0) {
     fprintf(stderr, "chmod file[%s] err %s:\n", logFilePath.c_str(), strerror(errno));
