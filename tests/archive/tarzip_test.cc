@@ -10,7 +10,6 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <random>
 #include <set>
 #include <string>
 #include <vector>
@@ -18,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "support/gzip_text.h"
+#include "support/random_bytes.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -254,10 +254,7 @@ TEST_F(TarzipTest, AnArchiveThatCannotBeWrittenIsReportedIncomplete) {
 }
 
 TEST_F(TarzipTest, AWriteFailureMakesTheArchiveIncomplete) {
-  std::mt19937 rng(5);
-  std::string noise(400000, '\0');
-  for (auto& c : noise) c = static_cast<char>(rng());
-  WriteFile(Path("noise"), noise);
+  WriteFile(Path("noise"), morvotest::RandomBytes(400000, 5));
   struct rlimit saved, small;
   ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
   small = saved;

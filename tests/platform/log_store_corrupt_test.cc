@@ -16,12 +16,14 @@
 #include <gtest/gtest.h>
 
 #include "platform/logger.h"
+#include "support/random_bytes.h"
 #include "support/temp_root.h"
 #include "tests/platform/log_store_support.h"
 
 namespace {
 
 using morvotest::OpenList;
+using morvotest::RandomBytes;
 using morvotest::ReadAll;
 using morvotest::Record;
 
@@ -29,13 +31,6 @@ constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
 
 std::string RingPath(const morvotest::TempRoot& root, const char* name) {
   return root.Under(std::string(MORVO_LOG_STORE_DIR "/") + name);
-}
-
-std::string RandomBytes(size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& c : bytes) c = static_cast<char>(random());
-  return bytes;
 }
 
 // Replaces the bytes at offset of the file at path.

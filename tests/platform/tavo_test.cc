@@ -5,7 +5,6 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,7 +13,6 @@
 
 #include <atomic>
 #include <memory>
-#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -24,11 +22,14 @@
 
 #include "platform/tavo_hook.h"
 #include "support/gzip_text.h"
+#include "support/random_bytes.h"
+#include "support/small_fs.h"
 #include "support/temp_root.h"
 
 namespace {
 
 using morvotest::Exists;
+using morvotest::RandomBytes;
 using morvotest::TempRoot;
 using morvotest::Zcat;
 
@@ -64,13 +65,6 @@ std::vector<int> Numbers(const std::string& text) {
     pos = nl + 1;
   }
   return out;
-}
-
-std::string RandomBytes(size_t n, unsigned seed) {
-  std::mt19937 rng(seed);
-  std::string s(n, '\0');
-  for (auto& c : s) c = static_cast<char>(rng());
-  return s;
 }
 
 std::set<std::string> CacheFiles(const std::string& dir) {
@@ -302,19 +296,11 @@ TEST_F(TavoTest, AFailedWriteOfTheOutputLeavesItValidAndKeepsTheDataForTheNextFl
   EXPECT_TRUE(ReadBack(File(0)) == first + noise);
 }
 
-// Unmounts the small file system even when an assertion ends the test.
-struct Unmount {
-  std::string dir;
-  ~Unmount() { umount2(dir.c_str(), MNT_DETACH); }
-};
-
 TEST_F(TavoTest, AFullDiskFailsTheFlushAndTheDataGoesToTheNextFile) {
   std::string small = root_.path() + "/small";
   ASSERT_EQ(0, mkdir(small.c_str(), 0775));
-  if (mount("tmpfs", small.c_str(), "tmpfs", 0, "size=768k") != 0) {
-    GTEST_SKIP() << "cannot mount a small file system here";
-  }
-  Unmount unmount{small};
+  morvotest::SmallFs fs(small, 768);
+  if (!fs.mounted()) GTEST_SKIP() << "cannot mount a small file system here";
   std::string out = small + "/x.I000.20261123-090000.gz";
   auto t = NewTavo();
   ASSERT_TRUE(t->SetOutputPath(out.c_str()));
@@ -416,15 +402,20 @@ TEST_F(TavoTest, AWriterKilledInsideAFlushIsRecoveredExactlyOnce) {
   }
 }
 
-TEST_F(TavoTest, ARestartedWriterPutsTheDeadOnesDataIntoTheFileItWasMeantFor) {
+// A writer in a child process that writes text to path and dies with it in
+// its cache.
+void KillAfterWriting(const std::string& path, const std::string& text) {
   RunKilled([&] {
     Tavo t;
     t.InitTavo();
-    std::string r = Records(0, 30);
-    t.SetOutputPath(File(0).c_str());
-    t.Write(r.data(), r.size());
+    t.SetOutputPath(path.c_str());
+    t.Write(text.data(), text.size());
     raise(SIGKILL);
   });
+}
+
+TEST_F(TavoTest, ARestartedWriterPutsTheDeadOnesDataIntoTheFileItWasMeantFor) {
+  KillAfterWriting(File(0), Records(0, 30));
   auto t = NewTavo();
   ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));  // the set's next file
   EXPECT_EQ(Records(0, 30), ReadBack(File(0)));
@@ -435,14 +426,7 @@ TEST_F(TavoTest, ARestartedWriterPutsTheDeadOnesDataIntoTheFileItWasMeantFor) {
 }
 
 TEST_F(TavoTest, ADeadWritersDataWhoseFileIsGoneGoesToTheNewFile) {
-  RunKilled([&] {
-    Tavo t;
-    t.InitTavo();
-    std::string r = Records(0, 30);
-    t.SetOutputPath(File(0).c_str());
-    t.Write(r.data(), r.size());
-    raise(SIGKILL);
-  });
+  KillAfterWriting(File(0), Records(0, 30));
   ASSERT_EQ(0, unlink(File(0).c_str()));
   auto t = NewTavo();
   std::string more = Records(30, 40);

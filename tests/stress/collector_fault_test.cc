@@ -17,18 +17,11 @@
 
 namespace {
 
+using morvotest::Holds;
 using stresstest::CollectorRoot;
 using stresstest::Lines;
+using stresstest::EndedBySigusr;
 using stresstest::Numbers;
-
-bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
-
-bool Holds(const std::vector<long>& sorted, long first, long end) {
-  for (long n = first; n < end; ++n) {
-    if (!std::binary_search(sorted.begin(), sorted.end(), n)) return false;
-  }
-  return true;
-}
 
 class CollectorFault : public ::testing::TestWithParam<bool> {
  protected:

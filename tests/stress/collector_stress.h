@@ -8,6 +8,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
@@ -173,6 +174,9 @@ class Collector : private SearchPathFirst, public e2etest::CollectorProcess {
 inline std::vector<long> Numbers(const std::string& text) {
   return morvotest::Sequence(text, kMarker);
 }
+
+// The collector's end on SIGUSR2.
+inline bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
 
 }  // namespace stresstest
 

@@ -22,7 +22,7 @@ using stresstest::Numbers;
 
 constexpr size_t kReadSize = DataSrcReader::kReadBufSize;
 
-bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
+using stresstest::EndedBySigusr;
 
 class CollectorStress : public ::testing::TestWithParam<bool> {
  protected:

@@ -17,6 +17,7 @@
 
 namespace {
 
+using morvotest::Holds;
 using morvotest::RunCommand;
 
 class ReaderFault : public ::testing::Test {
@@ -51,15 +52,6 @@ class ReaderFault : public ::testing::Test {
   }
   morvotest::TempRoot root_;
 };
-
-bool Holds(const std::vector<long>& numbers, long first, long end) {
-  size_t at = 0;
-  for (long n = first; n < end; ++n) {
-    while (at < numbers.size() && numbers[at] < n) ++at;
-    if (at == numbers.size() || numbers[at] != n) return false;
-  }
-  return true;
-}
 
 // What is dumped while the file system is full may be lost; the run must
 // go through, leave no torn file, and what comes after the space returns

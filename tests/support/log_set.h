@@ -54,6 +54,15 @@ inline std::vector<long> Sequence(const std::string& text, const std::string& ma
   return numbers;
 }
 
+// Every number from first up to end (not included) is among numbers.
+inline bool Holds(std::vector<long> numbers, long first, long end) {
+  std::sort(numbers.begin(), numbers.end());
+  for (long n = first; n < end; ++n) {
+    if (!std::binary_search(numbers.begin(), numbers.end(), n)) return false;
+  }
+  return true;
+}
+
 }  // namespace morvotest
 
 #endif  // MORVOCAT_TESTS_SUPPORT_LOG_SET_H_
