@@ -17,6 +17,7 @@
 #include <new>
 
 #include "collector/event_labels.h"
+#include "collector/inotify_records.h"
 #include "collector/wait_point.h"
 #include "platform/safe_string.h"
 
@@ -28,7 +29,6 @@ constexpr size_t kPathSize = 4096;
 constexpr size_t kDeviceNameSize = 80;
 constexpr size_t kPickCompareLength = 11;
 constexpr size_t kNotifyBufSize = 512;
-constexpr size_t kNotifyHeaderSize = 16;
 constexpr int kEvKey = 1;
 constexpr int kKeyPower = 116;
 const char kCurrentDir[] = ".";
@@ -202,7 +202,7 @@ int InputMonitor::MonitorCloseDevice(const char* path) {
 int InputMonitor::MonitorReadNotify(const char* dir, int fd, const TavocatStrListT* picks) {
   char events[kNotifyBufSize] = {0};
   ssize_t length = read(fd, events, sizeof(events));
-  if (length < static_cast<ssize_t>(kNotifyHeaderSize)) {
+  if (length < static_cast<ssize_t>(sizeof(inotify_event))) {
     if (length < 0 && errno == EINTR) return 0;
     fprintf(stderr, "could not get event\n");
     return 1;
@@ -213,22 +213,17 @@ int InputMonitor::MonitorReadNotify(const char* dir, int fd, const TavocatStrLis
     return 1;
   }
   size_t prefixLength = strlen(path);
-  for (size_t pos = 0; length - pos >= kNotifyHeaderSize;) {
-    inotify_event header;
-    memcpy(&header, events + pos, kNotifyHeaderSize);
-    const char* name = events + pos + kNotifyHeaderSize;
-    pos += kNotifyHeaderSize + header.len;
-    if (header.len == 0) continue;
+  auto handle = [&](const inotify_event& header, const char* name) {
+    if (header.len == 0) return;
     if (strcpy_s(path + prefixLength, sizeof(path) - prefixLength, name) != 0) {
       fprintf(stderr, "get event name error\n");
-      continue;
-    }
-    if ((header.mask & IN_CREATE) != 0) {
+    } else if ((header.mask & IN_CREATE) != 0) {
       MonitorOpenDevice(path, picks);
     } else {
       MonitorCloseDevice(path);
     }
-  }
+  };
+  ForEachInotifyRecord(events, static_cast<size_t>(length), handle);
   return 0;
 }
 

@@ -12,6 +12,7 @@
 
 #include <new>
 
+#include "collector/inotify_records.h"
 #include "collector/tavobase.h"
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
@@ -21,8 +22,6 @@ namespace {
 constexpr const char kKsvLogDir[] = "/data/log/ksv_log";
 constexpr uint32_t kWatchMask = IN_OPEN | IN_ISDIR;
 constexpr size_t kEventBufferSize = 1024;
-// An inotify record's header: descriptor, mask, cookie, name length.
-constexpr size_t kEventHeader = 16;
 
 }  // namespace
 
@@ -114,16 +113,13 @@ void MonitorDir::Watch(int notifyFd) {
 }
 
 int MonitorDir::HandleEvents(const char* events, ssize_t n) {
-  if (logBase == nullptr || events == nullptr) return 0;
+  if (logBase == nullptr || events == nullptr || n <= 0) return 0;
   int flushes = 0;
-  for (ssize_t at = 0; at + static_cast<ssize_t>(kEventHeader) <= n;) {
-    struct inotify_event header;
-    memcpy(&header, events + at, kEventHeader);
-    if ((header.mask & IN_ISDIR) != 0) {
-      logBase->LogcatClose();
-      ++flushes;
-    }
-    at += static_cast<ssize_t>(kEventHeader + header.len);
-  }
+  auto flush = [&](const inotify_event& header, const char*) {
+    if ((header.mask & IN_ISDIR) == 0) return;
+    logBase->LogcatClose();
+    ++flushes;
+  };
+  ForEachInotifyRecord(events, static_cast<size_t>(n), flush);
   return flushes;
 }

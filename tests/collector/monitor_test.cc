@@ -116,6 +116,10 @@ TEST_F(MonitorTest, EachDirectoryRecordOfOneReadFlushesOnce) {
   EXPECT_EQ(monitor.HandleEvents(bare.data(), static_cast<ssize_t>(bare.size())), 3);
   std::string files = Events({IN_OPEN, IN_OPEN}, 32);
   EXPECT_EQ(monitor.HandleEvents(files.data(), static_cast<ssize_t>(files.size())), 0);
+  // A record whose name would run past the bytes read is not taken.
+  std::string cut = Events({IN_OPEN | IN_ISDIR, IN_OPEN | IN_ISDIR}, 16);
+  cut.resize(cut.size() - 1);
+  EXPECT_EQ(monitor.HandleEvents(cut.data(), static_cast<ssize_t>(cut.size())), 1);
 }
 
 TEST_F(MonitorTest, DestroyingTheGroupStopsItsMonitor) {
