@@ -1,0 +1,114 @@
+#include "platform/safe_file.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace platform {
+namespace {
+
+constexpr int kAllowedFlags = O_WRONLY | O_RDWR | O_CREAT | O_EXCL | O_APPEND | O_TRUNC;
+
+struct Owner {
+  bool found = false;
+  uid_t uid = 0;
+  gid_t gid = 0;
+};
+
+// Looked up once: NSS may load modules and read files, which no rotation
+// should repeat.
+Owner LookUpRootSystem() {
+  Owner owner;
+  struct group entry;
+  struct group* result = nullptr;
+  char buffer[4096];
+  if (getgrnam_r("system", &entry, buffer, sizeof(buffer), &result) == 0 && result != nullptr) {
+    owner.found = true;
+    owner.gid = result->gr_gid;
+  } else {
+    fprintf(stderr, "group system not found: log files keep their group\n");
+  }
+  return owner;
+}
+
+Owner LookUpSystemUser() {
+  Owner owner;
+  struct passwd entry;
+  struct passwd* result = nullptr;
+  char buffer[4096];
+  if (getpwnam_r("system", &entry, buffer, sizeof(buffer), &result) == 0 && result != nullptr) {
+    owner = {true, result->pw_uid, result->pw_gid};
+  }
+  return owner;
+}
+
+int Close(int fd, int rc) {
+  close(fd);
+  return rc;
+}
+
+}  // namespace
+
+bool SplitPath(const char* path, std::string* folder, std::string* name) {
+  const char* slash = path != nullptr ? strrchr(path, '/') : nullptr;
+  if (slash == nullptr || slash[1] == '\0') return false;
+  // "/name" lives in the root folder.
+  folder->assign(path, slash == path ? 1 : static_cast<size_t>(slash - path));
+  name->assign(slash + 1);
+  return true;
+}
+
+int OpenFolder(const char* folder) {
+  int fd = open(folder, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  return fd >= 0 ? fd : -errno;
+}
+
+int MakeFolder(const char* folder, mode_t mode, bool* created) {
+  *created = mkdir(folder, mode) == 0;
+  if (!*created && errno != EEXIST) return -errno;
+  return OpenFolder(folder);
+}
+
+int OpenFileAt(int dirFd, const char* name, int flags, mode_t mode) {
+  if ((flags & ~kAllowedFlags) != 0 || (flags & (O_WRONLY | O_RDWR)) == 0) return -EINVAL;
+  // Non-blocking so that a FIFO put in the way can neither hang the open
+  // nor be written; no controlling terminal from a device put there.
+  int fd = openat(dirFd, name, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+  if (fd < 0) return -errno;
+  struct stat st;
+  if (fstat(fd, &st) != 0) return Close(fd, -errno);
+  if (!S_ISREG(st.st_mode)) return Close(fd, -EINVAL);
+  if (st.st_nlink > 1) return Close(fd, -EMLINK);
+  int fl = fcntl(fd, F_GETFL);
+  if (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0) return Close(fd, -errno);
+  return fd;
+}
+
+int OpenFile(const char* path, int flags, mode_t mode) {
+  std::string folder;
+  std::string name;
+  if (!SplitPath(path, &folder, &name)) return -EINVAL;
+  int dirFd = OpenFolder(folder.c_str());
+  if (dirFd < 0) return dirFd;
+  int fd = OpenFileAt(dirFd, name.c_str(), flags, mode);
+  close(dirFd);
+  return fd;
+}
+
+int GiveToRootSystem(int fd) {
+  static const Owner owner = LookUpRootSystem();
+  return fchown(fd, 0, owner.found ? owner.gid : static_cast<gid_t>(-1)) == 0 ? 0 : -errno;
+}
+
+int GiveToSystemUser(int fd) {
+  static const Owner owner = LookUpSystemUser();
+  if (!owner.found) return 0;
+  return fchown(fd, owner.uid, owner.gid) == 0 ? 0 : -errno;
+}
+
+}  // namespace platform
