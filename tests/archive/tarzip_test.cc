@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/random_bytes.h"
 #include "support/temp_root.h"
@@ -226,6 +227,8 @@ TEST_F(TarzipTest, ContentFollowsTheSizeGivenWhateverTheFileHolds) {
   WriteZipContent(gz, Path("f").c_str(), 4);     // grew since: cut
   WriteZipContent(gz, Path("f").c_str(), 600);   // shrank since: filled out
   WriteZipContent(gz, Path("gone").c_str(), 600);  // unopenable: nothing
+  ASSERT_EQ(0, symlink(Path("f").c_str(), Path("link").c_str()));
+  WriteZipContent(gz, Path("link").c_str(), 600);  // a link is not read through
   gzclose(gz);
   std::string tar = morvotest::Gunzip(archive_);
   ASSERT_EQ(3 * kBlock, tar.size());
@@ -265,6 +268,8 @@ TEST_F(TarzipTest, AWriteFailureMakesTheArchiveIncomplete) {
   setrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, old);
   EXPECT_FALSE(complete);
+  // The cut archive never took the name, and its temporary is gone.
+  EXPECT_EQ(std::vector<std::string>{"noise"}, morvotest::Entries(root_.path()));
   EXPECT_TRUE(Pack({Path("noise")}));
 }
 
@@ -278,6 +283,25 @@ TEST_F(TarzipTest, AFileTooLargeForTheSizeFieldKeepsTheArchiveConsistentButIncom
   std::vector<Header> m = Members(morvotest::Gunzip(archive_));
   ASSERT_EQ(1u, m.size());
   EXPECT_EQ(512u, m[0].size);
+}
+
+// Whatever sits at the archive's name is replaced, never written through.
+TEST_F(TarzipTest, ALinkAtTheArchiveNameIsReplacedAndItsTargetKept) {
+  std::string content = MakeFile("member", 700);
+  for (bool hard : {false, true}) {
+    SCOPED_TRACE(hard ? "hard link" : "symbolic link");
+    std::string victim = Path("victim");
+    WriteFile(victim, "precious\n");
+    ASSERT_EQ(0, hard ? link(victim.c_str(), archive_.c_str())
+                      : symlink(victim.c_str(), archive_.c_str()));
+    ASSERT_TRUE(Pack({Path("member")}));
+    EXPECT_EQ("precious\n", ReadFile(victim));
+    EXPECT_TRUE(S_ISREG(morvotest::NodeAt(archive_).mode));
+    EXPECT_EQ(std::set<std::string>{"member"}, TarNames(archive_));
+    EXPECT_EQ((std::vector<std::string>{"member", "out.tar.gz", "victim"}),
+              morvotest::Entries(root_.path()));
+    ASSERT_EQ(0, unlink(archive_.c_str()));
+  }
 }
 
 }  // namespace

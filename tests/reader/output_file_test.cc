@@ -1,8 +1,12 @@
 // -f through the rotating writer: indexed .gz files that hold every record
-// once, rotation by size, and recovery of what a killed run had accepted.
+// once, rotation by size, recovery of what a killed run had accepted, and
+// the paths and folders a run as root must refuse rather than damage.
 
 #include <signal.h>
 #include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,12 +18,14 @@
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
 #include "reader/run_capture.h"
+#include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
 #include "support/temp_root.h"
 
 namespace {
 
+using morvotest::NodeAt;
 using morvotest::RunCommand;
 using morvotest::Sequence;
 using morvotest::SetFiles;
@@ -166,6 +172,116 @@ TEST_F(OutputFileTest, KilledRunLosesNothingItHadAccepted) {
   for (const std::string& f : SetFiles(Dir(), "k")) all += morvotest::Zcat(f);
   ExpectWholeSequence(Sequence(all), kRecords);
   EXPECT_NE(std::string::npos, all.find("after the restart"));
+}
+
+// Things that are no regular file, planted at the output path; false when
+// this machine does not let them be made.
+struct Plant {
+  const char* what;
+  bool (*make)(const std::string& path, const std::string& victim);
+};
+
+const Plant kPlants[] = {
+    {"fifo", [](const std::string& p, const std::string&) { return mkfifo(p.c_str(), 0666) == 0; }},
+    // The null device's numbers: what "-f /dev/null" would meet.
+    {"device", [](const std::string& p, const std::string&) {
+       return mknod(p.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
+     }},
+    {"link", [](const std::string& p, const std::string& v) {
+       return symlink(v.c_str(), p.c_str()) == 0;
+     }},
+    {"folder", [](const std::string& p, const std::string&) { return mkdir(p.c_str(), 0755) == 0; }},
+};
+
+TEST_F(OutputFileTest, AnOutputPathThatIsNoRegularFileIsRefusedAndLeftAlone) {
+  std::string victim = root_.Under("/victim");
+  morvotest::WriteFile(victim, "precious\n");
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 0");
+  for (const Plant& plant : kPlants) {
+    SCOPED_TRACE(plant.what);
+    std::string folder = Dir() + "/" + plant.what;
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0750));
+    std::string path = folder + "/p";
+    if (!plant.make(path, victim)) {
+      printf("no %s here (%s): row skipped\n", plant.what, strerror(errno));
+      continue;
+    }
+    morvotest::Node before = NodeAt(path), folderBefore = NodeAt(folder);
+    morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", path});
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find("logFile [" + path + "] is not a regular file.\n"))
+        << r.err;
+    EXPECT_EQ(1, RunCommand({"-c", "-b", "morvo_main", "-f", path}).status);
+    EXPECT_TRUE(before == NodeAt(path));
+    EXPECT_TRUE(folderBefore == NodeAt(folder));
+    EXPECT_EQ(std::vector<std::string>{"p"}, morvotest::Entries(folder));
+    EXPECT_EQ("precious\n", morvotest::ReadFile(victim));
+  }
+}
+
+// The folder of the output path as it is found, and what a run makes of it.
+struct FolderCase {
+  const char* what;
+  mode_t type;  // S_IFDIR, S_IFREG or S_IFLNK (a link to a folder); 0: absent
+  mode_t mode;
+  uid_t owner;
+  int status;
+  mode_t modeAfter;
+  uid_t ownerAfter;
+  const char* refusal;  // on the error stream, after "logFile folder [folder] "
+};
+
+constexpr uid_t kSystem = 1000;
+constexpr uid_t kNobody = 65534;
+constexpr char kShared[] = "is writable by others or shared (sticky bit).\n";
+
+const FolderCase kFolders[] = {
+    {"missing", 0, 0, 0, 0, 0775, kSystem, nullptr},
+    {"root's", S_IFDIR, 0750, 0, 0, 0775, kSystem, nullptr},
+    {"system's", S_IFDIR, 0700, kSystem, 0, 0775, kSystem, nullptr},
+    // Not the reader's to take over; it is written as it is.
+    {"another user's", S_IFDIR, 0755, kNobody, 0, 0755, kNobody, nullptr},
+    // Shared folders such as /tmp: anyone could plant names there.
+    {"sticky", S_IFDIR, 01777, 0, 1, 01777, 0, kShared},
+    {"world-writable", S_IFDIR, 0777, 0, 1, 0777, 0, kShared},
+    {"sticky only", S_IFDIR, 01755, 0, 1, 01755, 0, kShared},
+    {"regular file", S_IFREG, 0644, 0, 1, 0644, 0, "is not a folder.\n"},
+    {"link", S_IFLNK, 0750, 0, 1, 0750, 0, "is not a folder.\n"},
+};
+
+TEST_F(OutputFileTest, TheOutputFolderIsTakenOverOnlyWhenItIsTheReadersToTake) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 0");
+  for (const FolderCase& c : kFolders) {
+    SCOPED_TRACE(c.what);
+    std::string folder = Dir() + "/" + c.what;
+    // A link's target is what must stay as it was.
+    std::string real = c.type == S_IFLNK ? folder + " target" : folder;
+    if (c.type == S_IFREG) morvotest::WriteFile(real, "a file\n");
+    if (c.type == S_IFDIR || c.type == S_IFLNK) {
+      ASSERT_EQ(0, mkdir(real.c_str(), 0700));
+    }
+    if (c.type == S_IFLNK) {
+      ASSERT_EQ(0, symlink(real.c_str(), folder.c_str()));
+    }
+    if (c.type != 0) {
+      ASSERT_EQ(0, chmod(real.c_str(), c.mode));
+      ASSERT_EQ(0, chown(real.c_str(), c.owner, c.owner));
+    }
+    morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", folder + "/p"});
+    EXPECT_EQ(c.status, r.status) << r.err;
+    struct stat st;
+    ASSERT_EQ(0, stat(real.c_str(), &st));
+    EXPECT_EQ(c.modeAfter, st.st_mode & 07777);
+    EXPECT_EQ(c.ownerAfter, st.st_uid);
+    EXPECT_EQ(c.ownerAfter, st.st_gid);
+    if (c.refusal != nullptr) {
+      EXPECT_NE(std::string::npos,
+                r.err.find("logFile folder [" + folder + "] " + c.refusal)) << r.err;
+      EXPECT_TRUE(c.type == S_IFREG || morvotest::Entries(real).empty());
+    } else {
+      EXPECT_EQ(1u, SetFiles(folder, "p").size());
+    }
+  }
 }
 
 }  // namespace

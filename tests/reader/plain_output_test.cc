@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <new>
@@ -14,6 +15,7 @@
 #include "filesets/morvocat_utils.h"
 #include "platform/logger.h"
 #include "reader/run_capture.h"
+#include "support/file_tree.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -148,6 +150,58 @@ TEST_F(PlainOutputTest, AppendingContinuesTheCountOfAnExistingFile) {
   // 1.5 KiB already there plus one record reach 2 KiB: the file rotated.
   EXPECT_TRUE(Exists(base_ + ".1"));
   EXPECT_EQ(0u, morvotest::ReadFile(base_ + ".1").find(std::string(1500, 'e')));
+}
+
+// Links planted at the names a rotation writes, pointing outside the log
+// folder: nothing outside changes, and no temporary name is left behind.
+struct PlantedName {
+  const char* name;
+  enum Kind { kHardLink, kFileLink, kFolderLink } kind;
+  int status;
+  bool archived;
+};
+
+const PlantedName kPlantedNames[] = {
+    // A second name of the victim: appending to P would write into it.
+    {"p", PlantedName::kHardLink, 1, false},
+    {"p-0.tar.gz", PlantedName::kFileLink, 0, true},
+    // The work folder: moving P.1 into it would replace the victim's p.1.
+    {"p_tmp", PlantedName::kFolderLink, 0, false},
+};
+
+TEST_F(PlainOutputTest, LinksAtTheNamesARotationWritesAreNeverFollowed) {
+  WriteKilobyteRecords(20);
+  for (const PlantedName& c : kPlantedNames) {
+    SCOPED_TRACE(c.name);
+    std::string folder = root_.Under("/data/log/") + c.name + " row";
+    std::string victim = root_.Under("/victim ") + c.name;
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    std::string file = victim;
+    if (c.kind == PlantedName::kFolderLink) {
+      ASSERT_EQ(0, mkdir(victim.c_str(), 0755));
+      file = victim + "/p.1";
+    }
+    morvotest::WriteFile(file, "precious\n");
+    std::string at = folder + "/" + c.name;
+    ASSERT_EQ(0, c.kind == PlantedName::kHardLink ? link(victim.c_str(), at.c_str())
+                                                   : symlink(victim.c_str(), at.c_str()));
+    std::string base = folder + "/p";
+    morvotest::RunResult r =
+        RunCommand({"-d", "-b", "morvo_main", "-f", base, "-r", "2", "-n", "4", "-z", "1"});
+    EXPECT_EQ(c.status, r.status) << r.err;
+    EXPECT_EQ("precious\n", morvotest::ReadFile(file));
+    if (c.kind == PlantedName::kFolderLink) {
+      EXPECT_EQ(std::vector<std::string>{"p.1"}, morvotest::Entries(victim));
+    }
+    for (const std::string& name : morvotest::Entries(folder)) {
+      EXPECT_TRUE(name == "p" || name == "p_tmp" || name == "p-0.tar.gz" ||
+                  (name.size() == 3 && name.compare(0, 2, "p.") == 0))
+          << "left behind: " << name;
+    }
+    if (c.archived) {
+      EXPECT_EQ("p.1\np.2\np.3\np.4\n", TarListing(base + "-0.tar.gz"));
+    }
+  }
 }
 
 }  // namespace
