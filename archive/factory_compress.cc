@@ -1,12 +1,14 @@
 #include "archive/factory_compress.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "archive/tarzip.h"
 #include "filesets/file_name.h"
+#include "platform/safe_file.h"
 
 namespace {
 
@@ -14,21 +16,107 @@ using archive::kFactoryArchiveMembers;
 
 constexpr mode_t kWorkDirMode = 0775;
 
-std::string MemberName(const std::string& dir, const std::string& base, int n) {
-  return filesets::NumberedName(dir + "/" + base, n);
+// A folder open for *at calls: names in it are renamed and deleted relative
+// to it, so a link planted on the way is never followed.
+class Folder {
+ public:
+  explicit Folder(int fd) : fd_(fd) {}
+  ~Folder() {
+    if (fd_ >= 0) close(fd_);
+  }
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+  int fd() const { return fd_; }
+  bool ok() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
+
+// The folder and last component of path; a path without '/' is in the
+// working folder.
+int OpenParent(const std::string& path, std::string* name) {
+  std::string folder;
+  if (!platform::SplitPath(path.c_str(), &folder, name)) {
+    folder = ".";
+    name->assign(path);
+  }
+  return platform::OpenFolder(folder.c_str());
 }
 
-std::string BaseName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+// Makes the work folder or takes the one an interrupted run left; a link
+// at its name is refused, not followed.
+int MakeWorkDir(const std::string& workDir) {
+  bool created = false;
+  int fd = platform::MakeFolder(workDir.c_str(), kWorkDirMode, &created);
+  if (fd < 0 || !created) {
+    errno = fd < 0 ? -fd : EEXIST;
+    perror("couldn't create compress dir");
+  }
+  return fd;
+}
 
-bool HoldsMembers(const std::string& workDir, const std::string& base) {
+bool HoldsMembers(int workFd, const std::string& base) {
   for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
-    if (access(MemberName(workDir, base, n).c_str(), F_OK) == 0) return true;
+    std::string member = filesets::NumberedName(base, n);
+    if (faccessat(workFd, member.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return true;
   }
   return false;
 }
 
-void MakeWorkDir(const std::string& workDir) {
-  if (mkdir(workDir.c_str(), kWorkDirMode) != 0) perror("couldn't create compress dir");
+void ShiftArchives(int dirFd, const std::string& base, int32_t maxFiles) {
+  for (int32_t k = maxFiles - 1; k >= 1; --k) {
+    std::string from = filesets::ArchiveName(base, k - 1);
+    if (renameat(dirFd, from.c_str(), dirFd, filesets::ArchiveName(base, k).c_str()) != 0 &&
+        errno != ENOENT) {
+      perror("while rename compressed files");
+    }
+  }
+}
+
+// Packs the members in the work folder into P-0.tar.gz and deletes them
+// and the folder; false when the archive failed and they were kept.
+bool PackMembers(const std::string& logFilePath, int dirFd, const std::string& base,
+                 const std::string& workDir) {
+  std::string workName;
+  Folder workParent(OpenParent(workDir, &workName));
+  Folder work(platform::OpenFolder(workDir.c_str()));
+  std::string members[kFactoryArchiveMembers];
+  const char* paths[kFactoryArchiveMembers];
+  for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
+    members[n - 1] = filesets::NumberedName(workDir + "/" + base, n);
+    paths[n - 1] = members[n - 1].c_str();
+  }
+  const std::string archive = filesets::ArchiveName(logFilePath, 0);
+  if (!work.ok() || !TarzipFilesComplete(kFactoryArchiveMembers, paths, archive.c_str(), 0)) {
+    // Keep the members for the next run to pack; a cut archive would only
+    // hold part of them.
+    fprintf(stderr, "compress [%s] failed, files kept in %s\n", archive.c_str(), workDir.c_str());
+    unlinkat(dirFd, filesets::ArchiveName(base, 0).c_str(), 0);
+    return false;
+  }
+  for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
+    if (unlinkat(work.fd(), filesets::NumberedName(base, n).c_str(), 0) != 0) {
+      perror("unlink failed");
+    }
+  }
+  if (!workParent.ok() || unlinkat(workParent.fd(), workName.c_str(), AT_REMOVEDIR) != 0) {
+    if (!workParent.ok()) errno = -workParent.fd();
+    perror("unlink failed");
+  }
+  return true;
+}
+
+// Shifts the archives and packs the members in workDir; false when they
+// were kept.
+bool RunFactory(const std::string& logFilePath, int32_t maxFiles, const std::string& workDir) {
+  if (workDir.empty()) return false;
+  std::string base;
+  Folder dir(OpenParent(logFilePath, &base));
+  if (!dir.ok()) return false;
+  ShiftArchives(dir.fd(), base, maxFiles);
+  if (logFilePath.find('/') == std::string::npos) return false;
+  return PackMembers(logFilePath, dir.fd(), base, workDir);
 }
 
 }  // namespace
@@ -36,55 +124,37 @@ void MakeWorkDir(const std::string& workDir) {
 namespace archive {
 
 void CompressLogsFactory(const std::string& logFilePath, int32_t maxFiles) {
-  if (logFilePath.find('/') == std::string::npos) return;
-  const std::string base = BaseName(logFilePath);
-  const std::string workDir = logFilePath + "_tmp";
-  MakeWorkDir(workDir);
-  if (HoldsMembers(workDir, base)) {
-    // Moving this set in would overwrite them.
-    CompressRunFactory(logFilePath, maxFiles, workDir);
-    if (HoldsMembers(workDir, base)) return;
-    MakeWorkDir(workDir);
+  std::string folder;
+  std::string base;
+  if (!platform::SplitPath(logFilePath.c_str(), &folder, &base)) return;
+  Folder dir(platform::OpenFolder(folder.c_str()));
+  if (!dir.ok()) {
+    errno = -dir.fd();
+    perror("couldn't create compress dir");
+    return;
   }
+  const std::string workDir = logFilePath + "_tmp";
+  int workFd = MakeWorkDir(workDir);
+  if (workFd >= 0 && HoldsMembers(workFd, base)) {
+    // Moving this set in would overwrite them: they go first, and while
+    // they cannot be packed this set stays where it is.
+    close(workFd);
+    workFd = RunFactory(logFilePath, maxFiles, workDir) ? MakeWorkDir(workDir) : -1;
+  }
+  Folder work(workFd);
+  if (!work.ok()) return;
   for (int n = kFactoryArchiveMembers; n >= 1; --n) {
-    std::string from = filesets::NumberedName(logFilePath, n);
-    if (rename(from.c_str(), MemberName(workDir, base, n).c_str()) != 0) {
+    std::string name = filesets::NumberedName(base, n);
+    if (renameat(dir.fd(), name.c_str(), work.fd(), name.c_str()) != 0) {
       perror("while rename log files");
     }
   }
-  CompressRunFactory(logFilePath, maxFiles, workDir);
+  RunFactory(logFilePath, maxFiles, workDir);
 }
 
 void CompressRunFactory(const std::string& logFilePath, int32_t maxFiles,
                         const std::string& workDir) {
-  if (workDir.empty()) return;
-  for (int32_t k = maxFiles - 1; k >= 1; --k) {
-    std::string from = filesets::ArchiveName(logFilePath, k - 1);
-    if (rename(from.c_str(), filesets::ArchiveName(logFilePath, k).c_str()) != 0 &&
-        errno != ENOENT) {
-      perror("while rename compressed files");
-    }
-  }
-  if (logFilePath.find('/') == std::string::npos) return;
-  const std::string base = BaseName(logFilePath);
-  std::string members[kFactoryArchiveMembers];
-  const char* paths[kFactoryArchiveMembers];
-  for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
-    members[n - 1] = MemberName(workDir, base, n);
-    paths[n - 1] = members[n - 1].c_str();
-  }
-  const std::string archive = filesets::ArchiveName(logFilePath, 0);
-  if (!TarzipFilesComplete(kFactoryArchiveMembers, paths, archive.c_str(), 0)) {
-    // Keep the members for the next run to pack; a cut archive would only
-    // hold part of them.
-    fprintf(stderr, "compress [%s] failed, files kept in %s\n", archive.c_str(), workDir.c_str());
-    unlink(archive.c_str());
-    return;
-  }
-  for (const std::string& member : members) {
-    if (unlink(member.c_str()) != 0) perror("unlink failed");
-  }
-  if (rmdir(workDir.c_str()) != 0) perror("unlink failed");
+  RunFactory(logFilePath, maxFiles, workDir);
 }
 
 }  // namespace archive

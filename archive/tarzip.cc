@@ -1,15 +1,18 @@
 #include "archive/tarzip.h"
 
 #include <dirent.h>
-#include <pwd.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <limits>
+#include <string>
 
+#include "platform/safe_file.h"
 #include "platform/safe_string.h"
 
 namespace {
@@ -21,26 +24,45 @@ constexpr size_t kPathMax = 4096;
 // The mode, owner and group fields with their NULs add up to this.
 constexpr unsigned kFixedFieldsSum = 819;
 constexpr unsigned kChecksumAsSpaces = 8 * ' ';
+// Names for the temporary that someone else already holds, tried in turn.
+constexpr int kTempTries = 16;
+// Members are read, never written or followed: a device or FIFO planted in
+// their place is not even opened, and a link is not read through.
+constexpr int kMemberFlags = O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
 
-// The archive being written, and whether every part of it went in.
+// The archive being written: whether every member's content went in, and
+// whether the archive itself took every block.
 struct Sink {
   gzFile gz;
   bool whole;
+  bool writeFailed;
 };
 
 bool PutBlock(Sink* sink, const void* block) {
   if (gzwrite(sink->gz, block, kBlock) == static_cast<int>(kBlock)) return true;
   sink->whole = false;
+  sink->writeFailed = true;
   return false;
 }
 
-// Streams ceil(size / 512) blocks of path; false when they are not the
-// file's own bytes (unopenable, unreadable or not written).
-bool PutContent(gzFile gz, const char* path, int64_t size) {
-  char resolved[PATH_MAX];
-  if (strnlen(path, kPathMax + 1) > kPathMax || realpath(path, resolved) == nullptr) return false;
-  FILE* file = fopen(resolved, "r");
-  if (file == nullptr) return false;
+// Reads up to want bytes; fewer only at the end of the file or on an error.
+size_t ReadUpTo(int fd, unsigned char* block, size_t want, bool* failed) {
+  size_t got = 0;
+  while (got < want) {
+    ssize_t n = read(fd, block + got, want - got);
+    if (n > 0) {
+      got += static_cast<size_t>(n);
+    } else if (n == 0 || errno != EINTR) {
+      *failed = n < 0;
+      break;
+    }
+  }
+  return got;
+}
+
+// Streams ceil(size / 512) blocks of the open member fd, which it closes;
+// false when they are not the file's own bytes.
+bool PutContent(Sink* sink, int fd, int64_t size) {
   unsigned char block[kBlock];
   memset_s(block, sizeof(block), 0, sizeof(block));
   bool whole = true;
@@ -48,30 +70,47 @@ bool PutContent(gzFile gz, const char* path, int64_t size) {
     // Past the recorded size (or the end of a file that shrank) the block
     // is padded with zeros.
     size_t want = left < static_cast<int64_t>(kBlock) ? static_cast<size_t>(left) : kBlock;
-    size_t got = fread(block, 1, want, file);
-    if (got < kBlock) {
-      memset_s(block + got, kBlock - got, 0, kBlock - got);
-      if (ferror(file)) whole = false;
-    }
-    if (gzwrite(gz, block, kBlock) != static_cast<int>(kBlock)) {
+    bool failed = false;
+    size_t got = ReadUpTo(fd, block, want, &failed);
+    if (got < kBlock) memset_s(block + got, kBlock - got, 0, kBlock - got);
+    if (failed) whole = false;
+    if (!PutBlock(sink, block)) {
       whole = false;
       break;
     }
   }
-  fclose(file);
+  close(fd);
   return whole;
 }
 
-void AddFile(Sink* sink, const char* path, const char* name, const struct stat& st) {
+// Opens the member name in dirFd when it is still the regular file st
+// described; -1 otherwise.
+int OpenMember(int dirFd, const char* name, const struct stat& st) {
+  int fd = openat(dirFd, name, kMemberFlags);
+  if (fd < 0) return -1;
+  struct stat now;
+  if (fstat(fd, &now) != 0 || !S_ISREG(now.st_mode) || now.st_ino != st.st_ino ||
+      now.st_dev != st.st_dev) {
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+// The member name in dirFd (AT_FDCWD for a path), stored as entryName.
+void AddFile(Sink* sink, int dirFd, const char* name, const char* entryName,
+             const struct stat& st) {
   char block[kBlock];
   memset_s(block, sizeof(block), 0, sizeof(block));
   uint32_t size = static_cast<uint32_t>(st.st_size);
   if (static_cast<uint64_t>(st.st_size) > std::numeric_limits<uint32_t>::max()) {
     sink->whole = false;  // the size field cannot hold it
   }
-  WriteHeader(block, name, size);
+  WriteHeader(block, entryName, size);
   if (!PutBlock(sink, block)) return;
-  if (!PutContent(sink->gz, path, size) && size > 0) sink->whole = false;
+  int fd = OpenMember(dirFd, name, st);
+  bool read = fd >= 0 && PutContent(sink, fd, size);
+  if (!read && size > 0) sink->whole = false;
 }
 
 // out = "first/second" cut to 99 characters; message when it was cut.
@@ -82,9 +121,18 @@ void JoinCut(char* out, const char* first, const char* second, const char* messa
   if (strlen(first) + 1 + strlen(second) > kNameMax) fputs(message, stderr);
 }
 
-void AddDir(Sink* sink, const char* dir, const char* prefix) {
-  DIR* d = opendir(dir);
-  if (d == nullptr) return;
+int OpenDir(int parentFd, const char* name) {
+  return openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// Walks the folder open at dirFd (which it closes), named dir; entries are
+// taken relative to it so that no link on the way is followed.
+void AddDir(Sink* sink, int dirFd, const char* dir, const char* prefix) {
+  DIR* d = dirFd >= 0 ? fdopendir(dirFd) : nullptr;
+  if (d == nullptr) {
+    if (dirFd >= 0) close(dirFd);
+    return;
+  }
   char path[kPathMax];
   size_t len = 0;
   bool ok = strcpy_s(path, sizeof(path), dir) == 0;
@@ -102,26 +150,17 @@ void AddDir(Sink* sink, const char* dir, const char* prefix) {
       continue;
     }
     struct stat st;
-    if (lstat(path, &st) != 0) continue;
+    if (fstatat(dirfd(d), name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
     char joined[kNameField];
     if (S_ISDIR(st.st_mode)) {
       if (prefix != nullptr) JoinCut(joined, prefix, name, "path write failed\n");
-      AddDir(sink, path, prefix != nullptr ? joined : nullptr);
+      AddDir(sink, OpenDir(dirfd(d), name), path, prefix != nullptr ? joined : nullptr);
     } else if (S_ISREG(st.st_mode)) {
       if (prefix != nullptr) JoinCut(joined, prefix, name, "filepath write failed\n");
-      AddFile(sink, path, prefix != nullptr ? joined : name, st);
+      AddFile(sink, dirfd(d), name, prefix != nullptr ? joined : name, st);
     }
   }
   closedir(d);
-}
-
-void GiveToSystem(const char* archive) {
-  struct passwd pw;
-  struct passwd* found = nullptr;
-  char buf[1024];
-  if (getpwnam_r("system", &pw, buf, sizeof(buf), &found) == 0 && found != nullptr) {
-    chown(archive, found->pw_uid, found->pw_gid);
-  }
 }
 
 const char* LastComponent(const char* path) {
@@ -129,37 +168,102 @@ const char* LastComponent(const char* path) {
   return slash != nullptr ? slash + 1 : path;
 }
 
-}  // namespace
+void AddPath(Sink* sink, const char* path, int dirMode) {
+  struct stat st;
+  if (path == nullptr || lstat(path, &st) != 0) return;
+  if (S_ISDIR(st.st_mode)) {
+    char top[kNameField];
+    const char* prefix = nullptr;
+    if (dirMode != 0) {
+      if (strncpy_s(top, sizeof(top), path, kNameMax) != 0) fputs("tmp write failed\n", stderr);
+      size_t len = strlen(top);
+      if (len > 0 && top[len - 1] == '/') top[len - 1] = '\0';
+      prefix = LastComponent(top);
+    }
+    AddDir(sink, OpenDir(AT_FDCWD, path), path, prefix);
+  } else if (S_ISREG(st.st_mode)) {
+    AddFile(sink, AT_FDCWD, path, LastComponent(path), st);
+  }
+}
 
-bool TarzipFilesComplete(int count, const char* const* paths, const char* archive, int dirMode) {
-  if (paths == nullptr || archive == nullptr) return false;
-  gzFile gz = gzopen(archive, "w");
-  if (gz == nullptr) return false;
-  GiveToSystem(archive);
-  Sink sink{gz, true};
-  for (int i = 0; i < count; i++) {
-    const char* path = paths[i];
-    struct stat st;
-    if (path == nullptr || lstat(path, &st) != 0) continue;
-    if (S_ISDIR(st.st_mode)) {
-      char top[kNameField];
-      const char* prefix = nullptr;
-      if (dirMode != 0) {
-        if (strncpy_s(top, sizeof(top), path, kNameMax) != 0) fputs("tmp write failed\n", stderr);
-        size_t len = strlen(top);
-        if (len > 0 && top[len - 1] == '/') top[len - 1] = '\0';
-        prefix = LastComponent(top);
-      }
-      AddDir(&sink, path, prefix);
-    } else if (S_ISREG(st.st_mode)) {
-      AddFile(&sink, path, LastComponent(path), st);
+// The archive's folder and name; a bare name lives in the working folder.
+int OpenArchiveFolder(const char* archive, std::string* name) {
+  std::string folder;
+  if (!platform::SplitPath(archive, &folder, name)) {
+    if (archive[0] == '\0' || strchr(archive, '/') != nullptr) return -EINVAL;
+    folder = ".";
+    name->assign(archive);
+  }
+  return platform::OpenFolder(folder.c_str());
+}
+
+// A new file in dirFd that nobody else can have prepared: whatever sits at
+// the archive's name is only ever replaced, never written through.
+int CreateTemp(int dirFd, std::string* temp) {
+  static std::atomic<unsigned> serial{0};
+  for (int i = 0; i < kTempTries; ++i) {
+    char name[64];
+    if (snprintf_s(name, sizeof(name), sizeof(name) - 1, ".tarzip-%d-%u.tmp",
+                   static_cast<int>(getpid()), serial++) < 0) {
+      return -EINVAL;
+    }
+    int fd = platform::OpenFileAt(dirFd, name, O_WRONLY | O_CREAT | O_EXCL, 0666);
+    if (fd != -EEXIST) {
+      if (fd >= 0) temp->assign(name);
+      return fd;
     }
   }
+  return -EEXIST;
+}
+
+// Writes the members into the temporary fd (closed here); false when the
+// archive did not take every block or could not be made durable.
+bool WriteArchive(int fd, int count, const char* const* paths, int dirMode, bool* whole) {
+  // Kept open past gzclose to make the data durable before the archive
+  // takes its name: callers delete the members right after.
+  int gzFd = dup(fd);
+  gzFile gz = gzFd >= 0 ? gzdopen(gzFd, "w") : nullptr;
+  if (gz == nullptr) {
+    if (gzFd >= 0) close(gzFd);
+    close(fd);
+    return false;
+  }
+  Sink sink{gz, true, false};
+  for (int i = 0; i < count; i++) AddPath(&sink, paths[i], dirMode);
   char end[kBlock];
   memset_s(end, sizeof(end), 0, sizeof(end));
   PutBlock(&sink, end);
-  if (gzclose(gz) != Z_OK) sink.whole = false;
-  return sink.whole;
+  if (gzclose(gz) != Z_OK) sink.writeFailed = true;
+  if (fsync(fd) != 0) sink.writeFailed = true;
+  close(fd);
+  *whole = sink.whole && !sink.writeFailed;
+  return !sink.writeFailed;
+}
+
+}  // namespace
+
+bool TarzipFilesComplete(int count, const char* const* paths, const char* archive, int dirMode,
+                         mode_t mode, int* modeError) {
+  if (paths == nullptr || archive == nullptr) return false;
+  std::string name;
+  int dirFd = OpenArchiveFolder(archive, &name);
+  if (dirFd < 0) return false;
+  std::string temp;
+  int fd = CreateTemp(dirFd, &temp);
+  if (fd < 0) {
+    close(dirFd);
+    return false;
+  }
+  platform::GiveToSystemUser(fd);
+  if (mode != 0 && fchmod(fd, mode) != 0 && modeError != nullptr) *modeError = errno;
+  bool whole = false;
+  bool written = WriteArchive(fd, count, paths, dirMode, &whole);
+  if (!written || renameat(dirFd, temp.c_str(), dirFd, name.c_str()) != 0) {
+    unlinkat(dirFd, temp.c_str(), 0);
+    whole = false;
+  }
+  close(dirFd);
+  return whole;
 }
 
 extern "C" {
@@ -170,8 +274,8 @@ void TarzipFiles(int count, const char* const* paths, const char* archive, int d
 
 void TarzipDirRecursive(gzFile stream, const char* dir, const char* prefix) {
   if (stream == nullptr || dir == nullptr) return;
-  Sink sink{stream, true};
-  AddDir(&sink, dir, prefix);
+  Sink sink{stream, true, false};
+  AddDir(&sink, OpenDir(AT_FDCWD, dir), dir, prefix);
 }
 
 void WriteHeader(char* block, const char* name, uint32_t size) {
@@ -201,8 +305,15 @@ void WriteHeader(char* block, const char* name, uint32_t size) {
 }
 
 void WriteZipContent(gzFile stream, const char* path, int64_t size) {
-  if (stream == nullptr || path == nullptr) return;
-  PutContent(stream, path, size);
+  struct stat st;
+  if (stream == nullptr || path == nullptr || strnlen(path, kPathMax + 1) > kPathMax ||
+      lstat(path, &st) != 0 || !S_ISREG(st.st_mode)) {
+    return;
+  }
+  int fd = OpenMember(AT_FDCWD, path, st);
+  if (fd < 0) return;
+  Sink sink{stream, true, false};
+  PutContent(&sink, fd, size);
 }
 
 }  // extern "C"

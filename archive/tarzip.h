@@ -7,6 +7,7 @@
 // but no entries of their own; links and special files are left out.
 
 #include <stdint.h>
+#include <sys/types.h>
 #include <zlib.h>
 
 extern "C" {
@@ -21,16 +22,21 @@ void TarzipDirRecursive(gzFile stream, const char* dir, const char* prefix);
 // Fills the name, mode, owner, group, size and checksum fields of a header
 // block that the caller zero-filled (512 bytes).
 void WriteHeader(char* block, const char* name, uint32_t size);
-// Adds ceil(size / 512) content blocks read from path; nothing when the
-// file cannot be opened.
+// Adds ceil(size / 512) content blocks read from path; nothing when path
+// is not a regular file (a link is not followed) or cannot be opened.
 void WriteZipContent(gzFile stream, const char* path, int64_t size);
 
 }  // extern "C"
 
-// TarzipFiles that tells whether the archive is whole: opened, every block
-// written and closed, every member's content read. A caller deletes the
-// members only after true; a member that did not exist does not make it
-// false.
-bool TarzipFilesComplete(int count, const char* const* paths, const char* archive, int dirMode);
+// TarzipFiles that tells whether the archive is whole: every block written
+// and every member's content read. A caller deletes the members only after
+// true; a member that did not exist does not make it false. The archive is
+// written under a temporary name in its folder and takes its name only once
+// written, so a link or file planted at that name is replaced, never written
+// through; an archive that could not be written leaves nothing behind.
+// With mode non-zero the archive gets that mode; the errno of a failed
+// change goes to *modeError and does not fail the archive.
+bool TarzipFilesComplete(int count, const char* const* paths, const char* archive, int dirMode,
+                         mode_t mode = 0, int* modeError = nullptr);
 
 #endif  // MORVOCAT_ARCHIVE_TARZIP_H_
