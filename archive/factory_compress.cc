@@ -6,43 +6,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "archive/folder.h"
 #include "archive/tarzip.h"
 #include "filesets/file_name.h"
 #include "platform/safe_file.h"
 
 namespace {
 
+using archive::Folder;
 using archive::kFactoryArchiveMembers;
 
 constexpr mode_t kWorkDirMode = 0775;
-
-// A folder open for *at calls: names in it are renamed and deleted relative
-// to it, so a link planted on the way is never followed.
-class Folder {
- public:
-  explicit Folder(int fd) : fd_(fd) {}
-  ~Folder() {
-    if (fd_ >= 0) close(fd_);
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  int fd() const { return fd_; }
-  bool ok() const { return fd_ >= 0; }
-
- private:
-  int fd_;
-};
-
-// The folder and last component of path; a path without '/' is in the
-// working folder.
-int OpenParent(const std::string& path, std::string* name) {
-  std::string folder;
-  if (!platform::SplitPath(path.c_str(), &folder, name)) {
-    folder = ".";
-    name->assign(path);
-  }
-  return platform::OpenFolder(folder.c_str());
-}
 
 // Makes the work folder or takes the one an interrupted run left; a link
 // at its name is refused, not followed.
@@ -79,7 +53,7 @@ void ShiftArchives(int dirFd, const std::string& base, int32_t maxFiles) {
 bool PackMembers(const std::string& logFilePath, int dirFd, const std::string& base,
                  const std::string& workDir) {
   std::string workName;
-  Folder workParent(OpenParent(workDir, &workName));
+  Folder workParent(archive::OpenParentFolder(workDir.c_str(), &workName));
   Folder work(platform::OpenFolder(workDir.c_str()));
   std::string members[kFactoryArchiveMembers];
   const char* paths[kFactoryArchiveMembers];
@@ -112,7 +86,7 @@ bool PackMembers(const std::string& logFilePath, int dirFd, const std::string& b
 bool RunFactory(const std::string& logFilePath, int32_t maxFiles, const std::string& workDir) {
   if (workDir.empty()) return false;
   std::string base;
-  Folder dir(OpenParent(logFilePath, &base));
+  Folder dir(archive::OpenParentFolder(logFilePath.c_str(), &base));
   if (!dir.ok()) return false;
   ShiftArchives(dir.fd(), base, maxFiles);
   if (logFilePath.find('/') == std::string::npos) return false;

@@ -12,6 +12,7 @@
 #include <limits>
 #include <string>
 
+#include "archive/folder.h"
 #include "platform/safe_file.h"
 #include "platform/safe_string.h"
 
@@ -186,17 +187,6 @@ void AddPath(Sink* sink, const char* path, int dirMode) {
   }
 }
 
-// The archive's folder and name; a bare name lives in the working folder.
-int OpenArchiveFolder(const char* archive, std::string* name) {
-  std::string folder;
-  if (!platform::SplitPath(archive, &folder, name)) {
-    if (archive[0] == '\0' || strchr(archive, '/') != nullptr) return -EINVAL;
-    folder = ".";
-    name->assign(archive);
-  }
-  return platform::OpenFolder(folder.c_str());
-}
-
 // A new file in dirFd that nobody else can have prepared: whatever sits at
 // the archive's name is only ever replaced, never written through.
 int CreateTemp(int dirFd, std::string* temp) {
@@ -246,23 +236,18 @@ bool TarzipFilesComplete(int count, const char* const* paths, const char* archiv
                          mode_t mode, int* modeError) {
   if (paths == nullptr || archive == nullptr) return false;
   std::string name;
-  int dirFd = OpenArchiveFolder(archive, &name);
-  if (dirFd < 0) return false;
+  archive::Folder dir(archive::OpenParentFolder(archive, &name));
   std::string temp;
-  int fd = CreateTemp(dirFd, &temp);
-  if (fd < 0) {
-    close(dirFd);
-    return false;
-  }
+  int fd = dir.ok() ? CreateTemp(dir.fd(), &temp) : -1;
+  if (fd < 0) return false;
   platform::GiveToSystemUser(fd);
   if (mode != 0 && fchmod(fd, mode) != 0 && modeError != nullptr) *modeError = errno;
   bool whole = false;
   bool written = WriteArchive(fd, count, paths, dirMode, &whole);
-  if (!written || renameat(dirFd, temp.c_str(), dirFd, name.c_str()) != 0) {
-    unlinkat(dirFd, temp.c_str(), 0);
+  if (!written || renameat(dir.fd(), temp.c_str(), dir.fd(), name.c_str()) != 0) {
+    unlinkat(dir.fd(), temp.c_str(), 0);
     whole = false;
   }
-  close(dirFd);
   return whole;
 }
 

@@ -11,6 +11,8 @@
 #include <new>
 #include <string>
 
+#include "archive/folder.h"
+#include "platform/safe_file.h"
 #include "platform/safe_string.h"
 #include "reader/logcat_channels.h"
 #include "reader/plain_rotation.h"
@@ -20,6 +22,8 @@ namespace {
 
 // The platform's system user and group own the reader's folder and files.
 constexpr uid_t kSystemId = 1000;
+constexpr mode_t kFolderMode = 0775;
+constexpr mode_t kFileMode = 0664;
 constexpr int kMmapWriteMode = 1;
 
 // Looking for the current file costs a path lookup, more than everything
@@ -70,10 +74,19 @@ void OpenPlainOutput(android_logcat_context_internal* ctx) {
   ctx->outByteCount = static_cast<uint64_t>(st.st_size);
 }
 
+// CreateLogFolder for a run: a path or folder that must not be written ends
+// the run.
+bool PrepareFolder(android_logcat_context_internal* ctx) {
+  std::string refusal;
+  if (CreateLogFolder(ctx->outputFileName, &refusal) == 0) return true;
+  if (!refusal.empty()) LogcatPanic(ctx, HELP_NONE, "%s", refusal.c_str());
+  return false;
+}
+
 void CheckWriterOutput(android_logcat_context_internal* ctx, MorvocatUtils* writer) {
   if ((RotationDue(ctx) || FileCheckDue()) && !writer->IsLogFileAccess()) {
     ctx->outByteCount = 0;
-    if (CreateLogFolder(ctx->outputFileName) == -1) return;
+    if (!PrepareFolder(ctx)) return;
     writer->InitLogFiles();
     writer->GetNewLog();
   }
@@ -85,6 +98,71 @@ void CheckWriterOutput(android_logcat_context_internal* ctx, MorvocatUtils* writ
   }
 }
 
+// Refusals are whole lines for the run's error stream.
+std::string Refusal(const char* what, const std::string& path, const char* why) {
+  return std::string(what) + " [" + path + "] " + why + "\n";
+}
+
+// A folder the reader may take over: one it made, or one that already
+// belongs to root or to the system user. Anyone else's is written as it is.
+bool MayTakeOver(const struct stat& st, bool created) {
+  return created || st.st_uid == 0 || st.st_uid == kSystemId;
+}
+
+// The folder of path, made or found, checked and given to the system user.
+// Nothing is changed before every check has passed.
+int PrepareLogFolder(const char* path, std::string* refusal) {
+  struct stat st;
+  // Unlinked by the writer's sweep, opened by the plain file: a device,
+  // FIFO, socket, folder or link at the output path is not the reader's.
+  if (path != nullptr && lstat(path, &st) == 0 && !S_ISREG(st.st_mode)) {
+    *refusal = Refusal("logFile", path, "is not a regular file.");
+    return -1;
+  }
+  std::string folder;
+  std::string name;
+  if (!platform::SplitPath(path, &folder, &name)) {
+    fprintf(stderr, "logFile path [%s] is invalid.\n", path != nullptr ? path : "");
+    return -1;
+  }
+  bool created = false;
+  archive::Folder dir(platform::MakeFolder(folder.c_str(), kFolderMode, &created));
+  if (dir.fd() == -ENOTDIR || dir.fd() == -ELOOP) {
+    *refusal = Refusal("logFile folder", folder, "is not a folder.");
+    return -1;
+  }
+  if (!dir.ok() || fstat(dir.fd(), &st) != 0) {
+    int error = dir.ok() ? errno : -dir.fd();
+    fprintf(stderr, "mkdir [%s] failed: %s\n", folder.c_str(), strerror(error));
+    return -1;
+  }
+  // As logrotate does with insecure parents: anyone could plant names in
+  // a folder that others may write, and a shared folder is nobody's.
+  if (!created && (st.st_mode & (S_IWOTH | S_ISVTX)) != 0) {
+    *refusal = Refusal("logFile folder", folder, "is writable by others or shared (sticky bit).");
+    return -1;
+  }
+  if (!MayTakeOver(st, created)) return 0;
+  if (fchmod(dir.fd(), kFolderMode) != 0) {
+    fprintf(stderr, "chmod [%s] failed: %s\n", folder.c_str(), strerror(errno));
+  }
+  if (fchown(dir.fd(), kSystemId, kSystemId) != 0) {
+    fprintf(stderr, "lchown [%s] failed: %s\n", folder.c_str(), strerror(errno));
+  }
+  return 0;
+}
+
+// Deletes name in dirFd when it is a regular file; a missing file is fine.
+bool DeleteRegularFile(int dirFd, const char* name) {
+  struct stat st;
+  if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT;
+  if (!S_ISREG(st.st_mode)) {
+    errno = EPERM;
+    return false;
+  }
+  return unlinkat(dirFd, name, 0) == 0 || errno == ENOENT;
+}
+
 }  // namespace
 
 MorvocatUtils* MmapWriter() {
@@ -93,7 +171,7 @@ MorvocatUtils* MmapWriter() {
 
 void SetupOutputFile(android_logcat_context_internal* ctx) {
   CloseOutput(ctx);
-  if (CreateLogFolder(ctx->outputFileName) == -1) return;
+  if (!PrepareFolder(ctx)) return;
   uint64_t maxFiles = ctx->rotateCount * ctx->compressCount;
   writerSlot = new (std::nothrow) MorvocatUtils(ctx->outputFileName, kMmapWriteMode, maxFiles);
   nextFileCheckNs = 0;
@@ -120,33 +198,24 @@ void DestroyWriter() {
   writerSlot = nullptr;
 }
 
-int CreateLogFolder(const char* path) {
-  const char* slash = path != nullptr ? strrchr(path, '/') : nullptr;
-  if (slash == nullptr) {
-    fprintf(stderr, "logFile path [%s] is invalid.\n", path != nullptr ? path : "");
-    return -1;
+int CreateLogFolder(const char* path, std::string* refusal) {
+  std::string reason;
+  int result = PrepareLogFolder(path, &reason);
+  if (refusal != nullptr) {
+    *refusal = reason;
+  } else {
+    fputs(reason.c_str(), stderr);
   }
-  std::string folder(path, static_cast<size_t>(slash - path));
-  if (access(folder.c_str(), F_OK) != 0 && mkdir(folder.c_str(), 0775) != 0) {
-    fprintf(stderr, "mkdir [%s] failed: %s\n", folder.c_str(), strerror(errno));
-    return -1;
-  }
-  if (chmod(folder.c_str(), 0775) != 0) {
-    fprintf(stderr, "chmod [%s] failed: %s\n", folder.c_str(), strerror(errno));
-  }
-  if (lchown(folder.c_str(), kSystemId, kSystemId) != 0) {
-    fprintf(stderr, "lchown [%s] failed: %s\n", folder.c_str(), strerror(errno));
-  }
-  return 0;
+  return result;
 }
 
 int OpenLogFile(const char* path) {
-  int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0664);
+  int fd = platform::OpenFile(path, O_WRONLY | O_CREAT | O_APPEND, kFileMode);
   if (fd < 0) {
-    fprintf(stderr, "open [%s] failed: %s\n", path, strerror(errno));
+    fprintf(stderr, "open [%s] failed: %s\n", path, strerror(-fd));
     return -1;
   }
-  if (chmod(path, 0664) != 0) fprintf(stderr, "chmod [%s] failed: %s\n", path, strerror(errno));
+  if (fchmod(fd, kFileMode) != 0) fprintf(stderr, "chmod [%s] failed: %s\n", path, strerror(errno));
   if (fchown(fd, kSystemId, kSystemId) != 0) {
     fprintf(stderr, "fchown [%s] failed: %s\n", path, strerror(errno));
   }
@@ -154,15 +223,22 @@ int OpenLogFile(const char* path) {
 }
 
 bool DeleteOutputFiles(const android_logcat_context_internal* ctx) {
+  std::string base;
+  archive::Folder dir(archive::OpenParentFolder(ctx->outputFileName, &base));
+  if (!dir.ok()) {
+    errno = -dir.fd();
+    perror("while clearing log files");
+    return false;
+  }
   int digits = RotationDigits(ctx->rotateCount);
   bool ok = true;
   for (uint64_t i = ctx->rotateCount + 1; i-- > 0;) {
-    std::string name = RotatedName(ctx->outputFileName, digits, i);
+    std::string name = RotatedName(base.c_str(), digits, i);
     if (name.empty()) {
       perror("while clearing log files");
       return false;
     }
-    if (unlink(name.c_str()) != 0 && errno != ENOENT && ok) {
+    if (!DeleteRegularFile(dir.fd(), name.c_str()) && ok) {
       perror("while clearing log files");
       ok = false;
     }

@@ -7,6 +7,8 @@
 
 #include <stddef.h>
 
+#include <string>
+
 #include "filesets/morvocat_utils.h"
 #include "reader/logcat_context.h"
 
@@ -22,11 +24,20 @@ void CheckOutput(android_logcat_context_internal* ctx);
 // Empties the slot, destroying its writer.
 void DestroyWriter();
 
-// -c with -f: deletes the output file and its rotated copies. False when a
-// deletion failed (reported with perror).
+// -c with -f: deletes the output file and its rotated copies; anything at
+// those names that is no regular file is left and counts as a failure.
+// False when a deletion failed (reported with perror).
 bool DeleteOutputFiles(const android_logcat_context_internal* ctx);
 
-int CreateLogFolder(const char* path);
+// Makes or checks the folder of path and gives it mode 0775 and the system
+// user when it is the reader's to take (made here, or root's or system's
+// already); 0 or -1. Refused with -1 and the reason's line in *refusal
+// (standard error without one): a path that exists and is no regular file,
+// a folder part that is no folder or is a link, and a folder others may
+// write or with the sticky bit. Nothing is changed before the checks pass.
+int CreateLogFolder(const char* path, std::string* refusal = nullptr);
+// Opens path for appending, never through a link, FIFO, device or second
+// name of a file; mode 0664, owner the system user. A descriptor or -1.
 int OpenLogFile(const char* path);
 
 }  // namespace qdlogging

@@ -1,6 +1,7 @@
 #include "reader/plain_rotation.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
@@ -9,7 +10,9 @@
 
 #include <vector>
 
+#include "archive/folder.h"
 #include "archive/tarzip.h"
+#include "platform/safe_file.h"
 #include "platform/safe_string.h"
 #include "reader/logcat_channels.h"
 #include "reader/output_file.h"
@@ -17,10 +20,13 @@
 namespace qdlogging {
 namespace {
 
+constexpr mode_t kWorkFolderMode = 0775;
+constexpr mode_t kArchiveMode = 0664;
+
 // A rotated file's name inside the work folder while it is packed.
-std::string MemberName(const std::string& folder, const char* base, uint64_t k) {
+std::string MemberName(const std::string& base, uint64_t k) {
   char name[PATH_MAX];
-  if (snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s/%s.%zu", folder.c_str(), base,
+  if (snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s.%zu", base.c_str(),
                  static_cast<size_t>(k)) < 0) {
     return std::string();
   }
@@ -35,69 +41,81 @@ std::string ArchiveName(const char* path, size_t j) {
   return name;
 }
 
-void ShiftRotatedFiles(const char* path, uint64_t count) {
+void ShiftRotatedFiles(int dirFd, const std::string& base, uint64_t count) {
   int digits = RotationDigits(count);
   for (uint64_t i = count; i > 0; --i) {
-    std::string from = RotatedName(path, digits, i - 1);
-    std::string to = RotatedName(path, digits, i);
+    std::string from = RotatedName(base.c_str(), digits, i - 1);
+    std::string to = RotatedName(base.c_str(), digits, i);
     if (from.empty() || to.empty()) {
       perror("while rotating log files");
       return;
     }
-    if (rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) {
+    if (renameat(dirFd, from.c_str(), dirFd, to.c_str()) != 0 && errno != ENOENT) {
       perror("while rotating log files");
     }
   }
 }
 
-void ShiftArchives(const char* path, uint64_t count) {
+void ShiftArchives(int dirFd, const std::string& base, uint64_t count) {
   for (uint64_t j = count > 0 ? count - 1 : 0; j > 0; --j) {
-    std::string from = ArchiveName(path, j - 1);
-    std::string to = ArchiveName(path, j);
-    if (rename(from.c_str(), to.c_str()) != 0 && errno != ENOENT) {
+    std::string from = ArchiveName(base.c_str(), j - 1);
+    std::string to = ArchiveName(base.c_str(), j);
+    if (renameat(dirFd, from.c_str(), dirFd, to.c_str()) != 0 && errno != ENOENT) {
       perror("while rename compressed files");
     }
   }
 }
 
+// The work folder, made or left by an earlier run; a link at its name is
+// refused rather than followed, and the rotated files then stay put.
+int MakeWorkFolder(const std::string& folder) {
+  bool created = false;
+  int fd = platform::MakeFolder(folder.c_str(), kWorkFolderMode, &created);
+  if (fd < 0 || !created) {
+    errno = fd < 0 ? -fd : EEXIST;
+    perror("couldn't create compress dir");
+  }
+  return fd;
+}
+
 // Packs P.1 .. P.N through the work folder into P-0.tar.gz. The members are
 // deleted only when the archive was written whole.
-void ArchiveRotatedFiles(const android_logcat_context_internal* ctx) {
+void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
+                         const std::string& base) {
   const char* path = ctx->outputFileName;
   uint64_t count = ctx->rotateCount;
   std::string folder = std::string(path) + "_tmp";
-  if (mkdir(folder.c_str(), 0775) != 0) perror("couldn't create compress dir");
-  const char* slash = strrchr(path, '/');
-  if (slash == nullptr) {
+  archive::Folder work(MakeWorkFolder(folder));
+  if (!work.ok()) return;
+  if (strchr(path, '/') == nullptr) {
     fprintf(stderr, "creat outputFileName err %s:\n", strerror(errno));
     return;
   }
-  const char* base = slash + 1;
   int digits = RotationDigits(count);
-  std::vector<std::string> members;
   for (uint64_t k = count; k > 0; --k) {
-    std::string member = MemberName(folder, base, k);
-    if (rename(RotatedName(path, digits, k).c_str(), member.c_str()) != 0) {
+    std::string member = MemberName(base, k);
+    if (renameat(dirFd, RotatedName(base.c_str(), digits, k).c_str(), work.fd(),
+                 member.c_str()) != 0) {
       perror("while rename log files");
     }
   }
-  ShiftArchives(path, ctx->compressCount);
-  for (uint64_t k = 1; k <= count; ++k) {
-    members.push_back(MemberName(folder, base, k));
-  }
+  ShiftArchives(dirFd, base, ctx->compressCount);
+  std::vector<std::string> members;
+  for (uint64_t k = 1; k <= count; ++k) members.push_back(folder + "/" + MemberName(base, k));
   std::vector<const char*> names;
   for (const std::string& m : members) names.push_back(m.c_str());
   std::string archive = ArchiveName(path, 0);
+  int modeError = 0;
   bool complete = TarzipFilesComplete(static_cast<int>(names.size()), names.data(),
-                                      archive.c_str(), 0);
-  if (chmod(archive.c_str(), 0664) != 0) {
-    fprintf(stderr, "chmod file[%s] err %s:\n", archive.c_str(), strerror(errno));
+                                      archive.c_str(), 0, kArchiveMode, &modeError);
+  if (modeError != 0) {
+    fprintf(stderr, "chmod file[%s] err %s:\n", archive.c_str(), strerror(modeError));
   }
   if (!complete) return;
-  for (const std::string& m : members) {
-    if (unlink(m.c_str()) != 0) perror("unlink failed");
+  for (uint64_t k = 1; k <= count; ++k) {
+    if (unlinkat(work.fd(), MemberName(base, k).c_str(), 0) != 0) perror("unlink failed");
   }
-  if (rmdir(folder.c_str()) != 0) perror("unlink failed");
+  if (unlinkat(dirFd, (base + "_tmp").c_str(), AT_REMOVEDIR) != 0) perror("unlink failed");
 }
 
 }  // namespace
@@ -121,11 +139,16 @@ std::string RotatedName(const char* path, int digits, uint64_t i) {
 void RotateLogs(android_logcat_context_internal* ctx) {
   if (ctx->outputFileName == nullptr) return;
   CloseOutput(ctx);
-  ShiftRotatedFiles(ctx->outputFileName, ctx->rotateCount);
-  std::string last = RotatedName(ctx->outputFileName, RotationDigits(ctx->rotateCount),
-                                 ctx->rotateCount);
-  if (ctx->compressCount != 0 && !last.empty() && access(last.c_str(), F_OK) == 0) {
-    ArchiveRotatedFiles(ctx);
+  std::string base;
+  archive::Folder dir(archive::OpenParentFolder(ctx->outputFileName, &base));
+  if (dir.ok()) {
+    ShiftRotatedFiles(dir.fd(), base, ctx->rotateCount);
+    std::string last = RotatedName(base.c_str(), RotationDigits(ctx->rotateCount),
+                                   ctx->rotateCount);
+    if (ctx->compressCount != 0 && !last.empty() &&
+        faccessat(dir.fd(), last.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+      ArchiveRotatedFiles(ctx, dir.fd(), base);
+    }
   }
   ctx->output_fd = OpenLogFile(ctx->outputFileName);
   if (ctx->output_fd < 0) {

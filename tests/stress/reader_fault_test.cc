@@ -1,6 +1,7 @@
 // The reader's output files under faults: a file system that runs full and
 // gets space back, and links planted where the set is written.
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
@@ -59,6 +60,8 @@ class ReaderFault : public ::testing::Test {
 TEST_F(ReaderFault, AFullFileSystemIsSurvivedAndWritingRecovers) {
   morvotest::SmallFs fs(Dir(), 3072);
   if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  // A fresh tmpfs is shared (1777), which the reader refuses to write.
+  ASSERT_EQ(0, chmod(Dir().c_str(), 0755));
   DumpSequence(0, 2000);
   fs.Fill();
   DumpSequence(2000, 8000);
