@@ -16,20 +16,6 @@ namespace {
 using archive::Folder;
 using archive::kFactoryArchiveMembers;
 
-constexpr mode_t kWorkDirMode = 0775;
-
-// Makes the work folder or takes the one an interrupted run left; a link
-// at its name is refused, not followed.
-int MakeWorkDir(const std::string& workDir) {
-  bool created = false;
-  int fd = platform::MakeFolder(workDir.c_str(), kWorkDirMode, &created);
-  if (fd < 0 || !created) {
-    errno = fd < 0 ? -fd : EEXIST;
-    perror("couldn't create compress dir");
-  }
-  return fd;
-}
-
 bool HoldsMembers(int workFd, const std::string& base) {
   for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
     std::string member = filesets::NumberedName(base, n);
@@ -108,12 +94,12 @@ void CompressLogsFactory(const std::string& logFilePath, int32_t maxFiles) {
     return;
   }
   const std::string workDir = logFilePath + "_tmp";
-  int workFd = MakeWorkDir(workDir);
+  int workFd = archive::MakeWorkFolder(workDir);
   if (workFd >= 0 && HoldsMembers(workFd, base)) {
     // Moving this set in would overwrite them: they go first, and while
     // they cannot be packed this set stays where it is.
     close(workFd);
-    workFd = RunFactory(logFilePath, maxFiles, workDir) ? MakeWorkDir(workDir) : -1;
+    workFd = RunFactory(logFilePath, maxFiles, workDir) ? archive::MakeWorkFolder(workDir) : -1;
   }
   Folder work(workFd);
   if (!work.ok()) return;

@@ -1,17 +1,13 @@
 #ifndef MORVOCAT_ARCHIVE_FOLDER_H_
 #define MORVOCAT_ARCHIVE_FOLDER_H_
 
-// The folder that rotated files and archives are renamed and deleted in,
-// held open so that every name is taken relative to it and no link planted
-// on the way is followed.
+// The folders that rotated files and archives are renamed and deleted in,
+// held open so that every name is taken relative to them and no link
+// planted on the way is followed.
 
-#include <errno.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <string>
-
-#include "platform/safe_file.h"
 
 namespace archive {
 
@@ -32,16 +28,15 @@ class Folder {
 };
 
 // Opens the folder of path and gives its last component in *name; a path
-// without "/" is in the working folder. A path ending in "/" gives -EINVAL.
-inline int OpenParentFolder(const char* path, std::string* name) {
-  std::string folder;
-  if (!platform::SplitPath(path, &folder, name)) {
-    if (path == nullptr || path[0] == '\0' || path[strlen(path) - 1] == '/') return -EINVAL;
-    folder = ".";
-    name->assign(path);
-  }
-  return platform::OpenFolder(folder.c_str());
-}
+// without "/" is in the working folder. A descriptor or a negated errno
+// (-EINVAL for a path ending in "/").
+int OpenParentFolder(const char* path, std::string* name);
+
+// Makes the work folder that members are packed from (mode 0775), or takes
+// the one an interrupted run left after reporting the failed mkdir with
+// perror("couldn't create compress dir"); a link at its name is refused
+// with the same report, not followed. A descriptor or a negated errno.
+int MakeWorkFolder(const std::string& folder);
 
 }  // namespace archive
 

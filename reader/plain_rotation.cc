@@ -20,7 +20,6 @@
 namespace qdlogging {
 namespace {
 
-constexpr mode_t kWorkFolderMode = 0775;
 constexpr mode_t kArchiveMode = 0664;
 
 // A rotated file's name inside the work folder while it is packed.
@@ -66,18 +65,6 @@ void ShiftArchives(int dirFd, const std::string& base, uint64_t count) {
   }
 }
 
-// The work folder, made or left by an earlier run; a link at its name is
-// refused rather than followed, and the rotated files then stay put.
-int MakeWorkFolder(const std::string& folder) {
-  bool created = false;
-  int fd = platform::MakeFolder(folder.c_str(), kWorkFolderMode, &created);
-  if (fd < 0 || !created) {
-    errno = fd < 0 ? -fd : EEXIST;
-    perror("couldn't create compress dir");
-  }
-  return fd;
-}
-
 // Packs P.1 .. P.N through the work folder into P-0.tar.gz. The members are
 // deleted only when the archive was written whole.
 void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
@@ -85,7 +72,7 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   const char* path = ctx->outputFileName;
   uint64_t count = ctx->rotateCount;
   std::string folder = std::string(path) + "_tmp";
-  archive::Folder work(MakeWorkFolder(folder));
+  archive::Folder work(archive::MakeWorkFolder(folder));
   if (!work.ok()) return;
   if (strchr(path, '/') == nullptr) {
     fprintf(stderr, "creat outputFileName err %s:\n", strerror(errno));

@@ -46,8 +46,9 @@ TEST_F(FactoryCompressTest, ALinkAtTheWorkFolderStopsTheStepAndLosesNoFile) {
   EXPECT_EQ(std::vector<std::string>{"kmsg.1"}, Entries(victim_));
   EXPECT_EQ("precious\n", ReadFile(victim_ + "/kmsg.1"));
   // The numbered files wait where they were for a step that can run.
-  EXPECT_EQ((std::vector<std::string>{"kmsg.1", "kmsg.2", "kmsg.3", "kmsg.4", "kmsg.5", "kmsg_tmp"}),
-            Entries(folder_));
+  std::vector<std::string> expected = {"kmsg.1", "kmsg.2", "kmsg.3",
+                                       "kmsg.4", "kmsg.5", "kmsg_tmp"};
+  EXPECT_EQ(expected, Entries(folder_));
 }
 
 TEST_F(FactoryCompressTest, ALinkAtTheArchiveNameIsReplacedNotWrittenThrough) {

@@ -5,12 +5,10 @@
 // from, its fields opened up, and ways to read back what it wrote (gzip
 // files through zcat, archives through tar).
 
-#include <dirent.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -19,6 +17,7 @@
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"
 #include "support/command_output.h"
+#include "support/file_tree.h"
 #include "support/temp_root.h"
 
 namespace sinktest {
@@ -91,19 +90,7 @@ inline std::vector<std::string> TarMembers(const std::string& archive) {
   return names;
 }
 
-// The names in dir (not . and ..), sorted.
-inline std::vector<std::string> Entries(const std::string& dir) {
-  std::vector<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (struct dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  return names;
-}
+using morvotest::Entries;
 
 // Where the link at path points; empty when it is no link.
 inline std::string LinkTarget(const std::string& path) {

@@ -182,7 +182,9 @@ struct Plant {
 };
 
 const Plant kPlants[] = {
-    {"fifo", [](const std::string& p, const std::string&) { return mkfifo(p.c_str(), 0666) == 0; }},
+    {"fifo", [](const std::string& p, const std::string&) {
+       return mkfifo(p.c_str(), 0666) == 0;
+     }},
     // The null device's numbers: what "-f /dev/null" would meet.
     {"device", [](const std::string& p, const std::string&) {
        return mknod(p.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
@@ -190,7 +192,9 @@ const Plant kPlants[] = {
     {"link", [](const std::string& p, const std::string& v) {
        return symlink(v.c_str(), p.c_str()) == 0;
      }},
-    {"folder", [](const std::string& p, const std::string&) { return mkdir(p.c_str(), 0755) == 0; }},
+    {"folder", [](const std::string& p, const std::string&) {
+       return mkdir(p.c_str(), 0755) == 0;
+     }},
 };
 
 TEST_F(OutputFileTest, AnOutputPathThatIsNoRegularFileIsRefusedAndLeftAlone) {
