@@ -103,10 +103,16 @@ std::string Refusal(const char* what, const std::string& path, const char* why) 
   return std::string(what) + " [" + path + "] " + why + "\n";
 }
 
-// A folder the reader may take over: one it made, or one that already
-// belongs to root or to the system user. Anyone else's is written as it is.
-bool MayTakeOver(const struct stat& st, bool created) {
-  return created || st.st_uid == 0 || st.st_uid == kSystemId;
+// Gives the folder mode 0775 and the system user; failures are only told.
+// Only for a folder the reader made or that is root's or system's already:
+// anyone else's is written as it is.
+void TakeOver(int dirFd, const std::string& folder) {
+  if (fchmod(dirFd, kFolderMode) != 0) {
+    fprintf(stderr, "chmod [%s] failed: %s\n", folder.c_str(), strerror(errno));
+  }
+  if (fchown(dirFd, kSystemId, kSystemId) != 0) {
+    fprintf(stderr, "lchown [%s] failed: %s\n", folder.c_str(), strerror(errno));
+  }
 }
 
 // The folder of path, made or found, checked and given to the system user.
@@ -123,6 +129,12 @@ int PrepareLogFolder(const char* path, std::string* refusal) {
   std::string name;
   if (!platform::SplitPath(path, &folder, &name)) {
     fprintf(stderr, "logFile path [%s] is invalid.\n", path != nullptr ? path : "");
+    return -1;
+  }
+  if (folder == "/") {
+    // The text before the only "/" names no folder; the root folder is
+    // never the reader's to take over.
+    fprintf(stderr, "mkdir [] failed: %s\n", strerror(ENOENT));
     return -1;
   }
   bool created = false;
@@ -142,13 +154,7 @@ int PrepareLogFolder(const char* path, std::string* refusal) {
     *refusal = Refusal("logFile folder", folder, "is writable by others or shared (sticky bit).");
     return -1;
   }
-  if (!MayTakeOver(st, created)) return 0;
-  if (fchmod(dir.fd(), kFolderMode) != 0) {
-    fprintf(stderr, "chmod [%s] failed: %s\n", folder.c_str(), strerror(errno));
-  }
-  if (fchown(dir.fd(), kSystemId, kSystemId) != 0) {
-    fprintf(stderr, "lchown [%s] failed: %s\n", folder.c_str(), strerror(errno));
-  }
+  if (created || st.st_uid == 0 || st.st_uid == kSystemId) TakeOver(dir.fd(), folder);
   return 0;
 }
 
