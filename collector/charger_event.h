@@ -7,9 +7,7 @@
 
 #include <poll.h>
 
-#include "platform/export.h"
-
-extern "C" MORVO_EXPORT struct pollfd g_changePollefd;
+extern "C" struct pollfd g_changePollefd;
 
 // Waits for the next charge event; true when the charger's presence changed.
 bool ChargerEventChanged();

@@ -34,33 +34,33 @@ typedef struct QdLogEntry {
 
 typedef struct QdLogFormat QdLogFormat;
 
-MORVO_EXPORT log_id_t qdlogging_name_to_log_id(const char* name);  // LOG_ID_MAX if unknown
-MORVO_EXPORT const char* qdlogging_log_id_to_name(log_id_t id);    // "" if out of range
+log_id_t qdlogging_name_to_log_id(const char* name);  // LOG_ID_MAX if unknown
+const char* qdlogging_log_id_to_name(log_id_t id);    // "" if out of range
 
-MORVO_EXPORT QdLogFormat* qdlogging_log_format_new(void);
-MORVO_EXPORT void qdlogging_log_format_free(QdLogFormat* format);
-MORVO_EXPORT QdLogPrintFormat qdlogging_log_formatFromString(const char* text);
-MORVO_EXPORT int qdlogging_log_setPrintFormat(QdLogFormat* format, QdLogPrintFormat code);
+QdLogFormat* qdlogging_log_format_new(void);
+void qdlogging_log_format_free(QdLogFormat* format);
+QdLogPrintFormat qdlogging_log_formatFromString(const char* text);
+int qdlogging_log_setPrintFormat(QdLogFormat* format, QdLogPrintFormat code);
 
 // One rule "tag:P" ("*" for every tag; P one of V D I W E F S; a bare tag
 // means V). 0 or negative on a malformed rule.
-MORVO_EXPORT int qdlogging_log_addFilterRule(QdLogFormat* format, const char* rule);
+int qdlogging_log_addFilterRule(QdLogFormat* format, const char* rule);
 // Rules separated by white space; negative when any is malformed.
-MORVO_EXPORT int qdlogging_log_addFilterString(QdLogFormat* format, const char* text);
+int qdlogging_log_addFilterString(QdLogFormat* format, const char* text);
 // Non-zero when a line of tag and priority passes the rules.
-MORVO_EXPORT int qdlogging_log_shouldPrintLine(QdLogFormat* format, const char* tag,
+int qdlogging_log_shouldPrintLine(QdLogFormat* format, const char* tag,
                                               qd_LogPriority priority);
 
 // Parses a record read by qd_logger_list_read; negative when malformed.
-MORVO_EXPORT int qdlogging_log_processLogBuffer(struct qd_logger_entry* record, QdLogEntry* entry);
+int qdlogging_log_processLogBuffer(struct qd_logger_entry* record, QdLogEntry* entry);
 // Formats entry; returns defaultBuffer when the text fits in it, else a
 // block the caller frees with free(); null on failure. The length goes to
 // outLength.
-MORVO_EXPORT char* qdlogging_log_formatLogLine(QdLogFormat* format, char* defaultBuffer,
+char* qdlogging_log_formatLogLine(QdLogFormat* format, char* defaultBuffer,
                                                size_t defaultBufferSize, const QdLogEntry* entry,
                                                size_t* outLength);
 // Formats entry and writes it to fd; bytes written or negative.
-MORVO_EXPORT int qdlogging_log_printLogLine(QdLogFormat* format, int fd, const QdLogEntry* entry);
+int qdlogging_log_printLogLine(QdLogFormat* format, int fd, const QdLogEntry* entry);
 
 }  // extern "C"
 

@@ -10,8 +10,6 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include "platform/export.h"
-
 extern "C" {
 
 #define MORVO_LOG_STORE_DIR "/dev/shm/morvo_log"
@@ -76,23 +74,23 @@ struct qd_log_msg {
 struct qd_logger_list;
 struct qd_logger;
 
-MORVO_EXPORT struct qd_logger_list* qd_logger_list_alloc(int mode, unsigned int tail, pid_t pid);
-MORVO_EXPORT void qd_logger_list_free(struct qd_logger_list* list);
+struct qd_logger_list* qd_logger_list_alloc(int mode, unsigned int tail, pid_t pid);
+void qd_logger_list_free(struct qd_logger_list* list);
 // Opens buffer id on the list; null on failure (bad id, unreadable store).
-MORVO_EXPORT struct qd_logger* qd_logger_open(struct qd_logger_list* list, log_id_t id);
+struct qd_logger* qd_logger_open(struct qd_logger_list* list, log_id_t id);
 // Next record of the opened buffers in time order: its length, 0 at an
 // unexpected end, a negated errno on failure, -EAGAIN when a non-blocking
 // read is drained.
-MORVO_EXPORT int qd_logger_list_read(struct qd_logger_list* list, struct qd_log_msg* msg);
-MORVO_EXPORT int qd_logger_clear(struct qd_logger* logger);
-MORVO_EXPORT long qd_logger_get_log_size(struct qd_logger* logger);
-MORVO_EXPORT int qd_logger_set_log_size(struct qd_logger* logger, unsigned long size);
-MORVO_EXPORT long qd_logger_get_log_readable_size(struct qd_logger* logger);
+int qd_logger_list_read(struct qd_logger_list* list, struct qd_log_msg* msg);
+int qd_logger_clear(struct qd_logger* logger);
+long qd_logger_get_log_size(struct qd_logger* logger);
+int qd_logger_set_log_size(struct qd_logger* logger, unsigned long size);
+long qd_logger_get_log_readable_size(struct qd_logger* logger);
 
 // The writer side: appends one record to buffer id, stamped with the
 // caller's pid, tid, uid and the current time. Returns the payload bytes
 // stored or a negated errno. An over-long message is cut to fit the payload.
-MORVO_EXPORT int qd_log_write(int id, int priority, const char* tag, const char* message);
+int qd_log_write(int id, int priority, const char* tag, const char* message);
 
 }  // extern "C"
 

@@ -5,8 +5,6 @@
 // several processes share. A write replaces the file by rename under a lock,
 // so a reader always sees either the old or the new set, never half of one.
 
-#include "platform/export.h"
-
 #define PROPERTY_KEY_MAX 32
 #define PROPERTY_VALUE_MAX 92
 
@@ -18,10 +16,10 @@ extern "C" {
 
 // Copies the value of key (or default_value when it is not set) into value,
 // which holds PROPERTY_VALUE_MAX bytes. Returns the length copied.
-MORVO_EXPORT int property_get(const char* key, char* value, const char* default_value);
+int property_get(const char* key, char* value, const char* default_value);
 // Returns 0, or -1 when the key or value is too long or the store cannot be
 // written.
-MORVO_EXPORT int property_set(const char* key, const char* value);
+int property_set(const char* key, const char* value);
 
 }  // extern "C"
 

@@ -9,22 +9,20 @@
 #include <stdarg.h>
 #include <stddef.h>
 
-#include "platform/export.h"
-
 extern "C" {
 
-MORVO_EXPORT int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format,
+int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format,
                              va_list args);
-MORVO_EXPORT int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...)
+int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
-MORVO_EXPORT int sprintf_s(char* dest, size_t destMax, const char* format, ...)
+int sprintf_s(char* dest, size_t destMax, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
-MORVO_EXPORT int strncpy_s(char* dest, size_t destMax, const char* src, size_t count);
-MORVO_EXPORT int strcpy_s(char* dest, size_t destMax, const char* src);
-MORVO_EXPORT int strncat_s(char* dest, size_t destMax, const char* src, size_t count);
+int strncpy_s(char* dest, size_t destMax, const char* src, size_t count);
+int strcpy_s(char* dest, size_t destMax, const char* src);
+int strncat_s(char* dest, size_t destMax, const char* src, size_t count);
 // Fills count bytes; when count exceeds destMax it fills destMax bytes and
 // fails, so a caller never writes past the buffer.
-MORVO_EXPORT int memset_s(void* dest, size_t destMax, int value, size_t count);
+int memset_s(void* dest, size_t destMax, int value, size_t count);
 
 }  // extern "C"
 

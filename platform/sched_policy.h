@@ -1,8 +1,6 @@
 #ifndef MORVOCAT_PLATFORM_SCHED_POLICY_H_
 #define MORVOCAT_PLATFORM_SCHED_POLICY_H_
 
-#include "platform/export.h"
-
 extern "C" {
 
 enum SchedPolicy {
@@ -13,7 +11,7 @@ enum SchedPolicy {
 // Moves thread tid (0: the caller) into the scheduling group of policy.
 // Here a group is an I/O priority: background threads yield the disk to the
 // rest of the system. Returns 0 or a negated errno.
-MORVO_EXPORT int set_sched_policy(int tid, SchedPolicy policy);
+int set_sched_policy(int tid, SchedPolicy policy);
 
 }  // extern "C"
 

@@ -3,13 +3,11 @@
 
 #include <string>
 
-#include "platform/export.h"
-
 namespace android {
 namespace base {
 
 // printf into a new string; an unusable format gives an empty string.
-MORVO_EXPORT std::string StringPrintf(const char* format, ...)
+std::string StringPrintf(const char* format, ...)
     __attribute__((format(printf, 1, 2)));
 
 }  // namespace base

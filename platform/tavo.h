@@ -11,7 +11,7 @@
 
 #include "platform/export.h"
 
-class MORVO_EXPORT Tavo {
+class Tavo {
  public:
   Tavo();
   ~Tavo();
