@@ -10,9 +10,9 @@
 #include <unistd.h>
 
 #include "archive/factory_compress.h"
-#include "collector/owner_change.h"
 #include "collector/tavobase.h"
 #include "filesets/file_name.h"
+#include "platform/safe_file.h"
 
 namespace {
 
@@ -26,6 +26,51 @@ std::string Numbered(const std::string& path, int n) {
   return n == 0 ? path : filesets::NumberedName(path, n);
 }
 
+// A link named link in the folder dirFd, pointing at target as given.
+int SymlinkIn(int dirFd, const std::string& target, const std::string& link) {
+  if (dirFd < 0) return -1;
+  return symlinkat(target.c_str(), dirFd, filesets::NameInFolder(link));
+}
+
+// Moves the numbered file from on to the name to. Anything but a plain file
+// of one name was put there by someone else: it is removed rather than
+// handed on to the archive step. -1 with errno set on failure.
+int ShiftIn(int dirFd, const std::string& from, const std::string& to) {
+  if (dirFd < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  const char* name = filesets::NameInFolder(from);
+  struct stat st;
+  if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+  if (!S_ISDIR(st.st_mode) && (!S_ISREG(st.st_mode) || st.st_nlink > 1)) {
+    return unlinkat(dirFd, name, 0);
+  }
+  return renameat(dirFd, name, dirFd, filesets::NameInFolder(to));
+}
+
+// Enters the folder name of parent, making it with mode when missing; a
+// link there is refused. prefix is the path so far, for the messages. A
+// descriptor, or -1 after a message.
+int EnterFolder(int parent, const char* name, mode_t mode, const char* prefix) {
+  bool created = mkdirat(parent, name, mode) == 0;
+  int fd = -1;
+  if (created || errno == EEXIST) {
+    fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  }
+  if (fd < 0) {
+    fprintf(stderr, "%s: mkdir [%s] err.\n", "MkdirP", prefix);
+    return -1;
+  }
+  // The file-creation mask may have taken bits off.
+  if (created && fchmod(fd, mode) != 0) {
+    fprintf(stderr, "%s: chmod [%s] err.\n", "MkdirP", prefix);
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
 }  // namespace
 
 int Tavobase::ChooseFileName() {
@@ -34,30 +79,41 @@ int Tavobase::ChooseFileName() {
 
 void Tavobase::RefreshSymlink() const {
   if (IsFactoryWrite()) return;
+  std::string name;
+  int dirFd = OpenFolderOf(outputFilePath, &name);
+  RefreshSymlinkAt(dirFd);
+  if (dirFd >= 0) close(dirFd);
+}
+
+void Tavobase::RefreshSymlinkAt(int dirFd) const {
+  if (IsFactoryWrite()) return;
   for (const std::string* link : {&outputFilePath, &prevLinkPath}) {
-    if (unlink(link->c_str()) != 0) {
+    if (UnlinkIn(dirFd, *link) != 0) {
       fprintf(stderr, "RefreshSymlink unlink [%s] fail\n", link->c_str());
     }
   }
-  if (symlink(logFilePath.c_str(), outputFilePath.c_str()) != 0) {
+  if (SymlinkIn(dirFd, logFilePath, outputFilePath) != 0) {
     fprintf(stderr, "RefreshSymlink symlink [%s] fail\n", logFilePath.c_str());
   }
   if (fileVec.size() < 2) return;
   const std::string& previous = fileVec[fileVec.size() - 2];
-  if (symlink(previous.c_str(), prevLinkPath.c_str()) != 0) {
+  if (SymlinkIn(dirFd, previous, prevLinkPath) != 0) {
     fprintf(stderr, "RefreshSymlink symlink [%s] fail\n", previous.c_str());
   }
 }
 
 void Tavobase::ReleaseSymlink(const char* path) const {
-  // A link whose target is gone fails this test and stays.
-  if (path == nullptr || access(path, F_OK) != 0) return;
+  if (path == nullptr) return;
+  std::string name;
+  int dirFd = OpenFolderOf(path, &name);
+  if (dirFd < 0) return;
   struct stat st;
-  if (lstat(path, &st) != 0) {
-    fprintf(stderr, "lstat file %s err\n", path);
-    return;
+  if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (errno != ENOENT) fprintf(stderr, "lstat file %s err\n", path);
+  } else if (S_ISLNK(st.st_mode) && unlinkat(dirFd, name.c_str(), 0) != 0) {
+    fprintf(stderr, "unlink [%s] fail\n", path);
   }
-  if (S_ISLNK(st.st_mode) && unlink(path) != 0) fprintf(stderr, "unlink [%s] fail\n", path);
+  close(dirFd);
 }
 
 void Tavobase::RotateLog(uint64_t length) {
@@ -75,16 +131,21 @@ void Tavobase::RotateLog(uint64_t length) {
 void Tavobase::RotateLogsFactory() {
   if (logFilePath.empty()) return;
   FactoryClose();
+  std::string name;
+  int dirFd = OpenFolderOf(logFilePath, &name);
   for (int i = kNumberedCopies; i >= 1; --i) {
-    std::string from = Numbered(logFilePath, i - 1);
-    if (rename(from.c_str(), Numbered(logFilePath, i).c_str()) != 0 && errno != ENOENT) {
+    if (ShiftIn(dirFd, Numbered(logFilePath, i - 1), Numbered(logFilePath, i)) != 0 &&
+        errno != ENOENT) {
       perror("while rotating log files");
     }
   }
   curFileSize = 0;
-  if (access(Numbered(logFilePath, kNumberedCopies).c_str(), F_OK) == 0 && maxFiles != 0) {
-    CompressLogsFactory();
-  }
+  const std::string last = Numbered(logFilePath, kNumberedCopies);
+  struct stat st;
+  bool setFull = dirFd >= 0 &&
+                 fstatat(dirFd, filesets::NameInFolder(last), &st, AT_SYMLINK_NOFOLLOW) == 0;
+  if (dirFd >= 0) close(dirFd);
+  if (setFull && maxFiles != 0) CompressLogsFactory();
   OpenLogFileFactory();
   if (logFd < 0) perror("couldn't open output file");
 }
@@ -95,13 +156,19 @@ void Tavobase::OpenLogFileFactory() {
   // Links left by an mmap run of the same group: factory files are plain.
   ReleaseSymlink(logFilePath.c_str());
   ReleaseSymlink(prevLinkPath.c_str());
-  logFd = open(logFilePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kFactoryCreateMode);
+  std::string name;
+  int dirFd = OpenFolderOf(logFilePath, &name);
+  logFd = OpenOwnFileAt(dirFd, name, O_WRONLY | O_APPEND, kFactoryCreateMode);
+  if (dirFd >= 0) close(dirFd);
   if (logFd < 0) {
+    logFd = -1;
     fprintf(stderr, "open file[%s] err\n", logFilePath.c_str());
     return;
   }
   if (fchmod(logFd, kLogFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
-  ChownRootSystem(logFilePath.c_str(), "chown file[%s] err\n");
+  if (platform::GiveToRootSystem(logFd) != 0) {
+    fprintf(stderr, "chown file[%s] err\n", logFilePath.c_str());
+  }
   openLogFilePost();
 }
 
@@ -111,31 +178,35 @@ int Tavobase::MkdirP(const char* path, uint32_t mode) const {
   if (dir.empty() || dir.size() > kPathLimit) return 1;
   if (dir.back() != '/') dir.push_back('/');
   if (dir.size() < 2) return 0;
-  for (size_t pos = dir.find('/', 1); pos != std::string::npos; pos = dir.find('/', pos + 1)) {
+  // Folder by folder from the start, each entered without following a
+  // link: a link put in place of one would carry the mkdir and the mode
+  // change out of the tree.
+  int parent = open(dir[0] == '/' ? "/" : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  size_t start = dir[0] == '/' ? 1 : 0;
+  for (size_t pos = dir.find('/', 1); parent >= 0 && pos != std::string::npos;
+       pos = dir.find('/', pos + 1)) {
+    std::string name = dir.substr(start, pos - start);
+    start = pos + 1;
+    if (name.empty()) continue;
     dir[pos] = '\0';
-    const char* prefix = dir.c_str();
-    if (access(prefix, F_OK) != 0) {
-      if (mkdir(prefix, mode) != 0) {
-        fprintf(stderr, "%s: mkdir [%s] err.\n", "MkdirP", prefix);
-        return 1;
-      }
-      // The file-creation mask may have taken bits off.
-      if (chmod(prefix, mode) != 0) {
-        fprintf(stderr, "%s: chmod [%s] err.\n", "MkdirP", prefix);
-        return 1;
-      }
-    }
+    int child = EnterFolder(parent, name.c_str(), mode, dir.c_str());
     dir[pos] = '/';
+    close(parent);
+    parent = child;
   }
+  if (parent < 0) return 1;
+  close(parent);
   return 0;
 }
 
 void Tavobase::CreateDir(const char* path) const {
   if (MkdirP(path, kDirMode) == 1) {
     fprintf(stderr, "MkdirP dir[%s] err\n", path != nullptr ? path : "");
-  } else if (chmod(path, kDirMode) != 0) {
-    fprintf(stderr, "chmod dir[%s] err\n", path);
+    return;
   }
+  int dirFd = platform::OpenFolder(path);
+  if (dirFd < 0 || fchmod(dirFd, kDirMode) != 0) fprintf(stderr, "chmod dir[%s] err\n", path);
+  if (dirFd >= 0) close(dirFd);
 }
 
 void Tavobase::CompressLogsFactory() const {

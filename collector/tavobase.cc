@@ -11,8 +11,8 @@
 
 #include "archive/factory_compress.h"
 #include "collector/monitor_dir.h"
-#include "collector/owner_change.h"
 #include "filesets/file_name.h"
+#include "platform/safe_file.h"
 #include "platform/tavo.h"
 
 using TavoCommon::FACTORY_WRITE;
@@ -134,7 +134,13 @@ int Tavobase::CreateBugreportsDir(const char* path) const {
   }
   std::string dir(path, static_cast<size_t>(slash - path));
   CreateDir(dir.c_str());
-  ChownRootSystem(dir.c_str(), "chown [%s] err\n");
+  // On the folder itself, in this process: no program found through PATH
+  // runs as root, and a link put in place of the folder is not followed.
+  int dirFd = platform::OpenFolder(dir.c_str());
+  if (dirFd < 0 || platform::GiveToRootSystem(dirFd) != 0) {
+    fprintf(stderr, "chown [%s] err\n", dir.c_str());
+  }
+  if (dirFd >= 0) close(dirFd);
   return 0;
 }
 
@@ -147,20 +153,29 @@ void Tavobase::OpenLogFile() {
   }
   MmapClose();
   if (ChooseFileName() != 0) return;
+  std::string name;
+  int dirFd = OpenFolderOf(logFilePath, &name);
   if (tavoWriter != nullptr) {
-    if (!tavoWriter->SetOutputPath(logFilePath.c_str())) {
+    // Made before the writer opens it, so that the writer finds our own
+    // file at the name and never what someone put there.
+    logFd = OpenOwnFileAt(dirFd, name, O_WRONLY, kLogFileMode);
+    if (logFd >= 0 && !tavoWriter->SetOutputPath(logFilePath.c_str())) {
       fprintf(stderr, "error while set mmap output path\n");
     }
-    logFd = open(logFilePath.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kLogFileMode);
   }
   curFileSize = 0;
-  if (logFd == -1) {
+  if (logFd < 0) {
+    logFd = -1;
+    if (dirFd >= 0) close(dirFd);
     fprintf(stderr, "open or mmap file[%s] err \n", logFilePath.c_str());
     return;
   }
   if (fchmod(logFd, kLogFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
-  ChownRootSystem(logFilePath.c_str(), "chown [%s] err\n");
-  RefreshSymlink();
+  if (platform::GiveToRootSystem(logFd) != 0) {
+    fprintf(stderr, "chown [%s] err\n", logFilePath.c_str());
+  }
+  RefreshSymlinkAt(dirFd);
+  close(dirFd);
   close(logFd);
   logFd = -1;
   openLogFilePost();

@@ -10,6 +10,11 @@
 //   and packs full sets of five into P-0.tar.gz, P-1.tar.gz, ...
 // A rotation is only ever made before a write whose preceding write ended a
 // record, so the parts of one record always share a file.
+//
+// The collector runs as root in folders others may write: every create,
+// mode and owner change, rename and unlink there works on descriptors opened
+// without following links, and owners are given in this process, never by a
+// program found through PATH.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -64,14 +69,16 @@ class Tavobase : public FileSet {
   // cannot be formatted.
   int ChooseFileName();
   void RefreshSymlink() const;
-  // Removes path when it is a link to an existing file.
+  // Removes path when it is a symbolic link, one whose target is gone
+  // included: the group never writes through a link.
   void ReleaseSymlink(const char* path) const;
   // Starts the next file before a write of length that would reach the
   // size threshold.
   void RotateLog(uint64_t length);
   void RotateLogsFactory();
   void OpenLogFileFactory();
-  // Makes path and its missing parents with mode. 0 or 1.
+  // Makes path and its missing parents with mode. 0 or 1; 1 also when a
+  // link stands where one of them should be.
   int MkdirP(const char* path, uint32_t mode) const;
   void CreateDir(const char* path) const;
 
@@ -101,6 +108,8 @@ class Tavobase : public FileSet {
   // Steps 2 to 4 of every write: rebuild a vanished file, rotate where a
   // record ended, remember whether this one does.
   void PrepareWrite(size_t length, bool endsRecord);
+  // RefreshSymlink in the log folder opened as dirFd.
+  void RefreshSymlinkAt(int dirFd) const;
   int WriteFormatted(const char* text, size_t width, bool endsRecord);
 };
 

@@ -73,4 +73,9 @@ bool IsOldStyleName(const std::string& path, const std::string& base) {
   return false;
 }
 
+const char* NameInFolder(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return path.c_str() + (slash == std::string::npos ? 0 : slash + 1);
+}
+
 }  // namespace filesets

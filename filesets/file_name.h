@@ -44,6 +44,10 @@ bool FormatIndexTag(uint32_t index, char* out, size_t size);
 std::string NumberedName(const std::string& base, int n);
 std::string ArchiveName(const std::string& base, int n);
 
+// The part of path after its last "/" (all of it when there is none), for
+// calls relative to the folder's descriptor.
+const char* NameInFolder(const std::string& path);
+
 // path is B.n or B-n.tar.gz for a base path B and n from 0 to 4.
 bool IsOldStyleName(const std::string& path, const std::string& base);
 

@@ -1,6 +1,8 @@
 #include "filesets/file_set.h"
 
 #include <dirent.h>
+#include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -9,6 +11,8 @@
 
 #include <algorithm>
 #include <utility>
+
+#include "platform/safe_file.h"
 
 namespace {
 
@@ -60,8 +64,12 @@ bool FileSet::SortByEarlyTime(const std::string& a, const std::string& b) {
 
 int FileSet::ScanDir(int mode, const std::string& directory, const std::string& baseName) {
   if (directory.empty() || baseName.empty()) return 1;
-  DIR* dir = opendir(directory.c_str());
+  // Not through a link put in place of the folder: a purge would delete
+  // files of the folder it points to.
+  int dirFd = platform::OpenFolder(directory.c_str());
+  DIR* dir = dirFd >= 0 ? fdopendir(dirFd) : nullptr;
   if (dir == nullptr) {
+    if (dirFd >= 0) close(dirFd);
     fprintf(stderr, "open pdir error.\n");
     return 1;
   }
@@ -78,7 +86,8 @@ int FileSet::ScanDir(int mode, const std::string& directory, const std::string& 
     }
     if (mode == kCollect && full.size() == nameLength) {
       fileVec.push_back(full);
-    } else if (mode == kPurge && full.size() != nameLength && unlink(full.c_str()) != 0) {
+    } else if (mode == kPurge && full.size() != nameLength &&
+               unlinkat(dirfd(dir), entry->d_name, 0) != 0) {
       fprintf(stderr, "ProcessMmapFileVec unlink [%s] fail\n", full.c_str());
     }
   }
@@ -109,15 +118,18 @@ void FileSet::DeleteOldStyleFiles() {
 void FileSet::SweepNamesSilently() {
   if (scheme_ != SetScheme::INDEXED || outputFilePath.empty()) return;
   fileVec.clear();
-  // The indexed scheme never writes the base path itself either.
+  std::string base;
+  int dirFd = OpenFolderOf(outputFilePath, &base);
+  if (dirFd < 0) return;
+  // The indexed scheme never writes the base path itself either. Missing
+  // names are no news here.
   for (int n = 0; n < filesets::kOldStyleCount; ++n) {
-    std::string name = n == 0 ? outputFilePath : filesets::NumberedName(outputFilePath, n);
-    if (access(name.c_str(), F_OK) == 0) unlink(name.c_str());
+    UnlinkIn(dirFd, n == 0 ? outputFilePath : filesets::NumberedName(outputFilePath, n));
   }
   for (int n = 0; n < kReaderArchiveCount; ++n) {
-    std::string name = filesets::ArchiveName(outputFilePath, n);
-    if (access(name.c_str(), F_OK) == 0) unlink(name.c_str());
+    UnlinkIn(dirFd, filesets::ArchiveName(outputFilePath, n));
   }
+  close(dirFd);
 }
 
 void FileSet::SweepOnce() {
@@ -126,12 +138,15 @@ void FileSet::SweepOnce() {
     // Left by an earlier indexed run of the same owner.
     DropOldest(fileVec.size(), std::string());
   } else {
+    std::string base;
+    int dirFd = OpenFolderOf(outputFilePath, &base);
     for (int n = 0; n < filesets::kOldStyleCount; ++n) {
       for (const std::string& name : {filesets::NumberedName(outputFilePath, n),
                                       filesets::ArchiveName(outputFilePath, n)}) {
-        if (unlink(name.c_str()) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
+        if (UnlinkIn(dirFd, name) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
       }
     }
+    if (dirFd >= 0) close(dirFd);
     ProcessMmapFileVec(kPurge);
   }
   oldStyleCheck = false;
@@ -242,11 +257,14 @@ uint64_t FileSet::FileLimit() const {
 
 void FileSet::DropOldest(size_t count, const std::string& keep) {
   count = std::min(count, fileVec.size());
+  std::string base;
+  int dirFd = count > 0 ? OpenFolderOf(outputFilePath, &base) : -EBADF;
   for (size_t i = 0; i < count; ++i) {
     const std::string& name = fileVec[i];
     if (name == keep) continue;
-    if (unlink(name.c_str()) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
+    if (UnlinkIn(dirFd, name) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
   }
+  if (dirFd >= 0) close(dirFd);
   fileVec.erase(fileVec.begin(), fileVec.begin() + static_cast<std::ptrdiff_t>(count));
 }
 
@@ -263,4 +281,29 @@ bool FileSet::AddNewFile(uint32_t index, std::string* path) {
   *path = name;
   fileVec.push_back(std::move(name));
   return true;
+}
+
+int FileSet::OpenFolderOf(const std::string& path, std::string* name) {
+  std::string folder;
+  if (!platform::SplitPath(path.c_str(), &folder, name)) return -EINVAL;
+  return platform::OpenFolder(folder.c_str());
+}
+
+int FileSet::OpenOwnFileAt(int dirFd, const std::string& name, int flags, mode_t mode) {
+  if (dirFd < 0) return -EBADF;
+  struct stat st;
+  if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(st.st_mode) &&
+      (!S_ISREG(st.st_mode) || st.st_nlink > 1) && unlinkat(dirFd, name.c_str(), 0) != 0) {
+    return -errno;
+  }
+  return platform::OpenFileAt(dirFd, name.c_str(), flags | O_CREAT, mode);
+}
+
+int FileSet::UnlinkIn(int dirFd, const std::string& path) {
+  // A negative descriptor could read as AT_FDCWD.
+  if (dirFd < 0) {
+    errno = EBADF;
+    return -1;
+  }
+  return unlinkat(dirFd, filesets::NameInFolder(path), 0);
 }

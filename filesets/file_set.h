@@ -11,6 +11,7 @@
 // gets every operation of the set as its own member.
 
 #include <stdint.h>
+#include <sys/types.h>
 
 #include <string>
 #include <vector>
@@ -94,6 +95,19 @@ class FileSet {
   // *path; false when the name cannot be formatted.
   bool AddNewFile(uint32_t index, std::string* path);
 
+  // The folder of path opened for *at calls (a link there is refused), and
+  // path's name in it. A descriptor or a negated errno.
+  static int OpenFolderOf(const std::string& path, std::string* name);
+  // Opens name in the folder dirFd for writing, creating it with mode.
+  // Whatever else stands at a name the owner writes (a link, a FIFO or
+  // device, a second name of another file) was put there by someone else:
+  // it is removed first, never followed or written. A descriptor or a
+  // negated errno.
+  static int OpenOwnFileAt(int dirFd, const std::string& name, int flags, mode_t mode);
+  // Deletes path's name in its folder, opened as dirFd; -1 with errno set
+  // when that fails (also for a negative dirFd).
+  static int UnlinkIn(int dirFd, const std::string& path);
+
   std::string outputFilePath;
   std::vector<std::string> fileVec;
   uint64_t maxFiles;
@@ -105,6 +119,7 @@ class FileSet {
   // Deletes the first count files of fileVec, all but a file named keep,
   // and takes them off the list.
   void DropOldest(size_t count, const std::string& keep);
+
   void SweepNamesSilently();
   void SweepOnce();
 

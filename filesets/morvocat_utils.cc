@@ -1,6 +1,7 @@
 #include "filesets/morvocat_utils.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -68,10 +69,21 @@ int MorvocatUtils::GetNewLogFileName() {
     return tavoWriter->SetOutputPath(logFilePath.c_str()) ? 0 : 1;
   }
   if (!AddNewFile(index, &logFilePath)) return 1;
-  if (!tavoWriter->SetOutputPath(logFilePath.c_str())) return 1;
-  if (chmod(logFilePath.c_str(), kLogFileMode) != 0) {
+  // Made here first, so that the writer opens a file of our own and never
+  // what someone put at the name.
+  std::string name;
+  int dirFd = OpenFolderOf(logFilePath, &name);
+  int fd = OpenOwnFileAt(dirFd, name, O_WRONLY, kLogFileMode);
+  if (dirFd >= 0) close(dirFd);
+  if (fd < 0) return 1;
+  if (!tavoWriter->SetOutputPath(logFilePath.c_str())) {
+    close(fd);
+    return 1;
+  }
+  if (fchmod(fd, kLogFileMode) != 0) {
     fprintf(stderr, "chmod file[%s] err %s:\n", logFilePath.c_str(), strerror(errno));
   }
+  close(fd);
   return 0;
 }
 

@@ -147,4 +147,38 @@ TEST_F(FactoryRotationTest, LinksOfAnEarlierMmapRunGiveWayToPlainFiles) {
   EXPECT_EQ(sinktest::ModeOf(base_), 0664u);
 }
 
+// What a local user puts at P before the group opens it, or again before a
+// rotation, is removed and P made as a plain file of the group's own: a
+// link is never followed (not even a dangling one, which would make a file
+// outside the tree), a FIFO never blocks the group, and a second name of an
+// outside file is never written.
+TEST_F(FactoryRotationTest, WhatIsPlantedAtPIsReplacedByAPlainFile) {
+  const std::string victim = root_.Under("/victim");
+  int group = 0;
+  for (morvotest::Plant plant : {morvotest::Plant::DANGLING_LINK, morvotest::Plant::FIFO,
+                                 morvotest::Plant::HARD_LINK, morvotest::Plant::SYMLINK}) {
+    SCOPED_TRACE(morvotest::NameOf(plant));
+    morvotest::MakeVictim(victim);
+    const std::string base = dir_ + "/planted" + std::to_string(group++);
+    morvotest::PlantAt(base, plant, victim);
+    morvotest::PlantAt(base + ".1", plant, victim);
+    GroupConfig config(base, 1, 10);
+    TestSink sink(config, FACTORY_WRITE);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    const std::string record = Record(0);
+    ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
+    morvotest::ExpectOwnFile(base, 0664);
+    EXPECT_EQ(morvotest::ReadFile(base), record);
+    EXPECT_FALSE(sinktest::IsLink(base + ".1"));
+    // P given away between rotations: the group goes on in a file of its own.
+    ASSERT_EQ(rename(base.c_str(), (base + ".taken").c_str()), 0);
+    morvotest::PlantAt(base, plant, victim);
+    ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
+    morvotest::ExpectOwnFile(base, 0664);
+    EXPECT_EQ(morvotest::ReadFile(base), record);
+    morvotest::ExpectUntouched(victim);
+    EXPECT_FALSE(morvotest::Exists(victim + ".new"));
+  }
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 // Memory-mapped mode: indexed files, the links P and P.1, pruning, restart,
 // and where rotations may fall.
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -172,6 +173,38 @@ TEST_F(MmapRotationTest, EveryNewFileGetsItsTitleFirst) {
   sink.LogcatClose();
   EXPECT_EQ(sinktest::Unzipped(first), "TITLE\n" + std::string(599, 'a') + "\n");
   EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "TITLE\n" + std::string(599, 'b') + "\n");
+}
+
+// A local user puts something at the name the next file will take (for the
+// coming seconds): the rotation removes it and makes its own file there;
+// nothing outside the tree is written, given away or changed in mode.
+TEST_F(MmapRotationTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
+  const std::string victim = root_.Under("/victim");
+  int group = 0;
+  for (morvotest::Plant plant : {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK,
+                                 morvotest::Plant::FIFO, morvotest::Plant::DANGLING_LINK}) {
+    SCOPED_TRACE(morvotest::NameOf(plant));
+    morvotest::MakeVictim(victim);
+    const std::string base = dir_ + "/planted" + std::to_string(group++);
+    GroupConfig config(base, 1, 10);
+    TestSink sink(config, MMAP_WRITE);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    // Past the first rotation, which scans the folder again.
+    ASSERT_EQ(WriteRecord(sink, 'a'), 0);
+    ASSERT_EQ(WriteRecord(sink, 'b'), 0);
+    const std::vector<std::string> coming = morvotest::ComingSetNames(base, 2);
+    for (const std::string& name : coming) morvotest::PlantAt(name, plant, victim);
+    testing::internal::CaptureStderr();
+    ASSERT_EQ(WriteRecord(sink, 'c'), 0);
+    sink.LogcatClose();
+    testing::internal::GetCapturedStderr();
+    morvotest::ExpectUntouched(victim);
+    EXPECT_FALSE(morvotest::Exists(victim + ".new"));
+    ASSERT_NE(std::find(coming.begin(), coming.end(), sink.logFilePath), coming.end());
+    morvotest::ExpectOwnFile(sink.logFilePath, 0664);
+    EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), std::string(599, 'c') + "\n");
+    EXPECT_EQ(sinktest::LinkTarget(base), sink.logFilePath);
+  }
 }
 
 }  // namespace

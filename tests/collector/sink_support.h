@@ -18,6 +18,7 @@
 #include "config/tavo_common.h"
 #include "support/command_output.h"
 #include "support/file_tree.h"
+#include "support/planted.h"
 #include "support/temp_root.h"
 
 namespace sinktest {
@@ -113,6 +114,7 @@ inline bool IsLink(const std::string& path) {
 // also watches; the group's path is base_. The group's folder exists before
 // the group is built, as on a device after its first run: a monitor started
 // for a missing folder ends at once.
+// Every test also puts a fake "chown" first on PATH: the sink must never run it.
 class SinkTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -121,8 +123,10 @@ class SinkTest : public ::testing::Test {
     dir_ = root_.Under("/data/log/group");
     base_ = dir_ + "/applog";
   }
+  void TearDown() override { EXPECT_FALSE(chown_.Ran()) << "a chown found through PATH ran"; }
 
   morvotest::TempRoot root_;
+  morvotest::FakeChownOnPath chown_{root_.path()};
   std::string dir_;
   std::string base_;
 };

@@ -33,6 +33,7 @@ class SinkWriteTest : public sinktest::SinkTest {
   void TearDown() override {
     delete sink_;
     delete config_;
+    SinkTest::TearDown();
   }
   std::string Written() const { return morvotest::ReadFile(base_); }
 
@@ -196,6 +197,47 @@ TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
   EXPECT_NE(GetCapturedStderr().find("MkdirP dir["), std::string::npos);
   sink_->CreateDir(root_.Under("/data/log/made").c_str());
   EXPECT_EQ(sinktest::ModeOf(root_.Under("/data/log/made")), 0775u);
+  // A link in place of a folder is never entered, at the end or on the way.
+  const std::string outside = root_.Under("/outside");
+  const std::string linked = root_.Under("/data/log/linked");
+  morvotest::MakeVictimFolder(outside);
+  ASSERT_EQ(symlink(outside.c_str(), linked.c_str()), 0);
+  CaptureStderr();
+  EXPECT_EQ(sink_->MkdirP((linked + "/sub").c_str(), 0775), 1);
+  EXPECT_EQ(sink_->MkdirP(linked.c_str(), 0775), 1);
+  sink_->CreateDir(linked.c_str());
+  sink_->CreateDir((linked + "/sub").c_str());
+  std::string err = GetCapturedStderr();
+  EXPECT_NE(err.find("MkdirP: mkdir [" + linked + "] err."), std::string::npos) << err;
+  EXPECT_NE(err.find("MkdirP dir[" + linked + "] err"), std::string::npos) << err;
+  morvotest::ExpectUntouched(outside);
+}
+
+// A group folder swapped for a link to a folder outside the tree, while the
+// group writes: the next writes rebuild the output and rotate, and must
+// neither make anything there nor change its mode or owner.
+TEST_F(SinkWriteTest, AGroupFolderReplacedByALinkIsNeverEntered) {
+  const std::string outside = root_.Under("/outside");
+  const std::string group = root_.Under("/data/log/swapped");
+  const std::string record = std::string(699, 'r') + "\n";
+  for (TavoCommon::TypeWrite mode : {MMAP_WRITE, FACTORY_WRITE}) {
+    SCOPED_TRACE(mode);
+    morvotest::MakeVictimFolder(outside);
+    GroupConfig config(group + "/applog", 1, 10);
+    TestSink sink(config, mode);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
+    ASSERT_EQ(system(("rm -rf " + sinktest::Quoted(group)).c_str()), 0);
+    ASSERT_EQ(symlink(outside.c_str(), group.c_str()), 0);
+    CaptureStderr();
+    for (int i = 0; i < 3; ++i) sink.LogcatWrite(record.data(), record.size(), true);
+    sink.LogcatClose();
+    sink.SetupOutput();
+    GetCapturedStderr();
+    morvotest::ExpectUntouched(outside);
+    ASSERT_EQ(unlink(group.c_str()), 0);
+    ASSERT_EQ(rmdir(outside.c_str()), 0);
+  }
 }
 
 TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "set_owners.h"
+#include "support/planted.h"
 
 namespace {
 
@@ -369,6 +370,31 @@ TYPED_TEST(FileSetTest, LimitZeroLeavesOneIndexFreeAndNeverTheCurrentFile) {
   set.RemoveRedundancy();
   EXPECT_EQ((std::vector<std::string>{names[5], current}), set.fileVec);
   EXPECT_TRUE(morvotest::Exists(current));
+}
+
+// The set's folder swapped for a link to a folder outside the tree that
+// holds files of the set's names: pruning, the old-style sweep and the purge
+// delete nothing there.
+TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
+  const std::string& b = this->base_;
+  std::vector<std::string> names;
+  for (int index = 0; index < 3; ++index) names.push_back(MakeSetFile(b, index));
+  for (const std::string& other : {b + ".I03.20240105-081502.gz", b + ".1", b + "-0.tar.gz"}) {
+    morvotest::WriteFile(other, "x");
+  }
+  TypeParam set(b, 1);
+  set.fileVec = names;
+  const std::string outside = this->root_.Under("/outside");
+  ASSERT_EQ(rename(this->dir_.c_str(), outside.c_str()), 0);
+  ASSERT_EQ(symlink(outside.c_str(), this->dir_.c_str()), 0);
+  const std::vector<std::string> before = morvotest::Entries(outside);
+  CaptureStderr();
+  set.RemoveRedundancy();
+  set.DeleteOldStyleFiles();
+  set.ProcessMmapFileVec(1);
+  set.FormFileVectors();
+  GetCapturedStderr();
+  EXPECT_EQ(before, morvotest::Entries(outside));
 }
 
 }  // namespace

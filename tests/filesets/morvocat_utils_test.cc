@@ -4,12 +4,14 @@
 #include <stdint.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "set_owners.h"
+#include "support/planted.h"
 #include "support/gzip_text.h"
 
 namespace {
@@ -247,6 +249,30 @@ TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {
   std::string name = MakeSetFile(base_, 1);
   EXPECT_EQ(5u, writer.GetFileSize(name));
   EXPECT_EQ(UINT64_MAX, writer.GetFileSize(base_ + ".missing"));
+}
+
+// What a local user puts at the name of the next file is removed and the
+// writer's own file made there; the file outside the tree stays as it was.
+TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
+  const std::string victim = root_.Under("/victim");
+  int set = 0;
+  for (morvotest::Plant plant : {morvotest::Plant::HARD_LINK, morvotest::Plant::SYMLINK,
+                                 morvotest::Plant::FIFO}) {
+    SCOPED_TRACE(morvotest::NameOf(plant));
+    morvotest::MakeVictim(victim);
+    const std::string base = dir_ + "/planted" + std::to_string(set++);
+    ReaderOwner writer(base, 0);
+    writer.InitLogFiles();
+    const std::vector<std::string> coming = morvotest::ComingSetNames(base, 0);
+    for (const std::string& name : coming) morvotest::PlantAt(name, plant, victim);
+    EXPECT_EQ(0, writer.GetNewLogFileName());
+    writer.Write("mine\n", 64);
+    writer.Flush();
+    morvotest::ExpectUntouched(victim);
+    ASSERT_NE(std::find(coming.begin(), coming.end(), writer.logFilePath), coming.end());
+    morvotest::ExpectOwnFile(writer.logFilePath, 0664);
+    EXPECT_EQ("mine\n", morvotest::Gunzip(writer.logFilePath));
+  }
 }
 
 }  // namespace
