@@ -181,4 +181,21 @@ TEST_F(FactoryRotationTest, WhatIsPlantedAtPIsReplacedByAPlainFile) {
   }
 }
 
+// Links and second names of outside files put at the numbered names are
+// dropped by the shift, never handed on to the archive step.
+TEST_F(FactoryRotationTest, WhatIsPlantedAtNumberedNamesNeverReachesAnArchive) {
+  const std::string victim = root_.Under("/victim");
+  morvotest::MakeVictim(victim);
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  morvotest::PlantAt(Numbered(2), morvotest::Plant::SYMLINK, victim);
+  morvotest::PlantAt(Numbered(3), morvotest::Plant::HARD_LINK, victim);
+  morvotest::PlantAt(Numbered(4), morvotest::Plant::SYMLINK, victim);
+  WriteRecords(sink, 0, 6);
+  ExpectArchive(0, 4);
+  EXPECT_FALSE(morvotest::Exists(Archive(1)));
+  morvotest::ExpectUntouched(victim);
+}
+
 }  // namespace
