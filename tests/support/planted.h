@@ -5,7 +5,6 @@
 // outside it: links, FIFOs and a "chown" early on PATH, and the files and
 // folders outside the tree that must stay as they were.
 
-#include <dirent.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -18,25 +17,12 @@
 
 #include <gtest/gtest.h>
 
+#include "support/file_tree.h"
 #include "support/temp_root.h"
 
 namespace morvotest {
 
 constexpr uid_t kNobody = 65534;
-
-// The names in dir (not . and ..), sorted.
-inline std::vector<std::string> Entries(const std::string& dir) {
-  std::vector<std::string> names;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return names;
-  while (struct dirent* e = readdir(d)) {
-    std::string name = e->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  closedir(d);
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 // A file or folder outside the tree: owned by nobody, mode 0600 (0700 for a
 // folder), holding "secret".
