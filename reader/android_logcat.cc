@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -42,17 +43,15 @@ void ResetForRun(android_logcat_context_internal* ctx) {
 }
 
 void BackgroundScheduling(android_logcat_context_internal* ctx) {
-  if (set_sched_policy(0, SP_BACKGROUND) < 0 && ctx->errorStream != nullptr) {
-    fprintf(ctx->errorStream, "failed to set background scheduling policy\n");
+  if (set_sched_policy(0, SP_BACKGROUND) < 0) {
+    PrintError(ctx, "failed to set background scheduling policy\n");
   }
   sched_param param;
   memset_s(&param, sizeof(param), 0, sizeof(param));
   if (sched_setscheduler(0, SCHED_BATCH, &param) < 0) {
     fprintf(stderr, "failed to set to batch scheduler\n");
   }
-  if (setpriority(PRIO_PROCESS, 0, 10) < 0 && ctx->errorStream != nullptr) {
-    fprintf(ctx->errorStream, "failed set to priority\n");
-  }
+  if (setpriority(PRIO_PROCESS, 0, 10) < 0) PrintError(ctx, "failed set to priority\n");
 }
 
 // Options, collector hand-over, buffers; then output and the read loop.
@@ -97,9 +96,40 @@ int Logcat(android_logcat_context_internal* ctx) {
   return status;
 }
 
+// A reader whose pipe or output has no reader any more must see EPIPE, not
+// take the host down with SIGPIPE.
+void BlockSigpipe(sigset_t* previous) {
+  sigset_t pipeOnly;
+  sigemptyset(&pipeOnly);
+  sigaddset(&pipeOnly, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &pipeOnly, previous);
+}
+
 void* RunThread(void* arg) {
+  sigset_t previous;
+  BlockSigpipe(&previous);
   Logcat(static_cast<android_logcat_context_internal*>(arg));
   return nullptr;
+}
+
+// A run on the host's thread: SIGPIPE is blocked for the run, and one the
+// run raised is taken before the host's mask comes back.
+int RunOnHostThread(android_logcat_context_internal* ctx) {
+  sigset_t previous;
+  BlockSigpipe(&previous);
+  sigset_t pending;
+  bool wasPending = sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
+  int status = Logcat(ctx);
+  if (!wasPending && sigismember(&previous, SIGPIPE) == 0) {
+    sigset_t pipeOnly;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    const timespec now = {0, 0};
+    while (sigtimedwait(&pipeOnly, nullptr, &now) == SIGPIPE) {
+    }
+  }
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  return status;
 }
 
 void ClosePipe(android_logcat_context_internal* ctx) {
@@ -153,6 +183,8 @@ android_logcat_context CreateAndroidLogcat(void) {
 int AndroidLogcatRunCommand(android_logcat_context ctx, int output, int error, int argc,
                             char** argv, char** envp) {
   if (ctx == nullptr) return -EINVAL;
+  // A run still going on this context owns its fields.
+  if (!ctx->runFinished.load(std::memory_order_acquire)) return -EBUSY;
   CloseOutput(ctx);
   CloseError(ctx);
   ctx->argVector = argv;
@@ -162,12 +194,18 @@ int AndroidLogcatRunCommand(android_logcat_context ctx, int output, int error, i
   ctx->argCount = argc;
   ctx->stopRequested.store(false, std::memory_order_release);
   ctx->runFinished.store(false, std::memory_order_release);
-  return qdlogging::Logcat(ctx);
+  return qdlogging::RunOnHostThread(ctx);
 }
 
 int AndroidLogcatRunCommandThread(android_logcat_context ctx, int argc, char** argv, char** envp) {
   if (ctx == nullptr) {
     errno = EINVAL;
+    return -1;
+  }
+  // A refused start leaves the flags of a run still going alone: marked
+  // finished, that run's context could be destroyed under it.
+  if (!ctx->runFinished.load(std::memory_order_acquire)) {
+    errno = EBUSY;
     return -1;
   }
   if (ctx->pipeFds[0] != -1 || ctx->pipeFds[1] != -1) return qdlogging::FailThreadStart(ctx, EBUSY);

@@ -1,6 +1,7 @@
 #include "reader/logcat_channels.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -36,21 +37,44 @@ const char* FindOutputRedirection(const android_logcat_context_internal* ctx) {
   return nullptr;
 }
 
+// The run writes through its own copy of a descriptor the host handed in:
+// the host's descriptor stays open, and the same context can run again with
+// it. Messages are unbuffered so that none waits in a stream when the run
+// ends by a signal.
+FILE* WrapCopy(int fd, int* copy) {
+  *copy = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (*copy < 0) return nullptr;
+  FILE* stream = fdopen(*copy, "we");
+  if (stream == nullptr) {
+    int err = errno;
+    close(*copy);
+    *copy = -1;
+    errno = err;
+    return nullptr;
+  }
+  setvbuf(stream, nullptr, _IONBF, 0);
+  return stream;
+}
+
+bool FailWrap(android_logcat_context_internal* ctx, const char* format, int fd) {
+  int err = errno;
+  ctx->exitStatus.store(-err, std::memory_order_release);
+  fprintf(ctx->stderrToStdout ? stdout : stderr, format, fd, strerror(err));
+  return false;
+}
+
 bool WrapErrorDescriptor(android_logcat_context_internal* ctx) {
   if (ctx->error_fd < 0) return true;
   if (ctx->error_fd == ctx->output_fd) {
     ctx->stderrToStdout = true;
   } else if (ctx->stderrToNull) {
-    close(ctx->error_fd);
     ctx->error_fd = -1;
   } else {
-    ctx->errorStream = fdopen(ctx->error_fd, "web");
+    int given = ctx->error_fd;
+    ctx->errorStream = WrapCopy(given, &ctx->error_fd);
     if (ctx->errorStream == nullptr) {
-      int err = errno;
-      ctx->exitStatus.store(-err, std::memory_order_release);
-      fprintf(ctx->stderrToStdout ? stdout : stderr, "Failed to fdopen(error_fd=%d) %s\n",
-              ctx->error_fd, strerror(err));
-      return false;
+      ctx->error_fd = -1;
+      return FailWrap(ctx, "Failed to fdopen(error_fd=%d) %s\n", given);
     }
   }
   return true;
@@ -61,20 +85,24 @@ bool WrapOutputDescriptor(android_logcat_context_internal* ctx, const char* targ
     if (target != nullptr) ctx->outputStream = fopen(target, "web");
     return true;
   }
+  int given = ctx->output_fd;
   if (target != nullptr) {
-    close(ctx->output_fd);
-    if (ctx->output_fd == ctx->pipeFds[1]) ctx->pipeFds[1] = -1;
+    // The pipe's write end is the run's own; the host's descriptor is not.
+    if (given == ctx->pipeFds[1]) {
+      close(given);
+      ctx->pipeFds[1] = -1;
+    }
     ctx->output_fd = -1;
     ctx->outputStream = fopen(target, "web");
+  } else if (given == ctx->pipeFds[1]) {
+    ctx->outputStream = fdopen(given, "we");
+    if (ctx->outputStream != nullptr) setvbuf(ctx->outputStream, nullptr, _IONBF, 0);
   } else {
-    ctx->outputStream = fdopen(ctx->output_fd, "web");
+    ctx->outputStream = WrapCopy(given, &ctx->output_fd);
   }
   if (ctx->outputStream == nullptr) {
-    int err = errno;
-    ctx->exitStatus.store(-err, std::memory_order_release);
-    fprintf(ctx->stderrToStdout ? stdout : stderr, "Failed to fdopen(output_fd=%d) %s\n",
-            ctx->output_fd, strerror(err));
-    return false;
+    ctx->output_fd = -1;
+    return FailWrap(ctx, "Failed to fdopen(output_fd=%d) %s\n", given);
   }
   return true;
 }

@@ -5,16 +5,31 @@
 
 namespace qdlogging {
 
+namespace {
+
+void PrintErrorList(android_logcat_context_internal* ctx, const char* format, va_list args) {
+  if (ctx->errorStream == nullptr) return;
+  vfprintf(ctx->errorStream, format, args);
+  // The error stream may be the host's buffered stream: a message left in
+  // it would be lost when the process ends by a signal.
+  fflush(ctx->errorStream);
+}
+
+}  // namespace
+
+void PrintError(android_logcat_context_internal* ctx, const char* format, ...) {
+  va_list args;
+  va_start(args, format);
+  PrintErrorList(ctx, format, args);
+  va_end(args);
+}
+
 void LogcatPanic(android_logcat_context_internal* ctx, HelpType help, const char* format, ...) {
   ctx->exitStatus.store(1, std::memory_order_release);
-  if (ctx->errorStream != nullptr) {
-    va_list args;
-    va_start(args, format);
-    vfprintf(ctx->errorStream, format, args);
-    va_end(args);
-    // The error stream may be a buffered stream over the host's descriptor.
-    fflush(ctx->errorStream);
-  }
+  va_list args;
+  va_start(args, format);
+  PrintErrorList(ctx, format, args);
+  va_end(args);
   ctx->stopRequested.store(true, std::memory_order_release);
 }
 

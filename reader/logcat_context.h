@@ -65,6 +65,10 @@ enum HelpType { HELP_NONE, HELP_USAGE };
 void LogcatPanic(android_logcat_context_internal* ctx, HelpType help, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
+// Prints a message to the error stream, when there is one, at once.
+void PrintError(android_logcat_context_internal* ctx, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
 bool StopRequested(const android_logcat_context_internal* ctx);
 
 // Unlinks and deletes every selected buffer record and frees the logger list

@@ -117,9 +117,9 @@ bool ApplyWrap(android_logcat_context_internal* ctx, RunOptions* opts, const cha
   if (arg != nullptr) {
     long long seconds = 0;
     if (!ParseWhole(arg, &seconds) || seconds == 0) return RangeError(ctx, "wrap", arg);
-    if (seconds != kWrapSeconds && ctx->errorStream != nullptr) {
-      fprintf(ctx->errorStream, "WARNING: %s %u seconds, ignoring %zu\n", "wrap", kWrapSeconds,
-              static_cast<size_t>(seconds));
+    if (seconds != kWrapSeconds) {
+      PrintError(ctx, "WARNING: %s %u seconds, ignoring %zu\n", "wrap", kWrapSeconds,
+                 static_cast<size_t>(seconds));
     }
   }
   opts->readMode |= QD_LOGGER_MODE_WRAP | QD_LOGGER_MODE_NONBLOCK;
@@ -151,11 +151,12 @@ bool InvalidParameter(android_logcat_context_internal* ctx, char letter, const c
   return false;
 }
 
-// -r and -n: a whole, non-zero number.
+// -r and -n: a whole, positive number (a negative one would wrap to a huge
+// unsigned size or count).
 bool ParseCount(android_logcat_context_internal* ctx, char letter, const char* arg,
                 uint64_t* out) {
   long long value = 0;
-  if (!ParseWhole(arg, &value) || value == 0) return InvalidParameter(ctx, letter, arg);
+  if (!ParseWhole(arg, &value) || value <= 0) return InvalidParameter(ctx, letter, arg);
   *out = static_cast<uint64_t>(value);
   return true;
 }

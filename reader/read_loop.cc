@@ -48,6 +48,16 @@ bool CheckReadResult(android_logcat_context_internal* ctx, int result) {
   return false;
 }
 
+// A line that could not be written is reported and the run goes on, except
+// when nobody reads the output any more: then nothing later can be written.
+void OutputError(android_logcat_context_internal* ctx, int err) {
+  fprintf(stderr, "%s\n", "output error");
+  if (err == EPIPE) {
+    ctx->exitStatus.store(1, std::memory_order_release);
+    ctx->stopRequested.store(true, std::memory_order_release);
+  }
+}
+
 void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, LineBatch* batch) {
   if (ctx->deviceCount > 1) {
     char divider[kDividerSize];
@@ -57,7 +67,7 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, Li
       LogcatPanic(ctx, HELP_NONE, "MaybePrintStart snprintf_s error");
     }
     MorvocatUtils* writer = MmapWriter();
-    if (batch != nullptr && !batch->Flush()) fprintf(stderr, "%s\n", "output error");
+    if (batch != nullptr && !batch->Flush()) OutputError(ctx, errno);
     if (writer != nullptr) {
       writer->Write(divider, strnlen(divider, sizeof(divider)));
     } else if (write(ctx->output_fd, divider, strlen(divider)) < 0) {
@@ -73,7 +83,7 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, Li
 long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry, LineBatch* batch) {
   if (batch != nullptr) {
     long written = batch->Add(ctx->logFormat, entry);
-    if (written < 0) fprintf(stderr, "%s\n", "output error");
+    if (written < 0) OutputError(ctx, errno);
     return written;
   }
   MorvocatUtils* writer = MmapWriter();
@@ -89,7 +99,7 @@ long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry, L
   }
   int written = qdlogging_log_printLogLine(ctx->logFormat, ctx->output_fd, &entry);
   if (written < 0) {
-    fprintf(stderr, "%s\n", "output error");
+    OutputError(ctx, -written);
     return -1;
   }
   return written;
@@ -141,7 +151,7 @@ void ReadLoop(android_logcat_context_internal* ctx, bool nonBlocking) {
     if (!CheckReadResult(ctx, result)) break;
     if (!HandleRecord(ctx, &loop, &msg)) break;
   }
-  if (batch != nullptr && !batch->Flush()) fprintf(stderr, "%s\n", "output error");
+  if (batch != nullptr && !batch->Flush()) OutputError(ctx, errno);
   delete batch;
   FreeDevices(ctx);
 }

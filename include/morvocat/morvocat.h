@@ -18,12 +18,25 @@ MORVOCAT_API android_logcat_context CreateAndroidLogcat(void);
 
 // Runs argv on the caller's thread, printing to output and reporting to
 // error (a negative descriptor: none given). argv and envp must outlive the
-// call; argv is reordered. Returns the run's exit status.
+// call; argv is reordered. Returns the run's exit status, or -EBUSY without
+// running when a run on ctx is still going.
+//
+// Descriptors: the host keeps what it hands in. The run writes through its
+// own copies and closes only those, so output and error stay open (standard
+// output and standard error included) and can be handed to the next run.
+// SIGPIPE is blocked on the calling thread for the run and one it raised is
+// taken before the host's mask is restored: an output nobody reads gives
+// "output error" and ends the run with status 1. Messages reach the error
+// channel at once, never left in a stream buffer.
 MORVOCAT_API int AndroidLogcatRunCommand(android_logcat_context ctx, int output, int error,
                                          int argc, char** argv, char** envp);
 
 // Runs a copy of argv on a new thread; returns the read end of a pipe that
-// carries the output (end of file when the run ends), or -1 with errno set.
+// carries the output lines (end of file when the run ends), or -1 with errno
+// set: EBUSY while a run on ctx is still going (that run is left as it is)
+// or while the pipe of an earlier thread run is open. The read end belongs
+// to the context and is closed by AndroidLogcatDestroy; the host may stop
+// reading it at any time: the run then ends. The run's thread blocks SIGPIPE.
 MORVOCAT_API int AndroidLogcatRunCommandThread(android_logcat_context ctx, int argc, char** argv,
                                                char** envp);
 

@@ -43,8 +43,8 @@ inline RunResult RunCommand(std::vector<std::string> args, std::vector<std::stri
   int errFd = memfd_create("err", 0);
   android_logcat_context ctx = CreateAndroidLogcat();
   RunResult result;
-  // The context owns the descriptors it is given; keep our own copies.
-  result.status = AndroidLogcatRunCommand(ctx, dup(outFd), dup(errFd),
+  // The host keeps the descriptors it hands in.
+  result.status = AndroidLogcatRunCommand(ctx, outFd, errFd,
                                           static_cast<int>(args.size()), argv.data(), envp.data());
   result.destroyStatus = AndroidLogcatDestroy(&ctx);
   result.out = ReadAll(outFd);
