@@ -13,6 +13,7 @@
 #include "platform/log_ring.h"
 #include "platform/log_store_dir.h"
 #include "platform/logger.h"
+#include "platform/thread_cancel.h"
 
 using platform::LogRing;
 
@@ -370,6 +371,7 @@ int qd_logger_list_read(qd_logger_list* list, qd_log_msg* msg) {
     rc = TakeOldest(list, msg);
     if (rc != 0) return rc;
     list->signal.Wait(seen, kWaitSliceMs);
+    if (platform::CancelRequested()) return -EINTR;
   }
 }
 

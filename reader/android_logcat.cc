@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
+#include <time.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
@@ -15,7 +16,9 @@
 #include "collector/tavocat_main.h"
 #include "morvocat/morvocat.h"
 #include "platform/safe_string.h"
+#include "platform/log_wake.h"
 #include "platform/sched_policy.h"
+#include "platform/thread_cancel.h"
 #include "reader/buffer_operations.h"
 #include "reader/logcat_channels.h"
 #include "reader/logcat_context.h"
@@ -81,6 +84,7 @@ void EndRun(android_logcat_context_internal* ctx) {
 
 int Logcat(android_logcat_context_internal* ctx) {
   ResetForRun(ctx);
+  platform::WatchCancelFlag(&ctx->stopRequested);
   if (SetupChannels(ctx)) {
     ctx->logFormat = qdlogging_log_format_new();
     if (getuid() == 0) umask(022);
@@ -91,6 +95,7 @@ int Logcat(android_logcat_context_internal* ctx) {
     }
   }
   EndRun(ctx);
+  platform::WatchCancelFlag(nullptr);
   int status = ctx->exitStatus.load(std::memory_order_acquire);
   ctx->runFinished.store(true, std::memory_order_release);
   return status;
@@ -130,6 +135,25 @@ int RunOnHostThread(android_logcat_context_internal* ctx) {
   }
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   return status;
+}
+
+// The run sees the stop request at its next record, write slice or read
+// slice; sleeping between looks leaves the core to it.
+void AwaitRunEnd(android_logcat_context_internal* ctx) {
+  if (ctx->runFinished.load(std::memory_order_acquire)) return;
+  platform::WakeLogReaders();
+  const timespec pause = {0, 1000 * 1000};
+  while (!ctx->runFinished.load(std::memory_order_acquire)) nanosleep(&pause, nullptr);
+}
+
+// The read end is closed only while it is still this context's pipe.
+void CloseReadEnd(android_logcat_context_internal* ctx) {
+  struct stat st;
+  if (ctx->pipeFds[0] >= 0 && fstat(ctx->pipeFds[0], &st) == 0 && S_ISFIFO(st.st_mode) &&
+      st.st_ino == ctx->pipeInode) {
+    close(ctx->pipeFds[0]);
+  }
+  ctx->pipeFds[0] = -1;
 }
 
 void ClosePipe(android_logcat_context_internal* ctx) {
@@ -210,6 +234,11 @@ int AndroidLogcatRunCommandThread(android_logcat_context ctx, int argc, char** a
   }
   if (ctx->pipeFds[0] != -1 || ctx->pipeFds[1] != -1) return qdlogging::FailThreadStart(ctx, EBUSY);
   if (pipe2(ctx->pipeFds, O_CLOEXEC) != 0) return qdlogging::FailThreadStart(ctx, errno);
+  // The run's end does not block: a host that stops reading cannot hold the
+  // run (and its destroy) in a write for ever.
+  fcntl(ctx->pipeFds[1], F_SETFL, O_NONBLOCK);
+  struct stat pipeStat;
+  ctx->pipeInode = fstat(ctx->pipeFds[0], &pipeStat) == 0 ? pipeStat.st_ino : 0;
   pthread_attr_t attr;
   int err = pthread_attr_init(&attr);
   if (err != 0) {
@@ -253,10 +282,9 @@ int AndroidLogcatDestroy(android_logcat_context* ctxPtr) {
   android_logcat_context ctx = *ctxPtr;
   *ctxPtr = nullptr;
   ctx->stopRequested.store(true, std::memory_order_release);
-  while (!ctx->runFinished.load(std::memory_order_acquire)) sched_yield();
+  qdlogging::AwaitRunEnd(ctx);
   qdlogging::ReleaseCopies(ctx);
-  if (ctx->pipeFds[0] >= 0) close(ctx->pipeFds[0]);
-  ctx->pipeFds[0] = -1;
+  qdlogging::CloseReadEnd(ctx);
   CloseOutput(ctx);
   CloseError(ctx);
   if (ctx->pipeFds[1] >= 0) close(ctx->pipeFds[1]);

@@ -6,6 +6,7 @@
 #include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <sys/types.h>
 
 #include <atomic>
 #include <string>
@@ -36,6 +37,9 @@ struct android_logcat_context_internal {
   int output_fd = -1;
   int error_fd = -1;
   int pipeFds[2] = {-1, -1};
+  // The thread run's pipe: a read end the host closed itself may have been
+  // reused for another file by the time the context is destroyed.
+  ino_t pipeInode = 0;
   FILE* outputStream = nullptr;
   FILE* errorStream = nullptr;
   pthread_t runThread{};

@@ -8,6 +8,7 @@
 #include <new>
 
 #include "platform/safe_string.h"
+#include "platform/write_fully.h"
 #include "reader/line_batch.h"
 #include "reader/output_file.h"
 
@@ -38,6 +39,7 @@ void StartLoop(const android_logcat_context_internal* ctx, LoopState* loop) {
 // False ends the loop; the read result decides how.
 bool CheckReadResult(android_logcat_context_internal* ctx, int result) {
   if (result > 0) return true;
+  if (result == -EINTR && StopRequested(ctx)) return false;  // woken for the stop
   switch (result) {
     case -EAGAIN: break;
     case 0:
@@ -51,6 +53,7 @@ bool CheckReadResult(android_logcat_context_internal* ctx, int result) {
 // A line that could not be written is reported and the run goes on, except
 // when nobody reads the output any more: then nothing later can be written.
 void OutputError(android_logcat_context_internal* ctx, int err) {
+  if (err == ECANCELED) return;  // the write gave up for the stop request
   fprintf(stderr, "%s\n", "output error");
   if (err == EPIPE) {
     ctx->exitStatus.store(1, std::memory_order_release);
@@ -70,7 +73,7 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, Li
     if (batch != nullptr && !batch->Flush()) OutputError(ctx, errno);
     if (writer != nullptr) {
       writer->Write(divider, strnlen(divider, sizeof(divider)));
-    } else if (write(ctx->output_fd, divider, strlen(divider)) < 0) {
+    } else if (platform::WriteFully(ctx->output_fd, divider, strlen(divider)) != strlen(divider)) {
       LogcatPanic(ctx, HELP_NONE, "output error");
       return;
     }

@@ -35,8 +35,9 @@ MORVOCAT_API int AndroidLogcatRunCommand(android_logcat_context ctx, int output,
 // carries the output lines (end of file when the run ends), or -1 with errno
 // set: EBUSY while a run on ctx is still going (that run is left as it is)
 // or while the pipe of an earlier thread run is open. The read end belongs
-// to the context and is closed by AndroidLogcatDestroy; the host may stop
-// reading it at any time: the run then ends. The run's thread blocks SIGPIPE.
+// to the context and is closed by AndroidLogcatDestroy (unless the host has
+// closed it already); a host may stop reading or close it at any time: the
+// run then ends. The run's thread blocks SIGPIPE.
 MORVOCAT_API int AndroidLogcatRunCommandThread(android_logcat_context ctx, int argc, char** argv,
                                                char** envp);
 
@@ -44,7 +45,11 @@ MORVOCAT_API int AndroidLogcatRunCommandThread(android_logcat_context ctx, int a
 MORVOCAT_API int AndroidLogcatRunCommandThreadRunning(android_logcat_context ctx);
 
 // Stops the run, waits for it, frees the context and nulls *ctx. Returns the
-// last run's exit status, or -9 when *ctx is null.
+// last run's exit status, or -9 when *ctx is null. A run waiting for records
+// or for room in a pipe nobody reads is woken; the wait sleeps rather than
+// spins and ends within some tens of milliseconds. A collector hand-over
+// (--tavo) never returns and so is never waited for to the end: destroy is
+// not for such a context.
 MORVOCAT_API int AndroidLogcatDestroy(android_logcat_context* ctx);
 
 // Stores name in *slot only while *slot is null: keeps the first failure.

@@ -140,11 +140,16 @@ TEST_F(EmbeddingTest, AnOutputNobodyReadsEndsTheRunInsteadOfTheHost) {
         int fd = AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(),
                                                nullptr);
         close(fd);
+        // The number comes back for the host's next pipe, which destroy
+        // must leave open.
+        int mine[2];
+        if (pipe(mine) != 0 || mine[0] != fd) return 7;
         while (AndroidLogcatRunCommandThreadRunning(ctx)) {
           qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", "nobody reads this");
           usleep(1000);
         }
         status = AndroidLogcatDestroy(&ctx);
+        if (fcntl(mine[0], F_GETFD) < 0) return 8;
       } else {
         int ends[2];
         if (pipe(ends) != 0) return 4;
@@ -156,6 +161,51 @@ TEST_F(EmbeddingTest, AnOutputNobodyReadsEndsTheRunInsteadOfTheHost) {
         if (sigismember(&pending, SIGPIPE)) return 5;
       }
       return status == 1 ? 0 : 6;
+    });
+    EXPECT_EQ(0, code);
+  }
+}
+
+TEST_F(EmbeddingTest, DestroyEndsARunWhoseHostStoppedReading) {
+  // More than a pipe holds, so the run is left waiting for room.
+  std::string text(200, 'x');
+  for (int i = 0; i < 2000; ++i) qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", text.c_str());
+  int code = InHost([] {
+    alarm(10);  // a destroy that hangs fails the case instead of the suite
+    android_logcat_context ctx = CreateAndroidLogcat();
+    std::vector<std::string> args = {"-d", "-b", "morvo_main"};
+    std::vector<char*> argv = Argv(&args);
+    int fd = AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(), nullptr);
+    usleep(50 * 1000);
+    AndroidLogcatDestroy(&ctx);
+    return fcntl(fd, F_GETFD) < 0 ? 0 : 1;  // destroy closed the read end
+  });
+  EXPECT_EQ(0, code);
+}
+
+TEST_F(EmbeddingTest, DestroyWakesARunWaitingForRecords) {
+  struct Case {
+    const char* what;
+    bool thread;
+  } const kCases[] = {{"thread run", true}, {"run on another host thread", false}};
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.what);
+    int code = InHost([&] {
+      alarm(10);
+      android_logcat_context ctx = CreateAndroidLogcat();
+      std::thread host;
+      if (c.thread) {
+        std::vector<std::string> args = {"-b", "morvo_main"};
+        std::vector<char*> argv = Argv(&args);
+        AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(), nullptr);
+      } else {
+        int devnull = open("/dev/null", O_WRONLY);
+        host = std::thread([ctx, devnull] { RunOn(ctx, devnull, -1, {"-b", "morvo_main"}); });
+      }
+      usleep(100 * 1000);  // the run has read the one record and waits
+      int status = AndroidLogcatDestroy(&ctx);
+      if (host.joinable()) host.join();
+      return status == 0 ? 0 : 1;
     });
     EXPECT_EQ(0, code);
   }
