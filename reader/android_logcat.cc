@@ -79,7 +79,7 @@ void EndRun(android_logcat_context_internal* ctx) {
   ReleasePipeChannels(ctx);
   if (ctx->outputStream != nullptr) fflush(ctx->outputStream);
   if (ctx->errorStream != nullptr) fflush(ctx->errorStream);
-  DestroyWriter();
+  DestroyWriter(ctx);
 }
 
 int Logcat(android_logcat_context_internal* ctx) {

@@ -42,6 +42,7 @@ struct Failures {
   const char* clear = nullptr;
   const char* setSize = nullptr;
   const char* report = nullptr;
+  bool filesDeleted = false;
 };
 
 // Shows a byte count in the largest unit (at most G) that keeps it >= 1.
@@ -72,7 +73,12 @@ void OperateOn(android_logcat_context_internal* ctx, const RunOptions& opts, Log
                Failures* failures) {
   if (opts.clearRequest) {
     if (ctx->outputFileName != nullptr) {
-      if (!DeleteOutputFiles(ctx)) ReportErrorName(&failures->clear, device->name);
+      // The files are the run's, not the buffer's: deleted, and a failure
+      // told, once.
+      if (!failures->filesDeleted && !DeleteOutputFiles(ctx)) {
+        ReportErrorName(&failures->clear, device->name);
+      }
+      failures->filesDeleted = true;
     } else if (qd_logger_clear(device->logger) != 0) {
       ReportErrorName(&failures->clear, device->name);
     }

@@ -57,6 +57,8 @@ struct android_logcat_context_internal {
   int deviceCount = 0;
   LogDevice* devices = nullptr;
   uint64_t printCount = 0;
+  // This run holds the process's one output-file slot.
+  bool writesFiles = false;
 };
 
 namespace qdlogging {

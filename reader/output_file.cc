@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <new>
 #include <string>
 
@@ -32,8 +33,12 @@ constexpr int kMmapWriteMode = 1;
 // between stay in the writer's cache, which follows into the next file.
 constexpr int64_t kFileRecheckNs = 1000 * 1000;
 
-// One file-writing run per process: the slot is process-wide.
+// One file-writing run per process: the slot is process-wide. A run claims
+// it before using it and only the claiming run (writesFiles) sees or frees
+// its writer, so a run beside it neither writes into its files nor destroys
+// its writer at its own end.
 MorvocatUtils* writerSlot = nullptr;
+std::atomic<bool> slotClaimed{false};
 int64_t nextFileCheckNs = 0;
 
 int64_t MonotonicNs() {
@@ -171,17 +176,29 @@ bool DeleteRegularFile(int dirFd, const char* name) {
 
 }  // namespace
 
-MorvocatUtils* MmapWriter() {
+MorvocatUtils* MmapWriter(const android_logcat_context_internal* ctx) {
+  if (!ctx->writesFiles) return nullptr;
   return writerSlot != nullptr && writerSlot->IsMMapWriteMode() ? writerSlot : nullptr;
 }
 
 void SetupOutputFile(android_logcat_context_internal* ctx) {
   CloseOutput(ctx);
-  if (!PrepareFolder(ctx)) return;
+  bool expected = false;
+  if (!slotClaimed.compare_exchange_strong(expected, true)) {
+    LogcatPanic(ctx, HELP_NONE, "another run of this process is writing output files\n");
+    return;
+  }
+  ctx->writesFiles = true;
+  if (!PrepareFolder(ctx)) {
+    // Nothing could be written: the run ends instead of reading every
+    // record into nowhere.
+    if (!StopRequested(ctx)) LogcatPanic(ctx, HELP_NONE, "no output file can be written\n");
+    return;
+  }
   uint64_t maxFiles = ctx->rotateCount * ctx->compressCount;
   writerSlot = new (std::nothrow) MorvocatUtils(ctx->outputFileName, kMmapWriteMode, maxFiles);
   nextFileCheckNs = 0;
-  if (MmapWriter() != nullptr) {
+  if (MmapWriter(ctx) != nullptr) {
     writerSlot->InitLogFiles();
     return;
   }
@@ -189,7 +206,7 @@ void SetupOutputFile(android_logcat_context_internal* ctx) {
 }
 
 void CheckOutput(android_logcat_context_internal* ctx) {
-  MorvocatUtils* writer = MmapWriter();
+  MorvocatUtils* writer = MmapWriter(ctx);
   if (writer != nullptr) {
     CheckWriterOutput(ctx, writer);
     return;
@@ -199,9 +216,12 @@ void CheckOutput(android_logcat_context_internal* ctx) {
   if (RotationDue(ctx)) RotateLogs(ctx);
 }
 
-void DestroyWriter() {
+void DestroyWriter(android_logcat_context_internal* ctx) {
+  if (!ctx->writesFiles) return;
   delete writerSlot;
   writerSlot = nullptr;
+  ctx->writesFiles = false;
+  slotClaimed.store(false);
 }
 
 int CreateLogFolder(const char* path, std::string* refusal) {

@@ -14,15 +14,18 @@
 
 namespace qdlogging {
 
-// The slot's writer when it writes in memory-mapped mode, else null.
-MorvocatUtils* MmapWriter();
+// The slot's writer when ctx's run holds the slot and the writer writes in
+// memory-mapped mode, else null.
+MorvocatUtils* MmapWriter(const android_logcat_context_internal* ctx);
 
-// Sets up the output of a reading run with an output file name.
+// Sets up the output of a reading run with an output file name. A second
+// file-writing run in the process is refused (status 1), and so is a run
+// whose output folder cannot be made.
 void SetupOutputFile(android_logcat_context_internal* ctx);
 // After each record: recreates a vanished file and rotates by size.
 void CheckOutput(android_logcat_context_internal* ctx);
-// Empties the slot, destroying its writer.
-void DestroyWriter();
+// Empties the slot, destroying its writer, when ctx's run holds it.
+void DestroyWriter(android_logcat_context_internal* ctx);
 
 // -c with -f: deletes the output file and its rotated copies; anything at
 // those names that is no regular file is left and counts as a failure.

@@ -69,7 +69,7 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, Li
                    "beginning of", device->name) < 0) {
       LogcatPanic(ctx, HELP_NONE, "MaybePrintStart snprintf_s error");
     }
-    MorvocatUtils* writer = MmapWriter();
+    MorvocatUtils* writer = MmapWriter(ctx);
     if (batch != nullptr && !batch->Flush()) OutputError(ctx, errno);
     if (writer != nullptr) {
       writer->Write(divider, strnlen(divider, sizeof(divider)));
@@ -89,7 +89,7 @@ long WriteEntry(android_logcat_context_internal* ctx, const QdLogEntry& entry, L
     if (written < 0) OutputError(ctx, errno);
     return written;
   }
-  MorvocatUtils* writer = MmapWriter();
+  MorvocatUtils* writer = MmapWriter(ctx);
   if (writer != nullptr) {
     char lineBuffer[kLineSize];
     size_t length = 0;

@@ -127,8 +127,8 @@ TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAndLosesNothing) {
     usleep(1000);
   }
   ASSERT_TRUE(WaitForFiles(Dir(), "gone", 1));
-  // A run blocked in its read sees the stop request at the next record.
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "wake up");
+  // Destroy stops the run at once: it must have read the records first.
+  usleep(100 * 1000);
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
   std::vector<std::string> files = SetFiles(Dir(), "gone");
   ASSERT_EQ(1u, files.size());
@@ -138,11 +138,55 @@ TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAndLosesNothing) {
   ExpectWholeSequence(Sequence(text), written);
 }
 
-TEST_F(OutputFileTest, BarePathIsRefusedAndTheRunReadsOnWithoutOutput) {
+// Reading on without an output would lose every line behind a clean
+// status: the run ends with status 1 instead.
+TEST_F(OutputFileTest, AnOutputThatCannotBeSetUpEndsTheRun) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "nowhere to go");
-  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", "bare"});
-  EXPECT_EQ("", r.out);
-  EXPECT_FALSE(morvotest::Exists("bare"));
+  struct Case {
+    std::string path;
+    std::string message;
+  } const kCases[] = {
+      {"bare", "logFile path [bare] is invalid.\n"},
+      {Dir() + "/missing/folder/f", "mkdir [" + Dir() + "/missing/folder] failed"},
+  };
+  for (const Case& c : kCases) {
+    testing::internal::CaptureStderr();
+    morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", c.path});
+    std::string told = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(1, r.status) << c.path;
+    EXPECT_EQ("", r.out);
+    EXPECT_NE(std::string::npos, told.find(c.message)) << told;
+    EXPECT_NE(std::string::npos, r.err.find("no output file can be written\n")) << r.err;
+    EXPECT_FALSE(morvotest::Exists("bare"));
+  }
+}
+
+// The writer slot is the process's: a second file-writing run is refused
+// and a run beside it without -f neither writes into its files nor frees
+// its writer when it ends.
+TEST_F(OutputFileTest, OneFileWritingRunPerProcess) {
+  android_logcat_context first = CreateAndroidLogcat();
+  std::string base = Dir() + "/one";
+  std::vector<std::string> args = {"morvocat", "-b", "morvo_main", "-f", base};
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  int fd = AndroidLogcatRunCommandThread(first, static_cast<int>(args.size()), argv.data(), nullptr);
+  ASSERT_GE(fd, 0);
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 0");
+  usleep(100 * 1000);
+  morvotest::RunResult second = RunCommand({"-d", "-b", "morvo_main", "-f", Dir() + "/two"});
+  EXPECT_EQ(1, second.status);
+  EXPECT_NE(std::string::npos, second.err.find("another run of this process is writing output files\n"));
+  EXPECT_FALSE(morvotest::Exists(Dir() + "/two"));
+  morvotest::RunResult beside = RunCommand({"-d", "-b", "morvo_main"});
+  EXPECT_NE(std::string::npos, beside.out.find("seq 0")) << beside.out;
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 1");
+  usleep(100 * 1000);
+  EXPECT_EQ(0, AndroidLogcatDestroy(&first));
+  std::string all;
+  for (const std::string& f : SetFiles(Dir(), "one")) all += morvotest::Zcat(f);
+  EXPECT_TRUE(morvotest::Holds(Sequence(all), 0, 2)) << all;
 }
 
 // A run that is killed keeps what it had accepted: the next run recovers

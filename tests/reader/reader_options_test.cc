@@ -1,6 +1,8 @@
 // The reader's command line as a host sees it: every rejected option ends
 // the run with its message and status 1; buffer operations act on the store.
 
+#include <sys/stat.h>
+
 #include <string>
 #include <vector>
 
@@ -155,6 +157,15 @@ TEST_F(ReaderOptionsTest, ClearWithAnOutputFileDeletesTheSetAndKeepsTheBuffers) 
   for (const std::string& f : files) EXPECT_FALSE(morvotest::Exists(f)) << f;
   EXPECT_TRUE(morvotest::Exists(base + ".11"));
   EXPECT_NE(std::string::npos, RunCommand({"-d"}).out.find("kept record"));
+  // A name that cannot be deleted fails the clear once, not once per buffer.
+  mkdir(base.c_str(), 0775);
+  testing::internal::CaptureStderr();
+  r = RunCommand({"-c", "-f", base});
+  std::string told = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(1, r.status);
+  size_t first = told.find("while clearing log files");
+  ASSERT_NE(std::string::npos, first) << told;
+  EXPECT_EQ(std::string::npos, told.find("while clearing log files", first + 1)) << told;
 }
 
 TEST_F(ReaderOptionsTest, OperationsOnAnUnusableStoreReportTheFirstBuffer) {
