@@ -32,10 +32,15 @@ void OnStopSignal(int sig) {
 
 void DieOf(int sig) {
   signal(sig, SIG_DFL);
+  sigset_t only;
+  sigemptyset(&only);
+  sigaddset(&only, sig);
+  pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
   raise(sig);
   _exit(128 + sig);
 }
 
+// Started from the watcher, so it too takes no signal.
 void* GraceTimer(void* arg) {
   sleep(kGraceSeconds);
   DieOf(static_cast<int>(reinterpret_cast<intptr_t>(arg)));
@@ -57,8 +62,16 @@ void* SignalWatcher(void*) {
 
 bool WatchStopSignals() {
   if (pipe(gSignalPipe) != 0) return false;
+  // The watcher takes no signal itself: those the run waits for with
+  // sigwait (the collector's SIGUSR2) must not be delivered to it.
+  sigset_t all;
+  sigset_t previous;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &previous);
   pthread_t watcher;
-  if (pthread_create(&watcher, nullptr, SignalWatcher, nullptr) != 0) return false;
+  bool started = pthread_create(&watcher, nullptr, SignalWatcher, nullptr) == 0;
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (!started) return false;
   struct sigaction action = {};
   action.sa_handler = OnStopSignal;
   sigemptyset(&action.sa_mask);
