@@ -4,6 +4,11 @@
 // The embedding interface of libmorvocat.so: a host creates a context, runs
 // one logcat-style command line on it (on its own thread, or on a new thread
 // whose output comes back through a pipe) and destroys it.
+//
+// Threads: a context is used by one host thread at a time; its run may be
+// on another thread. Contexts are independent, with one exception: only one
+// run in a process may write output files (-f); a second one is refused
+// with "another run of this process is writing output files" and status 1.
 
 #define MORVOCAT_API __attribute__((visibility("default")))
 
