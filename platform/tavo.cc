@@ -8,10 +8,16 @@
 // the same set is handed a new file name (the next index), so only a name
 // that leaves the index and stamp out lets it find its predecessor's cache.
 // A ".gz" inside the stem is written "_gz", so no scan for set files takes
-// the cache for one. The header records which file the data is meant for; a
-// restarted writer appends it there when that file still exists, else to its
-// own new file. The cache is locked while mapped, so two live writers of one
-// set in one directory take different cache files.
+// the cache for one. A restarted writer appends a dead one's data to its own
+// new file: the cache never names a file (see tavo_cache.h), so whoever can
+// write a cache cannot steer the writer anywhere else. The cache is locked
+// while mapped, so two live writers of one set in one directory take
+// different cache files.
+//
+// Outputs and caches are opened relative to the output folder's descriptor
+// without following links (platform/safe_file.h), and each cache keeps that
+// descriptor: a folder renamed or replaced by a link later does not move
+// where the writer's data goes.
 //
 // Before the first SetOutputPath there is no directory to put a cache in and
 // no set a restarted writer could tie the data to, so those bytes wait on the
@@ -23,6 +29,7 @@
 
 #include "platform/tavo.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
@@ -32,8 +39,10 @@
 #include <atomic>
 #include <mutex>
 #include <new>
+#include <string>
 
 #include "platform/gzip_member.h"
+#include "platform/safe_file.h"
 #include "platform/safe_string.h"
 #include "platform/tavo_cache.h"
 #include "platform/tavo_hook.h"
@@ -66,42 +75,45 @@ bool IsStampedEnding(const char* s) {
   return true;
 }
 
-// The cache file for output path in slot slot: see the top of this file.
-bool CacheFileFor(const char* path, int slot, char* out, size_t size) {
-  const char* slash = strrchr(path, '/');
-  const char* base = slash != nullptr ? slash + 1 : path;
-  int dirLen = slash != nullptr ? static_cast<int>(slash - path) + 1 : 0;
+// The cache's name for the output called base in slot slot: see the top of
+// this file.
+bool CacheNameFor(const char* base, int slot, char* out, size_t size) {
   size_t stemLen = strlen(base);
   if (stemLen > 3 && strcmp(base + stemLen - 3, ".gz") == 0) stemLen -= 3;
   if (stemLen > kStampedEnding && IsStampedEnding(base + stemLen - kStampedEnding)) {
     stemLen -= kStampedEnding;
   }
-  int rc = slot == 0 ? snprintf_s(out, size, size - 1, "%.*s.%.*s.tavocache", dirLen, path,
+  int rc = slot == 0 ? snprintf_s(out, size, size - 1, ".%.*s.tavocache",
                                   static_cast<int>(stemLen), base)
-                     : snprintf_s(out, size, size - 1, "%.*s.%.*s-%d.tavocache", dirLen, path,
+                     : snprintf_s(out, size, size - 1, ".%.*s-%d.tavocache",
                                   static_cast<int>(stemLen), base, slot);
   if (rc < 0) return false;
   // Owners take names holding the base name and ".gz" for set files (and
   // purge the odd ones); a cache name must never look like that.
-  for (char* p = out + dirLen; (p = strstr(p, ".gz")) != nullptr; p++) *p = '_';
+  for (char* p = out; (p = strstr(p, ".gz")) != nullptr; p++) *p = '_';
   return true;
 }
 
-// An output opened for writing: non-blocking, so a FIFO put in the way cannot
-// hang the writer, and a link put in the way is never followed out of the
-// log folder.
-int OpenOutput(const char* path, int flags) {
-  return open(path, O_WRONLY | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW | flags, 0664);
+// Opens the folder of an output path for *at calls and sets *name to the
+// output's name in it; a bare name lives in the working folder.
+int OpenOutputFolder(const char* path, std::string* name) {
+  std::string folder;
+  if (!platform::SplitPath(path, &folder, name)) {
+    if (strchr(path, '/') != nullptr) return -EINVAL;
+    folder = ".";
+    name->assign(path);
+  }
+  return platform::OpenFolder(folder.c_str());
 }
 
 // Takes a dead writer's begun member, maybe cut short, off the output open
-// as fd; *size is the output's size afterwards. False when it stays.
-bool UndoInterrupted(TavoCache* c, int fd, uint64_t* size) {
-  struct stat st;
-  if (fstat(fd, &st) != 0) return false;
-  *size = static_cast<uint64_t>(st.st_size);
+// as fd; *st describes the output and *size is its size afterwards. False
+// when it stays.
+bool UndoInterrupted(TavoCache* c, int fd, struct stat* st, uint64_t* size) {
+  if (fstat(fd, st) != 0) return false;
+  *size = static_cast<uint64_t>(st->st_size);
   uint64_t base;
-  if (!c->Interrupted(&base)) return true;
+  if (!c->Interrupted(*st, &base)) return true;
   if (*size > base) {
     if (ftruncate(fd, static_cast<off_t>(base)) != 0) return false;
     *size = base;
@@ -110,14 +122,13 @@ bool UndoInterrupted(TavoCache* c, int fd, uint64_t* size) {
   return true;
 }
 
-// Creates path when absent; an existing file is kept as it is.
-bool CreateOutput(const char* path) {
-  int fd = OpenOutput(path, O_CREAT);
+// Creates name in the folder dirFd when absent; an existing file is kept as
+// it is.
+bool CreateOutput(int dirFd, const char* name) {
+  int fd = platform::OpenFileAt(dirFd, name, O_WRONLY | O_CREAT, 0664);
   if (fd < 0) return false;
   struct stat st;
-  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777) != 0664) {
-    fchmod(fd, 0664);
-  }
+  if (fstat(fd, &st) == 0 && (st.st_mode & 07777) != 0664) fchmod(fd, 0664);
   close(fd);
   return true;
 }
@@ -133,7 +144,7 @@ void SetTavoFlushHook(TavoFlushHook hook) { gFlushHook.store(hook); }
 struct Tavo::Impl {
   std::mutex mu;
   TavoCache* cache = nullptr;  // null until the first SetOutputPath
-  char cacheKey[PATH_MAX] = {};
+  char cacheKey[NAME_MAX + 1] = {};
   unsigned char* early = nullptr;
   size_t earlyLen = 0;
   size_t earlyCap = 0;
@@ -143,9 +154,9 @@ struct Tavo::Impl {
   bool WriteLocked(const unsigned char* data, size_t length);
   bool DrainEarly();
   bool KeepEarly(const unsigned char* data, size_t length);
-  void Retarget(TavoCache* c, const char* path);
-  TavoCache* OpenCache(const char* path);
-  bool SetOutputPathLocked(const char* path);
+  bool Retarget(TavoCache* c, int dirFd, const char* name);
+  TavoCache* OpenCache(int dirFd, const char* name);
+  bool UseOutput(int dirFd, const char* name);
 };
 
 Tavo::Impl::~Impl() {
@@ -163,12 +174,14 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   size_t length;
   const unsigned char* data = c->Pending(&length);
   if (length == 0) return true;
-  int fd = OpenOutput(c->Path(), O_APPEND);
+  if (!c->HasTarget()) return false;
+  int fd = platform::OpenFileAt(c->Folder(), c->Target(), O_WRONLY | O_APPEND, 0);
   if (fd < 0) return false;
+  struct stat st;
   uint64_t size = 0;
-  bool ok = UndoInterrupted(c, fd, &size);
+  bool ok = UndoInterrupted(c, fd, &st, &size);
   if (ok) {
-    c->BeginFlush(size);
+    c->BeginFlush(size, st);
     ok = platform::AppendGzipMember(fd, data, length);
     if (ok) {
       RunHook(platform::TavoFlushStage::kAppended);
@@ -237,27 +250,27 @@ bool Tavo::Impl::DrainEarly() {
   return ok;
 }
 
-// Points c at path; a begun flush into its former file is undone first, as
-// the data now goes elsewhere.
-void Tavo::Impl::Retarget(TavoCache* c, const char* path) {
-  uint64_t base;
-  if (c->Interrupted(&base)) {
-    int fd = OpenOutput(c->Path(), 0);
+// Points c at the output name in the folder dirFd; a begun flush into its
+// former file is undone first, as the data now goes elsewhere.
+bool Tavo::Impl::Retarget(TavoCache* c, int dirFd, const char* name) {
+  if (c->HasTarget() && c->FlushBegun()) {
+    int fd = platform::OpenFileAt(c->Folder(), c->Target(), O_WRONLY, 0);
+    struct stat st;
     uint64_t size;
     // Whether or not the old file could be put back, the data goes elsewhere.
-    if (fd < 0 || !UndoInterrupted(c, fd, &size)) c->AbortFlush();
+    if (fd < 0 || !UndoInterrupted(c, fd, &st, &size)) c->AbortFlush();
     if (fd >= 0) close(fd);
   }
-  c->SetPath(path);
+  return c->SetTarget(dirFd, name);
 }
 
-// The first free cache file for path, or one on the heap.
-TavoCache* Tavo::Impl::OpenCache(const char* path) {
+// The first free cache file for the output name in dirFd, or one on the heap.
+TavoCache* Tavo::Impl::OpenCache(int dirFd, const char* name) {
   TavoCache* c = new (std::nothrow) TavoCache();
   if (c == nullptr) return nullptr;
-  char file[PATH_MAX];
+  char file[NAME_MAX + 1];
   for (int slot = 0; slot < kCacheSlots; slot++) {
-    if (CacheFileFor(path, slot, file, sizeof(file)) && c->OpenFile(file, kCacheCapacity)) {
+    if (CacheNameFor(name, slot, file, sizeof(file)) && c->OpenFile(dirFd, file, kCacheCapacity)) {
       return c;
     }
   }
@@ -266,30 +279,31 @@ TavoCache* Tavo::Impl::OpenCache(const char* path) {
   return nullptr;
 }
 
-bool Tavo::Impl::SetOutputPathLocked(const char* path) {
-  char key[PATH_MAX];
-  if (strlen(path) >= sizeof(key) || !CreateOutput(path)) return false;
-  if (!CacheFileFor(path, 0, key, sizeof(key))) key[0] = '\0';
-  if (cache != nullptr && cache->IsLinked() && strcmp(key, cacheKey) == 0) {
+// Later output goes to name in the folder dirFd, which exists.
+bool Tavo::Impl::UseOutput(int dirFd, const char* name) {
+  char key[NAME_MAX + 1];
+  if (!CacheNameFor(name, 0, key, sizeof(key))) key[0] = '\0';
+  if (cache != nullptr && cache->IsLinked() && cache->InFolder(dirFd) &&
+      strcmp(key, cacheKey) == 0) {
     // What cannot reach the old file goes to the new one.
     FlushCache(cache);
-    Retarget(cache, path);
-    return DrainEarly();
+    return Retarget(cache, dirFd, name) && DrainEarly();
   }
-  TavoCache* next = OpenCache(path);
+  TavoCache* next = OpenCache(dirFd, name);
   if (next == nullptr) return false;
-  size_t pending;
-  next->Pending(&pending);
-  // A dead writer's data goes to its own file while that is still there,
-  // else (or when that fails) to this one.
-  if (pending > 0 && access(next->Path(), F_OK) == 0) FlushCache(next);
-  Retarget(next, path);
+  if (!Retarget(next, dirFd, name)) {
+    delete next;
+    return false;
+  }
+  // A dead writer's data, if any, goes to this writer's own file.
+  FlushCache(next);
   TavoCache* old = cache;
   cache = next;
   strcpy_s(cacheKey, sizeof(cacheKey), key);
   bool ok = true;
   if (old != nullptr) {
     if (!FlushCache(old)) {
+      size_t pending;
       const unsigned char* data = old->Pending(&pending);
       ok = WriteLocked(data, pending);
       // Written twice rather than lost should the process die right here.
@@ -314,8 +328,16 @@ int Tavo::InitTavo() {
 
 bool Tavo::SetOutputPath(const char* path) {
   if (impl_ == nullptr || path == nullptr || path[0] == '\0') return false;
-  std::lock_guard<std::mutex> lock(impl_->mu);
-  return impl_->SetOutputPathLocked(path);
+  std::string name;
+  int dirFd = OpenOutputFolder(path, &name);
+  if (dirFd < 0) return false;
+  bool ok = CreateOutput(dirFd, name.c_str());
+  if (ok) {
+    std::lock_guard<std::mutex> lock(impl_->mu);
+    ok = impl_->UseOutput(dirFd, name.c_str());
+  }
+  close(dirFd);
+  return ok;
 }
 
 bool Tavo::Write(const char* data, size_t length) {

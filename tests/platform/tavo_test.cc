@@ -1,7 +1,9 @@
 #include "platform/tavo.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
@@ -20,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/tavo_cache.h"
 #include "platform/tavo_hook.h"
 #include "support/gzip_text.h"
 #include "support/random_bytes.h"
@@ -78,9 +81,31 @@ std::set<std::string> CacheFiles(const std::string& dir) {
   return found;
 }
 
+constexpr char kSecret[] = "root's own\n";
+
+// A root-only file outside the log folder, for a writer to leave alone.
+std::string MakeVictim(const std::string& path) {
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+  EXPECT_EQ(static_cast<ssize_t>(strlen(kSecret)), write(fd, kSecret, strlen(kSecret)));
+  close(fd);
+  return path;
+}
+
+void ExpectIntact(const std::string& victim) {
+  struct stat st;
+  ASSERT_EQ(0, lstat(victim.c_str(), &st));
+  EXPECT_EQ(0600u, st.st_mode & 07777);
+  EXPECT_EQ(kSecret, morvotest::ReadFile(victim));
+}
+
 class TavoTest : public ::testing::Test {
  protected:
   void SetUp() override { dir_ = root_.path() + "/log"; mkdir(dir_.c_str(), 0775); }
+  // A fresh output folder for the next row of a table.
+  void NewFolder() {
+    dir_ = root_.path() + "/log" + std::to_string(++folders_);
+    mkdir(dir_.c_str(), 0775);
+  }
   std::string File(int index) {
     char name[64];
     snprintf(name, sizeof(name), "/x.I%03d.20261123-0900%02d.gz", index, index % 60);
@@ -93,6 +118,7 @@ class TavoTest : public ::testing::Test {
   }
   TempRoot root_;
   std::string dir_;
+  int folders_ = 0;
 };
 
 TEST_F(TavoTest, EveryFlushLeavesAGzipStreamWithExactlyTheBytesWritten) {
@@ -128,17 +154,67 @@ TEST_F(TavoTest, SetOutputPathFlushesIntoTheOldFileAndCreatesTheNewOne) {
   EXPECT_TRUE(CacheFiles(dir_).empty()) << "a clean end leaves no cache behind";
 }
 
-TEST_F(TavoTest, ALinkPlantedAtTheOutputIsNeverFollowed) {
-  std::string outside = root_.path() + "/outside";
-  ASSERT_EQ(0, symlink(outside.c_str(), File(0).c_str()));
+// Something put at the output's name, before the path is set or between two
+// flushes; the records written after it must go to the next file instead.
+struct OutputPlant {
+  const char* what;
+  void (*plant)(const std::string& out, const std::string& victim);
+  bool beforePath;
+};
+
+const OutputPlant kOutputPlants[] = {
+    {"a link, before the path is set",
+     [](const std::string& out, const std::string& v) { symlink(v.c_str(), out.c_str()); }, true},
+    {"a link, between flushes",
+     [](const std::string& out, const std::string& v) { symlink(v.c_str(), out.c_str()); }, false},
+    {"a hard link, between flushes",
+     [](const std::string& out, const std::string& v) { link(v.c_str(), out.c_str()); }, false},
+    {"a FIFO, between flushes",
+     [](const std::string& out, const std::string&) { mkfifo(out.c_str(), 0666); }, false},
+};
+
+TEST_F(TavoTest, WhatIsPutAtTheOutputsNameIsNeverWritten) {
+  for (const OutputPlant& c : kOutputPlants) {
+    SCOPED_TRACE(c.what);
+    NewFolder();
+    std::string victim = MakeVictim(dir_ + "-victim");
+    auto t = NewTavo();
+    if (c.beforePath) {
+      c.plant(File(0), victim);
+      EXPECT_FALSE(t->SetOutputPath(File(0).c_str()));
+    } else {
+      std::string first = Records(0, 10);
+      ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+      ASSERT_TRUE(t->Write(first.data(), first.size()) && t->Flush());
+      ASSERT_EQ(0, unlink(File(0).c_str()));
+      c.plant(File(0), victim);
+    }
+    std::string kept = Records(10, 20);
+    ASSERT_TRUE(t->Write(kept.data(), kept.size()));
+    EXPECT_FALSE(t->Flush());
+    ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
+    t.reset();
+    ExpectIntact(victim);
+    EXPECT_EQ(kept, ReadBack(File(1)));
+  }
+}
+
+TEST_F(TavoTest, AFolderSwappedForALinkKeepsTheWriterInItsOwnFolder) {
+  std::string elsewhere = root_.path() + "/elsewhere";
+  ASSERT_EQ(0, mkdir(elsewhere.c_str(), 0775));
+  std::string name = File(0).substr(dir_.size());
+  std::string victim = MakeVictim(elsewhere + name);
   auto t = NewTavo();
-  EXPECT_FALSE(t->SetOutputPath(File(0).c_str()));
-  std::string kept = Records(0, 10);
-  ASSERT_TRUE(t->Write(kept.data(), kept.size()));
-  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
+  std::string first = Records(0, 10), second = Records(10, 20);
+  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
+  ASSERT_TRUE(t->Write(first.data(), first.size()) && t->Flush());
+  ASSERT_EQ(0, rename(dir_.c_str(), (dir_ + ".moved").c_str()));
+  ASSERT_EQ(0, symlink(elsewhere.c_str(), dir_.c_str()));
+  ASSERT_TRUE(t->Write(second.data(), second.size()));
+  EXPECT_TRUE(t->Flush()) << "the writer holds its folder, not its name";
   t.reset();
-  EXPECT_FALSE(Exists(outside));
-  EXPECT_EQ(kept, ReadBack(File(1)));
+  ExpectIntact(victim);
+  EXPECT_EQ(first + second, ReadBack(dir_ + ".moved" + name));
 }
 
 TEST_F(TavoTest, DataWrittenBeforeTheFirstPathLandsFirstInTheFirstFile) {
@@ -329,17 +405,23 @@ void KillAtStage(platform::TavoFlushStage stage) {
   if (stage == gKillAt) raise(SIGKILL);
 }
 
-// Runs body in a child, which must die of SIGKILL.
+// Runs body in a child; its wait status.
 template <class Body>
-void RunKilled(Body body) {
+int RunChild(Body body) {
   pid_t pid = fork();
-  ASSERT_GE(pid, 0);
   if (pid == 0) {
     body();
     _exit(0);
   }
-  int status = 0;
-  ASSERT_EQ(pid, waitpid(pid, &status, 0));
+  int status = -1;
+  if (pid < 0 || waitpid(pid, &status, 0) != pid) return -1;
+  return status;
+}
+
+// Runs body in a child, which must die of SIGKILL.
+template <class Body>
+void RunKilled(Body body) {
+  int status = RunChild(body);
   ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
 }
 
@@ -414,29 +496,6 @@ void KillAfterWriting(const std::string& path, const std::string& text) {
   });
 }
 
-TEST_F(TavoTest, ARestartedWriterPutsTheDeadOnesDataIntoTheFileItWasMeantFor) {
-  KillAfterWriting(File(0), Records(0, 30));
-  auto t = NewTavo();
-  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));  // the set's next file
-  EXPECT_EQ(Records(0, 30), ReadBack(File(0)));
-  std::string more = Records(30, 40);
-  ASSERT_TRUE(t->Write(more.data(), more.size()));
-  ASSERT_TRUE(t->Flush());
-  EXPECT_EQ(more, ReadBack(File(1)));
-}
-
-TEST_F(TavoTest, ADeadWritersDataWhoseFileIsGoneGoesToTheNewFile) {
-  KillAfterWriting(File(0), Records(0, 30));
-  ASSERT_EQ(0, unlink(File(0).c_str()));
-  auto t = NewTavo();
-  std::string more = Records(30, 40);
-  ASSERT_TRUE(t->Write(more.data(), more.size()));
-  ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
-  ASSERT_TRUE(t->Flush());
-  EXPECT_EQ(Records(0, 40), ReadBack(File(1)));
-  EXPECT_FALSE(Exists(File(0)));
-}
-
 TEST_F(TavoTest, ACacheRemovedUnderALiveWriterIsMadeAgainAtTheNextFile) {
   std::string dir = dir_;
   RunKilled([&] {
@@ -453,7 +512,151 @@ TEST_F(TavoTest, ACacheRemovedUnderALiveWriterIsMadeAgainAtTheNextFile) {
   });
   ASSERT_TRUE(NewTavo()->SetOutputPath(File(2).c_str()));
   EXPECT_EQ(Records(0, 10), ReadBack(File(0)));
-  EXPECT_EQ(Records(10, 20), ReadBack(File(1)));
+  EXPECT_EQ(Records(10, 20), ReadBack(File(2)));
+}
+
+uint64_t Peek(const std::string& file, size_t offset) {
+  uint64_t value = 0;
+  int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW);
+  EXPECT_EQ(8, pread(fd, &value, 8, static_cast<off_t>(offset)));
+  close(fd);
+  return value;
+}
+
+void Poke(const std::string& file, size_t offset, const void* data, size_t length) {
+  int fd = open(file.c_str(), O_WRONLY | O_NOFOLLOW);
+  EXPECT_EQ(static_cast<ssize_t>(length), pwrite(fd, data, length, static_cast<off_t>(offset)));
+  close(fd);
+}
+
+void Poke(const std::string& file, size_t offset, uint64_t value) {
+  Poke(file, offset, &value, sizeof(value));
+}
+
+// Makes the cache claim that its pending bytes were being appended to
+// victim, which began empty: a writer believing it cuts victim to nothing.
+void AimAt(const std::string& cache, const std::string& victim) {
+  using Header = platform::TavoCacheHeader;
+  struct stat st;
+  ASSERT_EQ(0, stat(victim.c_str(), &st));
+  Poke(cache, offsetof(Header, flushDev), static_cast<uint64_t>(st.st_dev));
+  Poke(cache, offsetof(Header, flushIno), static_cast<uint64_t>(st.st_ino));
+  Poke(cache, offsetof(Header, flushBase), uint64_t{0});
+  Poke(cache, offsetof(Header, flushEnd), Peek(cache, offsetof(Header, end)));
+}
+
+void ExpectOwnCache(const std::string& cache) {
+  struct stat st;
+  ASSERT_EQ(0, lstat(cache.c_str(), &st));
+  EXPECT_TRUE(S_ISREG(st.st_mode));
+  EXPECT_EQ(geteuid(), st.st_uid);
+  EXPECT_EQ(0600u, st.st_mode & 07777);
+  EXPECT_EQ(1u, st.st_nlink);
+  EXPECT_LE(st.st_size, static_cast<off_t>(platform::TavoCache::kHeaderSize + (1 << 20)));
+}
+
+// What a restarted writer finds at its cache's name; the first file is the
+// one a writer killed with records 0-29 pending was writing.
+struct CachePlant {
+  const char* what;
+  void (*plant)(const std::string& cache, const std::string& first, const std::string& victim);
+  int recovered;  // of those records, found at the start of the next file
+};
+
+using Header = platform::TavoCacheHeader;
+
+const CachePlant kCachePlants[] = {
+    {"a dead writer's cache",
+     [](const std::string&, const std::string& first, const std::string&) {
+       KillAfterWriting(first, Records(0, 30));
+     }, 30},
+    {"a dead writer's cache whose file is gone",
+     [](const std::string&, const std::string& first, const std::string&) {
+       KillAfterWriting(first, Records(0, 30));
+       unlink(first.c_str());
+     }, 30},
+    {"a dead writer's cache aimed at the victim",
+     [](const std::string& cache, const std::string& first, const std::string& victim) {
+       KillAfterWriting(first, Records(0, 30));
+       AimAt(cache, victim);
+     }, 30},
+    {"that cache given to another user",
+     [](const std::string& cache, const std::string& first, const std::string& victim) {
+       KillAfterWriting(first, Records(0, 30));
+       AimAt(cache, victim);
+       chown(cache.c_str(), 65534, 65534);
+     }, 0},
+    {"that cache made writable by all",
+     [](const std::string& cache, const std::string& first, const std::string& victim) {
+       KillAfterWriting(first, Records(0, 30));
+       AimAt(cache, victim);
+       chmod(cache.c_str(), 0666);
+     }, 0},
+    {"a header claiming a terabyte",
+     [](const std::string& cache, const std::string& first, const std::string&) {
+       KillAfterWriting(first, Records(0, 30));
+       Poke(cache, offsetof(Header, capacity), uint64_t{1} << 40);
+       truncate(cache.c_str(), static_cast<off_t>(platform::TavoCache::kHeaderSize + (1ull << 40)));
+     }, 0},
+    {"a header with its end past everything",
+     [](const std::string& cache, const std::string& first, const std::string&) {
+       KillAfterWriting(first, Records(0, 30));
+       Poke(cache, offsetof(Header, end), ~uint64_t{0});
+       Poke(cache, offsetof(Header, flushEnd), ~uint64_t{0} - 1);
+     }, 0},
+    {"a link to the victim",
+     [](const std::string& cache, const std::string&, const std::string& victim) {
+       symlink(victim.c_str(), cache.c_str());
+     }, 0},
+    {"a hard link to the victim",
+     [](const std::string& cache, const std::string&, const std::string& victim) {
+       link(victim.c_str(), cache.c_str());
+     }, 0},
+    {"a FIFO",
+     [](const std::string& cache, const std::string&, const std::string&) {
+       mkfifo(cache.c_str(), 0666);
+     }, 0},
+};
+
+TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
+  for (const CachePlant& c : kCachePlants) {
+    SCOPED_TRACE(c.what);
+    NewFolder();
+    std::string cache = dir_ + "/.x.tavocache", victim = MakeVictim(dir_ + "-victim");
+    c.plant(cache, File(0), victim);
+    auto t = NewTavo();
+    ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));  // the set's next file
+    ExpectOwnCache(cache);
+    std::string more = Records(30, 40);
+    ASSERT_TRUE(t->Write(more.data(), more.size()));
+    ASSERT_TRUE(t->Flush());
+    EXPECT_EQ(Records(30 - c.recovered, 40), ReadBack(File(1)));
+    t.reset();
+    ExpectIntact(victim);
+  }
+}
+
+TEST_F(TavoTest, AHeaderScribbledWhileTheWriterRunsIsNeverReadBack) {
+  std::string cache = dir_ + "/.x.tavocache", victim = MakeVictim(dir_ + "-victim");
+  const int kCount = 40000;  // several times the cache
+  int status = RunChild([&] {
+    Tavo t;
+    t.InitTavo();
+    if (!t.SetOutputPath(File(0).c_str())) _exit(2);
+    std::string garbage(platform::TavoCache::kHeaderSize, '\xff');
+    Poke(cache, 0, garbage.data(), garbage.size());
+    AimAt(cache, victim);
+    Poke(cache, offsetof(Header, capacity), uint64_t{1} << 40);
+    Poke(cache, offsetof(Header, end), uint64_t{0});
+    for (int i = 0; i < kCount; i += 100) {
+      std::string part = Records(i, i + 100);
+      if (!t.Write(part.data(), part.size())) _exit(3);
+    }
+    _exit(t.Flush() ? 0 : 4);
+  });
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  ExpectIntact(victim);
+  EXPECT_TRUE(Records(0, kCount) == ReadBack(File(0)));
 }
 
 }  // namespace
