@@ -81,6 +81,8 @@ std::set<std::string> CacheFiles(const std::string& dir) {
   return found;
 }
 
+using Path = const std::string&;
+
 constexpr char kSecret[] = "root's own\n";
 
 // A root-only file outside the log folder, for a writer to leave alone.
@@ -158,19 +160,16 @@ TEST_F(TavoTest, SetOutputPathFlushesIntoTheOldFileAndCreatesTheNewOne) {
 // flushes; the records written after it must go to the next file instead.
 struct OutputPlant {
   const char* what;
-  void (*plant)(const std::string& out, const std::string& victim);
+  void (*plant)(Path out, Path victim);
   bool beforePath;
 };
 
 const OutputPlant kOutputPlants[] = {
-    {"a link, before the path is set",
-     [](const std::string& out, const std::string& v) { symlink(v.c_str(), out.c_str()); }, true},
-    {"a link, between flushes",
-     [](const std::string& out, const std::string& v) { symlink(v.c_str(), out.c_str()); }, false},
-    {"a hard link, between flushes",
-     [](const std::string& out, const std::string& v) { link(v.c_str(), out.c_str()); }, false},
-    {"a FIFO, between flushes",
-     [](const std::string& out, const std::string&) { mkfifo(out.c_str(), 0666); }, false},
+    {"a link, before the path", [](Path out, Path v) { symlink(v.c_str(), out.c_str()); }, true},
+    {"a link, between flushes", [](Path out, Path v) { symlink(v.c_str(), out.c_str()); }, false},
+    {"a hard link, between flushes", [](Path out, Path v) { link(v.c_str(), out.c_str()); }, false},
+    {"a FIFO, before the path", [](Path out, Path) { mkfifo(out.c_str(), 0666); }, true},
+    {"a FIFO, between flushes", [](Path out, Path) { mkfifo(out.c_str(), 0666); }, false},
 };
 
 TEST_F(TavoTest, WhatIsPutAtTheOutputsNameIsNeverWritten) {
@@ -217,22 +216,11 @@ TEST_F(TavoTest, AFolderSwappedForALinkKeepsTheWriterInItsOwnFolder) {
   EXPECT_EQ(first + second, ReadBack(dir_ + ".moved" + name));
 }
 
-TEST_F(TavoTest, DataWrittenBeforeTheFirstPathLandsFirstInTheFirstFile) {
-  auto t = NewTavo();
-  std::string early = Records(0, 3);
-  ASSERT_TRUE(t->Write(early.data(), early.size()));
-  EXPECT_FALSE(t->Flush()) << "nowhere to put it yet";
-  ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
-  std::string later = Records(3, 5);
-  ASSERT_TRUE(t->Write(later.data(), later.size()));
-  ASSERT_TRUE(t->Flush());
-  EXPECT_EQ(early + later, ReadBack(File(0)));
-}
-
-TEST_F(TavoTest, WritesLargerThanTheCacheArriveWhole) {
+TEST_F(TavoTest, WritesBeforeThePathAndLargerThanTheCacheArriveWholeAndInOrder) {
   auto t = NewTavo();
   std::string big = RandomBytes(5 << 20, 1) + Records(0, 100000);
-  ASSERT_TRUE(t->Write(big.data(), 3 << 20));  // before any path, too
+  ASSERT_TRUE(t->Write(big.data(), 3 << 20));
+  EXPECT_FALSE(t->Flush()) << "nowhere to put it yet";
   ASSERT_TRUE(t->SetOutputPath(File(0).c_str()));
   ASSERT_TRUE(t->Write(big.data() + (3 << 20), big.size() - (3 << 20)));
   ASSERT_TRUE(t->Flush());
@@ -286,9 +274,8 @@ TEST_F(TavoTest, WritersOnSeveralThreadsShareTheCompressorWithoutMixingTheirMemb
   }
 }
 
-TEST_F(TavoTest, TwoLiveWritersOfOneSetKeepSeparateCaches) {
-  auto a = NewTavo();
-  auto b = NewTavo();
+TEST_F(TavoTest, CachesAreNamedAfterTheSetOnePerLiveWriterAndNeverLikeASetFile) {
+  auto a = NewTavo(), b = NewTavo();
   ASSERT_TRUE(a->SetOutputPath(File(0).c_str()));
   ASSERT_TRUE(b->SetOutputPath(File(1).c_str()));
   std::string ra = Records(0, 10), rb = Records(10, 20);
@@ -299,13 +286,10 @@ TEST_F(TavoTest, TwoLiveWritersOfOneSetKeepSeparateCaches) {
   b.reset();
   EXPECT_EQ(ra, ReadBack(File(0)));
   EXPECT_EQ(rb, ReadBack(File(1)));
-}
-
-TEST_F(TavoTest, TheCacheIsNamedAfterTheSetAndNeverLooksLikeASetFile) {
-  auto t = NewTavo();
-  ASSERT_TRUE(t->SetOutputPath((dir_ + "/k.gz.log.I007.20261123-090000.gz").c_str()));
+  a = NewTavo();
+  ASSERT_TRUE(a->SetOutputPath((dir_ + "/k.gz.log.I007.20261123-090000.gz").c_str()));
   EXPECT_EQ(std::set<std::string>{".k_gz.log.tavocache"}, CacheFiles(dir_));
-  ASSERT_TRUE(t->SetOutputPath((dir_ + "/plain.gz").c_str()));
+  ASSERT_TRUE(a->SetOutputPath((dir_ + "/plain.gz").c_str()));
   EXPECT_EQ(std::set<std::string>{".plain.tavocache"}, CacheFiles(dir_));
 }
 
@@ -334,9 +318,6 @@ TEST_F(TavoTest, AnOutputThatCannotBeCreatedIsRefused) {
   auto t = NewTavo();
   EXPECT_FALSE(t->SetOutputPath((dir_ + "/missing/x.gz").c_str()));
   EXPECT_FALSE(t->SetOutputPath(dir_.c_str()));
-  std::string fifo = dir_ + "/fifo.gz";
-  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0664));
-  EXPECT_FALSE(t->SetOutputPath(fifo.c_str())) << "and does not hang";
   EXPECT_FALSE(t->SetOutputPath(""));
   EXPECT_FALSE(t->SetOutputPath(nullptr));
   std::string r = Records(0, 2);
@@ -515,14 +496,6 @@ TEST_F(TavoTest, ACacheRemovedUnderALiveWriterIsMadeAgainAtTheNextFile) {
   EXPECT_EQ(Records(10, 20), ReadBack(File(2)));
 }
 
-uint64_t Peek(const std::string& file, size_t offset) {
-  uint64_t value = 0;
-  int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW);
-  EXPECT_EQ(8, pread(fd, &value, 8, static_cast<off_t>(offset)));
-  close(fd);
-  return value;
-}
-
 void Poke(const std::string& file, size_t offset, const void* data, size_t length) {
   int fd = open(file.c_str(), O_WRONLY | O_NOFOLLOW);
   EXPECT_EQ(static_cast<ssize_t>(length), pwrite(fd, data, length, static_cast<off_t>(offset)));
@@ -533,8 +506,8 @@ void Poke(const std::string& file, size_t offset, uint64_t value) {
   Poke(file, offset, &value, sizeof(value));
 }
 
-// Makes the cache claim that its pending bytes were being appended to
-// victim, which began empty: a writer believing it cuts victim to nothing.
+// Makes the cache claim that a flush of its pending bytes was begun into
+// victim, which was empty then: a writer believing it cuts victim to nothing.
 void AimAt(const std::string& cache, const std::string& victim) {
   using Header = platform::TavoCacheHeader;
   struct stat st;
@@ -542,7 +515,7 @@ void AimAt(const std::string& cache, const std::string& victim) {
   Poke(cache, offsetof(Header, flushDev), static_cast<uint64_t>(st.st_dev));
   Poke(cache, offsetof(Header, flushIno), static_cast<uint64_t>(st.st_ino));
   Poke(cache, offsetof(Header, flushBase), uint64_t{0});
-  Poke(cache, offsetof(Header, flushEnd), Peek(cache, offsetof(Header, end)));
+  Poke(cache, offsetof(Header, flushEnd), uint64_t{1});
 }
 
 void ExpectOwnCache(const std::string& cache) {
@@ -555,67 +528,48 @@ void ExpectOwnCache(const std::string& cache) {
   EXPECT_LE(st.st_size, static_cast<off_t>(platform::TavoCache::kHeaderSize + (1 << 20)));
 }
 
-// What a restarted writer finds at its cache's name; the first file is the
-// one a writer killed with records 0-29 pending was writing.
+// What a restarted writer finds at its cache's name, maybe after a writer of
+// the first file was killed with records 0-29 in the cache.
 struct CachePlant {
   const char* what;
-  void (*plant)(const std::string& cache, const std::string& first, const std::string& victim);
+  bool deadWriter;
+  void (*plant)(Path cache, Path first, Path victim);
   int recovered;  // of those records, found at the start of the next file
 };
 
 using Header = platform::TavoCacheHeader;
 
 const CachePlant kCachePlants[] = {
-    {"a dead writer's cache",
-     [](const std::string&, const std::string& first, const std::string&) {
-       KillAfterWriting(first, Records(0, 30));
-     }, 30},
-    {"a dead writer's cache whose file is gone",
-     [](const std::string&, const std::string& first, const std::string&) {
-       KillAfterWriting(first, Records(0, 30));
-       unlink(first.c_str());
-     }, 30},
-    {"a dead writer's cache aimed at the victim",
-     [](const std::string& cache, const std::string& first, const std::string& victim) {
-       KillAfterWriting(first, Records(0, 30));
-       AimAt(cache, victim);
-     }, 30},
-    {"that cache given to another user",
-     [](const std::string& cache, const std::string& first, const std::string& victim) {
-       KillAfterWriting(first, Records(0, 30));
+    {"a dead writer's cache", true, [](Path, Path, Path) {}, 30},
+    {"a dead writer's cache whose file is gone", true,
+     [](Path, Path first, Path) { unlink(first.c_str()); }, 30},
+    {"a dead writer's cache aimed at the victim", true,
+     [](Path cache, Path, Path victim) { AimAt(cache, victim); }, 30},
+    {"that cache given to another user", true,
+     [](Path cache, Path, Path victim) {
        AimAt(cache, victim);
        chown(cache.c_str(), 65534, 65534);
      }, 0},
-    {"that cache made writable by all",
-     [](const std::string& cache, const std::string& first, const std::string& victim) {
-       KillAfterWriting(first, Records(0, 30));
+    {"that cache made writable by all", true,
+     [](Path cache, Path, Path victim) {
        AimAt(cache, victim);
        chmod(cache.c_str(), 0666);
      }, 0},
-    {"a header claiming a terabyte",
-     [](const std::string& cache, const std::string& first, const std::string&) {
-       KillAfterWriting(first, Records(0, 30));
+    {"a header claiming a terabyte", true,
+     [](Path cache, Path, Path) {
        Poke(cache, offsetof(Header, capacity), uint64_t{1} << 40);
        truncate(cache.c_str(), static_cast<off_t>(platform::TavoCache::kHeaderSize + (1ull << 40)));
      }, 0},
-    {"a header with its end past everything",
-     [](const std::string& cache, const std::string& first, const std::string&) {
-       KillAfterWriting(first, Records(0, 30));
+    {"a header with its end past everything", true,
+     [](Path cache, Path, Path) {
        Poke(cache, offsetof(Header, end), ~uint64_t{0});
        Poke(cache, offsetof(Header, flushEnd), ~uint64_t{0} - 1);
      }, 0},
-    {"a link to the victim",
-     [](const std::string& cache, const std::string&, const std::string& victim) {
-       symlink(victim.c_str(), cache.c_str());
-     }, 0},
-    {"a hard link to the victim",
-     [](const std::string& cache, const std::string&, const std::string& victim) {
-       link(victim.c_str(), cache.c_str());
-     }, 0},
-    {"a FIFO",
-     [](const std::string& cache, const std::string&, const std::string&) {
-       mkfifo(cache.c_str(), 0666);
-     }, 0},
+    {"a link to the victim", false,
+     [](Path cache, Path, Path victim) { symlink(victim.c_str(), cache.c_str()); }, 0},
+    {"a hard link to the victim", false,
+     [](Path cache, Path, Path victim) { link(victim.c_str(), cache.c_str()); }, 0},
+    {"a FIFO", false, [](Path cache, Path, Path) { mkfifo(cache.c_str(), 0666); }, 0},
 };
 
 TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
@@ -623,6 +577,7 @@ TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
     SCOPED_TRACE(c.what);
     NewFolder();
     std::string cache = dir_ + "/.x.tavocache", victim = MakeVictim(dir_ + "-victim");
+    if (c.deadWriter) KillAfterWriting(File(0), Records(0, 30));
     c.plant(cache, File(0), victim);
     auto t = NewTavo();
     ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));  // the set's next file
