@@ -1,9 +1,10 @@
 #include "platform/log_ring.h"
 
 #include <errno.h>
-#include <pthread.h>
+#include <stddef.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -17,38 +18,27 @@ namespace platform {
 namespace {
 
 constexpr uint32_t kRingMagic = 0x4d564c52;  // "MVLR"
-constexpr uint32_t kRingVersion = 1;
+// 2: the lock holds no address, spill slots follow the header page.
+constexpr uint32_t kRingVersion = 2;
 constexpr uint64_t kHeaderPage = 4096;
-// A lock held this long belongs to a stopped or scribbled-over process;
-// failing the call beats hanging every writer.
-constexpr int kLockTimeoutSeconds = 2;
+constexpr uint64_t kSpillSlotSize = kRecordHeaderSize + QD_LOGGER_ENTRY_MAX_PAYLOAD;
+constexpr uint64_t kDataOffset = kHeaderPage + kSpillSlots * kSpillSlotSize;
 
-// Every ring lock is robust and shared between processes.
-void InitLock(pthread_mutex_t* lock) {
-  pthread_mutexattr_t attr;
-  pthread_mutexattr_init(&attr);
-  pthread_mutexattr_setpshared(&attr, PTHREAD_PROCESS_SHARED);
-  pthread_mutexattr_setrobust(&attr, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_init(lock, &attr);
-  pthread_mutexattr_destroy(&attr);
-}
+enum SpillState : uint32_t { kSlotFree = 0, kSlotFilling = 1, kSlotFull = 2 };
 
-// The C library keeps the kind of a mutex inside it, and every call on the
-// mutex obeys it: a scribbled kind can make even a trylock abort the
-// process (a priority-protected kind with a wild ceiling). A lock whose
-// kind is not the one InitLock gives is never used.
-bool LockIntact(const pthread_mutex_t& lock) {
-  static const int kKind = [] {
-    pthread_mutex_t model;
-    InitLock(&model);
-    int kind = model.__data.__kind;
-    pthread_mutex_destroy(&model);
-    return kind;
-  }();
-  return __atomic_load_n(&lock.__data.__kind, __ATOMIC_RELAXED) == kKind;
-}
+std::atomic<void (*)()> gLockHeldHook{nullptr};
 
 }  // namespace
+
+void SetLockHeldHook(void (*hook)()) { gLockHeldHook.store(hook); }
+
+struct SpillSlot {
+  std::atomic<uint32_t> state;
+  // The writer filling it, so that a slot it died in is freed.
+  std::atomic<uint32_t> tid;
+  // Slots are moved into the ring in this order.
+  std::atomic<uint64_t> sequence;
+};
 
 struct LogRing::Header {
   uint32_t magic;
@@ -58,14 +48,20 @@ struct LogRing::Header {
   uint64_t capacity;
   std::atomic<uint32_t> retired;
   uint32_t reserved;
-  pthread_mutex_t lock;
+  alignas(64) RingLockState lock;
   alignas(64) std::atomic<uint64_t> head;
   std::atomic<uint64_t> evicted;
   alignas(64) std::atomic<uint64_t> tail;
+  alignas(64) std::atomic<uint64_t> spillSequence;
+  SpillSlot spill[kSpillSlots];
 };
 
 static_assert(sizeof(LogRing::Header) <= kHeaderPage, "the ring header fits its page");
+static_assert(offsetof(LogRing::Header, lock) == kRingLockOffset &&
+                  sizeof(RingLockState) <= kRingLockSize,
+              "the lock lies where tests look for it");
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "positions are shared lock-free");
+static_assert(kSpillSlotSize == 4096, "a spill slot holds the largest record");
 
 // What a new ring file starts with; source, when set, lends the records
 // between tail and head.
@@ -88,14 +84,16 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
   header->capacity = layout->capacity;
   header->retired.store(0, std::memory_order_relaxed);
   header->reserved = 0;
-  InitLock(&header->lock);
+  new (&header->lock) RingLockState();
+  header->spillSequence.store(0, std::memory_order_relaxed);
+  for (SpillSlot& slot : header->spill) slot.state.store(kSlotFree, std::memory_order_relaxed);
   header->head.store(layout->head, std::memory_order_relaxed);
   header->tail.store(layout->tail, std::memory_order_relaxed);
   header->evicted.store(layout->evicted, std::memory_order_relaxed);
   if (layout->source == nullptr) return;
   // The records keep their positions, so readers of the old file go on in
   // the new one where they were.
-  unsigned char* data = static_cast<unsigned char*>(addr) + kHeaderPage;
+  unsigned char* data = static_cast<unsigned char*>(addr) + kDataOffset;
   for (uint64_t pos = layout->tail; pos < layout->head;) {
     uint64_t offset = pos % layout->capacity;
     uint64_t chunk = std::min(layout->head - pos, layout->capacity - offset);
@@ -104,42 +102,58 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
   }
 }
 
-LogRing* LogRing::Open(const char* dir, log_id_t id, bool repair) {
-  if (dir == nullptr || id < LOG_ID_MIN || id >= LOG_ID_MAX || !MakeStoreDir(dir)) return nullptr;
+LogRing* LogRing::Open(const char* dir, log_id_t id, bool writer) {
+  if (dir == nullptr || id < LOG_ID_MIN || id >= LOG_ID_MAX) return nullptr;
   LogRing* ring = new (std::nothrow) LogRing;
   if (ring == nullptr) return nullptr;
   ring->id_ = id;
-  ring->repair_ = repair;
-  if (snprintf_s(ring->path_, sizeof(ring->path_), sizeof(ring->path_) - 1, "%s/%s", dir,
-                 qdlogging_log_id_to_name(id)) < 0 ||
-      !ring->signal_.Open(dir) || ring->Map() != 0) {
+  ring->writable_ = writer;
+  ring->repair_ = writer;
+  ring->name_ = qdlogging_log_id_to_name(id);
+  ring->dirFd_ = OpenStoreDir(dir);
+  if (ring->dirFd_ < 0 || !ring->signal_.Open(ring->dirFd_) || ring->Map() != 0) {
     delete ring;
     return nullptr;
   }
   return ring;
 }
 
-LogRing::~LogRing() { UnmapShared(&mapping_); }
+LogRing::~LogRing() {
+  UnmapShared(&mapping_);
+  if (dirFd_ >= 0) close(dirFd_);
+}
+
+int LogRing::MakeWritable() {
+  if (writable_) return 0;
+  writable_ = true;
+  int rc = Map();
+  if (rc != 0) writable_ = false;
+  return rc;
+}
 
 void LogRing::Adopt(const SharedMapping& mapping) {
   UnmapShared(&mapping_);
   mapping_ = mapping;
   header_ = static_cast<Header*>(mapping.addr);
-  data_ = static_cast<unsigned char*>(mapping.addr) + kHeaderPage;
+  data_ = static_cast<unsigned char*>(mapping.addr) + kDataOffset;
   capacity_ = header_->capacity;
+}
+
+bool LogRing::ValidHeader(const SharedMapping& mapping) const {
+  const auto* header = static_cast<const Header*>(mapping.addr);
+  return header->magic == kRingMagic && header->version == kRingVersion &&
+         header->headerSize == kHeaderPage && header->logId == static_cast<uint32_t>(id_) &&
+         header->capacity >= kRingMinSize && header->capacity <= kRingMaxSize &&
+         mapping.size == kDataOffset + header->capacity;
 }
 
 int LogRing::Map() {
   for (int attempt = 0; attempt < 4; ++attempt) {
     SharedMapping mapping;
-    int rc = MapExistingFile(path_, kHeaderPage + kRingMinSize, kHeaderPage + kRingMaxSize,
-                             &mapping);
+    int rc = MapStoreFile(dirFd_, name_, writable_, kDataOffset + kRingMinSize,
+                          kDataOffset + kRingMaxSize, &mapping);
     if (rc == 0) {
-      const auto* header = static_cast<const Header*>(mapping.addr);
-      if (header->magic == kRingMagic && header->version == kRingVersion &&
-          header->headerSize == kHeaderPage && header->logId == static_cast<uint32_t>(id_) &&
-          header->capacity >= kRingMinSize && header->capacity <= kRingMaxSize &&
-          mapping.size == kHeaderPage + header->capacity && LockIntact(header->lock)) {
+      if (ValidHeader(mapping)) {
         Adopt(mapping);
         return 0;
       }
@@ -148,8 +162,8 @@ int LogRing::Map() {
     }
     if (rc != -ENOENT && !(rc == -EINVAL && repair_)) return rc;
     FileSpec layout = {id_, QD_LOGGER_DEFAULT_RING_SIZE, 0, 0, 0, nullptr};
-    rc = PublishSharedFile(path_, kHeaderPage + layout.capacity, rc == -EINVAL, InitFile, &layout,
-                           &mapping);
+    rc = PublishSharedFile(dirFd_, name_, kDataOffset + layout.capacity, kRingFileMode,
+                           rc == -EINVAL, InitFile, &layout, &mapping);
     if (rc == 0) {
       Adopt(mapping);
       return 0;
@@ -162,16 +176,15 @@ int LogRing::Map() {
 bool LogRing::Stale() const {
   return header_->magic != kRingMagic || header_->version != kRingVersion ||
          header_->logId != static_cast<uint32_t>(id_) || header_->capacity != capacity_ ||
-         header_->retired.load(std::memory_order_acquire) != 0 || !LockIntact(header_->lock);
+         header_->retired.load(std::memory_order_acquire) != 0;
 }
 
 int LogRing::LockFresh() {
-  // Checked before the lock too: the lock of a scribbled header is no lock.
   if (Stale()) return -ESTALE;
-  int rc = Lock();
+  int rc = RingLock(&header_->lock);
   if (rc != 0) return rc;
   if (Stale()) {
-    Unlock();
+    RingUnlock(&header_->lock);
     return -ESTALE;
   }
   return 0;
@@ -179,35 +192,82 @@ int LogRing::LockFresh() {
 
 bool LogRing::Reopen() { return Map() == 0; }
 
-int LogRing::Lock() {
-  int rc = pthread_mutex_trylock(&header_->lock);
-  if (rc == EBUSY) {
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += kLockTimeoutSeconds;
-    rc = pthread_mutex_timedlock(&header_->lock, &deadline);
+bool LogRing::Settled() const { return RingLockSettled(header_->lock); }
+
+void LogRing::Unlock() {
+  for (int round = 0;; ++round) {
+    DrainSpill();
+    RingUnlock(&header_->lock);
+    // Pairs with the fence in Append's spill path: either that writer
+    // takes the lock and drains, or its slot is seen here.
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    if (round == 3 || !SpillWaiting() || RingTryLock(&header_->lock) != 0) return;
   }
-  if (rc == EOWNERDEAD) {
-    // A writer died holding the lock. Head and tail are each stored whole
-    // and head only after the record, so the ring is as it was.
-    rc = pthread_mutex_consistent(&header_->lock);
-    if (rc != 0) pthread_mutex_unlock(&header_->lock);
-  }
-  if (rc == 0) return 0;
-  return rc == ETIMEDOUT ? -EBUSY : -EIO;
 }
 
-bool LogRing::Settled() {
-  // No writer takes a lock that is not intact: it makes the file anew.
-  if (!LockIntact(header_->lock)) return true;
-  int rc = pthread_mutex_trylock(&header_->lock);
-  if (rc == EBUSY) return false;
-  if (rc == EOWNERDEAD) rc = pthread_mutex_consistent(&header_->lock);
-  pthread_mutex_unlock(&header_->lock);
-  return true;
+unsigned char* LogRing::SpillData(uint32_t slot) const {
+  return static_cast<unsigned char*>(mapping_.addr) + kHeaderPage + slot * kSpillSlotSize;
 }
 
-void LogRing::Unlock() { pthread_mutex_unlock(&header_->lock); }
+bool LogRing::SpillWaiting() const {
+  for (const SpillSlot& slot : header_->spill) {
+    if (slot.state.load(std::memory_order_acquire) == kSlotFull) return true;
+  }
+  return false;
+}
+
+int LogRing::Spill(const qd_logger_entry* entry, const char* payload) {
+  for (uint32_t i = 0; i < kSpillSlots; ++i) {
+    SpillSlot& slot = header_->spill[i];
+    uint32_t state = kSlotFree;
+    if (!slot.state.compare_exchange_strong(state, kSlotFilling, std::memory_order_acquire)) {
+      continue;
+    }
+    slot.tid.store(CallerTid(), std::memory_order_relaxed);
+    slot.sequence.store(header_->spillSequence.fetch_add(1, std::memory_order_relaxed),
+                        std::memory_order_relaxed);
+    memcpy(SpillData(i), entry, kRecordHeaderSize);
+    memcpy(SpillData(i) + kRecordHeaderSize, payload, entry->len);
+    slot.state.store(kSlotFull, std::memory_order_release);
+    return 0;
+  }
+  return -EBUSY;
+}
+
+void LogRing::DrainSpill() {
+  // Records kept aside for a ring that another file replaced stay there.
+  if (Stale()) return;
+  for (uint32_t round = 0; round < kSpillSlots; ++round) {
+    SpillSlot* oldest = nullptr;
+    uint32_t oldestIndex = 0;
+    for (uint32_t i = 0; i < kSpillSlots; ++i) {
+      SpillSlot& slot = header_->spill[i];
+      uint32_t state = slot.state.load(std::memory_order_acquire);
+      if (state == kSlotFull) {
+        if (oldest == nullptr || slot.sequence.load(std::memory_order_relaxed) <
+                                     oldest->sequence.load(std::memory_order_relaxed)) {
+          oldest = &slot;
+          oldestIndex = i;
+        }
+      } else if (state != kSlotFree &&
+                 (state != kSlotFilling || TaskGone(slot.tid.load(std::memory_order_relaxed)))) {
+        // Scribbled over, or its writer died filling it.
+        slot.state.store(kSlotFree, std::memory_order_relaxed);
+      }
+    }
+    if (oldest == nullptr) return;
+    // Copied out first: the slot lies in memory every writer can change.
+    qd_log_msg copy;
+    memcpy(copy.buf, SpillData(oldestIndex), kSpillSlotSize);
+    const qd_logger_entry& entry = copy.entry;
+    if (entry.hdr_size == kRecordHeaderSize && entry.len >= kRecordMinPayload &&
+        entry.len <= QD_LOGGER_ENTRY_MAX_PAYLOAD && entry.lid == static_cast<uint32_t>(id_) &&
+        copy.buf[kRecordHeaderSize + entry.len - 1] == '\0') {
+      AppendLocked(&copy.entry, reinterpret_cast<const char*>(copy.buf) + kRecordHeaderSize);
+    }
+    oldest->state.store(kSlotFree, std::memory_order_release);
+  }
+}
 
 void LogRing::CopyIn(uint64_t pos, const void* src, uint64_t size) {
   uint64_t offset = pos % capacity_;
@@ -251,11 +311,15 @@ uint64_t LogRing::DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) con
   return tail;
 }
 
-int LogRing::Append(qd_logger_entry* entry, const char* payload) {
+void LogRing::Stamp(qd_logger_entry* entry) const {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  entry->sec = static_cast<uint32_t>(now.tv_sec);
+  entry->nsec = static_cast<uint32_t>(now.tv_nsec);
+}
+
+void LogRing::AppendLocked(qd_logger_entry* entry, const char* payload) {
   uint64_t size = kRecordHeaderSize + entry->len;
-  if (entry->len > QD_LOGGER_ENTRY_MAX_PAYLOAD || size > capacity_) return -EMSGSIZE;
-  int rc = LockFresh();
-  if (rc != 0) return rc;
   uint64_t head = header_->head.load(std::memory_order_relaxed);
   uint64_t oldTail = header_->tail.load(std::memory_order_relaxed);
   // Scribbled positions cost the records they held, not the buffer.
@@ -269,13 +333,28 @@ int LogRing::Append(qd_logger_entry* entry, const char* payload) {
     // changes.
     std::atomic_thread_fence(std::memory_order_release);
   }
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  entry->sec = static_cast<uint32_t>(now.tv_sec);
-  entry->nsec = static_cast<uint32_t>(now.tv_nsec);
   CopyIn(head, entry, kRecordHeaderSize);
   CopyIn(head + kRecordHeaderSize, payload, entry->len);
   header_->head.store(head + size, std::memory_order_release);
+}
+
+int LogRing::Append(qd_logger_entry* entry, const char* payload) {
+  uint64_t size = kRecordHeaderSize + entry->len;
+  if (entry->len > QD_LOGGER_ENTRY_MAX_PAYLOAD || size > capacity_) return -EMSGSIZE;
+  int rc = LockFresh();
+  if (rc == -EBUSY) {
+    Stamp(entry);
+    rc = Spill(entry, payload);
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    // The owner may have let go meanwhile: then nobody else drains.
+    if (rc == 0 && RingTryLock(&header_->lock) == 0) Unlock();
+    return rc;
+  }
+  if (rc != 0) return rc;
+  void (*hook)() = gLockHeldHook.load();
+  if (hook != nullptr) hook();
+  Stamp(entry);
+  AppendLocked(entry, payload);
   Unlock();
   signal_.Notify();
   return 0;
@@ -284,6 +363,8 @@ int LogRing::Append(qd_logger_entry* entry, const char* payload) {
 int LogRing::Clear() {
   int rc = LockFresh();
   if (rc != 0) return rc;
+  // Records kept aside are older than the clear: they go too.
+  DrainSpill();
   header_->tail.store(header_->head.load(std::memory_order_relaxed), std::memory_order_release);
   Unlock();
   return 0;
@@ -293,6 +374,7 @@ int LogRing::Resize(uint64_t capacity) {
   if (capacity < kRingMinSize || capacity > kRingMaxSize) return -EINVAL;
   int rc = LockFresh();
   if (rc != 0) return rc;
+  DrainSpill();
   if (capacity == capacity_) {
     Unlock();
     return 0;
@@ -306,7 +388,8 @@ int LogRing::Resize(uint64_t capacity) {
   SharedMapping mapping;
   // Replaced under the old file's lock, and the old file is marked before
   // the lock is let go: a writer waiting on it then finds it retired.
-  rc = PublishSharedFile(path_, kHeaderPage + capacity, true, InitFile, &layout, &mapping);
+  rc = PublishSharedFile(dirFd_, name_, kDataOffset + capacity, kRingFileMode, true, InitFile,
+                         &layout, &mapping);
   if (rc == 0) header_->retired.store(1, std::memory_order_release);
   Unlock();
   if (rc != 0) return rc;

@@ -6,13 +6,23 @@
 // position since the buffer was made (a 64-bit count that only grows), so a
 // position names one record for ever: a reader that finds its position
 // below the ring's tail knows the record was dropped and skips forward.
-// Writers take a robust process-shared lock; readers take none and check
-// the tail after copying, so they never return a record that was
-// overwritten under them.
+// Writers take the ring's lock (log_lock.h); readers map the file
+// read-only, take no lock and check the tail after copying, so they never
+// return a record that was overwritten under them.
+//
+// A writer that finds the lock held by a stopped owner (past one bounded
+// wait, or marked stalled by another writer) puts its record, stamped, in
+// one of kSpillSlots slots of the file instead. Whoever lets the lock go
+// next, the stopped owner once resumed included, first moves the slots'
+// records into the ring in the order they came; so a stopped writer costs
+// each other writer at most one wait and no record, until the slots are
+// full (-EBUSY, without waiting). A spilled record keeps the time it was
+// written, so it may sit in the ring after a newer one.
 
 #include <limits.h>
 #include <stdint.h>
 
+#include "platform/log_lock.h"
 #include "platform/log_signal.h"
 #include "platform/log_store_dir.h"
 #include "platform/logger.h"
@@ -27,16 +37,29 @@ constexpr uint32_t kRecordMinPayload = 3;
 
 static_assert(sizeof(qd_logger_entry) == 28, "the record header is 28 bytes");
 
+// Where the lock lies in a ring file (tests scribble over it).
+constexpr uint64_t kRingLockOffset = 64;
+constexpr uint64_t kRingLockSize = 64;
+constexpr uint32_t kSpillSlots = 8;
+
+// Called by a writer right after it took a ring's lock (a test seam).
+void SetLockHeldHook(void (*hook)());
+
 class LogRing {
  public:
   // Maps the ring file of buffer id in the store folder dir, making the
-  // folder and the file when missing. A file that fails validation is
-  // replaced by an empty ring when repair is set (writers), else refused
-  // (readers). Null on failure.
-  static LogRing* Open(const char* dir, log_id_t id, bool repair);
+  // folder and the file when missing. A writer maps it read-write and
+  // replaces a file whose content fails validation by an empty ring; a
+  // reader maps it read-only and refuses such a file. Files the store
+  // refuses (log_store_dir.h) are refused by both. Null on failure.
+  static LogRing* Open(const char* dir, log_id_t id, bool writer);
   ~LogRing();
   LogRing(const LogRing&) = delete;
   LogRing& operator=(const LogRing&) = delete;
+
+  // Maps a reader's ring read-write for Clear and Resize. 0 or a negated
+  // errno (-EACCES for a reader that may only read).
+  int MakeWritable();
 
   log_id_t id() const { return id_; }
   uint64_t capacity() const { return capacity_; }
@@ -60,8 +83,8 @@ class LogRing {
   int Resize(uint64_t capacity);
 
   // True when no writer is inside the ring at this moment, so every record
-  // stamped before now is visible.
-  bool Settled();
+  // stamped before now is visible (or the one inside is stopped).
+  bool Settled() const;
 
   // The positions of the oldest record and of the end. False when the
   // shared header is inconsistent.
@@ -82,11 +105,19 @@ class LogRing {
   LogRing() = default;
   static void InitFile(void* addr, size_t size, const void* arg);
   int Map();
+  bool ValidHeader(const SharedMapping& mapping) const;
   void Adopt(const SharedMapping& mapping);
-  int Lock();
-  // Lock() on a header that is still this ring's; -ESTALE when it is not.
+  // Takes the lock on a header that is still this ring's; -ESTALE when it
+  // is not, -EBUSY when a stopped writer holds it.
   int LockFresh();
+  // Moves the spilled records into the ring, then lets the lock go.
   void Unlock();
+  void Stamp(qd_logger_entry* entry) const;
+  void AppendLocked(qd_logger_entry* entry, const char* payload);
+  int Spill(const qd_logger_entry* entry, const char* payload);
+  void DrainSpill();
+  bool SpillWaiting() const;
+  unsigned char* SpillData(uint32_t slot) const;
   uint64_t RecordSizeAt(uint64_t pos, uint64_t head) const;
   uint64_t DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) const;
   void CopyIn(uint64_t pos, const void* src, uint64_t size);
@@ -94,8 +125,10 @@ class LogRing {
   bool Overwritten(uint64_t pos) const;
 
   log_id_t id_ = LOG_ID_MAIN;
+  bool writable_ = false;
   bool repair_ = false;
-  char path_[PATH_MAX] = {0};
+  int dirFd_ = -1;
+  const char* name_ = "";
   SharedMapping mapping_;
   Header* header_ = nullptr;
   unsigned char* data_ = nullptr;

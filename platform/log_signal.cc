@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <limits.h>
 #include <linux/futex.h>
-#include <string.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -11,7 +10,6 @@
 #include <atomic>
 #include <new>
 
-#include "platform/safe_string.h"
 
 namespace platform {
 
@@ -60,23 +58,26 @@ long Futex(std::atomic<uint32_t>* word, int op, uint32_t value, const struct tim
 
 StoreSignal::~StoreSignal() { UnmapShared(&mapping_); }
 
-bool StoreSignal::Open(const char* dir) {
+bool StoreSignal::Open(int dirFd) {
   UnmapShared(&mapping_);
   page_ = nullptr;
-  char path[PATH_MAX];
-  if (snprintf_s(path, sizeof(path), sizeof(path) - 1, "%s/%s", dir, kSignalFileName) < 0) {
-    return false;
-  }
+  readOnly_ = false;
   for (int attempt = 0; attempt < 4; ++attempt) {
-    int rc = MapExistingFile(path, kSignalFileSize, kSignalFileSize, &mapping_);
+    int rc = MapStoreFile(dirFd, kSignalFileName, true, kSignalFileSize, kSignalFileSize, &mapping_);
+    if (rc == -EACCES) {
+      readOnly_ = true;
+      rc = MapStoreFile(dirFd, kSignalFileName, false, kSignalFileSize, kSignalFileSize, &mapping_);
+    }
     if (rc == 0 && ValidPage(mapping_)) {
       page_ = static_cast<Page*>(mapping_.addr);
       return true;
     }
     UnmapShared(&mapping_);
+    readOnly_ = false;
     if (rc != 0 && rc != -ENOENT && rc != -EINVAL) return false;
     // Missing: make it, unless another process is quicker. Malformed: replace.
-    rc = PublishSharedFile(path, kSignalFileSize, rc != -ENOENT, InitPage, nullptr, &mapping_);
+    rc = PublishSharedFile(dirFd, kSignalFileName, kSignalFileSize, kSignalFileMode, rc != -ENOENT,
+                           InitPage, nullptr, &mapping_);
     if (rc == 0) {
       page_ = static_cast<Page*>(mapping_.addr);
       return true;
@@ -88,6 +89,7 @@ bool StoreSignal::Open(const char* dir) {
 
 uint32_t StoreSignal::PrepareWait() {
   uint32_t seen = page_->sequence.load(std::memory_order_acquire);
+  if (readOnly_) return seen;
   page_->wanted.store(1, std::memory_order_relaxed);
   // Pairs with the fence in Notify: either the writer sees the flag or this
   // reader sees the writer's record.
@@ -97,6 +99,7 @@ uint32_t StoreSignal::PrepareWait() {
 
 void StoreSignal::Wait(uint32_t seen, long timeoutMs) {
   if (timeoutMs <= 0) return;
+  if (readOnly_ && timeoutMs > kReadOnlyPollMs) timeoutMs = kReadOnlyPollMs;
   struct timespec timeout;
   timeout.tv_sec = timeoutMs / 1000;
   timeout.tv_nsec = (timeoutMs % 1000) * 1000000L;
@@ -105,6 +108,7 @@ void StoreSignal::Wait(uint32_t seen, long timeoutMs) {
 }
 
 void StoreSignal::Notify() {
+  if (readOnly_) return;
   std::atomic_thread_fence(std::memory_order_seq_cst);
   if (page_->wanted.load(std::memory_order_relaxed) == 0) return;
   if (page_->wanted.exchange(0, std::memory_order_acq_rel) == 0) return;
@@ -113,6 +117,7 @@ void StoreSignal::Notify() {
 }
 
 void StoreSignal::NotifyAll() {
+  if (readOnly_) return;
   page_->wanted.store(0, std::memory_order_relaxed);
   page_->sequence.fetch_add(1, std::memory_order_acq_rel);
   Futex(&page_->sequence, FUTEX_WAKE, INT_MAX, nullptr);

@@ -18,9 +18,11 @@ class StoreSignal {
   StoreSignal(const StoreSignal&) = delete;
   StoreSignal& operator=(const StoreSignal&) = delete;
 
-  // Maps the signal page of the store folder dir, making it when missing or
-  // malformed (it holds no log data). False on failure.
-  bool Open(const char* dir);
+  // Maps the signal page of the store folder dirFd, making it when missing
+  // or malformed (it holds no log data). A reader that may only read it
+  // maps it read-only and cannot ask to be woken: it looks for records
+  // every kReadOnlyPollMs instead. False on failure.
+  bool Open(int dirFd);
   bool IsOpen() const { return page_ != nullptr; }
 
   // Announces a reader about to sleep; check for records after this call
@@ -34,11 +36,14 @@ class StoreSignal {
   // Wakes every sleeper (clear, resize).
   void NotifyAll();
 
+  static constexpr long kReadOnlyPollMs = 100;
+
   // The layout of the shared page.
   struct Page;
 
  private:
   Page* page_ = nullptr;
+  bool readOnly_ = false;
   SharedMapping mapping_;
 };
 

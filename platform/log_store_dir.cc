@@ -3,17 +3,20 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <linux/fs.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
 
 #include "platform/logger.h"
 #include "platform/root_path.h"
+#include "platform/safe_file.h"
 #include "platform/safe_string.h"
 
 namespace platform {
@@ -22,22 +25,76 @@ namespace {
 
 std::atomic<unsigned> gTempCounter{0};
 
-bool MakeOneDir(const char* dir) {
-  if (mkdir(dir, 0775) == 0) {
-    // The umask must not narrow a folder that other users' processes share.
-    chmod(dir, 0775);
-    return true;
-  }
-  struct stat st;
-  return errno == EEXIST && stat(dir, &st) == 0 && S_ISDIR(st.st_mode);
+int Refuse(const char* what, const char* name, const char* why, int rc) {
+  fprintf(stderr, "log store %s %s refused: %s\n", what, name, why);
+  return rc;
 }
 
-int MapFd(int fd, size_t size, SharedMapping* out) {
-  void* addr = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+bool TrustedOwner(uid_t uid) { return uid == 0 || uid == geteuid(); }
+
+// Missing parents are made 0755 whatever the umask, so that the readers
+// the store's own mode admits can reach it. Links among them are followed:
+// they are the host's (/dev/shm may be one).
+void MakeParents(char* path) {
+  for (char* p = path + 1; *p != '\0'; ++p) {
+    if (*p != '/') continue;
+    *p = '\0';
+    if (mkdir(path, 0755) == 0) {
+      int fd = OpenFolder(path);
+      if (fd >= 0) {
+        fchmod(fd, 0755);
+        close(fd);
+      }
+    }
+    *p = '/';
+  }
+}
+
+int CheckStoreDir(int fd, const char* dir) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
+  if (!TrustedOwner(st.st_uid)) return Refuse("folder", dir, "owned by another user", -EPERM);
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    return Refuse("folder", dir, "writable by group or others", -EPERM);
+  }
+  return 0;
+}
+
+int Close(int fd, int rc) {
+  close(fd);
+  return rc;
+}
+
+int CheckStoreFile(int fd, const char* name) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
+  if (!S_ISREG(st.st_mode)) return Refuse("file", name, "not a regular file", -EPERM);
+  if (!TrustedOwner(st.st_uid)) return Refuse("file", name, "owned by another user", -EPERM);
+  if ((st.st_mode & S_IWOTH) != 0) return Refuse("file", name, "writable by others", -EPERM);
+  // A second name may lie outside the store: writing the ring would write
+  // that file.
+  if (st.st_nlink != 1) return Refuse("file", name, "it has another name", -EMLINK);
+  return 0;
+}
+
+int MapFd(int fd, size_t size, bool writable, SharedMapping* out) {
+  int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
+  void* addr = mmap(nullptr, size, prot, MAP_SHARED, fd, 0);
   if (addr == MAP_FAILED) return -errno;
   out->addr = addr;
   out->size = size;
   return 0;
+}
+
+// Renames temp to name in dirFd; without replace an existing name wins.
+int Publish(int dirFd, const char* temp, const char* name, bool replace) {
+  if (replace) return renameat(dirFd, temp, dirFd, name) == 0 ? 0 : -errno;
+  if (syscall(SYS_renameat2, dirFd, temp, dirFd, name, RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return -errno;
+  // A file system without the flag: link, then drop the temporary name.
+  int rc = linkat(dirFd, temp, dirFd, name, 0) == 0 ? 0 : -errno;
+  unlinkat(dirFd, temp, 0);
+  return rc;
 }
 
 }  // namespace
@@ -48,19 +105,22 @@ bool LogStoreDir(char* out, size_t size) {
   return ResolvePath(MORVO_LOG_STORE_DIR, out, size);
 }
 
-bool MakeStoreDir(const char* dir) {
+int OpenStoreDir(const char* dir) {
   char path[PATH_MAX];
-  if (dir == nullptr || dir[0] == '\0' || strcpy_s(path, sizeof(path), dir) != 0) return false;
-  struct stat st;
-  if (stat(path, &st) == 0) return S_ISDIR(st.st_mode);
-  for (char* p = path + 1; *p != '\0'; ++p) {
-    if (*p != '/') continue;
-    *p = '\0';
-    bool made = MakeOneDir(path);
-    *p = '/';
-    if (!made) return false;
+  if (dir == nullptr || dir[0] == '\0' || strcpy_s(path, sizeof(path), dir) != 0) return -EINVAL;
+  MakeParents(path);
+  bool created = false;
+  int fd = MakeFolder(path, kStoreDirMode, &created);
+  if (fd == -ELOOP || fd == -ENOTDIR) {
+    struct stat st;
+    if (lstat(path, &st) == 0 && S_ISLNK(st.st_mode)) {
+      return Refuse("folder", path, "it is a link", -ELOOP);
+    }
   }
-  return MakeOneDir(path);
+  if (fd < 0) return fd;
+  if (created) fchmod(fd, kStoreDirMode);
+  int rc = CheckStoreDir(fd, path);
+  return rc == 0 ? fd : Close(fd, rc);
 }
 
 void UnmapShared(SharedMapping* mapping) {
@@ -69,46 +129,50 @@ void UnmapShared(SharedMapping* mapping) {
   mapping->size = 0;
 }
 
-int MapExistingFile(const char* path, size_t minSize, size_t maxSize, SharedMapping* out) {
-  int fd = open(path, O_RDWR | O_CLOEXEC);
-  if (fd < 0) return -errno;
+int MapStoreFile(int dirFd, const char* name, bool writable, size_t minSize, size_t maxSize,
+                 SharedMapping* out) {
+  // Non-blocking: a FIFO put there must not hang the open.
+  int flags = (writable ? O_RDWR : O_RDONLY) | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  int fd = openat(dirFd, name, flags);
+  if (fd < 0) {
+    return errno == ELOOP ? Refuse("file", name, "it is a link", -ELOOP) : -errno;
+  }
+  int rc = CheckStoreFile(fd, name);
   struct stat st;
-  int rc = fstat(fd, &st) != 0 ? -errno : 0;
-  if (rc == 0 && (!S_ISREG(st.st_mode) || static_cast<size_t>(st.st_size) < minSize ||
+  if (rc == 0 && fstat(fd, &st) != 0) rc = -errno;
+  if (rc == 0 && (static_cast<size_t>(st.st_size) < minSize ||
                   static_cast<size_t>(st.st_size) > maxSize)) {
     rc = -EINVAL;
   }
-  if (rc == 0) rc = MapFd(fd, static_cast<size_t>(st.st_size), out);
-  close(fd);
-  return rc;
+  if (rc == 0) rc = MapFd(fd, static_cast<size_t>(st.st_size), writable, out);
+  return Close(fd, rc);
 }
 
-int PublishSharedFile(const char* path, size_t size, bool replace, InitMapping init,
-                      const void* arg, SharedMapping* out) {
-  char temp[PATH_MAX];
-  if (snprintf_s(temp, sizeof(temp), sizeof(temp) - 1, "%s.tmp.%d.%u", path,
+bool RefusedStoreFile(int rc) { return rc == -ELOOP || rc == -EPERM || rc == -EMLINK; }
+
+int PublishSharedFile(int dirFd, const char* name, size_t size, mode_t mode, bool replace,
+                      InitMapping init, const void* arg, SharedMapping* out) {
+  char temp[NAME_MAX + 1];
+  if (snprintf_s(temp, sizeof(temp), sizeof(temp) - 1, "%s.tmp.%d.%u", name,
                  static_cast<int>(getpid()), gTempCounter.fetch_add(1)) < 0) {
     return -ENAMETOOLONG;
   }
-  int fd = open(temp, O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0664);
+  int fd = openat(dirFd, temp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
   if (fd < 0) return -errno;
-  fchmod(fd, 0664);
+  // The umask must not decide who reads the store.
+  fchmod(fd, mode);
   SharedMapping made;
   // Reserving the blocks now means a full disk fails here, not as SIGBUS on
   // a later store into the mapping.
   int rc = -posix_fallocate(fd, 0, static_cast<off_t>(size));
-  if (rc == 0) rc = MapFd(fd, size, &made);
+  if (rc == 0) rc = MapFd(fd, size, true, &made);
   close(fd);
   if (rc == 0) {
     init(made.addr, made.size, arg);
-    if (replace) {
-      rc = rename(temp, path) != 0 ? -errno : 0;
-    } else {
-      rc = link(temp, path) != 0 ? -errno : 0;
-    }
+    rc = Publish(dirFd, temp, name, replace);
   }
-  if (rc != 0 || !replace) unlink(temp);
   if (rc != 0) {
+    unlinkat(dirFd, temp, 0);
     UnmapShared(&made);
     return rc;
   }

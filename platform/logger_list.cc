@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <new>
 
@@ -332,9 +333,12 @@ qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
   if (list->dir[0] == '\0' && !platform::LogStoreDir(list->dir, sizeof(list->dir))) {
     return nullptr;
   }
-  if (!list->signal.IsOpen() &&
-      (!platform::MakeStoreDir(list->dir) || !list->signal.Open(list->dir))) {
-    return nullptr;
+  if (!list->signal.IsOpen()) {
+    int dirFd = platform::OpenStoreDir(list->dir);
+    if (dirFd < 0) return nullptr;
+    bool opened = list->signal.Open(dirFd);
+    close(dirFd);
+    if (!opened) return nullptr;
   }
   qd_logger* logger = new (std::nothrow) qd_logger;
   if (logger == nullptr) return nullptr;
@@ -375,12 +379,19 @@ int qd_logger_list_read(qd_logger_list* list, qd_log_msg* msg) {
   }
 }
 
+// Readers map their rings read-only; clearing and resizing write.
 int qd_logger_clear(qd_logger* logger) {
-  return WithCurrentRing(logger, [](LogRing* ring) { return ring->Clear(); });
+  return WithCurrentRing(logger, [](LogRing* ring) {
+    int rc = ring->MakeWritable();
+    return rc != 0 ? rc : ring->Clear();
+  });
 }
 
 int qd_logger_set_log_size(qd_logger* logger, unsigned long size) {
-  return WithCurrentRing(logger, [size](LogRing* ring) { return ring->Resize(size); });
+  return WithCurrentRing(logger, [size](LogRing* ring) {
+    int rc = ring->MakeWritable();
+    return rc != 0 ? rc : ring->Resize(size);
+  });
 }
 
 long qd_logger_get_log_size(qd_logger* logger) {

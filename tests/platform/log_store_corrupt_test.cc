@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/log_ring.h"
 #include "platform/logger.h"
 #include "support/random_bytes.h"
 #include "support/temp_root.h"
@@ -26,12 +27,9 @@ using morvotest::OpenList;
 using morvotest::RandomBytes;
 using morvotest::ReadAll;
 using morvotest::Record;
+using morvotest::RingPath;
 
 constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
-
-std::string RingPath(const morvotest::TempRoot& root, const char* name) {
-  return root.Under(std::string(MORVO_LOG_STORE_DIR "/") + name);
-}
 
 // Replaces the bytes at offset of the file at path.
 void Patch(const std::string& path, size_t offset, const void* bytes, size_t size) {
@@ -224,9 +222,9 @@ TEST(LogStoreCorruptTest, AnUnusableStoreFolderFailsOpenAndWrite) {
   EXPECT_TRUE(morvotest::Exists(store + "/morvo_main"));
   struct stat st;
   ASSERT_EQ(0, stat(store.c_str(), &st));
-  EXPECT_EQ(0775u, st.st_mode & 0777);
+  EXPECT_EQ(0750u, st.st_mode & 0777);
   ASSERT_EQ(0, stat((store + "/morvo_main").c_str(), &st));
-  EXPECT_EQ(0664u, st.st_mode & 0777);
+  EXPECT_EQ(0640u, st.st_mode & 0777);
   unsetenv(MORVO_LOG_STORE_ENV);
 }
 
@@ -264,6 +262,90 @@ TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
     EXPECT_LE(records.size(), 2u) << offset;
     for (const Record& r : records) EXPECT_EQ("t", r.tag) << offset;
     morvotest::WriteFile(path, sound);
+  }
+}
+
+// Writes bytes over the file at offset, in a child process too.
+bool Overwrite(const std::string& path, size_t offset, const std::string& bytes) {
+  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  bool done = fd >= 0 && pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)) ==
+                             static_cast<ssize_t>(bytes.size());
+  if (fd >= 0) close(fd);
+  return done;
+}
+
+// Three records, the ring's lock overwritten with random bytes, then a
+// reader, a writer and a reader again: the records stay, the new one joins
+// them. The exit status tells the first step that failed.
+int ScribbleTheLockThenReadAndWrite(const std::string& path, unsigned seed) {
+  for (int i = 0; i < 3; ++i) {
+    if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "before") <= 0) return 2;
+  }
+  if (!Overwrite(path, platform::kRingLockOffset, RandomBytes(platform::kRingLockSize, seed))) {
+    return 3;
+  }
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  if (!list || ReadAll(list.get()).size() != 3) return 4;
+  if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "after") <= 0) return 5;
+  std::vector<Record> records = ReadAll(list.get());
+  return records.size() == 1 && records[0].message == "after" ? 0 : 6;
+}
+
+TEST(LogStoreCorruptTest, RandomBytesOverTheLockNeitherCrashNorHangReadersOrWriters) {
+  morvotest::TempRoot root;
+  std::string path = RingPath(root, "morvo_main");
+  for (unsigned seed = 1; seed <= 16; ++seed) {
+    unlink(path.c_str());
+    pid_t child = morvotest::RunChild([&path, seed] {
+      alarm(20);
+      return ScribbleTheLockThenReadAndWrite(path, seed);
+    });
+    EXPECT_EQ(0, morvotest::WaitChild(child)) << "seed " << seed;
+  }
+}
+
+// A ring name that now leads elsewhere or belongs to someone else.
+struct RingSwap {
+  const char* what;
+  bool (*apply)(const std::string& ring, const std::string& victim);
+};
+
+const RingSwap kRingSwaps[] = {
+    {"a symbolic link",
+     [](const std::string& ring, const std::string& victim) {
+       return unlink(ring.c_str()) == 0 && symlink(victim.c_str(), ring.c_str()) == 0;
+     }},
+    {"a hard link",
+     [](const std::string& ring, const std::string& victim) {
+       return unlink(ring.c_str()) == 0 && link(victim.c_str(), ring.c_str()) == 0;
+     }},
+    {"a FIFO",
+     [](const std::string& ring, const std::string&) {
+       return unlink(ring.c_str()) == 0 && mkfifo(ring.c_str(), 0640) == 0;
+     }},
+    {"owned by uid 65534",
+     [](const std::string& ring, const std::string&) {
+       return chown(ring.c_str(), morvotest::kNobody, morvotest::kNobody) == 0;
+     }},
+    {"world-writable",
+     [](const std::string& ring, const std::string&) { return chmod(ring.c_str(), 0646) == 0; }},
+};
+
+TEST(LogStoreCorruptTest, ARingThatIsALinkNotAFileOrForeignIsRefusedAndLeftAlone) {
+  for (const RingSwap& swap : kRingSwaps) {
+    morvotest::TempRoot root;
+    ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m")) << swap.what;
+    std::string ring = RingPath(root, "morvo_main");
+    // The victim reads as a sound ring, so only the checks of the name
+    // itself keep writers out of it.
+    std::string victim = root.Under("/victim");
+    const std::string sound = morvotest::ReadFile(ring);
+    morvotest::WriteFile(victim, sound);
+    ASSERT_EQ(0, chmod(victim.c_str(), 0640));
+    ASSERT_TRUE(swap.apply(ring, victim)) << swap.what;
+    EXPECT_FALSE(WriteInChild(LOG_ID_MAIN, "into the victim")) << swap.what;
+    EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN)) << swap.what;
+    EXPECT_TRUE(morvotest::ReadFile(victim) == sound) << swap.what;
   }
 }
 

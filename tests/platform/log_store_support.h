@@ -4,8 +4,11 @@
 // Helpers shared by the log store tests: reading records back as values and
 // running parts of a test in child processes.
 
+#include <grp.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +17,7 @@
 #include <vector>
 
 #include "platform/logger.h"
+#include "support/temp_root.h"
 
 namespace morvotest {
 
@@ -85,6 +89,40 @@ inline int WaitChild(pid_t pid) {
   int status = 0;
   if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
+}
+
+inline std::string StorePath(const TempRoot& root) { return root.Under(MORVO_LOG_STORE_DIR); }
+
+inline std::string RingPath(const TempRoot& root, const char* name) {
+  return StorePath(root) + "/" + name;
+}
+
+// The unprivileged user of the attacks.
+constexpr uid_t kNobody = 65534;
+
+// Lets kNobody reach the store folder's parent, as on a host where
+// /dev/shm is open to every user: the temporary root is made for root only.
+inline void OpenTheWayToStore(const TempRoot& root) {
+  root.MakeDirs("/dev/shm");
+  chmod(root.path().c_str(), 0755);
+  chmod(root.Under("/dev").c_str(), 0755);
+  chmod(root.Under("/dev/shm").c_str(), 01777);
+}
+
+// Runs a shell command as kNobody; its exit status, -1 when setpriv is
+// missing or cannot drop to that user here.
+inline int RunAsNobody(const std::string& command) {
+  if (system("setpriv --reuid=65534 --regid=65534 --clear-groups true 2>/dev/null") != 0) {
+    return -1;
+  }
+  int status = system(("setpriv --reuid=65534 --regid=65534 --clear-groups " + command).c_str());
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// In a child: becomes kNobody with gid as its only group. False when this
+// process may not.
+inline bool BecomeNobody(gid_t gid) {
+  return setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(kNobody) == 0;
 }
 
 }  // namespace morvotest

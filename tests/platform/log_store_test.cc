@@ -1,7 +1,10 @@
+#include <dirent.h>
 #include <errno.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <iostream>
 #include <map>
 #include <string>
 #include <vector>
@@ -20,6 +23,7 @@ using morvotest::ReadAll;
 using morvotest::Record;
 using morvotest::RunChild;
 using morvotest::WaitChild;
+using morvotest::kNobody;
 
 constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
 
@@ -235,6 +239,127 @@ TEST(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
     }
   }
   EXPECT_EQ(1999, std::stoi(records.back().message));
+}
+
+// The way a store folder is prepared before the first record; false when
+// the machine cannot run the case.
+struct StoreCase {
+  const char* what;
+  bool accepted;
+  bool (*prepare)(const std::string& store, const std::string& elsewhere);
+};
+
+const StoreCase kStoreCases[] = {
+    {"made by root 0750", true,
+     [](const std::string& store, const std::string&) { return mkdir(store.c_str(), 0750) == 0; }},
+    {"made by root 0755", true,
+     [](const std::string& store, const std::string&) {
+       return mkdir(store.c_str(), 0755) == 0 && chmod(store.c_str(), 0755) == 0;
+     }},
+    {"made first by uid 65534", false,
+     [](const std::string& store, const std::string&) {
+       return morvotest::RunAsNobody("mkdir -m 0755 " + store) == 0;
+     }},
+    {"world-writable", false,
+     [](const std::string& store, const std::string&) {
+       return mkdir(store.c_str(), 0777) == 0 && chmod(store.c_str(), 01777) == 0;
+     }},
+    {"group-writable", false,
+     [](const std::string& store, const std::string&) {
+       return mkdir(store.c_str(), 0770) == 0 && chmod(store.c_str(), 0770) == 0;
+     }},
+    {"a link to a sound folder", false,
+     [](const std::string& store, const std::string& elsewhere) {
+       return mkdir(elsewhere.c_str(), 0750) == 0 && symlink(elsewhere.c_str(), store.c_str()) == 0;
+     }},
+};
+
+bool FolderHasRings(const std::string& folder) {
+  return morvotest::Exists(folder + "/morvo_main") || morvotest::Exists(folder + "/morvo_signal");
+}
+
+TEST(LogStoreTrustTest, AStoreFolderOfAnotherUserWritableByOthersOrALinkIsRefused) {
+  for (const StoreCase& c : kStoreCases) {
+    morvotest::TempRoot root;
+    morvotest::OpenTheWayToStore(root);
+    std::string store = morvotest::StorePath(root);
+    std::string elsewhere = root.Under("/elsewhere");
+    if (!c.prepare(store, elsewhere)) {
+      std::cout << "skipped: " << c.what << " (cannot run as uid 65534 here)\n";
+      continue;
+    }
+    int written = qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m");
+    bool read = OpenList(kDrain, 0, 0, {LOG_ID_MAIN}) != nullptr;
+    EXPECT_EQ(c.accepted, written > 0) << c.what;
+    EXPECT_EQ(c.accepted, read) << c.what;
+    if (!c.accepted) {
+      EXPECT_FALSE(FolderHasRings(store)) << c.what;
+      EXPECT_FALSE(FolderHasRings(elsewhere)) << c.what;
+    }
+  }
+}
+
+TEST(LogStoreTrustTest, TheStoreFolderAndItsFilesAreClosedToOtherUsers) {
+  morvotest::TempRoot root;
+  mode_t old = umask(0);
+  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
+  ASSERT_TRUE(OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_CRASH}));
+  umask(old);
+  std::string store = morvotest::StorePath(root);
+  struct stat st;
+  ASSERT_EQ(0, stat(store.c_str(), &st));
+  EXPECT_EQ(0750u, st.st_mode & 07777);
+  DIR* dir = opendir(store.c_str());
+  ASSERT_NE(nullptr, dir);
+  int files = 0;
+  while (dirent* entry = readdir(dir)) {
+    if (entry->d_name[0] == '.') continue;
+    ASSERT_EQ(0, stat((store + "/" + entry->d_name).c_str(), &st));
+    std::string name = entry->d_name;
+    EXPECT_EQ(0u, st.st_mode & 07) << name;
+    // The signal page holds no record: readers of the group may ask for
+    // wake-ups in it.
+    EXPECT_EQ(name == "morvo_signal" ? 0660u : 0640u, st.st_mode & 07777) << name;
+    files++;
+  }
+  closedir(dir);
+  EXPECT_EQ(3, files) << "two rings and the signal page, no temporary file";
+}
+
+TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
+  morvotest::TempRoot root;
+  morvotest::OpenTheWayToStore(root);
+  // Written from a child: the reader below must not inherit this
+  // process's writable mapping.
+  pid_t writer = RunChild([] {
+    for (int i = 0; i < 3; ++i) {
+      if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()) <= 0) return 1;
+    }
+    return 0;
+  });
+  ASSERT_EQ(0, WaitChild(writer));
+  // The reader is in the store's group, which may read and not write.
+  std::string store = morvotest::StorePath(root);
+  const gid_t group = kNobody;
+  for (const char* name : {"", "/morvo_main", "/morvo_signal"}) {
+    ASSERT_EQ(0, chown((store + name).c_str(), 0, group)) << name;
+  }
+  pid_t reader = RunChild([group] {
+    if (!morvotest::BecomeNobody(group)) return 10;
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    if (!list) return 2;
+    int end = 0;
+    if (ReadAll(list.get(), &end).size() != 3 || end != -EAGAIN) return 3;
+    // Clearing is writing: refused, and the records stay.
+    if (qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)) != -EACCES) return 4;
+    return qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "w") < 0 ? 0 : 5;
+  });
+  int status = WaitChild(reader);
+  if (status == 10) GTEST_SKIP() << "cannot become uid 65534 here";
+  EXPECT_EQ(0, status);
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  EXPECT_EQ(3u, ReadAll(list.get()).size());
 }
 
 }  // namespace
