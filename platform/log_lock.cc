@@ -94,15 +94,21 @@ int Own(RingLockState* lock, uint32_t self) {
 // True when the word's owner cannot be holding the lock any more.
 bool OwnerGone(uint32_t owner, uint32_t self) { return owner == self || TaskGone(owner); }
 
-// After the bounded wait: the owner is looked at closely once. A zombie,
-// or a thread younger than the owner record that names it, holds nothing.
+// After the bounded wait: the owner is looked at closely once. An owner
+// writes its record right after taking the word, so a word the record does
+// not name is garbled; a zombie, or a thread younger than the record (a
+// reused id), holds nothing. Without /proc the live task is taken as the
+// owner: taking the lock from a stopped writer would let it write over
+// records once it is resumed.
 bool OwnerGoneForGood(const RingLockState& lock, uint32_t owner) {
+  if (lock.ownerTid.load(std::memory_order_relaxed) != owner) return true;
   char path[64];
   snprintf(path, sizeof(path), "/proc/%u/stat", owner);
   TaskStat stat = ReadTaskStat(path);
-  if (!stat.found || stat.state == 'Z' || stat.state == 'X') return true;
-  return lock.ownerTid.load(std::memory_order_relaxed) == owner &&
-         lock.ownerStart.load(std::memory_order_relaxed) != stat.start;
+  if (!stat.found) return false;
+  if (stat.state == 'Z' || stat.state == 'X') return true;
+  uint64_t start = lock.ownerStart.load(std::memory_order_relaxed);
+  return start != 0 && start != stat.start;
 }
 
 void MarkStalled(RingLockState* lock, uint32_t owner, uint32_t generation) {

@@ -50,6 +50,10 @@ bool ValidPage(const SharedMapping& mapping) {
          page->version == kSignalVersion;
 }
 
+int MapPage(int dirFd, bool writable, SharedMapping* out) {
+  return MapStoreFile(dirFd, kSignalFileName, writable, kSignalFileSize, kSignalFileSize, out);
+}
+
 long Futex(std::atomic<uint32_t>* word, int op, uint32_t value, const struct timespec* timeout) {
   return syscall(SYS_futex, reinterpret_cast<uint32_t*>(word), op, value, timeout, nullptr, 0);
 }
@@ -63,10 +67,10 @@ bool StoreSignal::Open(int dirFd) {
   page_ = nullptr;
   readOnly_ = false;
   for (int attempt = 0; attempt < 4; ++attempt) {
-    int rc = MapStoreFile(dirFd, kSignalFileName, true, kSignalFileSize, kSignalFileSize, &mapping_);
+    int rc = MapPage(dirFd, true, &mapping_);
     if (rc == -EACCES) {
       readOnly_ = true;
-      rc = MapStoreFile(dirFd, kSignalFileName, false, kSignalFileSize, kSignalFileSize, &mapping_);
+      rc = MapPage(dirFd, false, &mapping_);
     }
     if (rc == 0 && ValidPage(mapping_)) {
       page_ = static_cast<Page*>(mapping_.addr);

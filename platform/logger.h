@@ -1,10 +1,13 @@
 #ifndef MORVOCAT_PLATFORM_LOGGER_H_
 #define MORVOCAT_PLATFORM_LOGGER_H_
 
-// The log store: eight ring buffers that any process may write and read, with
-// no daemon. Each buffer is a memory-mapped ring file in the store directory
+// The log store: eight ring buffers that processes write and read with no
+// daemon. Each buffer is a memory-mapped ring file in the store directory
 // (root prefix + MORVO_LOG_STORE_DIR, or MORVOCAT_LOG_STORE when set),
-// guarded by a cross-process lock; records are whole or absent.
+// guarded by a cross-process lock that readers never take; records are
+// whole or absent. Root and the store's owner write, the files' group
+// reads (README: "The log store's trust model"); a record's pid, tid and
+// uid are its writer's claim.
 
 #include <stddef.h>
 #include <stdint.h>
