@@ -261,16 +261,19 @@ TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) 
   }
 }
 
-// True when bytes hold, at any 8-byte step, an address mapped in this
-// process: a child forked from it shares the layout, so this finds its
-// addresses too.
+// True when bytes hold, at any 8-byte step, an address of readable memory
+// of this process: a child forked from it shares the layout, so this finds
+// its addresses too. (Sanitizers reserve vast unreadable ranges.)
 bool HoldsAnAddress(const std::string& bytes) {
   std::vector<std::pair<uint64_t, uint64_t>> ranges;
   std::ifstream maps("/proc/self/maps");
   std::string line;
   while (std::getline(maps, line)) {
     unsigned long long from = 0, to = 0;
-    if (sscanf(line.c_str(), "%llx-%llx", &from, &to) == 2) ranges.emplace_back(from, to);
+    char readable = '-';
+    if (sscanf(line.c_str(), "%llx-%llx %c", &from, &to, &readable) == 3 && readable == 'r') {
+      ranges.emplace_back(from, to);
+    }
   }
   for (size_t at = 0; at + 8 <= bytes.size(); at += 8) {
     uint64_t word;

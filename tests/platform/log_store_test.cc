@@ -338,12 +338,14 @@ TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
     return 0;
   });
   ASSERT_EQ(0, WaitChild(writer));
-  // The reader is in the store's group, which may read and not write.
+  // The reader is in the store's group, which may read and not write, not
+  // even the signal page: it cannot ask to be woken.
   std::string store = morvotest::StorePath(root);
   const gid_t group = kNobody;
   for (const char* name : {"", "/morvo_main", "/morvo_signal"}) {
     ASSERT_EQ(0, chown((store + name).c_str(), 0, group)) << name;
   }
+  ASSERT_EQ(0, chmod((store + "/morvo_signal").c_str(), 0640));
   pid_t reader = RunChild([group] {
     if (!morvotest::BecomeNobody(group)) return 10;
     morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
@@ -352,14 +354,25 @@ TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
     if (ReadAll(list.get(), &end).size() != 3 || end != -EAGAIN) return 3;
     // Clearing is writing: refused, and the records stay.
     if (qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)) != -EACCES) return 4;
-    return qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "w") < 0 ? 0 : 5;
+    if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "w") >= 0) return 5;
+    // A blocked read still sees a later record.
+    morvotest::ListPtr blocking = OpenList(0, 1, 0, {LOG_ID_MAIN});
+    qd_log_msg msg;
+    if (!blocking || qd_logger_list_read(blocking.get(), &msg) <= 0) return 6;
+    return qd_logger_list_read(blocking.get(), &msg) > 0 && morvotest::Parse(msg).message == "late"
+               ? 0
+               : 7;
   });
+  usleep(300 * 1000);
+  pid_t late =
+      RunChild([] { return qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "late") > 0 ? 0 : 1; });
+  EXPECT_EQ(0, WaitChild(late));
   int status = WaitChild(reader);
   if (status == 10) GTEST_SKIP() << "cannot become uid 65534 here";
   EXPECT_EQ(0, status);
   morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
-  EXPECT_EQ(3u, ReadAll(list.get()).size());
+  EXPECT_EQ(4u, ReadAll(list.get()).size());
 }
 
 }  // namespace
