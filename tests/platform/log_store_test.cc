@@ -256,6 +256,10 @@ const StoreCase kStoreCases[] = {
      [](const std::string& store, const std::string&) {
        return mkdir(store.c_str(), 0755) == 0 && chmod(store.c_str(), 0755) == 0;
      }},
+    {"setgid for its group of readers", true,
+     [](const std::string& store, const std::string&) {
+       return mkdir(store.c_str(), 0750) == 0 && chmod(store.c_str(), 02750) == 0;
+     }},
     {"made first by uid 65534", false,
      [](const std::string& store, const std::string&) {
        return morvotest::RunAsNobody("mkdir -m 0755 " + store) == 0;
