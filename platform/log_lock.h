@@ -7,10 +7,11 @@
 // value read from it is only a claim:
 // - the word is 0 when free, else the owner's thread id (plus a flag for
 //   sleepers on it);
-// - an owner that no longer exists (killed), or a word that names no live
-//   thread, the caller itself or a thread started after the owner record
-//   (a reused id), is taken over at once: positions in the ring are each
-//   stored whole, so the ring is as the last record left it;
+// - a word that names no live thread (its owner was killed) or the caller
+//   itself is taken over at once; after one bounded wait, so is a word the
+//   owner record does not name (scribbled over), a zombie, or a thread
+//   started after the owner record (a reused id). Positions in the ring
+//   are each stored whole, so the ring is as the last record left it;
 // - an owner that lives but holds the lock past one bounded wait (a
 //   stopped writer) is marked stalled, with its generation and the time;
 //   from then on every writer sees the mark and fails at once with -EBUSY
