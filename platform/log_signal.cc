@@ -91,6 +91,14 @@ bool StoreSignal::Open(int dirFd) {
   return false;
 }
 
+bool StoreSignal::Open(const char* dir) {
+  int dirFd = OpenStoreDir(dir);
+  if (dirFd < 0) return false;
+  bool opened = Open(dirFd);
+  close(dirFd);
+  return opened;
+}
+
 uint32_t StoreSignal::PrepareWait() {
   uint32_t seen = page_->sequence.load(std::memory_order_acquire);
   if (readOnly_) return seen;

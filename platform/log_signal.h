@@ -23,6 +23,8 @@ class StoreSignal {
   // maps it read-only and cannot ask to be woken: it looks for records
   // every kReadOnlyPollMs instead. False on failure.
   bool Open(int dirFd);
+  // Open on the store folder dir, opened and checked as OpenStoreDir does.
+  bool Open(const char* dir);
   bool IsOpen() const { return page_ != nullptr; }
 
   // Announces a reader about to sleep; check for records after this call

@@ -7,7 +7,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-#include <unistd.h>
 
 #include <new>
 
@@ -333,13 +332,7 @@ qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
   if (list->dir[0] == '\0' && !platform::LogStoreDir(list->dir, sizeof(list->dir))) {
     return nullptr;
   }
-  if (!list->signal.IsOpen()) {
-    int dirFd = platform::OpenStoreDir(list->dir);
-    if (dirFd < 0) return nullptr;
-    bool opened = list->signal.Open(dirFd);
-    close(dirFd);
-    if (!opened) return nullptr;
-  }
+  if (!list->signal.IsOpen() && !list->signal.Open(list->dir)) return nullptr;
   qd_logger* logger = new (std::nothrow) qd_logger;
   if (logger == nullptr) return nullptr;
   logger->ring = LogRing::Open(list->dir, id, false);
