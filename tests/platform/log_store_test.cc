@@ -241,42 +241,36 @@ TEST(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
   EXPECT_EQ(1999, std::stoi(records.back().message));
 }
 
-// The way a store folder is prepared before the first record; false when
-// the machine cannot run the case.
+// The way a store folder is prepared before the first record: made by
+// root with mode, or by prepare, which is false when the machine cannot run
+// the case.
 struct StoreCase {
   const char* what;
   bool accepted;
+  mode_t mode;
   bool (*prepare)(const std::string& store, const std::string& elsewhere);
 };
 
 const StoreCase kStoreCases[] = {
-    {"made by root 0750", true,
-     [](const std::string& store, const std::string&) { return mkdir(store.c_str(), 0750) == 0; }},
-    {"made by root 0755", true,
-     [](const std::string& store, const std::string&) {
-       return mkdir(store.c_str(), 0755) == 0 && chmod(store.c_str(), 0755) == 0;
-     }},
-    {"setgid for its group of readers", true,
-     [](const std::string& store, const std::string&) {
-       return mkdir(store.c_str(), 0750) == 0 && chmod(store.c_str(), 02750) == 0;
-     }},
-    {"made first by uid 65534", false,
+    {"made by root 0750", true, 0750, nullptr},
+    {"made by root 0755", true, 0755, nullptr},
+    {"setgid for its group of readers", true, 02750, nullptr},
+    {"world-writable", false, 01777, nullptr},
+    {"group-writable", false, 0770, nullptr},
+    {"made first by uid 65534", false, 0,
      [](const std::string& store, const std::string&) {
        return morvotest::RunAsNobody("mkdir -m 0755 " + store) == 0;
      }},
-    {"world-writable", false,
-     [](const std::string& store, const std::string&) {
-       return mkdir(store.c_str(), 0777) == 0 && chmod(store.c_str(), 01777) == 0;
-     }},
-    {"group-writable", false,
-     [](const std::string& store, const std::string&) {
-       return mkdir(store.c_str(), 0770) == 0 && chmod(store.c_str(), 0770) == 0;
-     }},
-    {"a link to a sound folder", false,
+    {"a link to a sound folder", false, 0,
      [](const std::string& store, const std::string& elsewhere) {
        return mkdir(elsewhere.c_str(), 0750) == 0 && symlink(elsewhere.c_str(), store.c_str()) == 0;
      }},
 };
+
+bool Prepare(const StoreCase& c, const std::string& store, const std::string& elsewhere) {
+  if (c.prepare != nullptr) return c.prepare(store, elsewhere);
+  return mkdir(store.c_str(), 0700) == 0 && chmod(store.c_str(), c.mode) == 0;
+}
 
 bool FolderHasRings(const std::string& folder) {
   return morvotest::Exists(folder + "/morvo_main") || morvotest::Exists(folder + "/morvo_signal");
@@ -288,7 +282,7 @@ TEST(LogStoreTrustTest, AStoreFolderOfAnotherUserWritableByOthersOrALinkIsRefuse
     morvotest::OpenTheWayToStore(root);
     std::string store = morvotest::StorePath(root);
     std::string elsewhere = root.Under("/elsewhere");
-    if (!c.prepare(store, elsewhere)) {
+    if (!Prepare(c, store, elsewhere)) {
       std::cout << "skipped: " << c.what << " (cannot run as uid 65534 here)\n";
       continue;
     }
