@@ -218,6 +218,12 @@ bool ParseOptions(android_logcat_context_internal* ctx, RunOptions* opts) {
     int ret = getopt_long_r(ctx->argCount, ctx->argVector, kOptionLetters, kLongOptions, &index,
                             &parser);
     if (ret < 0) break;
+    // An unknown long option leaves no letter to name: the word itself is
+    // named rather than a NUL byte.
+    if (ret == '?' && parser.optopt == 0 && parser.optind > 0) {
+      LogcatPanic(ctx, HELP_USAGE, "Unrecognized Option %s\n", ctx->argVector[parser.optind - 1]);
+      return false;
+    }
     bool ok = ret == 0 ? ApplyIndexedOption(ctx, opts, index, parser.optarg)
                        : ApplyLetter(ctx, opts, ret, parser.optarg, parser.optopt);
     if (!ok) return false;

@@ -2,6 +2,7 @@
 // arguments joined by spaces; without any, every line of standard input is
 // one record.
 
+#include <ctype.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -12,11 +13,11 @@
 
 namespace {
 
-void Usage() {
-  fprintf(stderr,
+void Usage(FILE* to) {
+  fprintf(to,
           "usage: morvo-log [-b BUFFER] [-p PRIORITY] [-t TAG] [MESSAGE...]\n"
           "  -b BUFFER    buffer name (default morvo_main)\n"
-          "  -p PRIORITY  one of V D I W E F (default I)\n"
+          "  -p PRIORITY  one of V D I W E F, either case (default I)\n"
           "  -t TAG       tag (default morvo-log)\n"
           "Without MESSAGE every line of standard input is written as one record.\n");
 }
@@ -24,7 +25,7 @@ void Usage() {
 int PriorityOf(const char* letter) {
   static const char kLetters[] = "VDIWEF";
   if (letter[0] == '\0' || letter[1] != '\0') return -1;
-  const char* found = strchr(kLetters, letter[0]);
+  const char* found = strchr(kLetters, toupper(static_cast<unsigned char>(letter[0])));
   if (found == nullptr) return -1;
   return QD_LOG_VERBOSE + static_cast<int>(found - kLetters);
 }
@@ -75,13 +76,13 @@ int main(int argc, char** argv) {
   int priority = QD_LOG_INFO;
   const char* tag = "morvo-log";
   int option;
-  while ((option = getopt(argc, argv, "b:p:t:")) != -1) {
+  while ((option = getopt(argc, argv, "b:p:t:h")) != -1) {
     switch (option) {
       case 'b':
         id = qdlogging_name_to_log_id(optarg);
         if (id == LOG_ID_MAX) {
           fprintf(stderr, "morvo-log: unknown buffer %s\n", optarg);
-          Usage();
+          Usage(stderr);
           return 1;
         }
         break;
@@ -89,15 +90,18 @@ int main(int argc, char** argv) {
         priority = PriorityOf(optarg);
         if (priority < 0) {
           fprintf(stderr, "morvo-log: unknown priority %s\n", optarg);
-          Usage();
+          Usage(stderr);
           return 1;
         }
         break;
       case 't':
         tag = optarg;
         break;
+      case 'h':
+        Usage(stdout);
+        return 0;
       default:
-        Usage();
+        Usage(stderr);
         return 1;
     }
   }

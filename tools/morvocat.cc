@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -79,9 +80,60 @@ bool WatchStopSignals() {
   return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
 }
 
+constexpr const char kUsage[] =
+    "usage: morvocat [OPTION]... [FILTERSPEC]... [>FILE] [2>/dev/null|2>&1]\n"
+    "Reads, filters and prints the log buffers in the threadtime format.\n"
+    "\n"
+    "Buffers:\n"
+    "  -b, --buffer NAMES       morvo_main, morvo_system, morvo_crash (the default),\n"
+    "                           morvo_events, morvo_radio; separated by , : ; or space\n"
+    "  -c, --clear              clear the buffers (with -f: delete the output files)\n"
+    "  -g, --buffer-size[=SIZE] print the buffers' sizes, or set them (as -G)\n"
+    "  -G SIZE                  set the buffers' size in bytes, K for KiB\n"
+    "\n"
+    "Reading:\n"
+    "  -d                       print what is there and end\n"
+    "  -t COUNT                 print the last COUNT records and end\n"
+    "  --pid PID                only the records of process PID\n"
+    "  --wrap                   wait until the buffer is about to wrap, then print\n"
+    "  -s                       silence every tag a filter does not name\n"
+    "  FILTERSPEC               TAG:PRIORITY (V D I W E F S), as ANDROID_LOG_TAGS\n"
+    "\n"
+    "Output files:\n"
+    "  -f, --file PATH          write to rotating compressed files PATH.Innn.DATE.gz\n"
+    "  -r, --rotate-kbytes KB   start a new file every KB kibibytes\n"
+    "  -n, --rotate-count N     rotated files (default 4)\n"
+    "  -z, --compress-files M   keep M archives of N files each (default: none)\n"
+    "\n"
+    "Collector:\n"
+    "  --tavo 2 -x NAME         become the resident collector of instance NAME\n"
+    "\n"
+    "  -h, --help               this text;  --version  the version\n"
+    "Accepted without effect: --debug, --print, --id ARG.\n";
+
+// The front end answers these itself; the library's command line has no
+// help text of its own.
+bool AnswerOwnOption(int argc, char** argv, int* status) {
+  for (int i = 1; i < argc; ++i) {
+    if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
+      fputs(kUsage, stdout);
+      *status = 0;
+      return true;
+    }
+    if (strcmp(argv[i], "--version") == 0) {
+      printf("morvocat %s\n", MORVO_VERSION);
+      *status = 0;
+      return true;
+    }
+  }
+  return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  int status = 0;
+  if (AnswerOwnOption(argc, argv, &status)) return status;
   android_logcat_context ctx = CreateAndroidLogcat();
   if (ctx == nullptr) {
     fprintf(stderr, "morvocat: out of memory\n");

@@ -265,13 +265,4 @@ TEST_F(EmbeddingTest, TheFrontEndFlushesItsFilesOnAStopSignal) {
   }
 }
 
-TEST_F(EmbeddingTest, NegativeCountsAreRefused) {
-  for (const char* letter : {"-n", "-r"}) {
-    morvotest::RunResult r = morvotest::RunCommand({"-d", "-f", root_.path() + "/o/a", letter, "-1"});
-    EXPECT_EQ(1, r.status) << letter;
-    EXPECT_NE(std::string::npos, r.err.find("Invalid parameter \"-1\" to " + std::string(letter)))
-        << r.err;
-  }
-}
-
 }  // namespace
