@@ -14,8 +14,9 @@
 
 #include "collector/group_threads.h"
 #include "collector/tavocat.h"
-#include "config/parse_apart.h"
+#include "config/config_check.h"
 #include "config/config_tree.h"
+#include "config/parse_apart.h"
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
 
@@ -43,15 +44,6 @@ char** savedArgv = nullptr;
 char* argAreaEnd = nullptr;
 // Set by the teardown: the main thread neither joins nor destroys any more.
 bool closing = false;
-
-// Trigger groups share the process-wide charger wait, so one at most may run.
-int CountCondTriggers(const TavocatInfoT& info) {
-  int count = 0;
-  for (const TavocatGroupT* group = info.groups; group != nullptr; group = group->next) {
-    if (group->style == COND_TRIGGER) ++count;
-  }
-  return count;
-}
 
 void StartGroups(const TavocatInfoT& info) {
   for (TavocatGroupT* config = info.groups; config != nullptr; config = config->next) {
@@ -205,9 +197,7 @@ int TavocatMain(unsigned long kind, const char* name, int argc, char** argv) {
     TavoConfig::FreeConfigFile(&info);
     return PauseForever();
   }
-  if (CountCondTriggers(info) > 1) {
-    fprintf(stderr, "Main:tavocat [%s] has more than one cond_trigger group, refused!\n",
-            info.name);
+  if (!TavoConfig::IsRunnableConfig(info)) {
     TavoConfig::FreeConfigFile(&info);
     activeConfig = nullptr;
     return -1;

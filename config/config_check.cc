@@ -72,6 +72,17 @@ bool IsValidCmdSet(const TavocatInputCmdSetT* set) {
   return true;
 }
 
+bool IsRunnableConfig(const TavocatInfoT& info) {
+  int triggers = 0;
+  for (const TavocatGroupT* group = info.groups; group != nullptr; group = group->next) {
+    if (group->style == COND_TRIGGER) ++triggers;
+  }
+  if (triggers <= 1) return true;
+  fprintf(stderr, "Main:tavocat [%s] has more than one cond_trigger group, refused!\n",
+          Shown(info.name));
+  return false;
+}
+
 void PrintTavocatInfo(const TavocatInfoT& info) {
   fprintf(stderr, "------------- printTavocatInfo begin -------------\n");
   fprintf(stderr, "name              : %s\n", Shown(info.name));

@@ -18,6 +18,11 @@ bool IsValidDirSet(const TavoCommon::TavocatInputDirSetT* set);
 // True when set is not null and every command node has a command.
 bool IsValidCmdSet(const TavoCommon::TavocatInputCmdSetT* set);
 
+// What the collector asks of a valid tree before it starts its groups:
+// trigger groups share the process-wide charger wait, so one at most. On
+// refusal says so on standard error. The checker asks the same.
+bool IsRunnableConfig(const TavoCommon::TavocatInfoT& info);
+
 // The dump; a missing string shows as "nullptr".
 void PrintTavocatInfo(const TavoCommon::TavocatInfoT& info);
 void PrintTavocatInfoNodeAndTrigger(const TavoCommon::TavocatInputNodeSetT* nodes);

@@ -111,19 +111,23 @@ class Decoder {
     info->maxCompressdFiles = Word();
     info->writeMode = static_cast<TypeWrite>(Word32());
     String(&info->name);
-    for (uint64_t n = Count(); ok_ && n > 0; n--) Group(info);
+    TavocatGroupT** tail = &info->groups;
+    for (uint64_t n = Count(); ok_ && n > 0; n--) Group(info, tail);
     return Word() == kMark && ok_ && left_ == 0;
   }
 
  private:
+  // Links a new record at *tail and moves tail to its `next`: a list is
+  // built in one pass however long it is.
   template <typename T>
-  T* NewLinked(T*& head) {
+  T* NewLinked(T**& tail) {
     T* item = new (std::nothrow) T();
     if (item == nullptr) {
       ok_ = false;
       return nullptr;
     }
-    AppendToList(head, item);
+    *tail = item;
+    tail = &item->next;
     return item;
   }
 
@@ -168,14 +172,15 @@ class Decoder {
   }
 
   void StrList(TavocatStrListT** head) {
+    TavocatStrListT** tail = head;
     for (uint64_t n = Count(); ok_ && n > 0; n--) {
-      TavocatStrListT* entry = NewLinked(*head);
+      TavocatStrListT* entry = NewLinked(tail);
       if (entry != nullptr) String(&entry->str);
     }
   }
 
-  void Group(TavocatInfoT* info) {
-    TavocatGroupT* group = NewLinked(info->groups);
+  void Group(TavocatInfoT* info, TavocatGroupT**& tail) {
+    TavocatGroupT* group = NewLinked(tail);
     if (group == nullptr) return;
     group->info = info;
     group->pollingInterval = Word();
@@ -194,8 +199,9 @@ class Decoder {
 
   void Nodes(TavocatGroupT* group) {
     TavocatInputNodeSetT* head = nullptr;
+    TavocatInputNodeSetT** tail = &head;
     for (uint64_t n = Count(); ok_ && n > 0; n--) {
-      TavocatInputNodeSetT* node = NewLinked(head);
+      TavocatInputNodeSetT* node = NewLinked(tail);
       if (node == nullptr) return;
       group->inputSet = head;
       node->width = Word();
@@ -220,8 +226,9 @@ class Decoder {
 
   void Commands(TavocatGroupT* group) {
     TavocatInputCmdSetT* head = nullptr;
+    TavocatInputCmdSetT** tail = &head;
     for (uint64_t n = Count(); ok_ && n > 0; n--) {
-      TavocatInputCmdSetT* cmd = NewLinked(head);
+      TavocatInputCmdSetT* cmd = NewLinked(tail);
       if (cmd == nullptr) return;
       group->inputSet = head;
       String(&cmd->command);

@@ -37,6 +37,19 @@ void PrintDiagnostic(void*, xmlErrorPtr error) {
           error->line, LevelName(error->level), static_cast<int>(length), message);
 }
 
+struct ParseState {
+  const XmlCalls* xml;
+  bool sawDoctype;
+};
+
+// Called at "<!DOCTYPE name ...", before its internal subset is read.
+void RefuseDoctype(void* context, const xmlChar*, const xmlChar*, const xmlChar*) {
+  auto* ctxt = static_cast<xmlParserCtxt*>(context);
+  auto* state = static_cast<ParseState*>(ctxt->_private);
+  state->sawDoctype = true;
+  state->xml->stopParser(ctxt);
+}
+
 // Reads up to want bytes; fewer when the file ends first.
 bool ReadAll(int fd, char* buf, size_t want, size_t* got) {
   size_t done = 0;
@@ -86,12 +99,20 @@ ConfigDocument::ConfigDocument(const char* path) : xml_(nullptr), doc_(nullptr) 
   xml_ = XmlLibrary();
   xmlParserCtxt* ctxt = xml_ != nullptr ? xml_->newParserCtxt() : nullptr;
   if (ctxt != nullptr) {
+    ParseState state = {xml_, false};
+    ctxt->_private = &state;
     ctxt->sax->serror = PrintDiagnostic;
+    ctxt->sax->internalSubset = RefuseDoctype;
     // No XML_PARSE_NOENT, DTDLOAD, DTDATTR, XINCLUDE or HUGE: only what the
     // file itself says is read, within libxml2's default depth and size limits.
     doc_ = xml_->ctxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr,
                                 XML_PARSE_NONET);
     xml_->freeParserCtxt(ctxt);
+    if (state.sawDoctype) {
+      fprintf(stderr, "Config file [%s]: DOCTYPE is not allowed!\n", path);
+      if (doc_ != nullptr) xml_->freeDoc(doc_);
+      doc_ = nullptr;
+    }
   }
   delete[] text;
 }

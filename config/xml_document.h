@@ -2,9 +2,11 @@
 #define MORVOCAT_CONFIG_XML_DOCUMENT_H_
 
 // Reading the configuration document and looking at its elements. The
-// document comes from one regular file of bounded size; the parser never
-// reaches the network, loads no DTD and substitutes no external entity, and
-// each libxml2 diagnostic becomes one line on standard error.
+// document comes from one regular file of bounded size. The format has no
+// use for a DOCTYPE, and through one a small file can declare entities that
+// expand without bound or name files and hosts to read, so a document that
+// declares one is refused at the declaration. The parser never reaches the
+// network, and each libxml2 diagnostic becomes one line on standard error.
 
 #include <libxml/tree.h>
 
@@ -25,8 +27,8 @@ class ConfigDocument {
   ConfigDocument(const ConfigDocument&) = delete;
   ConfigDocument& operator=(const ConfigDocument&) = delete;
 
-  // The root element; null when the file cannot be read, is too large or is
-  // not well-formed.
+  // The root element; null when the file cannot be read, is too large, is
+  // not well-formed or declares a DOCTYPE.
   const xmlNode* root() const;
 
  private:

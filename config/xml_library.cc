@@ -26,6 +26,7 @@ void Load() {
             Resolve(handle, "xmlNewParserCtxt", &gCalls.newParserCtxt) &&
             Resolve(handle, "xmlCtxtReadMemory", &gCalls.ctxtReadMemory) &&
             Resolve(handle, "xmlFreeParserCtxt", &gCalls.freeParserCtxt) &&
+            Resolve(handle, "xmlStopParser", &gCalls.stopParser) &&
             Resolve(handle, "xmlDocGetRootElement", &gCalls.docGetRootElement) &&
             Resolve(handle, "xmlFreeDoc", &gCalls.freeDoc) &&
             Resolve(handle, "xmlGetProp", &gCalls.getProp) &&

@@ -19,6 +19,7 @@ struct XmlCalls {
   decltype(&::xmlNewParserCtxt) newParserCtxt;
   decltype(&::xmlCtxtReadMemory) ctxtReadMemory;
   decltype(&::xmlFreeParserCtxt) freeParserCtxt;
+  decltype(&::xmlStopParser) stopParser;
   decltype(&::xmlDocGetRootElement) docGetRootElement;
   decltype(&::xmlFreeDoc) freeDoc;
   decltype(&::xmlGetProp) getProp;

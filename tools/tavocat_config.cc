@@ -1,8 +1,8 @@
 // tavocat-config: checks a collector configuration before it is deployed.
-// Runs the collector's own parser for an instance name, on the installed
-// file (under $MORVOCAT_ROOT) or on a file given on the command line, and
-// prints the parser's dump and messages on standard error and the verdict
-// on standard output.
+// Runs the collector's own path for an instance name (the parse in a child
+// process, then the collector's own checks), on the installed file (under
+// $MORVOCAT_ROOT) or on a file given on the command line, and prints the
+// dump and messages on standard error and the verdict on standard output.
 
 #include <limits.h>
 #include <stdio.h>
@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include "config/config_check.h"
-#include "config/config_parser.h"
 #include "config/config_tree.h"
+#include "config/parse_apart.h"
 #include "config/tavo_common.h"
 #include "platform/root_path.h"
 
@@ -33,9 +33,10 @@ void PrintUsage(FILE* out) {
 int Check(const char* name, const char* path) {
   bool fromFile = access(path, F_OK) == 0;
   TavoCommon::TavocatInfoT info = {};
-  int result = TavoConfig::ParseConfigFileAt(path, name, &info);
+  int result = TavoConfig::ParseConfigFileApartAt(path, name, &info);
   // A file's tree is dumped by its validation; a built-in one is not.
   if (result == 0 && !fromFile) TavoConfig::PrintTavocatInfo(info);
+  if (result == 0 && !TavoConfig::IsRunnableConfig(info)) result = 1;
   TavoConfig::FreeConfigFile(&info);
   if (fromFile) {
     printf("%s: %s configuration in %s\n", name, result == 0 ? "valid" : "no valid", path);

@@ -1,11 +1,14 @@
-// Validation: every kind of incomplete tree fails, and the dump comes first.
+// Validation: every kind of incomplete tree fails, and the dump comes first;
+// tavocat-config gives the collector's verdict on any file.
 
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "config/config_check.h"
+#include "config/config_test_support.h"
 #include "config/config_tree.h"
+#include "config/parse_apart.h"
 
 namespace {
 
@@ -215,6 +218,69 @@ TEST(ValidSetTest, NullSetsAreNotValid) {
   EXPECT_FALSE(IsValidNodeSet(nullptr));
   EXPECT_FALSE(IsValidDirSet(nullptr));
   EXPECT_FALSE(IsValidCmdSet(nullptr));
+}
+
+class VerdictTest : public configtest::ConfigTest {
+ protected:
+  // What the collector does with the file at path: 0 when it would start
+  // its groups, 1 when it refuses the configuration.
+  int CollectorVerdict(const std::string& path, const char* name) {
+    TavocatInfoT info = {};
+    testing::internal::CaptureStderr();
+    int result = ParseConfigFileApartAt(path.c_str(), name, &info) == 0 && IsRunnableConfig(info)
+                     ? 0 : 1;
+    testing::internal::GetCapturedStderr();
+    FreeConfigFile(&info);
+    return result;
+  }
+};
+
+TEST_F(VerdictTest, CheckerAndCollectorAgreeOnEveryFile) {
+  SetProp("ro.hardware", "qcom");
+  std::string source = configtest::EnvOr("MORVO_SOURCE_DIR", ".");
+  std::string corpus = source + "/fuzz/corpus/config_fuzzer/";
+  std::string doctype = root_.Under("/doctype.xml");
+  morvotest::WriteFile(doctype, "<!DOCTYPE config>\n" + configtest::Instance(configtest::KmsgGroup()));
+  const int kAny = -1;
+  const struct {
+    std::string path;
+    const char* name;
+    int verdict;
+  } cases[] = {
+      {source + "/etc/tavocat_config.xml", "kmsglogcat", 0},
+      {source + "/etc/tavocat_config.xml", "chargelogcat", 1},
+      {corpus + "sample.xml", "kmsglogcat", 0},
+      {corpus + "two_triggers.xml", "chargelogcat", 1},
+      {corpus + "broken.xml", "kmsglogcat", 1},
+      {corpus + "entities.xml", "kmsglogcat", 1},
+      {corpus + "charge.xml", "chargelogcat", kAny},
+      {corpus + "charge.xml", "kmsglogcat", kAny},
+      {doctype, "kmsglogcat", 1},
+  };
+  for (const auto& c : cases) {
+    std::string out, err;
+    int collector = CollectorVerdict(c.path, c.name);
+    EXPECT_EQ(collector, RunTool(std::string(c.name) + " " + c.path, &out, &err))
+        << c.path << " " << c.name << "\n" << err;
+    if (c.verdict != kAny) {
+      EXPECT_EQ(c.verdict, collector) << c.path << " " << c.name;
+    }
+    EXPECT_EQ(std::string(c.name) + (collector == 0 ? ": valid" : ": no valid") +
+                  " configuration in " + c.path + "\n",
+              out);
+  }
+}
+
+TEST_F(VerdictTest, CheckerSaysWhyTheCollectorRefusesTwoTriggerGroups) {
+  std::string path = configtest::EnvOr("MORVO_SOURCE_DIR", ".") +
+                     "/fuzz/corpus/config_fuzzer/two_triggers.xml";
+  std::string out, err;
+  EXPECT_EQ(1, RunTool("chargelogcat " + path, &out, &err));
+  EXPECT_NE(std::string::npos,
+            err.find("------------- printTavocatInfo end ---------------\n"
+                     "Main:tavocat [chargelogcat] has more than one cond_trigger group, "
+                     "refused!\n"))
+      << err;
 }
 
 TEST(PrintSourcesTest, NullSetsPrintNothing) {

@@ -35,6 +35,18 @@ inline std::string KmsgGroup() {
       "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>");
 }
 
+// The refusal of a file at path that declares a DOCTYPE.
+inline std::string DoctypeRefused(const std::string& path) {
+  return "Config file [" + path + "]: DOCTYPE is not allowed!\n";
+}
+
+// Internal subsets declaring entity e: ten levels of ten references each
+// (10^10 copies), and one 100 KB text referenced in attribute values.
+std::string BillionLaughs();
+std::string QuadraticBlowup();
+// text (ASCII) as UTF-16 with a byte-order mark.
+std::string Utf16(const std::string& text);
+
 class ConfigTest : public ::testing::Test {
  protected:
   void TearDown() override { TavoConfig::FreeConfigFile(&info_); }
@@ -60,10 +72,16 @@ class ConfigTest : public ::testing::Test {
   }
   size_t GroupCount() const;
 
+  // Runs tavocat-config with args; its exit status, output and errors.
+  int RunTool(const std::string& args, std::string* out, std::string* err);
+
   morvotest::TempRoot root_;
   TavocatInfoT info_ = {};
   std::string err_;
 };
+
+// The environment variable name, or fallback when it is unset.
+std::string EnvOr(const char* name, const char* fallback);
 
 // The strings of a list, in order.
 std::string Join(const TavocatStrListT* list);

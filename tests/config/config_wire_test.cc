@@ -1,10 +1,19 @@
 // The tree survives the trip through bytes field for field; cut, damaged or
 // padded encodings and failed allocations are refused with nothing left
 // behind; the parse in a child gives the tree, result and messages of a
-// parse in this process.
+// parse in this process, and the child is bounded in time and memory, ends
+// with its parent and delivers a tree of any size.
 
+#include <errno.h>
+#include <signal.h>
 #include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -20,6 +29,7 @@
 namespace {
 
 using namespace configtest;
+using TavoConfig::ApartLimits;
 using TavoConfig::DecodeTavocatInfo;
 using TavoConfig::WireBuffer;
 
@@ -139,6 +149,12 @@ class ApartTest : public ConfigTest {
     apartErr_ = testing::internal::GetCapturedStderr();
     return result;
   }
+  int BuildApart(TavoConfig::TreeBuilder build, const void* arg, const ApartLimits& limits) {
+    testing::internal::CaptureStderr();
+    int result = TavoConfig::BuildTreeApart(build, arg, limits, &apart_);
+    apartErr_ = testing::internal::GetCapturedStderr();
+    return result;
+  }
   void TearDown() override {
     TavoConfig::FreeConfigFile(&apart_);
     ConfigTest::TearDown();
@@ -167,6 +183,165 @@ TEST_F(ApartTest, AnAbsentFileGivesTheBuiltInInstance) {
   ASSERT_EQ(0, ParseApart("chargelogcat"));
   EXPECT_EQ(Dump(info_), Dump(apart_));
   EXPECT_EQ(1, TavoConfig::ParseConfigFileApart(nullptr, &apart_));
+}
+
+TEST_F(ApartTest, EntityBombsAreRefusedAtTheDeclaration) {
+  const std::string use = Instance(Group(
+      "<logStyle value=\"monitor_node\"/><outputFilePath value=\"&e;\"/>"
+      "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"));
+  for (const std::string& doctype : {BillionLaughs(), QuadraticBlowup()}) {
+    WriteConfig(doctype + use);
+    EXPECT_EQ(1, ParseApart("kmsglogcat"));
+    EXPECT_EQ(DoctypeRefused(ConfigPath()), apartErr_);
+  }
+  struct rusage children;
+  ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &children));
+  EXPECT_LT(children.ru_maxrss, long{TavoConfig::kParseLimits.memoryGrowth >> 10});
+}
+
+// The child's view of its bounds, sent back as the instance name.
+int ReportBounds(const void*, TavocatInfoT* info) {
+  struct rlimit as;
+  int deathSignal = 0;
+  struct sigaction pipeAction;
+  if (getrlimit(RLIMIT_AS, &as) != 0 || prctl(PR_GET_PDEATHSIG, &deathSignal) != 0 ||
+      sigaction(SIGPIPE, nullptr, &pipeAction) != 0) {
+    return 1;
+  }
+  char text[128];
+  snprintf(text, sizeof(text), "%llu %d %d", static_cast<unsigned long long>(as.rlim_cur),
+           deathSignal, pipeAction.sa_handler == SIG_IGN ? 1 : 0);
+  return TavoConfig::CopyString(text, &info->name);
+}
+
+// This process's address space in bytes.
+unsigned long long AddressSpace() {
+  unsigned long long pages = 0;
+  FILE* statm = fopen("/proc/self/statm", "r");
+  if (statm == nullptr) return 0;
+  if (fscanf(statm, "%llu", &pages) != 1) pages = 0;
+  fclose(statm);
+  return pages * static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
+}
+
+TEST_F(ApartTest, ChildIsBoundedInMemoryDiesWithItsParentAndSurvivesAClosedPipe) {
+  ASSERT_EQ(0, BuildApart(ReportBounds, nullptr, TavoConfig::kParseLimits)) << apartErr_;
+  unsigned long long limit = 0;
+  int deathSignal = 0, pipeIgnored = 0;
+  ASSERT_EQ(3, sscanf(apart_.name, "%llu %d %d", &limit, &deathSignal, &pipeIgnored));
+  EXPECT_LE(limit, AddressSpace() + 2 * TavoConfig::kParseLimits.memoryGrowth);
+  EXPECT_GE(limit, TavoConfig::kParseLimits.memoryGrowth);
+  EXPECT_EQ(SIGKILL, deathSignal);
+  EXPECT_EQ(1, pipeIgnored);
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+int AllocateAGibibyte(const void*, TavocatInfoT* info) {
+  void* block = malloc(size_t{1} << 30);
+  free(block);
+  return block != nullptr ? TavoConfig::CopyString("allocated", &info->name) : 1;
+}
+
+TEST_F(ApartTest, MemoryPastTheBoundFailsTheParse) {
+  EXPECT_EQ(1, BuildApart(AllocateAGibibyte, nullptr, TavoConfig::kParseLimits));
+  EXPECT_EQ(nullptr, apart_.name);
+}
+#endif
+
+int Hang(const void*, TavocatInfoT*) {
+  for (;;) pause();
+}
+
+TEST_F(ApartTest, HangingChildIsKilledAtTheDeadlineAndReaped) {
+  ApartLimits limits = TavoConfig::kParseLimits;
+  limits.deadlineMs = 300;
+  EXPECT_EQ(1, BuildApart(Hang, nullptr, limits));
+  EXPECT_EQ("Config parser process ran past its 300 ms deadline and was killed!\n", apartErr_);
+  EXPECT_EQ(-1, waitpid(-1, nullptr, WNOHANG));
+  EXPECT_EQ(ECHILD, errno);
+}
+
+// Writes the child's pid to the file named by arg, then hangs.
+int TellPidAndHang(const void* arg, TavocatInfoT*) {
+  std::string path = static_cast<const char*>(arg);
+  morvotest::WriteFile(path + ".tmp", std::to_string(getpid()));
+  rename((path + ".tmp").c_str(), path.c_str());
+  for (;;) pause();
+}
+
+pid_t WaitWithin(pid_t pid, int* status, int tenthsOfSeconds) {
+  for (int i = 0; i < tenthsOfSeconds; ++i) {
+    pid_t done = waitpid(pid, status, WNOHANG);
+    if (done != 0) return done;
+    usleep(100 * 1000);
+  }
+  return 0;
+}
+
+TEST_F(ApartTest, ChildEndsWhenTheProcessThatStartedItDies) {
+  // Orphans come to us, so the child can be watched after its parent died.
+  ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));
+  std::string pidFile = root_.Under("/child.pid");
+  pid_t starter = fork();
+  ASSERT_GE(starter, 0);
+  if (starter == 0) {
+    TavocatInfoT info = {};
+    TavoConfig::BuildTreeApart(TellPidAndHang, pidFile.c_str(), TavoConfig::kParseLimits, &info);
+    _exit(0);
+  }
+  pid_t child = 0;
+  for (int i = 0; i < 200 && child <= 0; ++i) {
+    usleep(50 * 1000);
+    child = atoi(morvotest::ReadFile(pidFile).c_str());
+  }
+  kill(starter, SIGKILL);
+  waitpid(starter, nullptr, 0);
+  ASSERT_GT(child, 0);
+  int status = 0;
+  pid_t done = WaitWithin(child, &status, 50);
+  if (done == 0) {
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+  }
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+  ASSERT_EQ(child, done) << "the parse child outlived its parent";
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
+constexpr size_t kHugeName = size_t{20} << 20;
+constexpr size_t kHugeCommands = 100000;
+
+// A tree whose encoding is over 20 MiB: a long name and many commands.
+int BuildHugeTree(const void*, TavocatInfoT* info) {
+  std::string name(kHugeName, 'n');
+  auto* group = new (std::nothrow) TavocatGroupT();
+  if (TavoConfig::CopyString(name.c_str(), &info->name) != 0 || group == nullptr) return 1;
+  group->info = info;
+  group->style = POLL_CMD;
+  TavoConfig::CopyString("/c", &group->outputFilePath);
+  info->groups = group;
+  TavocatInputCmdSetT* head = nullptr;
+  for (size_t i = 0; i < kHugeCommands; ++i) {
+    auto* cmd = new (std::nothrow) TavocatInputCmdSetT();
+    if (cmd == nullptr) return 1;
+    cmd->next = head;
+    head = cmd;
+    group->inputSet = head;
+    TavoConfig::CopyString(std::to_string(i).c_str(), &cmd->command);
+  }
+  return 0;
+}
+
+TEST_F(ApartTest, TreeOfAnySizeArrivesWhole) {
+  ASSERT_EQ(0, BuildApart(BuildHugeTree, nullptr, TavoConfig::kParseLimits)) << apartErr_;
+  ASSERT_NE(nullptr, apart_.name);
+  EXPECT_EQ(kHugeName, strlen(apart_.name));
+  ASSERT_NE(nullptr, apart_.groups);
+  size_t count = 0;
+  auto* cmd = static_cast<TavocatInputCmdSetT*>(apart_.groups->inputSet);
+  EXPECT_STREQ(std::to_string(kHugeCommands - 1).c_str(), cmd->command);
+  for (; cmd != nullptr; cmd = cmd->next) ++count;
+  EXPECT_EQ(kHugeCommands, count);
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
 // The shipped sample configuration gives the tree it describes, and
 // tavocat-config prints that tree.
 
-#include <stdlib.h>
-#include <sys/wait.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -51,25 +48,10 @@ const char kSampleDump[] =
     "~~~~~~ TavocatGroup end ~~~~~~~~\n"
     "------------- printTavocatInfo end ---------------\n";
 
-std::string EnvOr(const char* name, const char* fallback) {
-  const char* value = getenv(name);
-  return value != nullptr ? value : fallback;
-}
-
 class SampleConfigTest : public ConfigTest {
  protected:
   std::string SamplePath() const {
     return EnvOr("MORVO_SOURCE_DIR", ".") + "/etc/tavocat_config.xml";
-  }
-
-  // Runs tavocat-config with args; its exit status, output and errors.
-  int RunTool(const std::string& args, std::string* out, std::string* err) {
-    std::string tool = EnvOr("MORVO_BIN_DIR", "tools") + "/tavocat-config";
-    std::string outPath = root_.Under("/tool.out"), errPath = root_.Under("/tool.err");
-    int status = system((tool + " " + args + " >" + outPath + " 2>" + errPath).c_str());
-    *out = morvotest::ReadFile(outPath);
-    *err = morvotest::ReadFile(errPath);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
 };
 
