@@ -16,7 +16,6 @@
 #include "config/config_parser.h"
 #include "config/config_tree.h"
 #include "config/config_wire.h"
-#include "platform/root_path.h"
 #include "platform/write_fully.h"
 
 namespace TavoConfig {
@@ -29,6 +28,10 @@ struct FileArgs {
   const char* path;
   const char* name;
 };
+
+int ParseNamed(const void* name, TavocatInfoT* info) {
+  return ParseConfigFile(static_cast<const char*>(name), info);
+}
 
 int ParseFileAt(const void* arg, TavocatInfoT* info) {
   const auto* args = static_cast<const FileArgs*>(arg);
@@ -49,7 +52,8 @@ size_t AddressSpace() {
 // again, as it may have died before the request), gets EPIPE rather than
 // SIGPIPE, and grows by at most limits.memoryGrowth. The base is what the
 // child has now: the host's address space is not ours to judge, and a
-// sanitizer reserves terabytes at start.
+// sanitizer reserves terabytes at start. Without /proc the base is unknown
+// and only the deadline bounds the child.
 bool BoundChild(pid_t parent, const ApartLimits& limits) {
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) return false;
   signal(SIGPIPE, SIG_IGN);
@@ -157,9 +161,7 @@ int BuildTreeApart(TreeBuilder build, const void* arg, const ApartLimits& limits
 
 int ParseConfigFileApart(const char* name, TavocatInfoT* info) {
   if (name == nullptr || info == nullptr) return 1;
-  char path[PATH_MAX];
-  if (!platform::ResolvePath(kConfigFilePath, path, sizeof(path))) return 1;
-  return ParseConfigFileApartAt(path, name, info);
+  return BuildTreeApart(ParseNamed, name, kParseLimits, info);
 }
 
 int ParseConfigFileApartAt(const char* path, const char* name, TavocatInfoT* info) {
