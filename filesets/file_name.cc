@@ -73,6 +73,21 @@ bool IsOldStyleName(const std::string& path, const std::string& base) {
   return false;
 }
 
+bool IsSetEntryName(const char* name, const std::string& baseName) {
+  size_t length = baseName.size();
+  return strncmp(name, baseName.c_str(), length) == 0 && strncmp(name + length, ".I", 2) == 0 &&
+         strstr(name + length, ".gz") != nullptr;
+}
+
+bool IsArchiveEntryName(const char* name, const std::string& baseName) {
+  size_t length = baseName.size();
+  if (strncmp(name, baseName.c_str(), length) != 0 || name[length] != '-') return false;
+  const char* digits = name + length + 1;
+  const char* end = digits;
+  while (IsDigit(*end)) ++end;
+  return end != digits && strcmp(end, kArchiveSuffix) == 0;
+}
+
 const char* NameInFolder(const std::string& path) {
   size_t slash = path.rfind('/');
   return path.c_str() + (slash == std::string::npos ? 0 : slash + 1);

@@ -51,6 +51,13 @@ const char* NameInFolder(const std::string& path);
 // path is B.n or B-n.tar.gz for a base path B and n from 0 to 4.
 bool IsOldStyleName(const std::string& path, const std::string& base);
 
+// A folder entry's own name (never its folder) read against the base name
+// B: B.I... holding ".gz" is a set file's name (right length or not), and
+// B-n.tar.gz for any decimal n an archive of the plain schemes. Other
+// groups' files in the same folder match neither.
+bool IsSetEntryName(const char* name, const std::string& baseName);
+bool IsArchiveEntryName(const char* name, const std::string& baseName);
+
 }  // namespace filesets
 
 #endif  // MORVOCAT_FILESETS_FILE_NAME_H_

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "platform/safe_file.h"
+#include "platform/write_fully.h"
 
 namespace {
 
@@ -20,6 +21,47 @@ constexpr int kCollect = 0;
 constexpr int kPurge = 1;
 // The reader's plain rotation packed up to ten archives.
 constexpr int kReaderArchiveCount = 10;
+constexpr mode_t kSetFileMode = 0664;
+// One index value always stays unused: a set holding all 1000 would read as
+// one unbroken run after a restart, whatever file was newest, while a gap
+// shows where writing stopped.
+constexpr uint64_t kMaxKept = filesets::kIndexCount - 1;
+
+// One gzip member of no data (header, an empty final block, CRC and size 0):
+// what a set file holds before its first flush, so that it is never a file
+// zcat rejects.
+constexpr unsigned char kEmptyMember[] = {0x1f, 0x8b, 8, 0, 0, 0, 0, 0, 0, 3,
+                                          3,    0,    0, 0, 0, 0, 0, 0, 0, 0};
+
+// Gives the empty set file open as fd its empty member; one that holds
+// anything already is left as it is. A failed write is taken back.
+void GiveEmptyMember(int fd) {
+  struct stat st;
+  if (fstat(fd, &st) != 0 || st.st_size != 0) return;
+  if (platform::WriteFully(fd, kEmptyMember, sizeof(kEmptyMember)) != sizeof(kEmptyMember) &&
+      ftruncate(fd, 0) != 0) {
+    fprintf(stderr, "empty member: truncate fail %s\n", strerror(errno));
+  }
+}
+
+// The file name in dirFd is a regular file of one name holding no record:
+// nothing at all, or the empty member alone. Never follows a link.
+bool HoldsNoRecord(int dirFd, const char* name) {
+  struct stat st;
+  if (fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode) ||
+      st.st_nlink != 1) {
+    return false;
+  }
+  if (st.st_size == 0) return true;
+  if (st.st_size != static_cast<off_t>(sizeof(kEmptyMember))) return false;
+  int fd = openat(dirFd, name, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  unsigned char head[sizeof(kEmptyMember)];
+  bool empty = pread(fd, head, sizeof(head), 0) == static_cast<ssize_t>(sizeof(head)) &&
+               memcmp(head, kEmptyMember, sizeof(head)) == 0;
+  close(fd);
+  return empty;
+}
 
 }  // namespace
 
@@ -81,10 +123,11 @@ int FileSet::ScanDir(int mode, const std::string& directory, const std::string& 
     if (entry->d_type != DT_REG) continue;
     full.assign(directory).append("/").append(entry->d_name);
     if (DetectOldStyleFiles(full.c_str())) continue;
-    if (full.find(baseName) == std::string::npos || full.find(".gz") == std::string::npos) {
-      continue;
-    }
-    if (mode == kCollect && full.size() == nameLength) {
+    // The entry's own name only: the base name found in the folder's path
+    // (a group at .../log/log) would take in every other group's files.
+    bool setName = filesets::IsSetEntryName(entry->d_name, baseName);
+    if (!setName && !filesets::IsArchiveEntryName(entry->d_name, baseName)) continue;
+    if (mode == kCollect && setName && full.size() == nameLength) {
       fileVec.push_back(full);
     } else if (mode == kPurge && full.size() != nameLength &&
                unlinkat(dirfd(dir), entry->d_name, 0) != 0) {
@@ -205,23 +248,52 @@ void FileSet::AdjustFileVecOrder(std::vector<std::string>& list) const {
   list.resize(kept);
   if (list.empty()) return;
   runEnds.push_back(list.back());
-  if (runs == 1) return;
-  if (runs == 2 && seen0 && seen999) {
+  if (runs == 1 && list.size() == kIndexCount) {
+    RotateVec(list, NewestOfFullRun(list));  // no gap shows where writing stopped
+  } else if (runs == 1) {
+    return;
+  } else if (runs == 2 && seen0 && seen999) {
     RotateVec(list, runEnds.front());  // wrapped once past 999
   } else {
     RotateVec(list, GetFileByMaxTimestamp(runEnds));
   }
 }
 
+std::string FileSet::NewestOfFullRun(const std::vector<std::string>& list) const {
+  // Files opened within one second share the latest stamp; the newest is
+  // the last of them in the run's cyclic order.
+  std::string latest;
+  for (const std::string& entry : list) {
+    std::string stamp = GetTimestamp(entry);
+    if (filesets::ByteOrderBefore(latest, stamp)) latest = std::move(stamp);
+  }
+  for (size_t i = 0; i < list.size(); ++i) {
+    if (GetTimestamp(list[i]) == latest && GetTimestamp(list[(i + 1) % list.size()]) != latest) {
+      return list[i];
+    }
+  }
+  return list.back();  // all of one second: nothing tells them apart
+}
+
 uint32_t FileSet::GetNewLogFileIndex(std::vector<std::string>& list) const {
   if (list.empty()) return 0;
   AdjustFileVecOrder(list);
   if (list.empty()) return 0;
-  if (rules_.continueInEmptyNewest) {
-    struct stat st;
-    if (stat(list.back().c_str(), &st) == 0 && st.st_size == 0) return filesets::kContinueNewest;
+  if (rules_.continueInEmptyNewest && NewestHoldsNoRecord(list.back())) {
+    return filesets::kContinueNewest;
   }
   return ConvertStringToIndex(GetIndex(list.back()));
+}
+
+bool FileSet::NewestHoldsNoRecord(const std::string& path) {
+  // Only the owner's own file: a link or a second name put at the newest
+  // name is not gone on in.
+  std::string name;
+  int dirFd = OpenFolderOf(path, &name);
+  if (dirFd < 0) return false;
+  bool empty = HoldsNoRecord(dirFd, name.c_str());
+  close(dirFd);
+  return empty;
 }
 
 uint32_t FileSet::GetNewLogFileIndex() { return GetNewLogFileIndex(fileVec); }
@@ -231,6 +303,7 @@ void FileSet::FormFileVectors() {
   if (scheme_ == SetScheme::NUMBERED && !oldStyleCheck) return;
   fileVec.clear();
   ProcessMmapFileVec(kCollect);
+  GiveEmptyFilesAMember();
   std::sort(fileVec.begin(), fileVec.end(), SortByEarlyTime);
   AdjustFileVecOrder(fileVec);
   RemoveRedundancy();
@@ -245,12 +318,28 @@ void FileSet::RemoveRedundancy() {
   DropOldest(fileVec.size() - limit, fileVec.back());
 }
 
+void FileSet::GiveEmptyFilesAMember() {
+  // A kill before a file's first flush left it empty (made so by an earlier
+  // run). Its name keeps its place in the set; the reader goes on in it.
+  if (fileVec.empty()) return;
+  std::string name;
+  int dirFd = OpenFolderOf(outputFilePath, &name);
+  if (dirFd < 0) return;
+  for (const std::string& path : fileVec) {
+    const char* leaf = filesets::NameInFolder(path);
+    struct stat st;
+    if (fstatat(dirFd, leaf, &st, AT_SYMLINK_NOFOLLOW) != 0 || st.st_size != 0) continue;
+    int fd = platform::OpenFileAt(dirFd, leaf, O_WRONLY, 0);
+    if (fd < 0) continue;
+    GiveEmptyMember(fd);
+    close(fd);
+  }
+  close(dirFd);
+}
+
 uint64_t FileSet::FileLimit() const {
-  // One index value always stays unused: a set holding all 1000 would read
-  // as one unbroken run after a restart, whatever file was newest, while a
-  // gap shows where writing stopped. A limit of 0 keeps only this cap, so
-  // the file being written is never pruned.
-  constexpr uint64_t kMaxKept = kIndexCount - 1;
+  // A limit of 0 keeps only the cap, so the file being written is never
+  // pruned.
   if (maxFiles == 0) return kMaxKept;
   return std::min<uint64_t>(maxFiles, kMaxKept);
 }
@@ -278,6 +367,19 @@ bool FileSet::MakeLogFileName(uint32_t index, std::string* name) const {
 bool FileSet::AddNewFile(uint32_t index, std::string* path) {
   std::string name;
   if (!MakeLogFileName(index, &name)) return false;
+  // Whatever path opens a file (a setup, which does not prune, or a
+  // rotation killed before it pruned), the set never holds every index.
+  if (fileVec.size() >= kMaxKept) DropOldest(fileVec.size() - (kMaxKept - 1), std::string());
+  // Made here with its empty member: a kill before the first flush leaves a
+  // whole gzip stream. The owner opens it afterwards and reports a failure.
+  std::string leaf;
+  int dirFd = OpenFolderOf(name, &leaf);
+  int fd = OpenOwnFileAt(dirFd, leaf, O_WRONLY, kSetFileMode);
+  if (fd >= 0) {
+    GiveEmptyMember(fd);
+    close(fd);
+  }
+  if (dirFd >= 0) close(dirFd);
   *path = name;
   fileVec.push_back(std::move(name));
   return true;
@@ -306,4 +408,15 @@ int FileSet::UnlinkIn(int dirFd, const std::string& path) {
     return -1;
   }
   return unlinkat(dirFd, filesets::NameInFolder(path), 0);
+}
+
+bool FileSet::IsOwnFileThere(const std::string& path) {
+  std::string name;
+  int dirFd = OpenFolderOf(path, &name);
+  if (dirFd < 0) return false;
+  struct stat st;
+  bool there = fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+               S_ISREG(st.st_mode) && st.st_nlink == 1;
+  close(dirFd);
+  return there;
 }

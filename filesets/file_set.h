@@ -91,9 +91,13 @@ class FileSet {
 
   // The set name for index opened now; false when it cannot be formatted.
   bool MakeLogFileName(uint32_t index, std::string* name) const;
-  // Names the file for index, appends it to the set and gives its name in
-  // *path; false when the name cannot be formatted.
+  // Names the file for index, makes it holding one empty gzip member and
+  // appends it to the set, first pruning the oldest so that the set never
+  // holds every index; gives its name in *path. False when the name cannot
+  // be formatted.
   bool AddNewFile(uint32_t index, std::string* path);
+  // path is there as a regular file of one name (a link is not followed).
+  static bool IsOwnFileThere(const std::string& path);
 
   // The folder of path opened for *at calls (a link there is refused), and
   // path's name in it. A descriptor or a negated errno.
@@ -116,6 +120,10 @@ class FileSet {
 
  private:
   uint64_t FileLimit() const;
+  // The newest entry of a run that holds every index, found by the stamps.
+  std::string NewestOfFullRun(const std::vector<std::string>& list) const;
+  static bool NewestHoldsNoRecord(const std::string& path);
+  void GiveEmptyFilesAMember();
   // Deletes the first count files of fileVec, all but a file named keep,
   // and takes them off the list.
   void DropOldest(size_t count, const std::string& keep);

@@ -47,7 +47,7 @@ void MorvocatUtils::Flush() {
 bool MorvocatUtils::IsMMapWriteMode() const { return writeMode == kMMapWriteMode; }
 
 bool MorvocatUtils::IsLogFileAccess() const {
-  return !logFilePath.empty() && access(logFilePath.c_str(), F_OK) == 0;
+  return !logFilePath.empty() && IsOwnFileThere(logFilePath);
 }
 
 void MorvocatUtils::InitLogFiles() {

@@ -31,7 +31,8 @@ class MorvocatUtils : public FileSet {
   void Write(const char* data, uint64_t maxLength);
   void Flush();
   bool IsMMapWriteMode() const;
-  // A file has been chosen and still exists.
+  // A file has been chosen and is still there as a regular file of one
+  // name; a link or a second name put in its place does not count.
   bool IsLogFileAccess() const;
   // Removes the plain scheme's files and forms the set from the directory.
   void InitLogFiles();

@@ -19,6 +19,9 @@ namespace {
 using settest::Indices;
 using settest::MakeSetFile;
 using settest::SetName;
+using settest::SetFilesIn;
+using settest::StampAfter;
+using settest::WholeGzip;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -123,10 +126,10 @@ TYPED_TEST(FileSetTest, ScanCollectsOnlyRegularFilesOfTheSetLength) {
 TYPED_TEST(FileSetTest, PurgeDeletesMatchingNamesOfOtherLengthsOnly) {
   const std::string& b = this->base_;
   std::string kept = MakeSetFile(b, 1);
-  std::vector<std::string> gone = {b + ".I01.20240105-081502.gz", b + "-7.tar.gz",
-                                   this->dir_ + "/applog.gz"};
+  std::vector<std::string> gone = {b + ".I01.20240105-081502.gz", b + "-7.tar.gz"};
+  // applog.gz is not a name any of the set's schemes makes.
   std::vector<std::string> stay = {b + "-4.tar.gz", b + ".I01.20240105-081502.xz",
-                                   this->dir_ + "/other.gz"};
+                                   this->dir_ + "/other.gz", this->dir_ + "/applog.gz"};
   for (const auto& name : gone) morvotest::WriteFile(name, "x");
   for (const auto& name : stay) morvotest::WriteFile(name, "x");
 
@@ -395,6 +398,196 @@ TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   set.FormFileVectors();
   GetCapturedStderr();
   EXPECT_EQ(before, morvotest::Entries(outside));
+}
+
+// The 1000 names of a set that holds every index, in writing order: the
+// oldest has the index after the newest's. perSecond files share a stamp.
+std::vector<std::string> FullSetInWritingOrder(const std::string& base, int newest,
+                                               int perSecond) {
+  std::vector<std::string> names;
+  for (int k = 0; k < 1000; ++k) {
+    names.push_back(SetName(base, (newest + 1 + k) % 1000, StampAfter(k / perSecond)));
+  }
+  return names;
+}
+
+struct FullSetRow {
+  const char* what;
+  int newest;     // the index written last
+  int perSecond;  // files opened within one second
+};
+
+const std::vector<FullSetRow> kFullSets = {
+    {"wrapped, newest in the middle", 300, 1},
+    {"never wrapped", 999, 1},
+    {"newest at 000", 0, 3},
+    {"one second spans the wrap", 2, 7},
+    {"many files a second", 641, 16},
+};
+
+// With every index present there is no gap to show where writing stopped:
+// the stamps do.
+TYPED_TEST(FileSetTest, FullSetOfEveryIndexIsOrderedByItsStamps) {
+  TypeParam set(this->base_, 0);
+  for (const FullSetRow& row : kFullSets) {
+    SCOPED_TRACE(row.what);
+    std::vector<std::string> written = FullSetInWritingOrder(this->base_, row.newest, row.perSecond);
+    std::vector<std::string> list = written;
+    std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
+    set.AdjustFileVecOrder(list);
+    EXPECT_EQ(written, list);
+    set.AdjustFileVecOrder(list);
+    EXPECT_EQ(written, list);
+  }
+}
+
+// A set left holding all 1000 indices (by a run that opened a file without
+// pruning, or a kill between opening and pruning): a restart keeps the
+// newest files, drops the oldest, and never again holds them all.
+TYPED_TEST(FileSetTest, RestartOverAFullSetPrunesTheOldestNeverTheNewest) {
+  struct Row {
+    uint64_t limit;
+    int newest;
+    size_t kept;  // entries after the new file was added
+  };
+  for (const Row& row : {Row{0, 300, 999}, Row{1000, 999, 999}, Row{5, 0, 6}}) {
+    SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
+    for (const std::string& name : SetFilesIn(this->dir_, "applog")) unlink(name.c_str());
+    std::vector<std::string> written = FullSetInWritingOrder(this->base_, row.newest, 1);
+    for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
+
+    TypeParam set(this->base_, row.limit);
+    set.FormFileVectors();
+    EXPECT_LE(SetFilesIn(this->dir_, "applog").size(), 999u);
+    EXPECT_EQ(written.back(), set.fileVec.back());
+    std::string added;
+    ASSERT_TRUE(set.AddNewFile(set.GetNewLogFileIndex(set.fileVec), &added));
+    EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), Indices(set, {added})[0]);
+
+    std::vector<std::string> expected(written.end() - static_cast<long>(row.kept - 1),
+                                      written.end());
+    expected.push_back(added);
+    EXPECT_EQ(expected, set.fileVec);
+    std::vector<std::string> onDisk = SetFilesIn(this->dir_, "applog");
+    std::sort(onDisk.begin(), onDisk.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, onDisk);
+  }
+}
+
+// A set at the cap with its one free index: adding a file (a rotation
+// killed before it pruned, or a setup, which does not prune) never fills
+// the last index, so the next restart still finds the newest.
+TYPED_TEST(FileSetTest, AddingAtTheCapKeepsAnIndexFreeForTheNextRestart) {
+  struct Row {
+    uint64_t limit;
+    int newest;  // the free index is the one after it
+  };
+  for (const Row& row : {Row{0, 998}, Row{999, 999}, Row{999, 400}}) {
+    SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
+    for (const std::string& name : SetFilesIn(this->dir_, "applog")) unlink(name.c_str());
+    std::vector<std::string> written = FullSetInWritingOrder(this->base_, row.newest, 1);
+    written.erase(written.begin());  // the free index
+    for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
+
+    TypeParam killed(this->base_, row.limit);
+    killed.FormFileVectors();
+    std::string added;
+    ASSERT_TRUE(killed.AddNewFile(killed.GetNewLogFileIndex(killed.fileVec), &added));
+    EXPECT_EQ(999u, SetFilesIn(this->dir_, "applog").size());
+
+    TypeParam restarted(this->base_, row.limit);
+    restarted.FormFileVectors();
+    ASSERT_EQ(999u, restarted.fileVec.size());
+    EXPECT_EQ(added, restarted.fileVec.back());
+    EXPECT_EQ(written.back(), restarted.fileVec[997]);
+    EXPECT_TRUE(morvotest::Exists(written.back()));
+  }
+}
+
+// A new set file is a whole gzip stream from the moment it exists, so a
+// kill before the first flush leaves nothing zcat rejects.
+TYPED_TEST(FileSetTest, NewSetFilesAreWholeGzipStreamsBeforeAnyWrite) {
+  TypeParam set(this->base_, 10);
+  std::string first;
+  std::string second;
+  ASSERT_TRUE(set.AddNewFile(0, &first));
+  ASSERT_TRUE(set.AddNewFile(1, &second));
+  for (const std::string& name : {first, second}) {
+    std::string text = "unread";
+    EXPECT_TRUE(WholeGzip(name, &text)) << name;
+    EXPECT_EQ("", text);
+    EXPECT_EQ(20u, morvotest::ReadFile(name).size());
+  }
+  EXPECT_EQ((std::vector<std::string>{first, second}), set.fileVec);
+}
+
+// Zero-byte set files left by a kill before the first flush (by a run that
+// made them empty) are given an empty member when the set is formed again;
+// their names stay in the set.
+TYPED_TEST(FileSetTest, FormingGivesZeroByteSetFilesAnEmptyMember) {
+  const std::string& b = this->base_;
+  std::vector<std::string> files = {MakeSetFile(b, 0), SetName(b, 1, "20240105-081502"),
+                                    MakeSetFile(b, 2), SetName(b, 3, "20240105-081502")};
+  morvotest::WriteFile(files[1], "");
+  morvotest::WriteFile(files[3], "");
+  TypeParam set(b, 10);
+  set.FormFileVectors();
+  EXPECT_EQ(files, set.fileVec);
+  for (size_t i : {size_t{1}, size_t{3}}) {
+    std::string text = "unread";
+    EXPECT_TRUE(WholeGzip(files[i], &text)) << files[i];
+    EXPECT_EQ("", text);
+  }
+  EXPECT_EQ("data\n", morvotest::ReadFile(files[2]));
+}
+
+// The purge and the collection read a directory entry's own name: the base
+// name found in the folder's path, or at the start of another group's name,
+// never makes a file part of the set.
+TYPED_TEST(FileSetTest, ScanMatchesTheSetsOwnNamesNotTheFolder) {
+  struct Row {
+    const char* folder;
+    const char* base;
+    std::vector<std::string> stay;
+    std::vector<std::string> gone;
+    std::string collected;
+  };
+  const std::vector<Row> rows = {
+      {"/data/log", "log",
+       {"applog.I001.20240105-081502.gz", "applog-3.tar.gz", "kmsg.gz",
+        "abc.I001.20240105-081502.gz", "logcat.I001.20240105-081502.gz",
+        "log-kernel.I001.20240105-081502.gz", "log-kernel-0.tar.gz", "log.gz"},
+       {"log.I01.20240105-081502.gz", "log-12.tar.gz"},
+       "log.I001.20240105-081502.gz"},
+      {"/data/log/charge-log", "charge-log",
+       {"kernel.I001.20240105-081502.gz", "bugreport.tar.gz", "charge-log_old.gz",
+        "charge-log-x.tar.gz", "xxxxxxxxxx.I001.20240105-081502.gz"},
+       {"charge-log.I1.20240105-081502.gz", "charge-log-5.tar.gz"},
+       "charge-log.I001.20240105-081502.gz"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.folder);
+    const std::string folder = this->root_.Under(row.folder);
+    this->root_.MakeDirs(row.folder);
+    for (const auto* names : {&row.stay, &row.gone}) {
+      for (const std::string& name : *names) morvotest::WriteFile(folder + "/" + name, "x");
+    }
+    const std::string collected = folder + "/" + row.collected;
+    morvotest::WriteFile(collected, "x");
+
+    TypeParam set(folder + "/" + row.base, 10);
+    set.ProcessMmapFileVec(0);
+    EXPECT_EQ(std::vector<std::string>{collected}, set.fileVec);
+    set.ProcessMmapFileVec(1);
+    for (const std::string& name : row.stay) {
+      EXPECT_TRUE(morvotest::Exists(folder + "/" + name)) << name;
+    }
+    for (const std::string& name : row.gone) {
+      EXPECT_FALSE(morvotest::Exists(folder + "/" + name)) << name;
+    }
+    EXPECT_TRUE(morvotest::Exists(collected));
+  }
 }
 
 }  // namespace

@@ -275,4 +275,31 @@ TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
   }
 }
 
+// The current file counts as there only as a regular file of one name: a
+// link, a FIFO or a second name put in its place makes the caller open a
+// new file of its own.
+TEST_F(MorvocatUtilsTest, CurrentFileIsThereOnlyAsItsOwnRegularFile) {
+  const std::string victim = root_.Under("/victim");
+  morvotest::MakeVictim(victim);
+  for (morvotest::Plant plant : {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK,
+                                 morvotest::Plant::FIFO, morvotest::Plant::DANGLING_LINK}) {
+    SCOPED_TRACE(morvotest::NameOf(plant));
+    ReaderOwner writer(base_, 0);
+    writer.InitLogFiles();
+    writer.GetNewLog();
+    ASSERT_TRUE(writer.IsLogFileAccess());
+    ASSERT_EQ(0, unlink(writer.logFilePath.c_str()));
+    morvotest::PlantAt(writer.logFilePath, plant, victim);
+    EXPECT_FALSE(writer.IsLogFileAccess());
+    unlink(writer.logFilePath.c_str());
+  }
+  // The own file given a second name elsewhere.
+  ReaderOwner writer(base_, 0);
+  writer.InitLogFiles();
+  writer.GetNewLog();
+  ASSERT_EQ(0, link(writer.logFilePath.c_str(), (dir_ + "/second").c_str()));
+  EXPECT_FALSE(writer.IsLogFileAccess());
+  morvotest::ExpectUntouched(victim);
+}
+
 }  // namespace

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "set_owners.h"
+#include "support/planted.h"
 
 namespace {
 
@@ -15,6 +16,9 @@ using settest::CollectorOwner;
 using settest::Indices;
 using settest::MakeSetFile;
 using settest::ReaderOwner;
+using settest::SetFilesIn;
+using settest::TavobaseOwner;
+using settest::WholeGzip;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -152,6 +156,9 @@ TEST_F(OwnerRulesTest, OnlyTheReaderContinuesAnEmptyNewestFile) {
   morvotest::WriteFile(empty, "");
   ReaderOwner reader(base_, 10);
   reader.FormFileVectors();
+  // Forming gave the empty file its empty member; it still holds no record.
+  std::string text;
+  EXPECT_TRUE(WholeGzip(empty, &text));
   EXPECT_EQ(filesets::kContinueNewest, reader.GetNewLogFileIndex());
   EXPECT_EQ(filesets::kContinueNewest, reader.GetNewLogFileIndex(reader.fileVec));
   CollectorOwner sink(base_, 10);
@@ -179,6 +186,84 @@ TEST_F(OwnerRulesTest, BothOwnersKeepOneIndexFreeWhateverTheLimit) {
   sink.RemoveRedundancy();
   EXPECT_EQ(999u, sink.fileVec.size());
   EXPECT_FALSE(morvotest::Exists(names[2]));
+}
+
+// What stands at the newest name instead of the reader's own empty file (a
+// link to an empty file outside, a second name of one) is not continued:
+// the writer would write through it, or refuse it and keep the records.
+TEST_F(OwnerRulesTest, ReaderContinuesOnlyItsOwnEmptyFile) {
+  const std::string victim = root_.Under("/victim");
+  MakeSetFile(base_, 0);
+  std::string newest = settest::SetName(base_, 1, "20240105-081502");
+  for (morvotest::Plant plant : {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK}) {
+    SCOPED_TRACE(morvotest::NameOf(plant));
+    morvotest::WriteFile(newest, "");
+    ReaderOwner reader(base_, 10);
+    reader.FormFileVectors();
+    ASSERT_EQ(newest, reader.fileVec.back());
+    morvotest::WriteFile(victim, "");
+    ASSERT_EQ(0, unlink(newest.c_str()));
+    morvotest::PlantAt(newest, plant, victim);
+    EXPECT_EQ(2u, reader.GetNewLogFileIndex());
+    unlink(newest.c_str());
+    unlink(victim.c_str());
+  }
+}
+
+// The file each owner opens is a whole gzip stream before its first flush,
+// and stays one, record after record.
+TEST_F(OwnerRulesTest, EachOwnersNewFileIsAWholeGzipStreamFromTheStart) {
+  ReaderOwner reader(dir_ + "/reader", 10);
+  reader.InitLogFiles();
+  reader.GetNewLog();
+  TavobaseOwner sink(base_, 10);
+  sink.FormFileVectors();
+  sink.OpenLogFile();
+  ASSERT_EQ(1u, sink.fileVec.size());
+  for (const std::string& name : {reader.logFilePath, sink.fileVec.back()}) {
+    std::string text = "unread";
+    EXPECT_TRUE(WholeGzip(name, &text)) << name;
+    EXPECT_EQ("", text);
+  }
+  reader.Write("one\n", 16);
+  reader.Flush();
+  sink.MmapWrite("two\n", 4, true);
+  sink.MmapClose();
+  std::string text;
+  EXPECT_TRUE(WholeGzip(reader.logFilePath, &text));
+  EXPECT_EQ("one\n", text);
+  EXPECT_TRUE(WholeGzip(sink.fileVec.back(), &text));
+  EXPECT_EQ("two\n", text);
+}
+
+// A group with the default limit restarted over a set holding all 1000
+// indices: setup and the first rotation (which forms the set again) keep
+// the previous run's newest files and go on after them.
+TEST_F(OwnerRulesTest, GroupRestartOverAFullSetKeepsTheNewestThroughItsFirstRotation) {
+  for (uint64_t limit : {uint64_t{0}, uint64_t{999}}) {
+    SCOPED_TRACE(limit);
+    for (const std::string& name : SetFilesIn(dir_, "applog")) unlink(name.c_str());
+    std::vector<std::string> written;
+    for (int k = 0; k < 1000; ++k) {
+      written.push_back(settest::SetName(base_, (301 + k) % 1000, settest::StampAfter(k)));
+      morvotest::WriteFile(written.back(), "data\n");
+    }
+    TavobaseOwner sink(base_, limit);
+    sink.FormFileVectors();
+    sink.OpenLogFile();
+    EXPECT_LE(SetFilesIn(dir_, "applog").size(), 999u);
+    testing::internal::CaptureStderr();
+    sink.RotateLog(uint64_t{4096} << 10);
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(999u, SetFilesIn(dir_, "applog").size());
+    ASSERT_EQ(999u, sink.fileVec.size());
+    EXPECT_EQ((std::vector<int>{300, 301, 302}),
+              Indices(sink, {sink.fileVec.end() - 3, sink.fileVec.end()}));
+    EXPECT_EQ(written.back(), sink.fileVec[996]);
+    for (size_t k = 3; k < written.size(); ++k) {
+      ASSERT_TRUE(morvotest::Exists(written[k])) << written[k];
+    }
+  }
 }
 
 }  // namespace

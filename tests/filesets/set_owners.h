@@ -7,7 +7,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
+#include <zlib.h>
 
 #include <string>
 #include <vector>
@@ -18,6 +20,7 @@
 #include "config/tavo_common.h"
 #include "filesets/file_set.h"
 #include "filesets/morvocat_utils.h"
+#include "support/file_tree.h"
 #include "support/temp_root.h"
 
 namespace settest {
@@ -27,6 +30,7 @@ class ReaderOwner : public MorvocatUtils {
  public:
   ReaderOwner(const std::string& base, uint64_t limit)
       : MorvocatUtils(base, MorvocatUtils::kMMapWriteMode, limit) {}
+  using FileSet::AddNewFile;
   using FileSet::fileVec;
   using FileSet::maxFiles;
   using FileSet::oldStyleCheck;
@@ -38,6 +42,7 @@ class CollectorOwner : public FileSet {
  public:
   CollectorOwner(const std::string& base, uint64_t limit, SetScheme scheme = SetScheme::INDEXED)
       : FileSet(base, limit, kCollectorSetRules, scheme) {}
+  using FileSet::AddNewFile;
   using FileSet::fileVec;
   using FileSet::MakeLogFileName;
   using FileSet::maxFiles;
@@ -50,6 +55,7 @@ class TavobaseOwner : public Tavobase {
  public:
   TavobaseOwner(const std::string& base, uint64_t limit)
       : Tavobase(Config(base, limit).Group(), TavoCommon::MMAP_WRITE) {}
+  using FileSet::AddNewFile;
   using FileSet::fileVec;
   using FileSet::MakeLogFileName;
   using FileSet::maxFiles;
@@ -100,6 +106,56 @@ inline std::vector<int> Indices(const FileSet& set, const std::vector<std::strin
   for (const std::string& name : list) {
     std::string field = set.GetIndex(name);
     out.push_back(field.empty() ? -1 : atoi(field.c_str()));
+  }
+  return out;
+}
+
+// A stamp some seconds after a fixed moment, as a set name carries it.
+inline std::string StampAfter(long seconds) {
+  time_t at = 1704442502 + seconds;  // 2024-01-05 08:15:02 UTC
+  struct tm utc;
+  gmtime_r(&at, &utc);
+  char stamp[32];
+  strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M%S", &utc);
+  return stamp;
+}
+
+// The text of a file made of one or more whole gzip members and nothing
+// else, as "gzip -t" wants it; false for anything else (an empty file, a
+// member cut short, bytes after the last member).
+inline bool WholeGzip(const std::string& path, std::string* text) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (f == nullptr) return false;
+  std::string raw;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), f)) > 0) raw.append(buf, n);
+  fclose(f);
+  text->clear();
+  if (raw.empty()) return false;
+  z_stream zs{};
+  if (inflateInit2(&zs, 16 + MAX_WBITS) != Z_OK) return false;
+  zs.next_in = reinterpret_cast<Bytef*>(&raw[0]);
+  zs.avail_in = static_cast<uInt>(raw.size());
+  int rc = Z_OK;
+  while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0)) {
+    if (rc == Z_STREAM_END) inflateReset(&zs);  // the next member
+    zs.next_out = reinterpret_cast<Bytef*>(buf);
+    zs.avail_out = sizeof(buf);
+    rc = inflate(&zs, Z_NO_FLUSH);
+    text->append(buf, sizeof(buf) - zs.avail_out);
+    if (rc == Z_BUF_ERROR && zs.avail_in == 0) break;  // cut short
+  }
+  inflateEnd(&zs);
+  return rc == Z_STREAM_END && zs.avail_in == 0;
+}
+
+// The set files in folder whose names begin with prefix (the base name), in
+// no particular order.
+inline std::vector<std::string> SetFilesIn(const std::string& folder, const std::string& prefix) {
+  std::vector<std::string> out;
+  for (const std::string& name : morvotest::Entries(folder)) {
+    if (name.compare(0, prefix.size() + 2, prefix + ".I") == 0) out.push_back(folder + "/" + name);
   }
   return out;
 }
