@@ -62,8 +62,9 @@ class FileSet {
   static bool SortByEarlyTime(const std::string& a, const std::string& b);
 
   // mode 0 collects set names from directory into fileVec; mode 1 deletes
-  // the files there that match but are not of a set name's length. 1 when
-  // nothing could be scanned.
+  // the set's own names there (baseName.I... and baseName-n.tar.gz) that are
+  // not of a set name's length. Only an entry's own name is read, never the
+  // folder's. 1 when nothing could be scanned.
   int ScanDir(int mode, const std::string& directory, const std::string& baseName);
   // ScanDir over the base path's own directory.
   void ProcessMmapFileVec(int mode);
@@ -73,15 +74,17 @@ class FileSet {
   // Moves the entries after the first pivot to the front, keeping order.
   void RotateVec(std::vector<std::string>& list, const std::string& pivot) const;
   std::string GetFileByMaxTimestamp(const std::vector<std::string>& list) const;
-  // Puts a sorted list into writing order across index wrap and gaps;
-  // drops entries whose index field reads negative.
+  // Puts a sorted list into writing order across index wrap and gaps (a
+  // list holding every index, which shows no gap, by its stamps); drops
+  // entries whose index field reads negative.
   void AdjustFileVecOrder(std::vector<std::string>& list) const;
   // The index for the next file after the newest of list (reordered first),
   // or kContinueNewest where the rules allow it.
   uint32_t GetNewLogFileIndex(std::vector<std::string>& list) const;
   uint32_t GetNewLogFileIndex();
 
-  // Rebuilds fileVec from the directory: collect, sort, order, prune.
+  // Rebuilds fileVec from the directory: collect, give empty files their
+  // empty gzip member, sort, order, prune.
   void FormFileVectors();
   // Deletes the oldest files beyond the limit.
   void RemoveRedundancy();
