@@ -124,13 +124,8 @@ inline std::string StampAfter(long seconds) {
 // else, as "gzip -t" wants it; false for anything else (an empty file, a
 // member cut short, bytes after the last member).
 inline bool WholeGzip(const std::string& path, std::string* text) {
-  FILE* f = fopen(path.c_str(), "rb");
-  if (f == nullptr) return false;
-  std::string raw;
+  std::string raw = morvotest::ReadFile(path);
   char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), f)) > 0) raw.append(buf, n);
-  fclose(f);
   text->clear();
   if (raw.empty()) return false;
   z_stream zs{};
