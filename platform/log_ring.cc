@@ -23,6 +23,7 @@ constexpr uint32_t kRingVersion = 2;
 constexpr uint64_t kHeaderPage = 4096;
 constexpr uint64_t kSpillSlotSize = kRecordHeaderSize + QD_LOGGER_ENTRY_MAX_PAYLOAD;
 constexpr uint64_t kDataOffset = kHeaderPage + kSpillSlots * kSpillSlotSize;
+static_assert(kDataOffset == kRingDataOffset, "records lie where tests look for them");
 
 enum SpillState : uint32_t { kSlotFree = 0, kSlotFilling = 1, kSlotFull = 2 };
 
@@ -290,23 +291,41 @@ bool LogRing::Overwritten(uint64_t pos) const {
   return header_->tail.load(std::memory_order_relaxed) > pos;
 }
 
-uint64_t LogRing::RecordSizeAt(uint64_t pos, uint64_t head) const {
+uint64_t LogRing::SoundSizeAt(uint64_t pos, uint64_t head) const {
   qd_logger_entry entry;
-  if (head - pos < kRecordHeaderSize) return 0;
+  if (pos >= head || head - pos < kRecordHeaderSize) return 0;
   CopyOut(pos, &entry, kRecordHeaderSize);
   if (entry.hdr_size != kRecordHeaderSize || entry.len < kRecordMinPayload ||
-      entry.len > QD_LOGGER_ENTRY_MAX_PAYLOAD || head - pos - kRecordHeaderSize < entry.len) {
+      entry.len > QD_LOGGER_ENTRY_MAX_PAYLOAD || entry.lid != static_cast<uint32_t>(id_) ||
+      head - pos - kRecordHeaderSize < entry.len) {
     return 0;
   }
-  return kRecordHeaderSize + entry.len;
+  unsigned char last;
+  CopyOut(pos + kRecordHeaderSize + entry.len - 1, &last, 1);
+  return last == '\0' ? kRecordHeaderSize + entry.len : 0;
+}
+
+// A sound record followed by another or by the head: a run of payload
+// bytes that happens to read as a header is rarely followed by a second.
+bool LogRing::SoundBoundary(uint64_t pos, uint64_t head) const {
+  uint64_t size = SoundSizeAt(pos, head);
+  return size != 0 && (pos + size == head || SoundSizeAt(pos + size, head) != 0);
+}
+
+// Past a damaged record at pos, byte by byte: its own length is not to be
+// trusted. Each step reads a few bytes, so the walk is bounded by the ring.
+uint64_t LogRing::NextSoundRecord(uint64_t pos, uint64_t head) const {
+  for (uint64_t at = pos + 1; at < head; ++at) {
+    if (SoundBoundary(at, head)) return at;
+  }
+  return head;
 }
 
 uint64_t LogRing::DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) const {
   while (head - tail > keep) {
-    uint64_t size = RecordSizeAt(tail, head);
-    // A malformed record ends the walk: everything up to head goes.
-    if (size == 0) return head;
-    tail += size;
+    uint64_t size = SoundSizeAt(tail, head);
+    // A damaged record goes alone; the records after it stay.
+    tail = size != 0 ? tail + size : NextSoundRecord(tail, head);
   }
   return tail;
 }
@@ -436,6 +455,11 @@ int LogRing::ReadAt(uint64_t pos, uint64_t head, qd_log_msg* msg) const {
   if (msg->buf[size - 1] != '\0') return -EINVAL;
   msg->buf[size] = '\0';
   return size;
+}
+
+bool LogRing::SkipDamaged(uint64_t pos, uint64_t head, uint64_t* next) const {
+  *next = NextSoundRecord(pos, head);
+  return !Overwritten(pos);
 }
 
 }  // namespace platform

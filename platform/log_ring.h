@@ -41,6 +41,9 @@ static_assert(sizeof(qd_logger_entry) == 28, "the record header is 28 bytes");
 constexpr uint64_t kRingLockOffset = 64;
 constexpr uint64_t kRingLockSize = 64;
 constexpr uint32_t kSpillSlots = 8;
+// Where the records start in a ring file: after the header page and one
+// 4096-byte page per spill slot.
+constexpr uint64_t kRingDataOffset = 4096 + kSpillSlots * 4096;
 
 // Called by a writer right after it took a ring's lock (a test seam).
 void SetLockHeldHook(void (*hook)());
@@ -96,6 +99,10 @@ class LogRing {
   int ReadHeaderAt(uint64_t pos, uint64_t head, qd_logger_entry* out) const;
   // Copies the whole record at pos into msg, NUL after it. As ReadHeaderAt.
   int ReadAt(uint64_t pos, uint64_t head, qd_log_msg* msg) const;
+  // For a reader that found the record at pos malformed: *next is where
+  // the next sound record starts, head when none does. False when writers
+  // overwrote pos meanwhile (start again from the tail).
+  bool SkipDamaged(uint64_t pos, uint64_t head, uint64_t* next) const;
 
   struct Header;
 
@@ -118,7 +125,9 @@ class LogRing {
   void DrainSpill();
   bool SpillWaiting() const;
   unsigned char* SpillData(uint32_t slot) const;
-  uint64_t RecordSizeAt(uint64_t pos, uint64_t head) const;
+  uint64_t SoundSizeAt(uint64_t pos, uint64_t head) const;
+  bool SoundBoundary(uint64_t pos, uint64_t head) const;
+  uint64_t NextSoundRecord(uint64_t pos, uint64_t head) const;
   uint64_t DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) const;
   void CopyIn(uint64_t pos, const void* src, uint64_t size);
   void CopyOut(uint64_t pos, void* dst, uint64_t size) const;

@@ -4,12 +4,14 @@
 #include <errno.h>
 #include <limits.h>
 #include <sched.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
 #include <new>
 
+#include "platform/log_format.h"
 #include "platform/log_ring.h"
 #include "platform/log_store_dir.h"
 #include "platform/logger.h"
@@ -91,6 +93,15 @@ int FillPending(qd_logger* logger) {
     if (logger->pos > head || logger->pos < tail) logger->pos = tail;
     if (logger->pos == head) return 0;
     int size = ring->ReadAt(logger->pos, head, &logger->pending);
+    if (size == -EINVAL) {
+      // One damaged stretch costs its records and one line, not the read.
+      uint64_t next;
+      if (!ring->SkipDamaged(logger->pos, head, &next)) continue;
+      fprintf(stderr, "log store: skipped a damaged record in %s\n",
+              qdlogging_log_id_to_name(ring->id()));
+      logger->pos = next;
+      continue;
+    }
     if (size < 0) return size;
     if (size == 0) continue;  // overwritten while copied: the tail moved on
     logger->pendingPos = logger->pos;
@@ -203,7 +214,11 @@ int CollectStamps(qd_logger* logger, unsigned int tail, Stamps* out) {
     for (uint64_t pos = first; pos < head && !overwritten;) {
       qd_logger_entry entry;
       int size = logger->ring->ReadHeaderAt(pos, head, &entry);
-      if (size < 0) return size;
+      if (size < 0) {
+        // Damaged: the read that reaches it says so.
+        overwritten = !logger->ring->SkipDamaged(pos, head, &pos);
+        continue;
+      }
       overwritten = size == 0;
       pid_t pid = logger->list->pid;
       if (size > 0 && (pid == 0 || entry.pid == pid)) {
