@@ -28,10 +28,17 @@ static_assert(kDataOffset == kRingDataOffset, "records lie where tests look for 
 enum SpillState : uint32_t { kSlotFree = 0, kSlotFilling = 1, kSlotFull = 2 };
 
 std::atomic<void (*)()> gLockHeldHook{nullptr};
+std::atomic<void (*)(ResizeStep)> gResizeHook{nullptr};
+
+void ResizeStepDone(ResizeStep step) {
+  void (*hook)(ResizeStep) = gResizeHook.load();
+  if (hook != nullptr) hook(step);
+}
 
 }  // namespace
 
 void SetLockHeldHook(void (*hook)()) { gLockHeldHook.store(hook); }
+void SetResizeHook(void (*hook)(ResizeStep step)) { gResizeHook.store(hook); }
 
 struct SpillSlot {
   std::atomic<uint32_t> state;
@@ -48,7 +55,9 @@ struct LogRing::Header {
   uint32_t logId;
   uint64_t capacity;
   std::atomic<uint32_t> retired;
-  uint32_t reserved;
+  // Set, under the lock, while a resizer puts a new file in this one's
+  // place; a mark found by the next owner of the lock is a dead resizer's.
+  std::atomic<uint32_t> replacing;
   alignas(64) RingLockState lock;
   alignas(64) std::atomic<uint64_t> head;
   std::atomic<uint64_t> evicted;
@@ -61,6 +70,8 @@ static_assert(sizeof(LogRing::Header) <= kHeaderPage, "the ring header fits its 
 static_assert(offsetof(LogRing::Header, lock) == kRingLockOffset &&
                   sizeof(RingLockState) <= kRingLockSize,
               "the lock lies where tests look for it");
+static_assert(offsetof(LogRing::Header, retired) == kRingRetiredOffset,
+              "the retired word lies where tests look for it");
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "positions are shared lock-free");
 static_assert(kSpillSlotSize == 4096, "a spill slot holds the largest record");
 
@@ -84,7 +95,7 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
   header->logId = layout->id;
   header->capacity = layout->capacity;
   header->retired.store(0, std::memory_order_relaxed);
-  header->reserved = 0;
+  header->replacing.store(0, std::memory_order_relaxed);
   new (&header->lock) RingLockState();
   header->spillSequence.store(0, std::memory_order_relaxed);
   for (SpillSlot& slot : header->spill) slot.state.store(kSlotFree, std::memory_order_relaxed);
@@ -156,7 +167,10 @@ int LogRing::Map() {
     if (rc == 0) {
       if (ValidHeader(mapping)) {
         Adopt(mapping);
-        return 0;
+        if (!writable_ || header_->retired.load(std::memory_order_acquire) == 0) return 0;
+        rc = Renew();
+        if (rc != -EAGAIN) return rc;
+        continue;
       }
       UnmapShared(&mapping);
       rc = -EINVAL;
@@ -175,20 +189,32 @@ int LogRing::Map() {
 }
 
 bool LogRing::Stale() const {
-  return header_->magic != kRingMagic || header_->version != kRingVersion ||
-         header_->logId != static_cast<uint32_t>(id_) || header_->capacity != capacity_ ||
-         header_->retired.load(std::memory_order_acquire) != 0;
+  if (header_->magic != kRingMagic || header_->version != kRingVersion ||
+      header_->logId != static_cast<uint32_t>(id_) || header_->capacity != capacity_ ||
+      header_->retired.load(std::memory_order_acquire) != 0) {
+    return true;
+  }
+  // Being replaced: once the new file holds the name this one is done,
+  // even when its resizer died before saying so.
+  return header_->replacing.load(std::memory_order_acquire) != 0 &&
+         !NameHolds(dirFd_, name_, mapping_);
 }
 
 int LogRing::LockFresh() {
   if (Stale()) return -ESTALE;
   int rc = RingLock(&header_->lock);
   if (rc != 0) return rc;
-  if (Stale()) {
-    RingUnlock(&header_->lock);
-    return -ESTALE;
+  bool marked = header_->replacing.load(std::memory_order_relaxed) != 0;
+  if (!Stale()) {
+    // No resize is under way while the lock is held: the mark is a
+    // resizer's that died before its file took the name; the ring goes on.
+    if (marked) header_->replacing.store(0, std::memory_order_relaxed);
+    return 0;
   }
-  return 0;
+  // Or after: the swap is finished for it, so readers stop asking the folder.
+  if (marked) header_->retired.store(1, std::memory_order_release);
+  RingUnlock(&header_->lock);
+  return -ESTALE;
 }
 
 bool LogRing::Reopen() { return Map() == 0; }
@@ -398,6 +424,20 @@ int LogRing::Resize(uint64_t capacity) {
     Unlock();
     return 0;
   }
+  return ReplaceLocked(capacity);
+}
+
+int LogRing::Renew() {
+  int rc = RingLock(&header_->lock);
+  if (rc != 0) return rc;
+  if (!NameHolds(dirFd_, name_, mapping_)) {
+    RingUnlock(&header_->lock);
+    return -EAGAIN;
+  }
+  return ReplaceLocked(capacity_);
+}
+
+int LogRing::ReplaceLocked(uint64_t capacity) {
   uint64_t head = header_->head.load(std::memory_order_relaxed);
   uint64_t tail = header_->tail.load(std::memory_order_relaxed);
   if (tail > head || head - tail > capacity_) tail = head;
@@ -406,10 +446,19 @@ int LogRing::Resize(uint64_t capacity) {
                    header_->evicted.load(std::memory_order_relaxed) + (keepFrom - tail), this};
   SharedMapping mapping;
   // Replaced under the old file's lock, and the old file is marked before
-  // the lock is let go: a writer waiting on it then finds it retired.
-  rc = PublishSharedFile(dirFd_, name_, kDataOffset + capacity, kRingFileMode, true, InitFile,
-                         &layout, &mapping);
-  if (rc == 0) header_->retired.store(1, std::memory_order_release);
+  // the lock is let go: a writer waiting on it then finds it retired. The
+  // mark before the swap tells the next owner, should this process die
+  // between the steps, which of them happened.
+  header_->replacing.store(1, std::memory_order_release);
+  ResizeStepDone(kResizeMarked);
+  int rc = PublishSharedFile(dirFd_, name_, kDataOffset + capacity, kRingFileMode, true,
+                             InitFile, &layout, &mapping);
+  if (rc == 0) {
+    ResizeStepDone(kResizePublished);
+    header_->retired.store(1, std::memory_order_release);
+  } else {
+    header_->replacing.store(0, std::memory_order_relaxed);
+  }
   Unlock();
   if (rc != 0) return rc;
   Adopt(mapping);

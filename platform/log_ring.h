@@ -45,8 +45,17 @@ constexpr uint32_t kSpillSlots = 8;
 // 4096-byte page per spill slot.
 constexpr uint64_t kRingDataOffset = 4096 + kSpillSlots * 4096;
 
+// Where the "retired" word lies in a ring file (tests set it).
+constexpr uint64_t kRingRetiredOffset = 24;
+
 // Called by a writer right after it took a ring's lock (a test seam).
 void SetLockHeldHook(void (*hook)());
+
+// The steps of a resize that a process may die between: the old ring
+// marked as being replaced, and the new file in place under the name.
+enum ResizeStep { kResizeMarked, kResizePublished };
+// Called by a resizer after each step (a test seam).
+void SetResizeHook(void (*hook)(ResizeStep step));
 
 class LogRing {
  public:
@@ -117,6 +126,13 @@ class LogRing {
   // Takes the lock on a header that is still this ring's; -ESTALE when it
   // is not, -EBUSY when a stopped writer holds it.
   int LockFresh();
+  // The ring under the name is marked retired, yet nothing replaced it (the
+  // mark was scribbled over): a writer puts a copy of its records in its
+  // place, under its lock. -EAGAIN when another process did first.
+  int Renew();
+  // Publishes a file of capacity bytes with the newest records that fit
+  // in place of this one, retires this one and lets its lock go.
+  int ReplaceLocked(uint64_t capacity);
   // Moves the spilled records into the ring, then lets the lock go.
   void Unlock();
   void Stamp(qd_logger_entry* entry) const;

@@ -1,5 +1,7 @@
 #include "platform/log_store_dir.h"
 
+#include <ctype.h>
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
@@ -14,6 +16,7 @@
 
 #include <atomic>
 
+#include "platform/log_lock.h"
 #include "platform/logger.h"
 #include "platform/root_path.h"
 #include "platform/safe_file.h"
@@ -24,6 +27,8 @@ namespace platform {
 namespace {
 
 std::atomic<unsigned> gTempCounter{0};
+// Every file of the store is named so (rings, the signal page).
+constexpr char kStoreNamePrefix[] = "morvo_";
 
 int Refuse(const char* what, const char* name, const char* why, int rc) {
   fprintf(stderr, "log store %s %s refused: %s\n", what, name, why);
@@ -50,13 +55,14 @@ void MakeParents(char* path) {
   }
 }
 
-int CheckStoreDir(int fd, const char* dir) {
+int CheckStoreDir(int fd, const char* dir, uid_t* owner) {
   struct stat st;
   if (fstat(fd, &st) != 0) return -errno;
   if (!TrustedOwner(st.st_uid)) return Refuse("folder", dir, "owned by another user", -EPERM);
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     return Refuse("folder", dir, "writable by group or others", -EPERM);
   }
+  *owner = st.st_uid;
   return 0;
 }
 
@@ -78,12 +84,59 @@ int CheckStoreFile(int fd, const char* name) {
 }
 
 int MapFd(int fd, size_t size, bool writable, SharedMapping* out) {
+  struct stat st;
+  if (fstat(fd, &st) != 0) return -errno;
   int prot = writable ? PROT_READ | PROT_WRITE : PROT_READ;
   void* addr = mmap(nullptr, size, prot, MAP_SHARED, fd, 0);
   if (addr == MAP_FAILED) return -errno;
   out->addr = addr;
   out->size = size;
+  out->dev = st.st_dev;
+  out->ino = st.st_ino;
   return 0;
+}
+
+// The pid in a temporary name "morvo_NAME.tmp.PID.N"; false for any other
+// name.
+bool TemporaryOf(const char* name, uint32_t* pid) {
+  if (strncmp(name, kStoreNamePrefix, strlen(kStoreNamePrefix)) != 0) return false;
+  const char* digits = strstr(name, ".tmp.");
+  if (digits == nullptr || !isdigit(static_cast<unsigned char>(digits[5]))) return false;
+  char* end = nullptr;
+  unsigned long long value = strtoull(digits + 5, &end, 10);
+  if (end[0] != '.' || !isdigit(static_cast<unsigned char>(end[1]))) return false;
+  const char* counter = end + 1;
+  strtoull(counter, &end, 10);
+  if (*end != '\0') return false;
+  // Beyond any pid: no live process can have made it.
+  *pid = value > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(value);
+  return true;
+}
+
+// A resize killed midway leaves a file of up to the largest ring in memory
+// for ever; no live process will rename it.
+void SweepTemporaries(int dirFd, uid_t owner) {
+  int fd = openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  DIR* dir = fdopendir(fd);
+  if (dir == nullptr) {
+    close(fd);
+    return;
+  }
+  while (const struct dirent* entry = readdir(dir)) {
+    uint32_t pid = 0;
+    struct stat st;
+    if (!TemporaryOf(entry->d_name, &pid) || !TaskGone(pid) ||
+        fstatat(dirFd, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+      continue;
+    }
+    // Links, folders, others' files and files with a second name were
+    // never made here.
+    if (S_ISREG(st.st_mode) && st.st_uid == owner && st.st_nlink == 1) {
+      unlinkat(dirFd, entry->d_name, 0);
+    }
+  }
+  closedir(dir);
 }
 
 // Renames temp to name in dirFd; without replace an existing name wins.
@@ -119,14 +172,16 @@ int OpenStoreDir(const char* dir) {
   }
   if (fd < 0) return fd;
   if (created) fchmod(fd, kStoreDirMode);
-  int rc = CheckStoreDir(fd, path);
-  return rc == 0 ? fd : Close(fd, rc);
+  uid_t owner = 0;
+  int rc = CheckStoreDir(fd, path, &owner);
+  if (rc != 0) return Close(fd, rc);
+  SweepTemporaries(fd, owner);
+  return fd;
 }
 
 void UnmapShared(SharedMapping* mapping) {
   if (mapping->addr != nullptr) munmap(mapping->addr, mapping->size);
-  mapping->addr = nullptr;
-  mapping->size = 0;
+  *mapping = SharedMapping();
 }
 
 int MapStoreFile(int dirFd, const char* name, bool writable, size_t minSize, size_t maxSize,
@@ -146,6 +201,12 @@ int MapStoreFile(int dirFd, const char* name, bool writable, size_t minSize, siz
   }
   if (rc == 0) rc = MapFd(fd, static_cast<size_t>(st.st_size), writable, out);
   return Close(fd, rc);
+}
+
+bool NameHolds(int dirFd, const char* name, const SharedMapping& mapping) {
+  struct stat st;
+  return fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && st.st_dev == mapping.dev &&
+         st.st_ino == mapping.ino;
 }
 
 bool RefusedStoreFile(int rc) { return rc == -ELOOP || rc == -EPERM || rc == -EMLINK; }

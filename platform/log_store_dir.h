@@ -32,11 +32,18 @@ bool LogStoreDir(char* out, size_t size);
 // user than root or the caller, or is writable by group or others is
 // refused with one line on standard error. A descriptor or a negated errno
 // (-EPERM for a refused folder).
+//
+// Opening also removes what resizers and writers killed midway left: a
+// temporary "morvo_NAME.tmp.PID.N" whose PID is no live process, when it is
+// a regular file of the folder's owner with no other name.
 int OpenStoreDir(const char* dir);
 
 struct SharedMapping {
   void* addr = nullptr;
   size_t size = 0;
+  // The file mapped, to tell whether its name still leads to it.
+  dev_t dev = 0;
+  ino_t ino = 0;
 };
 
 void UnmapShared(SharedMapping* mapping);
@@ -48,6 +55,9 @@ void UnmapShared(SharedMapping* mapping);
 // within [minSize, maxSize] (else -EINVAL). 0 or a negated errno.
 int MapStoreFile(int dirFd, const char* name, bool writable, size_t minSize, size_t maxSize,
                  SharedMapping* out);
+
+// True when name in dirFd is, at this moment, the file mapping maps.
+bool NameHolds(int dirFd, const char* name, const SharedMapping& mapping);
 
 // True for the results of MapStoreFile that no writer may repair by
 // publishing a new file: the name is not the store's to reuse silently.

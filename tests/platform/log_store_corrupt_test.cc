@@ -383,6 +383,26 @@ TEST(LogStoreCorruptTest, RandomBytesOverTheLockNeitherCrashNorHangReadersOrWrit
   }
 }
 
+TEST(LogStoreCorruptTest, ARingMarkedRetiredInPlaceIsRenewedWithItsRecords) {
+  morvotest::TempRoot root;
+  ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "kept"));
+  std::string path = RingPath(root, "morvo_main");
+  const uint32_t retired = 1;
+  ASSERT_TRUE(Overwrite(path, platform::kRingRetiredOffset,
+                        std::string(reinterpret_cast<const char*>(&retired), sizeof(retired))));
+  morvotest::ListPtr before = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(before);
+  ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "after"));
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  std::vector<Record> records = ReadAll(list.get());
+  ASSERT_EQ(2u, records.size());
+  EXPECT_EQ("kept", records[0].message);
+  EXPECT_EQ("after", records[1].message);
+  // A reader that held the marked ring follows to the renewed one.
+  EXPECT_EQ(2u, ReadAll(before.get()).size());
+}
+
 // A ring name that now leads elsewhere or belongs to someone else.
 struct RingSwap {
   const char* what;

@@ -7,6 +7,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -317,6 +318,121 @@ TEST(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRec
   std::vector<std::string> seen;
   for (const Record& r : ReadAll(list.get())) seen.push_back(r.message);
   EXPECT_EQ((std::vector<std::string>{"stopped", "0", "1", "2", "3", "4"}), seen);
+}
+
+platform::ResizeStep gKillAt = platform::kResizeMarked;
+
+void KillAtStep(platform::ResizeStep step) {
+  if (step == gKillAt) raise(SIGKILL);
+}
+
+bool WriteInChild(const char* message) {
+  return WaitChild(RunChild([message] {
+           return qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", message) > 0 ? 0 : 1;
+         })) == 0;
+}
+
+std::vector<std::string> Messages(const std::vector<Record>& records) {
+  std::vector<std::string> messages;
+  for (const Record& r : records) messages.push_back(r.message);
+  return messages;
+}
+
+TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord) {
+  struct {
+    platform::ResizeStep step;
+    long size;  // of the buffer afterwards
+  } cases[] = {{platform::kResizeMarked, QD_LOGGER_DEFAULT_RING_SIZE},
+               {platform::kResizePublished, 65536}};
+  for (const auto& c : cases) {
+    morvotest::TempRoot root;
+    for (int i = 0; i < 3; ++i) ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "before"), 0);
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    ASSERT_TRUE(list);
+    ASSERT_EQ(3u, ReadAll(list.get()).size());
+    gKillAt = c.step;
+    pid_t resizer = RunChild([] {
+      platform::SetResizeHook(KillAtStep);
+      morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+      return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0 ? 0 : 1;
+    });
+    ASSERT_EQ(-1, WaitChild(resizer)) << c.step;
+    // A writer that opens the store now, then this process's writer, which
+    // has the ring of before the resize mapped.
+    ASSERT_TRUE(WriteInChild("new writer")) << c.step;
+    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "old writer"), 0) << c.step;
+    std::vector<std::string> after = {"new writer", "old writer"};
+    EXPECT_EQ(after, Messages(ReadAll(list.get()))) << c.step;
+    EXPECT_EQ(c.size, qd_logger_get_log_size(qd_logger_open(list.get(), LOG_ID_MAIN))) << c.step;
+    morvotest::ListPtr fresh = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    ASSERT_TRUE(fresh);
+    std::vector<std::string> all = {"before", "before", "before", "new writer", "old writer"};
+    EXPECT_EQ(all, Messages(ReadAll(fresh.get()))) << c.step;
+    // A resize afterwards goes through.
+    EXPECT_EQ(0, qd_logger_set_log_size(qd_logger_open(fresh.get(), LOG_ID_MAIN), 32768)) << c.step;
+  }
+}
+
+// A file planted in the store folder under a temporary name.
+struct Leftover {
+  const char* what;
+  const char* name;  // "%d" takes the pid
+  bool live;         // named after a live process rather than a dead one
+  bool (*make)(const std::string& path, const std::string& victim);
+  bool swept;
+};
+
+bool PlainFile(const std::string& path, const std::string&) {
+  morvotest::WriteFile(path, std::string(8192, 't'));
+  return chmod(path.c_str(), 0640) == 0;
+}
+
+const Leftover kLeftovers[] = {
+    {"a ring's, of a dead resizer", "morvo_main.tmp.%d.0", false, PlainFile, true},
+    {"the signal page's, of a dead writer", "morvo_signal.tmp.%d.3", false, PlainFile, true},
+    {"of a live process", "morvo_main.tmp.%d.1", true, PlainFile, false},
+    {"owned by another user", "morvo_radio.tmp.%d.2", false,
+     [](const std::string& path, const std::string& victim) {
+       return PlainFile(path, victim) && chown(path.c_str(), morvotest::kNobody, 0) == 0;
+     },
+     false},
+    {"a symbolic link", "morvo_system.tmp.%d.4", false,
+     [](const std::string& path, const std::string& victim) {
+       return symlink(victim.c_str(), path.c_str()) == 0;
+     },
+     false},
+    {"a hard link", "morvo_crash.tmp.%d.5", false,
+     [](const std::string& path, const std::string& victim) {
+       return link(victim.c_str(), path.c_str()) == 0;
+     },
+     false},
+    {"a folder", "morvo_events.tmp.%d.6", false,
+     [](const std::string& path, const std::string&) { return mkdir(path.c_str(), 0750) == 0; },
+     false},
+    {"not a store file's", "notes.tmp.%d.7", false, PlainFile, false},
+    {"not a temporary name", "morvo_main.tmp.%dx.8", false, PlainFile, false},
+};
+
+TEST(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly) {
+  morvotest::TempRoot root;
+  ASSERT_TRUE(WriteInChild("m"));
+  pid_t dead = RunChild([] { return 0; });
+  ASSERT_EQ(0, WaitChild(dead));
+  std::string victim = root.Under("/victim");
+  morvotest::WriteFile(victim, "victim");
+  std::vector<std::string> paths;
+  for (const Leftover& leftover : kLeftovers) {
+    char name[64];
+    snprintf(name, sizeof(name), leftover.name, leftover.live ? getpid() : dead);
+    paths.push_back(morvotest::RingPath(root, name));
+    ASSERT_TRUE(leftover.make(paths.back(), victim)) << leftover.what;
+  }
+  ASSERT_TRUE(OpenList(kDrain, 0, 0, {LOG_ID_MAIN}));
+  for (size_t i = 0; i < paths.size(); ++i) {
+    struct stat st;
+    EXPECT_EQ(!kLeftovers[i].swept, lstat(paths[i].c_str(), &st) == 0) << kLeftovers[i].what;
+  }
+  EXPECT_EQ("victim", morvotest::ReadFile(victim));
 }
 
 TEST(LogStoreProcessTest, ThreadsWriteTogetherAndForkingWhileTheyWriteIsSafe) {
