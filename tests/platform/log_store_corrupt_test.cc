@@ -98,16 +98,17 @@ TEST(LogStoreCorruptTest, ShortLongOrMisplacedRingFilesAreRefused) {
   EXPECT_EQ("anew", records[0].message);
 }
 
-// Writes count records of size bytes each to main, the record n tagged "n"
-// with its number for a message; the ring takes capacity bytes (0: the
-// default). A fresh ring puts record n at position n * size.
-void WriteSized(long capacity, int size, int count) {
+// Writes records from to to (not included) of size bytes each to main, the
+// record n tagged "n" with its number for a message; the ring takes
+// capacity bytes first (0: as it is). A fresh ring puts record n at
+// position n * size.
+void WriteSized(long capacity, int size, int from, int to) {
   if (capacity != 0) {
     morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
     ASSERT_TRUE(list);
     ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_MAIN), capacity));
   }
-  for (int n = 0; n < count; ++n) {
+  for (int n = from; n < to; ++n) {
     // Priority, tag, two NULs and the header: 32 bytes besides the message.
     std::string message = std::to_string(n + 1000).substr(1);
     message.resize(static_cast<size_t>(size) - 32, 'x');
@@ -198,7 +199,7 @@ TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
   for (const DamageCase& c : DamageCases()) {
     std::string what = std::string(c.what) + ", " + c.damage.what;
     morvotest::TempRoot root;
-    WriteSized(c.capacity, c.size, c.count);
+    WriteSized(c.capacity, c.size, 0, c.count);
     uint64_t capacity = c.capacity != 0 ? c.capacity : QD_LOGGER_DEFAULT_RING_SIZE;
     for (int n : c.damaged) {
       PatchRecord(RingPath(root, "morvo_main"), capacity,
@@ -214,17 +215,35 @@ TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
 
 TEST(LogStoreCorruptTest, WritersDropADamagedRecordAloneWhenTheyNeedItsRoom) {
   morvotest::TempRoot root;
-  WriteSized(4096, 100, 30);
+  WriteSized(4096, 100, 0, 30);
   PatchRecord(RingPath(root, "morvo_main"), 4096, 500, kLengthBeyondLimit.bytes.data(), 2);
-  for (int n = 30; n < 46; ++n) {
-    std::string message = std::to_string(n + 1000).substr(1);
-    message.resize(68, 'x');
-    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "n", message.c_str()), 0);
-  }
+  WriteSized(0, 100, 30, 46);
   int reports = 0, end = 0;
   EXPECT_EQ(Numbers(6, 46, {}), ReadNumbers(&reports, &end));
   EXPECT_EQ(-EAGAIN, end);
   EXPECT_EQ(0, reports);
+}
+
+TEST(LogStoreCorruptTest, ATailScribbledIntoARecordCostsThatRecordAlone) {
+  morvotest::TempRoot root;
+  WriteSized(0, 100, 0, 3);
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_TRUE(list);
+  ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)));
+  list.reset();
+  // Records 3 to 7 follow the clear: the tail is 300, the head 800.
+  WriteSized(0, 100, 3, 8);
+  std::string path = RingPath(root, "morvo_main");
+  std::string header = morvotest::ReadFile(path).substr(0, 256);
+  uint64_t tail = 300;
+  size_t at = header.find(std::string(reinterpret_cast<const char*>(&tail), sizeof(tail)));
+  ASSERT_NE(std::string::npos, at);
+  tail += 7;
+  Patch(path, at, &tail, sizeof(tail));
+  int reports = 0, end = 0;
+  EXPECT_EQ(Numbers(4, 8, {}), ReadNumbers(&reports, &end));
+  EXPECT_EQ(-EAGAIN, end);
+  EXPECT_EQ(1, reports);
 }
 
 TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {

@@ -376,7 +376,7 @@ TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord
 // A file planted in the store folder under a temporary name.
 struct Leftover {
   const char* what;
-  const char* name;  // "%d" takes the pid
+  const char* name;  // "%d", when there, takes the pid
   bool live;         // named after a live process rather than a dead one
   bool (*make)(const std::string& path, const std::string& victim);
   bool swept;
@@ -406,6 +406,10 @@ const Leftover kLeftovers[] = {
        return link(victim.c_str(), path.c_str()) == 0;
      },
      false},
+    {"a FIFO", "morvo_stats.tmp.%d.9", false,
+     [](const std::string& path, const std::string&) { return mkfifo(path.c_str(), 0640) == 0; },
+     false},
+    {"of a pid beyond any process", "morvo_kernel.tmp.4294967296.10", false, PlainFile, true},
     {"a folder", "morvo_events.tmp.%d.6", false,
      [](const std::string& path, const std::string&) { return mkdir(path.c_str(), 0750) == 0; },
      false},
