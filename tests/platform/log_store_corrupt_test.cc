@@ -51,6 +51,15 @@ bool WriteInChild(log_id_t id, const char* message) {
   return morvotest::WaitChild(child) == 0;
 }
 
+// The messages a reader opening main now reads.
+std::vector<std::string> MainMessages() {
+  std::vector<std::string> messages;
+  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  if (!list) return {"(main does not open)"};
+  for (const Record& r : ReadAll(list.get())) messages.push_back(r.message);
+  return messages;
+}
+
 TEST(LogStoreCorruptTest, ARingOverwrittenInPlaceIsRefusedByReadersAndRenewedByWriters) {
   morvotest::TempRoot root;
   ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
@@ -91,11 +100,17 @@ TEST(LogStoreCorruptTest, ShortLongOrMisplacedRingFilesAreRefused) {
   EXPECT_FALSE(OpensAsReader(LOG_ID_RADIO));
   // A writer that finds the file cut short makes it anew.
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "anew"));
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
-  std::vector<Record> records = ReadAll(list.get());
-  ASSERT_EQ(1u, records.size());
-  EXPECT_EQ("anew", records[0].message);
+  EXPECT_EQ(std::vector<std::string>{"anew"}, MainMessages());
+}
+
+// Replaces the position from, in the ring header of the file at path, by
+// to. False when no word there holds from.
+bool PatchPosition(const std::string& path, uint64_t from, uint64_t to) {
+  std::string header = morvotest::ReadFile(path).substr(0, 256);
+  size_t at = header.find(std::string(reinterpret_cast<const char*>(&from), sizeof(from)));
+  if (at == std::string::npos) return false;
+  Patch(path, at, &to, sizeof(to));
+  return true;
 }
 
 // Writes records from to to (not included) of size bytes each to main, the
@@ -213,37 +228,46 @@ TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
   }
 }
 
-TEST(LogStoreCorruptTest, WritersDropADamagedRecordAloneWhenTheyNeedItsRoom) {
-  morvotest::TempRoot root;
-  WriteSized(4096, 100, 0, 30);
-  PatchRecord(RingPath(root, "morvo_main"), 4096, 500, kLengthBeyondLimit.bytes.data(), 2);
-  WriteSized(0, 100, 30, 46);
-  int reports = 0, end = 0;
-  EXPECT_EQ(Numbers(6, 46, {}), ReadNumbers(&reports, &end));
-  EXPECT_EQ(-EAGAIN, end);
-  EXPECT_EQ(0, reports);
-}
+// Damage dealt among writes to the ring at path, and what a reader then
+// gets.
+struct DamageAmongWrites {
+  const char* what;
+  void (*deal)(const std::string& path);
+  std::vector<int> read;
+  int reports;
+};
 
-TEST(LogStoreCorruptTest, ATailScribbledIntoARecordCostsThatRecordAlone) {
-  morvotest::TempRoot root;
-  WriteSized(0, 100, 0, 3);
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
-  ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)));
-  list.reset();
-  // Records 3 to 7 follow the clear: the tail is 300, the head 800.
-  WriteSized(0, 100, 3, 8);
-  std::string path = RingPath(root, "morvo_main");
-  std::string header = morvotest::ReadFile(path).substr(0, 256);
-  uint64_t tail = 300;
-  size_t at = header.find(std::string(reinterpret_cast<const char*>(&tail), sizeof(tail)));
-  ASSERT_NE(std::string::npos, at);
-  tail += 7;
-  Patch(path, at, &tail, sizeof(tail));
-  int reports = 0, end = 0;
-  EXPECT_EQ(Numbers(4, 8, {}), ReadNumbers(&reports, &end));
-  EXPECT_EQ(-EAGAIN, end);
-  EXPECT_EQ(1, reports);
+const DamageAmongWrites kDamagesAmongWrites[] = {
+    {"writers drop a damaged record alone when they need its room",
+     [](const std::string& path) {
+       WriteSized(4096, 100, 0, 30);
+       PatchRecord(path, 4096, 500, kLengthBeyondLimit.bytes.data(), 2);
+       WriteSized(0, 100, 30, 46);
+     },
+     Numbers(6, 46, {}), 0},
+    {"a tail scribbled into a record costs that record alone",
+     [](const std::string& path) {
+       WriteSized(0, 100, 0, 3);
+       morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+       ASSERT_TRUE(list);
+       ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)));
+       // Records 3 to 7 follow the clear: the tail is 300, the head 800.
+       WriteSized(0, 100, 3, 8);
+       ASSERT_TRUE(PatchPosition(path, 300, 307));
+     },
+     Numbers(4, 8, {}), 1},
+};
+
+TEST(LogStoreCorruptTest, DamageAmongWritesCostsTheDamagedRecordsOnly) {
+  for (const DamageAmongWrites& c : kDamagesAmongWrites) {
+    morvotest::TempRoot root;
+    c.deal(RingPath(root, "morvo_main"));
+    ASSERT_FALSE(HasFatalFailure()) << c.what;
+    int reports = 0, end = 0;
+    EXPECT_EQ(c.read, ReadNumbers(&reports, &end)) << c.what;
+    EXPECT_EQ(-EAGAIN, end) << c.what;
+    EXPECT_EQ(c.reports, reports) << c.what;
+  }
 }
 
 TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
@@ -255,13 +279,7 @@ TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
   ASSERT_TRUE(list);
   qd_logger* crash = qd_logger_open(list.get(), LOG_ID_CRASH);
   ASSERT_EQ(384, qd_logger_get_log_readable_size(crash));
-  std::string path = RingPath(root, "morvo_crash");
-  std::string page = morvotest::ReadFile(path).substr(0, 4096);
-  uint64_t head = 384;
-  size_t at = page.find(std::string(reinterpret_cast<const char*>(&head), sizeof(head)));
-  ASSERT_NE(std::string::npos, at);
-  uint64_t wild = 1ULL << 40;
-  Patch(path, at, &wild, sizeof(wild));
+  ASSERT_TRUE(PatchPosition(RingPath(root, "morvo_crash"), 384, 1ULL << 40));
   EXPECT_EQ(-EIO, qd_logger_get_log_readable_size(crash));
   qd_log_msg msg;
   EXPECT_EQ(-EIO, qd_logger_list_read(list.get(), &msg));
@@ -412,12 +430,7 @@ TEST(LogStoreCorruptTest, ARingMarkedRetiredInPlaceIsRenewedWithItsRecords) {
   morvotest::ListPtr before = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(before);
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "after"));
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
-  std::vector<Record> records = ReadAll(list.get());
-  ASSERT_EQ(2u, records.size());
-  EXPECT_EQ("kept", records[0].message);
-  EXPECT_EQ("after", records[1].message);
+  EXPECT_EQ((std::vector<std::string>{"kept", "after"}), MainMessages());
   // A reader that held the marked ring follows to the renewed one.
   EXPECT_EQ(2u, ReadAll(before.get()).size());
 }
