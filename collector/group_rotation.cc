@@ -49,21 +49,20 @@ int ShiftIn(int dirFd, const std::string& from, const std::string& to) {
 }
 
 // Enters the folder name of parent, making it with mode when missing; a
-// link there is refused. prefix is the path so far, for the messages. A
-// descriptor, or -1 after a message.
-int EnterFolder(int parent, const char* name, mode_t mode, const char* prefix) {
+// link there is refused. A descriptor, or -1 with *failed naming the step.
+int EnterFolder(int parent, const char* name, mode_t mode, const char** failed) {
   bool created = mkdirat(parent, name, mode) == 0;
   int fd = -1;
   if (created || errno == EEXIST) {
     fd = openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   }
   if (fd < 0) {
-    fprintf(stderr, "%s: mkdir [%s] err.\n", "MkdirP", prefix);
+    *failed = "mkdir";
     return -1;
   }
   // The file-creation mask may have taken bits off.
   if (created && fchmod(fd, mode) != 0) {
-    fprintf(stderr, "%s: chmod [%s] err.\n", "MkdirP", prefix);
+    *failed = "chmod";
     close(fd);
     return -1;
   }
@@ -88,16 +87,16 @@ void Tavobase::RefreshSymlinkAt(int dirFd) const {
   if (IsFactoryWrite()) return;
   for (const std::string* link : {&outputFilePath, &prevLinkPath}) {
     if (UnlinkIn(dirFd, *link) != 0) {
-      fprintf(stderr, "RefreshSymlink unlink [%s] fail\n", link->c_str());
+      Say("RefreshSymlink unlink [%s] fail\n", link->c_str());
     }
   }
   if (SymlinkIn(dirFd, logFilePath, outputFilePath) != 0) {
-    fprintf(stderr, "RefreshSymlink symlink [%s] fail\n", logFilePath.c_str());
+    Say("RefreshSymlink symlink [%s] fail\n", logFilePath.c_str());
   }
   if (fileVec.size() < 2) return;
   const std::string& previous = fileVec[fileVec.size() - 2];
   if (SymlinkIn(dirFd, previous, prevLinkPath) != 0) {
-    fprintf(stderr, "RefreshSymlink symlink [%s] fail\n", previous.c_str());
+    Say("RefreshSymlink symlink [%s] fail\n", previous.c_str());
   }
 }
 
@@ -108,9 +107,9 @@ void Tavobase::ReleaseSymlink(const char* path) const {
   if (dirFd < 0) return;
   struct stat st;
   if (fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-    if (errno != ENOENT) fprintf(stderr, "lstat file %s err\n", path);
+    if (errno != ENOENT) Say("lstat file %s err\n", path);
   } else if (S_ISLNK(st.st_mode) && unlinkat(dirFd, name.c_str(), 0) != 0) {
-    fprintf(stderr, "unlink [%s] fail\n", path);
+    Say("unlink [%s] fail\n", path);
   }
   close(dirFd);
 }
@@ -135,7 +134,7 @@ void Tavobase::RotateLogsFactory() {
   for (int i = kNumberedCopies; i >= 1; --i) {
     if (ShiftIn(dirFd, Numbered(logFilePath, i - 1), Numbered(logFilePath, i)) != 0 &&
         errno != ENOENT) {
-      perror("while rotating log files");
+      SayError("while rotating log files");
     }
   }
   curFileSize = 0;
@@ -146,7 +145,7 @@ void Tavobase::RotateLogsFactory() {
   if (dirFd >= 0) close(dirFd);
   if (setFull && maxFiles != 0) CompressLogsFactory();
   OpenLogFileFactory();
-  if (logFd < 0) perror("couldn't open output file");
+  if (logFd < 0) SayError("couldn't open output file");
 }
 
 void Tavobase::OpenLogFileFactory() {
@@ -160,13 +159,15 @@ void Tavobase::OpenLogFileFactory() {
   logFd = OpenOwnFileAt(dirFd, name, O_WRONLY | O_APPEND, kFactoryCreateMode);
   if (dirFd >= 0) close(dirFd);
   if (logFd < 0) {
+    lastError_ = dirFd < 0 ? -dirFd : -logFd;
     logFd = -1;
-    fprintf(stderr, "open file[%s] err\n", logFilePath.c_str());
+    Say("open file[%s] err\n", logFilePath.c_str());
+    BeginFault(lastError_);
     return;
   }
-  if (fchmod(logFd, kLogFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
+  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
   if (platform::GiveToRootSystem(logFd) != 0) {
-    fprintf(stderr, "chown file[%s] err\n", logFilePath.c_str());
+    Say("chown file[%s] err\n", logFilePath.c_str());
   }
   openLogFilePost();
 }
@@ -187,9 +188,9 @@ int Tavobase::MkdirP(const char* path, uint32_t mode) const {
     std::string name = dir.substr(start, pos - start);
     start = pos + 1;
     if (name.empty()) continue;
-    dir[pos] = '\0';
-    int child = EnterFolder(parent, name.c_str(), mode, dir.c_str());
-    dir[pos] = '/';
+    const char* failed = nullptr;
+    int child = EnterFolder(parent, name.c_str(), mode, &failed);
+    if (child < 0) Say("%s: %s [%s] err.\n", "MkdirP", failed, dir.substr(0, pos).c_str());
     close(parent);
     parent = child;
   }
@@ -200,11 +201,11 @@ int Tavobase::MkdirP(const char* path, uint32_t mode) const {
 
 void Tavobase::CreateDir(const char* path) const {
   if (MkdirP(path, kDirMode) == 1) {
-    fprintf(stderr, "MkdirP dir[%s] err\n", path != nullptr ? path : "");
+    Say("MkdirP dir[%s] err\n", path != nullptr ? path : "");
     return;
   }
   int dirFd = platform::OpenFolder(path);
-  if (dirFd < 0 || fchmod(dirFd, kDirMode) != 0) fprintf(stderr, "chmod dir[%s] err\n", path);
+  if (dirFd < 0 || fchmod(dirFd, kDirMode) != 0) Say("chmod dir[%s] err\n", path);
   if (dirFd >= 0) close(dirFd);
 }
 

@@ -1,6 +1,8 @@
 #include "collector/tavobase.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -58,6 +60,11 @@ Tavobase::Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite
 }
 
 Tavobase::~Tavobase() {
+  // The runner that could open the output again is gone by now.
+  if (failing_ && held_.Lost() + held_.Pending() > 0) {
+    Say("group %s: stopped, %zu lines lost\n", outputFilePath.c_str(),
+        held_.Lost() + held_.Pending());
+  }
   // The monitor flushes the writer: it must be gone first.
   delete dirMonitor;
   dirMonitor = nullptr;
@@ -100,7 +107,7 @@ int Tavobase::SetupOutput() {
     return 0;
   }
   if (CreateBugreportsDir(outputFilePath.c_str()) == 1) {
-    fprintf(stderr, "create bugreports dir error!!\n");
+    Say("create bugreports dir error!!\n");
     return 1;
   }
   // The monitor starts once the folder it watches exists: on a fresh device
@@ -110,12 +117,12 @@ int Tavobase::SetupOutput() {
   OpenLogFile();
   if (IsMMapWrite()) return 0;
   if (logFd < 0) {
-    fprintf(stderr, "couldn't open output file!!\n");
+    Say("couldn't open output file!!\n");
     return 1;
   }
   struct stat st;
   if (fstat(logFd, &st) != 0) {
-    fprintf(stderr, "fstat file %s err\n", logFilePath.c_str());
+    Say("fstat file %s err\n", logFilePath.c_str());
   } else {
     curFileSize = static_cast<size_t>(st.st_size);
   }
@@ -124,12 +131,12 @@ int Tavobase::SetupOutput() {
 
 int Tavobase::CreateBugreportsDir(const char* path) const {
   if (path == nullptr || path[0] == '\0') {
-    fprintf(stderr, "bugreport dir is invalide.\n");
+    Say("bugreport dir is invalide.\n");
     return 1;
   }
   const char* slash = strrchr(path, '/');
   if (slash == nullptr) {
-    fprintf(stderr, "pend is invalide.\n");
+    Say("pend is invalide.\n");
     return 1;
   }
   std::string dir(path, static_cast<size_t>(slash - path));
@@ -138,7 +145,7 @@ int Tavobase::CreateBugreportsDir(const char* path) const {
   // runs as root, and a link put in place of the folder is not followed.
   int dirFd = platform::OpenFolder(dir.c_str());
   if (dirFd < 0 || platform::GiveToRootSystem(dirFd) != 0) {
-    fprintf(stderr, "chown [%s] err\n", dir.c_str());
+    Say("chown [%s] err\n", dir.c_str());
   }
   if (dirFd >= 0) close(dirFd);
   return 0;
@@ -160,23 +167,39 @@ void Tavobase::OpenLogFile() {
     // file at the name and never what someone put there.
     logFd = OpenOwnFileAt(dirFd, name, O_WRONLY, kLogFileMode);
     if (logFd >= 0 && !tavoWriter->SetOutputPath(logFilePath.c_str())) {
-      fprintf(stderr, "error while set mmap output path\n");
+      Say("error while set mmap output path\n");
     }
   }
   curFileSize = 0;
   if (logFd < 0) {
+    lastError_ = dirFd < 0 ? -dirFd : -logFd;
     logFd = -1;
     if (dirFd >= 0) close(dirFd);
-    fprintf(stderr, "open or mmap file[%s] err \n", logFilePath.c_str());
+    Say("open or mmap file[%s] err \n", logFilePath.c_str());
+    BeginFault(lastError_);
     return;
   }
-  if (fchmod(logFd, kLogFileMode) != 0) fprintf(stderr, "fchmod file[%s] err\n", logFilePath.c_str());
+  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
   if (platform::GiveToRootSystem(logFd) != 0) {
-    fprintf(stderr, "chown [%s] err\n", logFilePath.c_str());
+    Say("chown [%s] err\n", logFilePath.c_str());
   }
   RefreshSymlinkAt(dirFd);
   close(dirFd);
   close(logFd);
   logFd = -1;
   openLogFilePost();
+}
+
+void Tavobase::Say(const char* format, ...) const {
+  if (resuming_) return;
+  va_list args;
+  va_start(args, format);
+  vfprintf(stderr, format, args);
+  va_end(args);
+}
+
+void Tavobase::SayError(const char* text) const {
+  int error = errno;
+  char buffer[128];
+  Say("%s: %s\n", text, strerror_r(error, buffer, sizeof(buffer)));
 }

@@ -15,6 +15,15 @@
 // mode and owner change, rename and unlink there works on descriptors opened
 // without following links, and owners are given in this process, never by a
 // program found through PATH.
+//
+// A write the output refuses (a full disk, a folder that cannot be made) is
+// no end: the sink reports the fault once, takes the records into a bounded
+// hold meanwhile and returns success, retries the output at most every
+// kRetryMillis, quietly, and writes what it holds once that works, saying
+// how many records it had to drop.
+//
+// Threads: one group thread does all writing; the directory monitor only
+// calls LogcatClose, which in mmap mode only flushes the writer.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -22,6 +31,7 @@
 
 #include <string>
 
+#include "collector/held_text.h"
 #include "config/tavo_common.h"
 #include "filesets/file_set.h"
 
@@ -30,6 +40,8 @@ class Tavo;
 
 class Tavobase : public FileSet {
  public:
+  static constexpr long kRetryMillis = 500;
+
   // group may be null (nothing configured: the defaults stay).
   Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode);
   // Stops and joins the monitor before the writer it flushes is destroyed;
@@ -52,8 +64,9 @@ class Tavobase : public FileSet {
   int CreateBugreportsDir(const char* path) const;
   void OpenLogFile();
 
-  // Each returns 0 when the text was accepted, 1 otherwise. endsRecord says
-  // whether the text finishes a record.
+  // Each returns 0 when the text was accepted (written, or held while the
+  // output fails), 1 otherwise. endsRecord says whether the text finishes a
+  // record.
   int LogcatWrite(const char* text, size_t length, bool endsRecord);
   int MmapWrite(const char* text, size_t length, bool endsRecord);
   int FactoryWrite(const char* text, size_t length, bool endsRecord);
@@ -63,6 +76,10 @@ class Tavobase : public FileSet {
   int LogcatWriteStr(const char* text, size_t width, bool endsRecord);
   // "MM-DD hh:mm:ss.mmm line\n" in local time.
   int LogcatWriteWithTimestamp(const char* line);
+  // While the output fails: tries it again, when a retry is due, and writes
+  // what is held. Every write does this; a runner whose source is idle may
+  // call it so that held records do not wait for the next one.
+  void RetryHeld();
 
   // Rotation (group_rotation.cc).
   // Names the next indexed file and appends it to the set; 1 when the index
@@ -108,9 +125,30 @@ class Tavobase : public FileSet {
   // Steps 2 to 4 of every write: rebuild a vanished file, rotate where a
   // record ended, remember whether this one does.
   void PrepareWrite(size_t length, bool endsRecord);
+  // Writes now, or holds the text while the output fails. 0.
+  int Accept(const char* text, size_t length, bool endsRecord);
+  // False when the output refused the text (lastError_ says why).
+  bool WriteNow(const char* text, size_t length, bool endsRecord);
+  bool WriteFactoryNow(const char* text, size_t length);
+  // Sets up again what a fault left closed or missing; false while it fails.
+  bool Reopen();
+  void BeginFault(int error);
+  // Standard error, except while a retry runs: a fault is told once.
+  void Say(const char* format, ...) const __attribute__((format(printf, 2, 3)));
+  // As perror, under the same rule.
+  void SayError(const char* text) const;
   // RefreshSymlink in the log folder opened as dirFd.
   void RefreshSymlinkAt(int dirFd) const;
   int WriteFormatted(const char* text, size_t width, bool endsRecord);
+
+  HeldText held_;
+  int lastError_ = 0;
+  int64_t retryAtMillis_ = 0;
+  bool failing_ = false;
+  bool resuming_ = false;
+  // A retry is opening the file: title rows it cannot write are written
+  // again at the next open, and are not held.
+  bool reopening_ = false;
 };
 
 #endif  // MORVOCAT_COLLECTOR_TAVOBASE_H_

@@ -1,7 +1,9 @@
 // The group's write paths. Every write first rebuilds a current file that
 // has vanished, then rotates when the previous write ended a record and this
-// one would reach the size threshold.
+// one would reach the size threshold. While the output fails, writes are
+// held and the output is retried now and then.
 
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -19,6 +21,12 @@ namespace {
 constexpr size_t kLineBuffer = 8192;
 constexpr size_t kStampBuffer = 32;
 
+int64_t NowMillis() {
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
 }  // namespace
 
 int Tavobase::LogcatWrite(const char* text, size_t length, bool endsRecord) {
@@ -34,34 +42,110 @@ void Tavobase::PrepareWrite(size_t length, bool endsRecord) {
 
 int Tavobase::MmapWrite(const char* text, size_t length, bool endsRecord) {
   if (text == nullptr || tavoWriter == nullptr) return 1;
-  PrepareWrite(length, endsRecord);
-  if (!tavoWriter->Write(text, length)) return 1;
-  curFileSize += length;
-  return 0;
+  return Accept(text, length, endsRecord);
 }
 
 int Tavobase::FactoryWrite(const char* text, size_t length, bool endsRecord) {
   if (text == nullptr) return 1;
-  // Closed after a failed write (a full disk, say): open again rather than
-  // take records that go nowhere.
-  if (logFd < 0 && length > 0 && !logFilePath.empty() && access(logFilePath.c_str(), F_OK) == 0) {
+  return Accept(text, length, endsRecord);
+}
+
+// A refused write ends neither the group nor its records: a fault that
+// passes (a full disk, a folder that cannot be made yet) is waited out.
+int Tavobase::Accept(const char* text, size_t length, bool endsRecord) {
+  if (failing_) RetryHeld();
+  if (!failing_ && WriteNow(text, length, endsRecord)) return 0;
+  BeginFault(lastError_);
+  if (!reopening_) held_.Add(text, length, endsRecord);
+  return 0;
+}
+
+bool Tavobase::WriteNow(const char* text, size_t length, bool endsRecord) {
+  // Closed by a rotation whose open failed, or from outside.
+  if (IsFactoryWrite() && logFd < 0 && length > 0 && !logFilePath.empty() &&
+      access(logFilePath.c_str(), F_OK) == 0) {
     OpenLogFileFactory();
   }
   PrepareWrite(length, endsRecord);
-  if (length == 0) return 0;
-  if (logFd < 0) return 1;
+  // A title row written by an open on the way failed: this text comes after it.
+  if (failing_) return false;
+  if (IsFactoryWrite()) return WriteFactoryNow(text, length);
+  if (!tavoWriter->Write(text, length)) {
+    lastError_ = errno;
+    return false;
+  }
+  curFileSize += length;
+  return true;
+}
+
+bool Tavobase::WriteFactoryNow(const char* text, size_t length) {
+  if (length == 0) return true;
+  if (logFd < 0) return false;
   size_t done = platform::WriteFully(logFd, text, length);
   curFileSize += done;
-  if (done == length) return 0;
-  fprintf(stderr, "%s: write fail\n", logFilePath.c_str());
+  if (done == length) return true;
+  lastError_ = errno;
+  Say("%s: write fail\n", logFilePath.c_str());
   // Take back the part that went in, so the refused record leaves no trace
-  // and a repeated one is not doubled.
+  // and is not doubled when it is written again.
   struct stat st;
   if (done > 0 && fstat(logFd, &st) == 0 && static_cast<size_t>(st.st_size) >= done) {
     if (ftruncate(logFd, st.st_size - static_cast<off_t>(done)) == 0) curFileSize -= done;
   }
   FactoryClose();
-  return 1;
+  return false;
+}
+
+void Tavobase::BeginFault(int error) {
+  retryAtMillis_ = NowMillis() + kRetryMillis;
+  if (failing_) return;
+  failing_ = true;
+  // A retry that fails is the same fault.
+  if (resuming_) return;
+  char buffer[128];
+  const std::string& file = logFilePath.empty() ? outputFilePath : logFilePath;
+  Say("group %s: cannot write %s: %s\n", outputFilePath.c_str(), file.c_str(),
+      strerror_r(error != 0 ? error : EIO, buffer, sizeof(buffer)));
+}
+
+bool Tavobase::Reopen() {
+  if (access(logFilePath.c_str(), F_OK) != 0) {
+    SetupOutput();
+  } else if (IsFactoryWrite() && logFd < 0) {
+    OpenLogFileFactory();
+  }
+  if (failing_) return false;
+  if (IsFactoryWrite()) return logFd >= 0;
+  // What the writer could not flush goes first.
+  if (tavoWriter->Flush()) return true;
+  lastError_ = errno;
+  return false;
+}
+
+void Tavobase::RetryHeld() {
+  if (!failing_ || resuming_ || NowMillis() < retryAtMillis_) return;
+  resuming_ = true;
+  failing_ = false;
+  reopening_ = true;
+  bool open = Reopen();
+  reopening_ = false;
+  if (!open) BeginFault(lastError_);
+  while (!failing_ && !held_.Empty()) {
+    const char* text;
+    size_t length;
+    bool endsRecord;
+    held_.Front(&text, &length, &endsRecord);
+    if (!WriteNow(text, length, endsRecord)) {
+      BeginFault(lastError_);
+      break;
+    }
+    held_.PopFront();
+  }
+  resuming_ = false;
+  if (failing_) return;
+  Say("group %s: writing again to %s, %zu lines lost\n", outputFilePath.c_str(),
+      logFilePath.c_str(), held_.Lost());
+  held_.Release();
 }
 
 int Tavobase::WriteFormatted(const char* text, size_t width, bool endsRecord) {

@@ -55,16 +55,20 @@ class TestSink : public Tavobase {
   using Tavobase::recordEnded;
   using Tavobase::rotateSizeKbytes;
   using Tavobase::tavoWriter;
+  using Tavobase::kRetryMillis;
 
-  // Written at the top of every new file when set, as a polling group's
-  // title row is.
+  // Written at the top of every new file when set, in two writes as a
+  // polling group's title row of columns is.
   std::string title;
   int opens = 0;
 
  protected:
   void openLogFilePost() override {
     ++opens;
-    if (!title.empty()) LogcatWrite(title.data(), title.size(), true);
+    if (title.empty()) return;
+    size_t half = title.size() / 2;
+    LogcatWrite(title.data(), half, false);
+    LogcatWrite(title.data() + half, title.size() - half, true);
   }
 };
 

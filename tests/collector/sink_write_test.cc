@@ -3,14 +3,20 @@
 
 #include <fcntl.h>
 #include <regex.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <time.h>
 
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "group_support.h"
 #include "sink_support.h"
+#include "support/small_fs.h"
 
 namespace {
 
@@ -257,6 +263,114 @@ TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {
   CaptureStderr();
   EXPECT_EQ(sink_->CreateBugreportsDir(root_.Under("/data/log/file/sub/x").c_str()), 0);
   EXPECT_NE(GetCapturedStderr().find("MkdirP dir["), std::string::npos);
+}
+
+constexpr int kCannotMount = 77;
+
+// Records titled as polled rows are, written on until well past the point
+// where the file system refuses them: each is taken, none ends the group.
+int WriteTitledRecords(const std::string& base, const std::function<void()>& refuse) {
+  GroupConfig config(base, 4096, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  sink.title = "Time    Level\n";
+  if (sink.SetupOutput() != 0) return 3;
+  refuse();
+  const std::string record = std::string(99, 'r') + "\n";
+  int refused = 0;
+  // On, as a polling group goes on after a failed row.
+  for (int i = 0; i < 200; ++i) refused += sink.LogcatWrite(record.data(), record.size(), true);
+  return refused == 0 ? 0 : 4;
+}
+
+// The exit status of body run in a child process.
+int InChild(const std::function<int()>& body) {
+  fflush(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) _exit(body());
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return status;
+}
+
+// A factory group whose file takes a title row, on a file system that
+// refuses its writes: it reopens the file, whose title is refused in turn;
+// that must not start over and over until the stack runs out.
+TEST_F(SinkWriteTest, RefusedWritesWithTitleRowsEndNeitherProcessNorGroup) {
+  struct Case {
+    const char* refusal;
+    std::function<int()> run;
+  };
+  const Case cases[] = {
+      {"a full disk",
+       [&] {
+         if (!morvotest::EnterPrivateMounts()) return kCannotMount;
+         morvotest::SmallFs fs(dir_, 64);
+         if (!fs.mounted()) return kCannotMount;
+         return WriteTitledRecords(base_, [&] { fs.Fill(); });
+       }},
+      {"a file size limit",
+       [&] {
+         return WriteTitledRecords(base_, [] {
+           signal(SIGXFSZ, SIG_IGN);
+           struct rlimit limit = {4096, 4096};
+           setrlimit(RLIMIT_FSIZE, &limit);
+         });
+       }},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.refusal);
+    CaptureStderr();
+    int status = InChild(c.run);
+    GetCapturedStderr();
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotMount) {
+      printf("skipped %s: cannot mount a tmpfs here\n", c.refusal);
+      continue;
+    }
+    ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+  }
+}
+
+// A group whose folder cannot be made says so once, not at each record,
+// takes its records meanwhile, and writes them all once the folder can be
+// made, within a retry period.
+TEST_F(SinkWriteTest, AFolderThatCannotBeMadeIsReportedOnceAndWritingResumes) {
+  const std::string blocked = root_.Under("/data/log/blocked");
+  for (TavoCommon::TypeWrite mode : {FACTORY_WRITE, MMAP_WRITE}) {
+    SCOPED_TRACE(mode);
+    morvotest::WriteFile(blocked, "in the way");
+    GroupConfig config(blocked + "/applog", 4096, 10);
+    TestSink sink(config, mode);
+    CaptureStderr();
+    sink.SetupOutput();
+    std::string expected;
+    for (int i = 0; i < 100; ++i) {
+      std::string line = "line " + std::to_string(i);
+      EXPECT_EQ(sink.LogcatWriteWithTimestamp(line.c_str()), 0);
+      expected += line + "\n";
+    }
+    std::string err = GetCapturedStderr();
+    EXPECT_EQ(grouptest::Count(err, "MkdirP dir["), 1u) << err;
+    EXPECT_EQ(grouptest::Count(err, "group " + config.path + ": cannot write "), 1u) << err;
+    ASSERT_EQ(unlink(blocked.c_str()), 0);
+    usleep(static_cast<useconds_t>(TestSink::kRetryMillis + 100) * 1000);
+    CaptureStderr();
+    EXPECT_EQ(sink.LogcatWriteWithTimestamp("line 100"), 0);
+    expected += "line 100\n";
+    sink.LogcatClose();
+    err = GetCapturedStderr();
+    EXPECT_EQ(err, "group " + config.path + ": writing again to " + sink.logFilePath +
+                       ", 0 lines lost\n");
+    std::string text = mode == FACTORY_WRITE ? morvotest::ReadFile(sink.logFilePath)
+                                             : sinktest::Unzipped(sink.logFilePath);
+    std::string lines;
+    for (size_t start = 0, end; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+      lines += text.substr(start + 19, end + 1 - start - 19);  // without the time stamp
+    }
+    EXPECT_EQ(lines, expected);
+    ASSERT_EQ(system(("rm -rf " + sinktest::Quoted(blocked)).c_str()), 0);
+  }
 }
 
 TEST(ReleaseFDTest, ClosesAndFreesTheHolder) {

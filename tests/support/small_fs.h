@@ -5,12 +5,20 @@
 // space on purpose, and a file that takes up whatever space is left.
 
 #include <fcntl.h>
+#include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include <string>
 
 namespace morvotest {
+
+// Moves the calling thread, and the processes it starts later, into a mount
+// namespace of its own, so that a SmallFs never shows on the host. False
+// where that is not allowed.
+inline bool EnterPrivateMounts() {
+  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
 
 class SmallFs {
  public:
