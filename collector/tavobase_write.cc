@@ -97,9 +97,9 @@ bool Tavobase::WriteFactoryNow(const char* text, size_t length) {
 }
 
 void Tavobase::BeginFault(int error) {
-  retryAtMillis_ = NowMillis() + kRetryMillis;
   if (failing_) return;
   failing_ = true;
+  retryAtMillis_ = NowMillis() + kRetryMillis;
   // A retry that fails is the same fault.
   if (resuming_) return;
   char buffer[128];
