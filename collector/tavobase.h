@@ -45,7 +45,9 @@ class Tavobase : public FileSet {
   // group may be null (nothing configured: the defaults stay).
   Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode);
   // Stops and joins the monitor before the writer it flushes is destroyed;
-  // closes the factory descriptor.
+  // closes the factory descriptor. Records still held are counted as lost
+  // ("group %s: stopped, %zu lines lost"): the open that could take them
+  // needs the runner, which is gone by now.
   ~Tavobase() override;
 
   bool IsMMapWrite() const;

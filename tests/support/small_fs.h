@@ -17,7 +17,8 @@ namespace morvotest {
 // namespace of its own, so that a SmallFs never shows on the host. False
 // where that is not allowed.
 inline bool EnterPrivateMounts() {
-  return unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+  return unshare(CLONE_NEWNS) == 0 &&
+         mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 class SmallFs {
