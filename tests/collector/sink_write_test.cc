@@ -79,8 +79,12 @@ TEST_F(SinkWriteTest, NoWriteGoesPast8191Characters) {
   EXPECT_EQ(sink_->LogcatWriteWithTimestamp(line.c_str()), 1);
 }
 
+// The sink's clock: time() reads a coarser one that can lag a stamp just
+// written by up to a tick.
 std::string StampNow() {
-  time_t now = time(nullptr);
+  timeval tv;
+  gettimeofday(&tv, nullptr);
+  time_t now = tv.tv_sec;
   struct tm local;
   localtime_r(&now, &local);
   char text[32];
