@@ -39,6 +39,12 @@ constexpr int64_t kFileRecheckNs = 1000 * 1000;
 // its writer at its own end.
 MorvocatUtils* writerSlot = nullptr;
 std::atomic<bool> slotClaimed{false};
+
+MorvocatUtils* NewWriter(const char* path, uint32_t mode, uint64_t maxFiles) {
+  return new (std::nothrow) MorvocatUtils(path, mode, maxFiles);
+}
+
+WriterFactory newWriter = NewWriter;
 int64_t nextFileCheckNs = 0;
 
 int64_t MonotonicNs() {
@@ -176,6 +182,8 @@ bool DeleteRegularFile(int dirFd, const char* name) {
 
 }  // namespace
 
+void SetWriterFactory(WriterFactory factory) { newWriter = factory != nullptr ? factory : NewWriter; }
+
 MorvocatUtils* MmapWriter(const android_logcat_context_internal* ctx) {
   if (!ctx->writesFiles) return nullptr;
   return writerSlot != nullptr && writerSlot->IsMMapWriteMode() ? writerSlot : nullptr;
@@ -196,7 +204,7 @@ void SetupOutputFile(android_logcat_context_internal* ctx) {
     return;
   }
   uint64_t maxFiles = ctx->rotateCount * ctx->compressCount;
-  writerSlot = new (std::nothrow) MorvocatUtils(ctx->outputFileName, kMmapWriteMode, maxFiles);
+  writerSlot = newWriter(ctx->outputFileName, kMmapWriteMode, maxFiles);
   nextFileCheckNs = 0;
   if (MmapWriter(ctx) != nullptr) {
     writerSlot->InitLogFiles();

@@ -18,6 +18,11 @@ namespace qdlogging {
 // memory-mapped mode, else null.
 MorvocatUtils* MmapWriter(const android_logcat_context_internal* ctx);
 
+// How a run makes its writer; a test replaces it to take the plain-file
+// path (null restores the allocation). Not for use while a run writes.
+typedef MorvocatUtils* (*WriterFactory)(const char* path, uint32_t mode, uint64_t maxFiles);
+void SetWriterFactory(WriterFactory factory);
+
 // Sets up the output of a reading run with an output file name. A second
 // file-writing run in the process is refused (status 1), and so is a run
 // whose output folder cannot be made.

@@ -14,26 +14,14 @@
 
 #include "filesets/morvocat_utils.h"
 #include "platform/logger.h"
+#include "reader/output_file.h"
 #include "reader/run_capture.h"
 #include "support/file_tree.h"
 #include "support/temp_root.h"
 
 namespace {
-bool failWriterAllocation = false;
-}  // namespace
 
-// Replaces the library's non-throwing allocation: an object of the writer's
-// size is refused while the flag is set.
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-  if (failWriterAllocation && size == sizeof(MorvocatUtils)) return nullptr;
-  try {
-    return ::operator new(size);
-  } catch (const std::bad_alloc&) {
-    return nullptr;
-  }
-}
-
-namespace {
+MorvocatUtils* NoWriter(const char*, uint32_t, uint64_t) { return nullptr; }
 
 using morvotest::Exists;
 using morvotest::RunCommand;
@@ -54,9 +42,9 @@ class PlainOutputTest : public ::testing::Test {
   void SetUp() override {
     root_.MakeDirs("/data/log");
     base_ = root_.Under("/data/log/p");
-    failWriterAllocation = true;
+    qdlogging::SetWriterFactory(NoWriter);
   }
-  void TearDown() override { failWriterAllocation = false; }
+  void TearDown() override { qdlogging::SetWriterFactory(nullptr); }
 
   // Writes count records of about 1 KiB each to morvo_main.
   static void WriteKilobyteRecords(int count) {
