@@ -6,12 +6,15 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <memory>
 #include <new>
 
+#include "collector/command_child.h"
 #include "collector/node_path.h"
 #include "collector/wait_point.h"
 #include "platform/properties.h"
@@ -22,6 +25,7 @@ namespace {
 
 constexpr size_t kPathSize = 4096;
 constexpr size_t kCmdLineSize = 256;
+constexpr size_t kStampSize = 32;
 constexpr unsigned kRetrySleepSeconds = 1;
 // A stream at end of file is read again after this pause.
 constexpr useconds_t kEndOfFilePauseMicros = 100000;
@@ -31,12 +35,13 @@ constexpr char kStopService[] = "kmsgcat_cp";
 
 using FdHolder = std::unique_ptr<int, void (*)(int*)>;
 
-// Opens a node of the configuration; the holder owns the result.
+// Opens a node of the configuration; the holder owns the result. A node is
+// read whole at each poll, so a FIFO without a writer must not block here.
 FdHolder OpenNode(const char* devicePath) {
   FdHolder holder(new (std::nothrow) int(-1), &Tavobase::ReleaseFD);
   char path[kPathSize];
   if (holder && ResolveNodePath(devicePath, path, sizeof(path))) {
-    *holder = open(path, O_RDONLY);
+    *holder = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   }
   return holder;
 }
@@ -52,6 +57,8 @@ void SleepWaiting(unsigned seconds) {
 }
 
 }  // namespace
+
+DataSrcReader::~DataSrcReader() { CloseStream(); }
 
 int DataSrcReader::WriteNodeText(char* data, size_t width, bool endsRecord) {
   size_t length = strlen(data);
@@ -116,7 +123,11 @@ int DataSrcReader::OpenDataSrc(const char* path, int* fd, bool* cshell) {
   char devicePath[kPathSize];
   if (!ResolveNodePath(path, devicePath, sizeof(devicePath)) ||
       realpath(devicePath, realDataSrc.get()) == nullptr) {
-    fprintf(stderr, "failed to translate path[%s] to absolute path\n", path);
+    // Said once while the stream stays away, not at every retry.
+    if (!openFailReported) {
+      fprintf(stderr, "failed to translate path[%s] to absolute path\n", path);
+    }
+    openFailReported = true;
     return 1;
   }
   char cshellPath[kPathSize];
@@ -126,20 +137,67 @@ int DataSrcReader::OpenDataSrc(const char* path, int* fd, bool* cshell) {
   }
   {
     WaitPoint wait;
-    *fd = open(realDataSrc.get(), O_RDONLY);
+    *fd = open(realDataSrc.get(), O_RDONLY | O_CLOEXEC);
   }
-  if (*fd >= 0) return 0;
+  if (*fd >= 0) {
+    openFailReported = false;
+    return 0;
+  }
   if (*cshell) property_set("ctl.stop", kStopService);
   return 1;
 }
 
-const char* DataSrcReader::Strchrnul(const char* text, int c) const {
-  while (*text != '\0' && *text != static_cast<char>(c)) ++text;
-  return text;
+int DataSrcReader::WriteStampedBytes(const char* text, size_t length) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  time_t seconds = now.tv_sec;
+  struct tm local;
+  char line[kReadBufSize];
+  int stamp = 0;
+  if (localtime_r(&seconds, &local) != nullptr) {
+    char when[kStampSize];
+    if (strftime(when, sizeof(when), "%m-%d %H:%M:%S", &local) == 0) when[0] = '\0';
+    stamp = snprintf_s(line, sizeof(line), sizeof(line) - 1, "%s.%03ld ", when,
+                       static_cast<long>(now.tv_usec / 1000));
+  }
+  if (stamp < 0 || static_cast<size_t>(stamp) + length + 1 > sizeof(line)) return 1;
+  memcpy(line + stamp, text, length);
+  line[stamp + length] = '\n';
+  return LogcatWrite(line, stamp + length + 1, true);
 }
 
-void DataSrcReader::OverlappingStrcpy(char* dest, const char* src) const {
-  memmove(dest, src, strlen(src) + 1);
+int DataSrcReader::WriteStreamLine(char* text, size_t length) {
+  // The sink's stamped write takes a C string, which a NUL byte would cut.
+  if (memchr(text, '\0', length) != nullptr) return WriteStampedBytes(text, length);
+  char after = text[length];
+  text[length] = '\0';
+  int result = LogcatWriteWithTimestamp(text);
+  text[length] = after;
+  return result;
+}
+
+int DataSrcReader::ParseLines(char* text, size_t length, char* buf, size_t* carry) {
+  int result = 0;
+  char* end = text + length;
+  for (char* line = text;;) {
+    auto* feed = static_cast<char*>(memchr(line, '\n', static_cast<size_t>(end - line)));
+    size_t left = static_cast<size_t>((feed != nullptr ? feed : end) - line);
+    // Full pieces go at once, so a long line is split alike however the
+    // reads cut it, and the carry always leaves room to read more.
+    while (left > kLinePiece || (feed == nullptr && left == kLinePiece)) {
+      if (WriteStreamLine(line, kLinePiece) != 0) result = 1;
+      line += kLinePiece;
+      left -= kLinePiece;
+    }
+    if (feed == nullptr) {
+      if (line != buf) memmove(buf, line, left);
+      buf[left] = '\0';
+      *carry = left;
+      return result;
+    }
+    if (left > 0 && WriteStreamLine(line, left) != 0) result = 1;
+    line = feed + 1;
+  }
 }
 
 int DataSrcReader::ParseEachLine(char* start, char* buf, int* carry) {
@@ -147,59 +205,121 @@ int DataSrcReader::ParseEachLine(char* start, char* buf, int* carry) {
     fprintf(stderr, "start or buf is null ptr\n");
     return 1;
   }
-  char* line = start;
+  size_t left = 0;
+  int result = ParseLines(start, strlen(start), buf, &left);
+  *carry = static_cast<int>(left);
+  return result;
+}
+
+int DataSrcReader::OpenStreamWaiting(const char* path, bool* cshell) {
   for (;;) {
-    char* end = const_cast<char*>(Strchrnul(line, '\n'));
-    bool last = *end == '\0';
-    if (last) {
-      if (line != buf) OverlappingStrcpy(buf, line);
-      *carry = static_cast<int>(end - line);
-      if (*carry < static_cast<int>(kReadBufSize - 1)) return 0;
-      // The whole buffer is one line: hand it over as it is.
-      *carry = 0;
-      line = buf;
-    } else {
-      *end = '\0';
-    }
-    if (*line != '\0' && LogcatWriteWithTimestamp(line) != 0) return 1;
-    if (last) return 0;
-    line = end + 1;
+    int fd = -1;
+    if (OpenDataSrc(path, &fd, cshell) == 0) return fd;
+    SleepWaiting(kRetrySleepSeconds);
   }
 }
 
-int DataSrcReader::NodeCatStream(const char* path) {
-  int fd = -1;
-  bool cshell = false;
-  if (OpenDataSrc(path, &fd, &cshell) != 0) return 1;
-  char buf[kReadBufSize];
-  int carry = 0;
-  for (;;) {
-    size_t room = kReadBufSize - 1 - static_cast<size_t>(carry);
-    ssize_t n = ReadWaiting(fd, buf + carry, room);
-    if (n < 0) {
-      if (!cshell || failureRetry == 0) break;
-      if (FailureLimitReached()) {
-        property_set("ctl.stop", kStopService);
-        break;
-      }
-      SleepWaiting(kRetrySleepSeconds);
-      fprintf(stderr, "read failure!reserved_buf_size = %d\n", static_cast<int>(room));
-      continue;
-    }
-    if (n == 0) {
-      WaitPoint wait;
-      usleep(kEndOfFilePauseMicros);
-      continue;
-    }
-    buf[carry + n] = '\0';
-    if (ParseEachLine(buf, buf, &carry) != 0) break;
+bool DataSrcReader::StreamReplaced(const char* path) const {
+  char host[kPathSize];
+  struct stat named;
+  struct stat opened;
+  if (!ResolveNodePath(path, host, sizeof(host)) || fstat(streamFd, &opened) != 0) return false;
+  if (stat(host, &named) != 0) return true;
+  return named.st_dev != opened.st_dev || named.st_ino != opened.st_ino;
+}
+
+bool DataSrcReader::RetryRead(bool cshell, size_t room) {
+  if (!cshell || failureRetry == 0) return false;
+  if (FailureLimitReached()) {
+    property_set("ctl.stop", kStopService);
+    return false;
   }
-  close(fd);
-  return 1;
+  SleepWaiting(kRetrySleepSeconds);
+  fprintf(stderr, "read failure!reserved_buf_size = %d\n", static_cast<int>(room));
+  return true;
+}
+
+int DataSrcReader::NodeCatStream(const char* path) {
+  if (path == nullptr) return 1;
+  bool cshell = false;
+  CloseStream();
+  streamCarry = 0;
+  for (;;) {
+    if (streamFd < 0) streamFd = OpenStreamWaiting(path, &cshell);
+    size_t room = kReadBufSize - 1 - streamCarry;
+    ssize_t n = ReadWaiting(streamFd, streamBuf + streamCarry, room);
+    if (n > 0) {
+      // A line the sink refused is the sink's to count; the stream goes on.
+      ParseLines(streamBuf, streamCarry + static_cast<size_t>(n), streamBuf, &streamCarry);
+    } else if (n == 0) {
+      if (StreamReplaced(path)) {
+        CloseStream();
+      } else {
+        WaitPoint wait;
+        usleep(kEndOfFilePauseMicros);
+      }
+    } else if (errno != EINTR && !RetryRead(cshell, room)) {
+      // A read error may pass: the stream is opened again.
+      CloseStream();
+      SleepWaiting(kRetrySleepSeconds);
+    }
+  }
+}
+
+void DataSrcReader::CloseStream() {
+  if (streamFd >= 0) close(streamFd);
+  streamFd = -1;
+}
+
+void DataSrcReader::CompleteCarriedLine() {
+  int flags = fcntl(streamFd, F_GETFL);
+  if (flags < 0 || fcntl(streamFd, F_SETFL, flags | O_NONBLOCK) != 0) return;
+  // One byte at a time, so nothing after the line end is taken.
+  while (streamCarry < kLinePiece && read(streamFd, streamBuf + streamCarry, 1) == 1 &&
+         streamBuf[streamCarry] != '\n') {
+    ++streamCarry;
+  }
+}
+
+void DataSrcReader::FlushStreamCarry() {
+  if (streamCarry > 0 && streamFd >= 0) CompleteCarriedLine();
+  CloseStream();
+  size_t length = streamCarry;
+  streamCarry = 0;
+  if (length > 0) WriteStreamLine(streamBuf, length);
+}
+
+int DataSrcReader::CopyCommandOutput(char* cmdLine) {
+  char* argv[kCmdLineSize / 2 + 1];
+  size_t count = 0;
+  char* save = nullptr;
+  for (char* word = strtok_r(cmdLine, " \t", &save); word != nullptr;
+       word = strtok_r(nullptr, " \t", &save)) {
+    argv[count++] = word;
+  }
+  argv[count] = nullptr;
+  char program[kPathSize];
+  if (count == 0 || !CommandChild::Find(argv[0], program, sizeof(program))) {
+    fprintf(stderr, "dumpsys not found in %s\n", CommandChild::kSearchDirs);
+    return 1;
+  }
+  CommandChild child;
+  if (!child.Start(program, argv)) return 1;
+  char piece[kReadBufSize];
+  int result = 0;
+  for (;;) {
+    ssize_t n = ReadWaiting(child.Output(), piece, sizeof(piece));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    if (LogcatWrite(piece, static_cast<size_t>(n), true) != 0) result = 1;
+  }
+  child.Finish();
+  return result;
 }
 
 int DataSrcReader::SystemCmdCat(const char* command) {
   if (command == nullptr) return 1;
+  int result = 0;
   time_t now = time(nullptr);
   struct tm local;
   if (localtime_r(&now, &local) != nullptr) {
@@ -212,31 +332,14 @@ int DataSrcReader::SystemCmdCat(const char* command) {
       fprintf(stderr, "format current time failed\n");
       return 1;
     }
-    if (LogcatWrite(header, static_cast<size_t>(length), true) != 0) return 1;
+    // A refused header does not cost the output.
+    if (LogcatWrite(header, static_cast<size_t>(length), true) != 0) result = 1;
   }
   char cmdLine[kCmdLineSize];
   if (snprintf_s(cmdLine, sizeof(cmdLine), sizeof(cmdLine) - 1, "dumpsys %s", command) < 0) {
     fprintf(stderr, "cmd write failed\n");
     return 1;
   }
-  FILE* output = popen(cmdLine, "r");
-  if (output == nullptr) return 1;
-  char piece[kReadBufSize];
-  int result = 0;
-  for (;;) {
-    size_t n;
-    {
-      WaitPoint wait;
-      n = fread(piece, 1, sizeof(piece), output);
-    }
-    if (n == 0) break;
-    if (LogcatWrite(piece, n, true) != 0) {
-      result = 1;
-      break;
-    }
-  }
-  // A command that never ends must not hold the group past the teardown.
-  WaitPoint wait;
-  pclose(output);
+  if (CopyCommandOutput(cmdLine) != 0) result = 1;
   return result;
 }

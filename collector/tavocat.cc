@@ -73,6 +73,7 @@ void Tavocat::Cancel() {
 
 void Tavocat::FlushAll() {
   if (inputMonitor.GatheredLength() > 0) inputMonitor.MonitorFlush();
+  FlushStreamCarry();
   LogcatClose();
 }
 

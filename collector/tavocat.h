@@ -27,8 +27,9 @@ class Tavocat : public DataSrcReader, public ThreadBase {
   // that a running Run end at its next wait.
   bool RunEnded() const { return runEnded; }
   void Cancel();
-  // Hands over the input text gathered so far and flushes or closes the
-  // sink; for a group whose thread has ended.
+  // Hands over the input text gathered so far and the stream's partial
+  // last line, and flushes or closes the sink; for a group whose thread has
+  // ended.
   void FlushAll();
 
   int MonitorNode();

@@ -1,14 +1,17 @@
 // The sources a group copies: nodes read whole (widths, the line-end rule,
 // pieces of long nodes, "Read Fail", retries), alternative nodes, streams
-// split into time-stamped lines, and dumpsys output with its header.
+// split into time-stamped lines through long lines, NUL bytes and faults
+// that pass, and dumpsys output with its header, run without a shell.
 
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <random>
 #include <regex>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +19,7 @@
 #include "collector/group_support.h"
 #include "collector/wait_point.h"
 #include "platform/properties.h"
+#include "support/small_fs.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -148,86 +152,224 @@ TEST_F(DataSources, StreamTextIsSplitIntoStampedLinesAcrossReads) {
   EXPECT_EQ("start or buf is null ptr\n", err.Text());
 }
 
-TEST_F(DataSources, AFullBufferWithoutALineEndIsHandedOverAsOneLine) {
-  char buf[DataSrcReader::kReadBufSize];
-  std::string line(8000, 'x');
-  strcpy(buf, (line + "\nyy").c_str());
-  int carry = 0;
-  EXPECT_EQ(0, Sink().ParseEachLine(buf, buf, &carry));
-  EXPECT_EQ(2, carry);
-  EXPECT_NE(std::string::npos, Written().find(" " + line + "\n"));
-  // 8191 characters leave no room for the time stamp: the sink refuses it.
-  memset(buf, 'z', 8191);
-  buf[8191] = '\0';
-  StderrCapture err;
-  EXPECT_EQ(1, Sink().ParseEachLine(buf, buf, &carry));
-  EXPECT_EQ(0, carry);
-  EXPECT_EQ("format timestamp failed\n", err.Text());
-}
+// A stream read on its own thread, stopped as the collector's teardown
+// stops it, with its partial last line handed over.
+class StreamRun {
+ public:
+  StreamRun(SourceSink* sink, const char* path) : sink_(sink), path_(path) {
+    started_ = pthread_create(&thread_, nullptr, Body, this) == 0;
+  }
+  ~StreamRun() { Stop(); }
+  bool started() const { return started_; }
+  void Stop() {
+    if (!started_) return;
+    pthread_cancel(thread_);
+    pthread_join(thread_, nullptr);
+    sink_->FlushStreamCarry();
+    started_ = false;
+  }
 
-void* StreamThread(void* sink) {
-  WaitPoint::CloseOutsideWaits();
-  static_cast<SourceSink*>(sink)->NodeCatStream("/proc/kmsg");
-  return nullptr;
-}
+ private:
+  static void* Body(void* self) {
+    WaitPoint::CloseOutsideWaits();
+    auto* run = static_cast<StreamRun*>(self);
+    run->sink_->NodeCatStream(run->path_);
+    return nullptr;
+  }
+  SourceSink* sink_;
+  const char* path_;
+  pthread_t thread_;
+  bool started_ = false;
+};
 
-TEST_F(DataSources, AStreamAtEndOfFileGoesOnWithWhatIsAppended) {
-  root.MakeDirs("/proc");
-  WriteFile(root.Under("/proc/kmsg"), "first\npart");
-  pthread_t thread;
-  ASSERT_EQ(0, pthread_create(&thread, nullptr, StreamThread, &Sink()));
-  ASSERT_TRUE(grouptest::WaitFor([&] { return Written().find("first\n") != std::string::npos; }));
-  FILE* kmsg = fopen(root.Under("/proc/kmsg").c_str(), "a");
-  fputs("ial\n\nlast\n", kmsg);
-  fclose(kmsg);
-  ASSERT_TRUE(grouptest::WaitFor([&] { return Written().find("last\n") != std::string::npos; }));
-  pthread_cancel(thread);
-  pthread_join(thread, nullptr);
+class StreamSource : public DataSources {
+ protected:
+  StreamSource() { root.MakeDirs("/proc"); }
+  std::string Kmsg() const { return root.Under("/proc/kmsg"); }
+  void Append(const std::string& text) const {
+    FILE* kmsg = fopen(Kmsg().c_str(), "a");
+    fwrite(text.data(), 1, text.size(), kmsg);
+    fclose(kmsg);
+  }
+  bool Arrived(const std::string& line) {
+    return grouptest::WaitFor([&] { return Written().find(line) != std::string::npos; });
+  }
+  // The written lines without their stamps; every line must have one.
+  std::vector<std::string> Lines() {
+    std::vector<std::string> lines;
+    std::string text = Written();
+    std::regex stamp(std::string("^") + kStamp);
+    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
+      std::string line = text.substr(at, end - at);
+      EXPECT_TRUE(std::regex_search(line, stamp)) << line.substr(0, 40);
+      lines.push_back(line.size() > kStampLength ? line.substr(kStampLength) : "");
+    }
+    return lines;
+  }
+  static constexpr size_t kStampLength = 19;
+};
+
+TEST_F(StreamSource, AStreamAtEndOfFileGoesOnWithWhatIsAppended) {
+  WriteFile(Kmsg(), "first\npart");
+  StreamRun run(&Sink(), "/proc/kmsg");
+  ASSERT_TRUE(Arrived("first\n"));
+  Append("ial\n\nlast\n");
+  ASSERT_TRUE(Arrived("last\n"));
+  run.Stop();
   std::regex lines(std::string("^") + kStamp + "first\n" + kStamp + "partial\n" + kStamp +
                    "last\n$");
   EXPECT_TRUE(std::regex_match(Written(), lines)) << Written();
 }
 
-TEST_F(DataSources, StreamsThatCannotBeOpenedOrReadEnd) {
+TEST_F(StreamSource, LinesTooLongForOneStampedLineAreSplitAndTheNextLinesFollow) {
+  const struct {
+    size_t length;
+    std::vector<size_t> pieces;
+  } kCases[] = {
+      {8171, {8171}},       {8172, {8171, 1}},
+      {8191, {8171, 20}},   {8192, {8171, 21}},
+      {16342, {8171, 8171}}, {30000, {8171, 8171, 8171, 5487}},
+  };
+  WriteFile(Kmsg(), "");
+  StreamRun run(&Sink(), "/proc/kmsg");
+  std::vector<std::string> expected;
+  for (const auto& c : kCases) {
+    std::string line;
+    for (size_t i = 0; i < c.length; ++i) line.push_back(static_cast<char>('a' + i % 26));
+    Append(line + "\nafter " + std::to_string(c.length) + "\n");
+    for (size_t at = 0, k = 0; k < c.pieces.size(); at += c.pieces[k++]) {
+      expected.push_back(line.substr(at, c.pieces[k]));
+    }
+    expected.push_back("after " + std::to_string(c.length));
+    ASSERT_TRUE(Arrived("after " + std::to_string(c.length) + "\n")) << c.length;
+  }
+  EXPECT_EQ(expected, Lines());
+}
+
+TEST_F(StreamSource, NulAndBinaryBytesStayInTheirLines) {
+  std::mt19937 random(7);
+  std::string text;
+  std::vector<std::string> expected;
+  for (int n = 0; n < 200; ++n) {
+    std::string line = "line " + std::to_string(n) + " ";
+    for (int i = random() % 40; i >= 0; --i) {
+      char byte = static_cast<char>(random() % 256);
+      line.push_back(byte == '\n' ? '\0' : byte);
+    }
+    line += std::string(1, '\0') + "tail";
+    expected.push_back(line);
+    text += line + "\n";
+  }
+  WriteFile(Kmsg(), text);
+  StreamRun run(&Sink(), "/proc/kmsg");
+  ASSERT_TRUE(Arrived(expected.back() + "\n"));
+  EXPECT_EQ(expected, Lines());
+}
+
+// Faults that pass: the stream comes back by itself once the cause is gone.
+TEST_F(StreamSource, AStreamResumesAfterAFaultThatPasses) {
+  const struct {
+    const char* name;
+    bool first;  // the stream holds a line before the fault
+    void (*before)(const std::string& kmsg);
+    void (*fault)(const std::string& kmsg);
+  } kCases[] = {
+      {"missing at start", false, [](const std::string&) {}, [](const std::string&) {}},
+      {"removed and recreated", true,
+       [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
+       [](const std::string& kmsg) { unlink(kmsg.c_str()); }},
+      {"replaced by rename", true,
+       [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
+       [](const std::string& kmsg) {
+         WriteFile(kmsg + ".new", "");
+         rename((kmsg + ".new").c_str(), kmsg.c_str());
+       }},
+      {"read error on a folder", false, [](const std::string& kmsg) { mkdir(kmsg.c_str(), 0755); },
+       [](const std::string& kmsg) { rmdir(kmsg.c_str()); }},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    c.before(Kmsg());
+    StderrCapture err;
+    {
+      StreamRun run(&Sink(), "/proc/kmsg");
+      if (c.first) {
+        ASSERT_TRUE(Arrived("one\n"));
+      }
+      c.fault(Kmsg());
+      Append("two\n");
+      ASSERT_TRUE(Arrived("two\n"));
+    }
+    unlink(Kmsg().c_str());
+    // Said once while the stream is away, however often it is retried.
+    EXPECT_LE(grouptest::Count(err.Text(), "failed to translate path"), 1u);
+    sink.reset();
+    unlink(record.path.c_str());
+  }
+}
+
+TEST_F(StreamSource, LinesTheSinkRefusesDoNotEndTheStream) {
+  root.MakeDirs("/data/log/src");
+  morvotest::SmallFs fs(root.Under("/data/log/src"), 64);
+  if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  WriteFile(Kmsg(), "one\n");
   Sink();
   StderrCapture err;
-  EXPECT_EQ(1, Sink().NodeCatStream("/proc/none"));
+  StreamRun run(&Sink(), "/proc/kmsg");
+  ASSERT_TRUE(Arrived("one\n"));
+  fs.Fill();
+  Append(std::string(5000, 'x') + "\n");
+  ASSERT_TRUE(grouptest::WaitFor([&] { return err.Peek().find("write fail") != std::string::npos; }));
+  fs.Free();
+  Append("two\n");
+  ASSERT_TRUE(Arrived("two\n"));
+}
+
+TEST_F(StreamSource, APartialLastLineIsHandedOverWhenTheStreamStops) {
+  WriteFile(Kmsg(), "whole\nno end yet");
+  StreamRun run(&Sink(), "/proc/kmsg");
+  ASSERT_TRUE(Arrived("whole\n"));
+  run.Stop();
+  EXPECT_EQ(std::vector<std::string>({"whole", "no end yet"}), Lines());
+}
+
+TEST_F(StreamSource, OnlyANullStreamPathEndsTheStream) {
+  StderrCapture err;
   EXPECT_EQ(1, Sink().NodeCatStream(nullptr));
-  root.MakeDirs("/proc/dir");
-  EXPECT_EQ(1, Sink().NodeCatStream("/proc/dir"));
-  EXPECT_EQ("failed to translate path[/proc/none] to absolute path\n", err.Text());
+  EXPECT_EQ("", err.Text());
   char value[PROPERTY_VALUE_MAX];
   property_get("ctl.stop", value, "");
   EXPECT_STREQ("", value);
 }
 
-TEST_F(DataSources, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
+TEST_F(StreamSource, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
   record.group.failureRetry = 2;
   root.MakeDirs("/dev/cshell_log");
   Sink();
   StderrCapture err;
-  EXPECT_EQ(1, Sink().NodeCatStream("/dev/cshell_log"));
-  EXPECT_EQ("read failure!reserved_buf_size = 8191\n", err.Text());
+  char value[PROPERTY_VALUE_MAX] = "";
+  {
+    StreamRun run(&Sink(), "/dev/cshell_log");
+    ASSERT_TRUE(grouptest::WaitFor([&] {
+      property_get("ctl.stop", value, "");
+      return strcmp(value, "kmsgcat_cp") == 0;
+    }));
+  }
+  std::string text = err.Text();
+  std::string message = "read failure!reserved_buf_size = 8191\n";
+  EXPECT_LE(1u, grouptest::Count(text, message));
+  EXPECT_EQ(text.size(), grouptest::Count(text, message) * message.size()) << text;
   EXPECT_EQ(0u, Sink().failureCount);
-  char value[PROPERTY_VALUE_MAX];
-  property_get("ctl.stop", value, "");
-  EXPECT_STREQ("kmsgcat_cp", value);
 }
 
 class DumpsysSource : public DataSources {
  protected:
-  void SetUp() override {
-    const char* path = getenv("PATH");
-    savedPath = path != nullptr ? path : "";
-    setenv("PATH", (root.Under("/bin") + ":" + savedPath).c_str(), 1);
-  }
-  void TearDown() override { setenv("PATH", savedPath.c_str(), 1); }
-  void Dumpsys(const std::string& body) {
-    std::string script = root.Under("/bin/dumpsys");
+  DumpsysSource() { root.MakeDirs("/system/bin"); }
+  void Dumpsys(const std::string& body, const std::string& dir = "/system/bin") {
+    std::string script = root.Under(dir + "/dumpsys");
     WriteFile(script, "#!/bin/sh\n" + body + "\n");
     chmod(script.c_str(), 0755);
   }
-  std::string savedPath;
 };
 
 TEST_F(DumpsysSource, TheOutputFollowsAHeaderUnchanged) {
@@ -253,6 +395,52 @@ TEST_F(DumpsysSource, ACommandTooLongForTheHeaderIsNotRun) {
   EXPECT_EQ("format current time failed\n", err.Text());
   EXPECT_EQ("", Written());
   EXPECT_FALSE(morvotest::Exists(root.Under("/ran")));
+}
+
+// The collector is root: dumpsys comes from fixed system folders only, and
+// the command's words reach it as arguments, never through a shell.
+TEST_F(DumpsysSource, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
+  root.MakeDirs("/bin");
+  root.MakeDirs("/path");
+  const char* path = getenv("PATH");
+  std::string savedPath = path != nullptr ? path : "";
+  setenv("PATH", (root.Under("/path") + ":" + savedPath).c_str(), 1);
+  Dumpsys("touch " + root.Under("/from-path"), "/path");
+  Sink();
+  {
+    StderrCapture err;
+    EXPECT_EQ(1, Sink().SystemCmdCat("battery"));
+    EXPECT_EQ("dumpsys not found in /system/bin:/system/xbin:/vendor/bin:/usr/bin:/bin\n",
+              err.Text());
+  }
+  Dumpsys("for a; do printf '[%s]' \"$a\"; done", "/bin");
+  std::string attack = "battery;touch " + root.Under("/injected") + " $(id)";
+  EXPECT_EQ(0, Sink().SystemCmdCat(attack.c_str()));
+  setenv("PATH", savedPath.c_str(), 1);
+  EXPECT_FALSE(morvotest::Exists(root.Under("/from-path")));
+  EXPECT_FALSE(morvotest::Exists(root.Under("/injected")));
+  EXPECT_NE(std::string::npos,
+            Written().find("\r\n[battery;touch][" + root.Under("/injected") + "][$(id)]"))
+      << Written();
+}
+
+void* CommandThread(void* sink) {
+  WaitPoint::CloseOutsideWaits();
+  static_cast<SourceSink*>(sink)->SystemCmdCat("battery");
+  return nullptr;
+}
+
+TEST_F(DumpsysSource, ACommandThatNeverEndsGoesWithItsChildrenWhenTheThreadIsStopped) {
+  std::string marker = root.Under("/marker");
+  WriteFile(marker, "");
+  Dumpsys("echo started\ntail -f " + marker + " &\nwait");
+  pthread_t thread;
+  ASSERT_EQ(0, pthread_create(&thread, nullptr, CommandThread, &Sink()));
+  ASSERT_TRUE(grouptest::WaitFor([&] { return Written().find("started\n") != std::string::npos; }));
+  ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.path()) == 2; }));
+  pthread_cancel(thread);
+  pthread_join(thread, nullptr);
+  EXPECT_TRUE(grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.path()) == 0; }));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The group runner in each style: polled rows under their title row, the
-// trigger's index check, dumpsys passes, the kmsg-like stream, the input
-// monitor writing through the sink, and the charger presence sequence.
+// trigger's index check, polled FIFOs that never block, dumpsys passes, the
+// kmsg-like stream and its partial last line, the input monitor writing
+// through the sink, and the charger presence sequence.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -8,8 +9,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <regex>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -115,9 +118,9 @@ TEST_F(GroupRunner, OtherStylesAndMissingSourcesEndAtOnce) {
   EXPECT_EQ("", Output());
 }
 
-TEST_F(GroupRunner, AStreamGroupStampsEachLineUntilStopped) {
+TEST_F(GroupRunner, AStreamGroupStampsEachLineUntilStoppedThenHandsOverItsPartialLine) {
   root.MakeDirs("/proc");
-  WriteFile(root.Under("/proc/kmsg"), "<6>boot\n<4>warn\n");
+  WriteFile(root.Under("/proc/kmsg"), "<6>boot\n<4>warn\n<3>no end");
   std::string kmsg = "/proc/kmsg";
   TavocatInputNodeSetT node{0, Text(kmsg), nullptr, nullptr, nullptr, nullptr};
   GroupRecord record(outputPath, MONITOR_NODE);
@@ -126,17 +129,43 @@ TEST_F(GroupRunner, AStreamGroupStampsEachLineUntilStopped) {
   ASSERT_TRUE(group.Start());
   ASSERT_TRUE(grouptest::WaitFor([&] { return Output().find("<4>warn\n") != std::string::npos; }));
   Stop(group);
-  std::regex lines("^[-0-9 :.]{19}<6>boot\n[-0-9 :.]{19}<4>warn\n$");
+  group.FlushAll();
+  std::regex lines("^[-0-9 :.]{19}<6>boot\n[-0-9 :.]{19}<4>warn\n[-0-9 :.]{19}<3>no end\n$");
   EXPECT_TRUE(std::regex_match(Output(), lines)) << Output();
 }
 
+// Nodes read at each poll are opened without waiting: a FIFO with no writer
+// (as data or as title) reads as empty instead of holding the group.
+TEST_F(GroupRunner, APolledFifoWithoutAWriterReadsAsEmpty) {
+  std::string fifo = root.Under("/sys/n/fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  std::string path = "/sys/n/fifo";
+  TavocatInputNodeSetT node{10, Text(path), Text(path), nullptr, nullptr, nullptr};
+  std::atomic<bool> done{false};
+  std::thread poller([&] {
+    GroupRecord record(outputPath, POLL_NODE);
+    record.group.inputSet = &node;
+    Tavocat group(&record.group, FACTORY_WRITE);
+    group.PollNode();
+    done = true;
+  });
+  bool finished = grouptest::WaitFor([&] { return done.load(); });
+  // Hang guard: a blocked open is let go by a writer that comes and goes.
+  while (!done) {
+    int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd >= 0) close(fd);
+    usleep(20000);
+  }
+  poller.join();
+  EXPECT_TRUE(finished);
+  EXPECT_EQ("\nRead Fail \nRead Fail \n", Output());
+}
+
 TEST_F(GroupRunner, ACommandGroupRunsEachCommandEveryPass) {
-  root.MakeDirs("/bin");
-  std::string script = root.Under("/bin/dumpsys");
+  root.MakeDirs("/system/bin");
+  std::string script = root.Under("/system/bin/dumpsys");
   WriteFile(script, "#!/bin/sh\necho \"state of $1\"\n");
   chmod(script.c_str(), 0755);
-  std::string savedPath = getenv("PATH");
-  setenv("PATH", (root.Under("/bin") + ":" + savedPath).c_str(), 1);
   std::string battery = "battery", power = "power";
   TavocatInputCmdSetT second{Text(power), nullptr};
   TavocatInputCmdSetT first{Text(battery), &second};
@@ -147,7 +176,6 @@ TEST_F(GroupRunner, ACommandGroupRunsEachCommandEveryPass) {
   ASSERT_TRUE(group.Start());
   ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::Count(Output(), "state of power") == 2; }));
   Stop(group);
-  setenv("PATH", savedPath.c_str(), 1);
   std::regex passes("^(current time: <battery>[-0-9: ]+\r\nstate of battery\n"
                     "current time: <power>[-0-9: ]+\r\nstate of power\n){2,3}$");
   EXPECT_TRUE(std::regex_match(Output(), passes)) << Output();

@@ -3,8 +3,9 @@
 
 // Helpers for the tests of the collector's sources, runner and entry: group
 // records built in the test, standard error captured, a deadline-bounded
-// wait for a condition.
+// wait for a condition, the processes left running.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -59,6 +60,11 @@ class StderrCapture {
     Restore();
     return morvotest::ReadFile(path_);
   }
+  // What was written so far; the capture goes on.
+  std::string Peek() const {
+    fflush(stderr);
+    return morvotest::ReadFile(path_);
+  }
 
  private:
   void Restore() {
@@ -81,6 +87,19 @@ inline bool WaitFor(const std::function<bool()>& done) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   return true;
+}
+
+// Living processes whose command line holds marker (zombies have none).
+inline int ProcessesWith(const std::string& marker) {
+  int count = 0;
+  DIR* proc = opendir("/proc");
+  if (proc == nullptr) return -1;
+  while (struct dirent* entry = readdir(proc)) {
+    std::string cmdline = morvotest::ReadFile(std::string("/proc/") + entry->d_name + "/cmdline");
+    if (cmdline.find(marker) != std::string::npos) ++count;
+  }
+  closedir(proc);
+  return count;
 }
 
 inline size_t Count(const std::string& text, const std::string& piece) {

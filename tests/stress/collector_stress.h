@@ -43,10 +43,15 @@ struct Settings {
   size_t maxCompressd;
 };
 
+// The one group of the default configuration: a stream over the kmsg
+// stand-in, written to Output().
+inline std::string KmsgGroup();
+
 // The root of one collector: its configuration, kmsg stand-in and folders.
 class CollectorRoot {
  public:
-  explicit CollectorRoot(const Settings& settings) {
+  // groups: the tavocatGroup elements of the configuration.
+  explicit CollectorRoot(const Settings& settings, const std::string& groups = KmsgGroup()) {
     root_.MakeDirs("/proc");
     root_.MakeDirs("/data/log/ksv_log");
     // Made here so a test can mount over it or plant links in it.
@@ -57,11 +62,8 @@ class CollectorRoot {
         "<config><tavocat name=\"" + std::string(kName) + "\" platform=\"Qcom\">"
             "<logRotateSizeKBytes value=\"" + std::to_string(settings.rotateKbytes) + "\"/>"
             "<maxCompressdFiles value=\"" + std::to_string(settings.maxCompressd) + "\"/>"
-            "<writeMode value=\"" + (settings.factory ? "factory" : "mmap") + "\"/>"
-            "<tavocatGroup><logStyle value=\"monitor_node\"/>"
-            "<outputFilePath value=\"" + Output() + "\"/>"
-            "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
-            "</tavocatGroup></tavocat></config>");
+            "<writeMode value=\"" + (settings.factory ? "factory" : "mmap") + "\"/>" +
+            groups + "</tavocat></config>");
     morvotest::WriteFile(Kmsg(), "");
     // Every new file runs chown; the stock one looks up the group "system"
     // each time, which would make a thousand rotations crawl.
@@ -170,6 +172,12 @@ class Collector : private SearchPathFirst, public e2etest::CollectorProcess {
     Restore();
   }
 };
+
+inline std::string KmsgGroup() {
+  return "<tavocatGroup><logStyle value=\"monitor_node\"/>"
+         "<outputFilePath value=\"" + CollectorRoot::Output() + "\"/>"
+         "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet></tavocatGroup>";
+}
 
 inline std::vector<long> Numbers(const std::string& text) {
   return morvotest::Sequence(text, kMarker);

@@ -1,7 +1,9 @@
 // A collector process under load in both write modes: more than a thousand
-// rotations, and kills at random points followed by restarts.
+// rotations, and kills at random points followed by restarts; and its end
+// on SIGUSR2 from every wait a group can be in.
 
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -117,6 +119,67 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
     ASSERT_TRUE(found || mayBeLost[static_cast<size_t>(n)]) << "line " << n << " lost";
   }
   EXPECT_EQ(numbers.size(), at);
+}
+
+std::string PollGroup(const std::string& style, const std::string& sets) {
+  return "<tavocatGroup><logStyle value=\"" + style + "\" interval=\"1\"/>"
+         "<outputFilePath value=\"" + CollectorRoot::Output() + "\"/>" + sets + "</tavocatGroup>";
+}
+
+std::string Log(const CollectorRoot& root) {
+  return morvotest::ReadFile(root.Dir() + "/" + stresstest::kBase);
+}
+
+// SIGUSR2 ends the collector with status 12 whatever its group is waiting
+// for, leaves no child of it running and keeps the last partial line.
+TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
+  const struct {
+    const char* name;
+    std::string groups;
+    void (*plant)(const CollectorRoot&);
+    const char* ready;  // in the log once the group waits
+    void (*check)(const CollectorRoot&);
+  } kCases[] = {
+      {"a polled FIFO without a writer",
+       PollGroup("poll_node", "<inputNodeSet><dataPath value=\"/sys/ok\"/></inputNodeSet>"
+                              "<inputNodeSet><dataPath value=\"/sys/fifo\"/>"
+                              "<width value=\"10\"/></inputNodeSet>"),
+       [](const CollectorRoot& root) {
+         root.root().MakeDirs("/sys");
+         morvotest::WriteFile(root.root().Under("/sys/ok"), "ok");
+         mkfifo(root.root().Under("/sys/fifo").c_str(), 0600);
+       },
+       "ok", [](const CollectorRoot&) {}},
+      {"a dumpsys that never ends",
+       PollGroup("poll_cmd", "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"),
+       [](const CollectorRoot& root) {
+         std::string marker = root.root().Under("/marker");
+         morvotest::WriteFile(marker, "");
+         std::string script = root.root().Under("/bin/dumpsys");
+         morvotest::WriteFile(script, "#!/bin/sh\necho started\ntail -f " + marker + " &\nwait\n");
+         chmod(script.c_str(), 0755);
+       },
+       "started\n",
+       [](const CollectorRoot& root) {
+         EXPECT_TRUE(grouptest::WaitFor(
+             [&] { return grouptest::ProcessesWith(root.root().path()) == 0; }));
+       }},
+      {"a stream line without its end yet", stresstest::KmsgGroup(),
+       [](const CollectorRoot& root) { root.Append("whole\nno end yet"); }, "whole\n",
+       [](const CollectorRoot& root) {
+         EXPECT_NE(std::string::npos, Log(root).find(" no end yet\n")) << Log(root);
+       }},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name);
+    CollectorRoot root({true, 4096, 10}, c.groups);
+    c.plant(root);
+    stresstest::Collector collector(root);
+    ASSERT_TRUE(grouptest::WaitFor([&] { return Log(root).find(c.ready) != std::string::npos; }))
+        << collector.Err();
+    EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+    c.check(root);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(WriteModes, CollectorStress, ::testing::Values(false, true),
