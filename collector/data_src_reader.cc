@@ -255,6 +255,9 @@ int DataSrcReader::NodeCatStream(const char* path) {
       if (StreamReplaced(path)) {
         CloseStream();
       } else {
+        // Lines held through a write fault go out while the source is idle,
+        // not only with its next line.
+        RetryHeld();
         WaitPoint wait;
         usleep(kEndOfFilePauseMicros);
       }
