@@ -15,8 +15,11 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE BOTH)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
-set(PKG_CONFIG_EXECUTABLE aarch64-linux-gnu-pkg-config CACHE FILEPATH "")
+# pkg-config hints (FindLibXml2 asks for them) name the arm64 folders.
+set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig)
 
-# The dynamic loader and libc of the target are found under this prefix.
-set(MORVO_QEMU_LD_PREFIX /usr/aarch64-linux-gnu)
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64;-L;${MORVO_QEMU_LD_PREFIX})
+# qemu runs the test programs on the arm64 multiarch loader and libc
+# (libc6:arm64, under /). No -L /usr/aarch64-linux-gnu: that loader is the
+# cross package's build of glibc, and with the multiarch libc.so.6 that
+# /etc/ld.so.cache names it makes every fork spin in the child.
+set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64)
