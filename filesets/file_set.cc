@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "filesets/set_order.h"
 #include "platform/safe_file.h"
 #include "platform/write_fully.h"
 
@@ -74,24 +75,15 @@ FileSet::~FileSet() = default;
 
 std::string FileSet::GetInterger(const std::string& name, uint32_t total, uint32_t start,
                                  uint32_t count) const {
-  if (name.size() != total || start + count - 1 > total || start > name.size()) {
-    return std::string();
-  }
-  return name.substr(start, count);
+  return filesets::NameField(name, total, start, count);
 }
 
 std::string FileSet::GetIndex(const std::string& name) const {
-  if (outputFilePath.empty()) return std::string();
-  uint32_t length = static_cast<uint32_t>(outputFilePath.size());
-  return GetInterger(name, length + filesets::kNameTail, length + filesets::kIndexOffset,
-                     filesets::kIndexWidth);
+  return filesets::IndexField(name, outputFilePath);
 }
 
 std::string FileSet::GetTimestamp(const std::string& name) const {
-  if (outputFilePath.empty()) return std::string();
-  uint32_t length = static_cast<uint32_t>(outputFilePath.size());
-  return GetInterger(name, length + filesets::kNameTail, length + filesets::kStampOffset,
-                     filesets::kStampWidth);
+  return filesets::StampField(name, outputFilePath);
 }
 
 uint32_t FileSet::ConvertStringToIndex(const std::string& text) const {
@@ -197,82 +189,15 @@ void FileSet::SweepOnce() {
 }
 
 void FileSet::RotateVec(std::vector<std::string>& list, const std::string& pivot) const {
-  if (pivot.empty()) return;
-  const std::string key = pivot;  // pivot may be an entry of list
-  auto at = std::find(list.begin(), list.end(), key);
-  if (at == list.end()) return;
-  auto tail = at + 1;
-  auto copiesOfPivot = std::stable_partition(
-      tail, list.end(), [&key](const std::string& entry) { return entry != key; });
-  std::rotate(list.begin(), tail, copiesOfPivot);
+  filesets::RotateToBack(list, pivot);
 }
 
 std::string FileSet::GetFileByMaxTimestamp(const std::vector<std::string>& list) const {
-  std::string result;
-  std::string best;
-  for (const std::string& entry : list) {
-    std::string stamp = GetTimestamp(entry);
-    if (filesets::ByteOrderBefore(best, stamp)) {
-      best = std::move(stamp);
-      result = entry;
-    }
-  }
-  return result;
+  return filesets::NewestByStamp(list, outputFilePath);
 }
 
 void FileSet::AdjustFileVecOrder(std::vector<std::string>& list) const {
-  if (list.empty()) return;
-  int previous = -1;
-  size_t runs = 1;
-  bool seen0 = false;
-  bool seen999 = false;
-  std::vector<std::string> runEnds;
-  size_t kept = 0;
-  for (size_t i = 0; i < list.size(); ++i) {
-    // Read as atoi reads it: a non-numeric field is 0, a negative one is
-    // dropped from the list (the file stays on disk).
-    int index = atoi(GetIndex(list[i]).c_str());
-    if (static_cast<uint32_t>(index) >= kIndexCount) continue;
-    if (kept != i) list[kept] = std::move(list[i]);
-    bool continuesRun = previous < 0 || index == previous + 1 ||
-                        index == previous - static_cast<int>(kIndexCount - 1);
-    if (!continuesRun) {
-      runEnds.push_back(list[kept - 1]);
-      ++runs;
-    }
-    seen0 = seen0 || index == 0;
-    seen999 = seen999 || index == static_cast<int>(kIndexCount - 1);
-    previous = index;
-    ++kept;
-  }
-  list.resize(kept);
-  if (list.empty()) return;
-  runEnds.push_back(list.back());
-  if (runs == 1 && list.size() == kIndexCount) {
-    RotateVec(list, NewestOfFullRun(list));  // no gap shows where writing stopped
-  } else if (runs == 1) {
-    return;
-  } else if (runs == 2 && seen0 && seen999) {
-    RotateVec(list, runEnds.front());  // wrapped once past 999
-  } else {
-    RotateVec(list, GetFileByMaxTimestamp(runEnds));
-  }
-}
-
-std::string FileSet::NewestOfFullRun(const std::vector<std::string>& list) const {
-  // Files opened within one second share the latest stamp; the newest is
-  // the last of them in the run's cyclic order.
-  std::string latest;
-  for (const std::string& entry : list) {
-    std::string stamp = GetTimestamp(entry);
-    if (filesets::ByteOrderBefore(latest, stamp)) latest = std::move(stamp);
-  }
-  for (size_t i = 0; i < list.size(); ++i) {
-    if (GetTimestamp(list[i]) == latest && GetTimestamp(list[(i + 1) % list.size()]) != latest) {
-      return list[i];
-    }
-  }
-  return list.back();  // all of one second: nothing tells them apart
+  filesets::OrderAsWritten(list, outputFilePath);
 }
 
 uint32_t FileSet::GetNewLogFileIndex(std::vector<std::string>& list) const {

@@ -123,8 +123,6 @@ class FileSet {
 
  private:
   uint64_t FileLimit() const;
-  // The newest entry of a run that holds every index, found by the stamps.
-  std::string NewestOfFullRun(const std::vector<std::string>& list) const;
   static bool NewestHoldsNoRecord(const std::string& path);
   void GiveEmptyFilesAMember();
   // Deletes the first count files of fileVec, all but a file named keep,
