@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <map>
-#include <set>
 #include <utility>
 
 #include "filesets/file_name.h"
@@ -45,16 +44,29 @@ struct Found {
 class Collector {
  public:
   void Add(const std::string& folder, const std::string& name, const struct stat& st) {
-    if (!seen_.insert({st.st_dev, st.st_ino}).second) return;
     Found found{folder + "/" + name, ClassifyName(name), st};
-    SetKind kind = found.parts.kind == NameParts::kIndexed ? SetKind::kIndexed : SetKind::kNumbered;
-    groups_[{folder + "/" + found.parts.base, kind}].push_back(std::move(found));
+    std::string base = folder + "/" + found.parts.base;
+    auto [at, added] = files_.insert({{st.st_dev, st.st_ino}, {base, std::move(found)}});
+    // A second name of a file met already: the name of a set member wins
+    // over a plain name, then the first met.
+    if (!added && at->second.second.parts.kind == NameParts::kPlain &&
+        ClassifyName(name).kind != NameParts::kPlain) {
+      at->second = {base, Found{folder + "/" + name, ClassifyName(name), st}};
+    }
   }
-  std::map<std::pair<std::string, SetKind>, std::vector<Found>>& groups() { return groups_; }
+  std::map<std::pair<std::string, SetKind>, std::vector<Found>> Groups() {
+    std::map<std::pair<std::string, SetKind>, std::vector<Found>> groups;
+    for (auto& [inode, file] : files_) {
+      SetKind kind =
+          file.second.parts.kind == NameParts::kIndexed ? SetKind::kIndexed : SetKind::kNumbered;
+      groups[{file.first, kind}].push_back(std::move(file.second));
+    }
+    return groups;
+  }
 
  private:
-  std::set<std::pair<dev_t, ino_t>> seen_;
-  std::map<std::pair<std::string, SetKind>, std::vector<Found>> groups_;
+  // Each file once, by its inode, with its set's base path.
+  std::map<std::pair<dev_t, ino_t>, std::pair<std::string, Found>> files_;
 };
 
 // Calls visit for each entry of folder but . and .. and hidden names.
@@ -117,6 +129,12 @@ void AddArgument(std::string path, Collector* collector) {
   SplitFolder(path, &folder, &name);
   bool exists = stat(path.c_str(), &st) == 0;
   int savedErrno = errno;
+  struct stat folderSt;
+  if (!exists && (stat(folder.empty() ? "/" : folder.c_str(), &folderSt) != 0 ||
+                  !S_ISDIR(folderSt.st_mode))) {
+    Fail(path, strerror(savedErrno));
+    return;
+  }
   if (exists && ClassifyName(name).kind != NameParts::kPlain) {
     collector->Add(folder, name, st);  // one file of a set, by itself
   } else if (!CollectBase(folder.empty() ? "/" : folder, name, collector)) {
@@ -215,7 +233,7 @@ std::vector<ViewSet> FindSets(const std::vector<std::string>& paths) {
   Collector collector;
   for (const std::string& path : paths) AddArgument(path, &collector);
   std::vector<ViewSet> sets;
-  auto& groups = collector.groups();
+  auto groups = collector.Groups();
   for (auto& [key, found] : groups) {
     ViewSet set;
     set.name = key.first;

@@ -1,0 +1,224 @@
+// The pieces of morvo-view that read one line or one name: the line
+// formats, the year a line is given, file names, tar headers.
+
+#include <string.h>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "tools/view/line_parser.h"
+#include "tools/view/set_clock.h"
+#include "tools/view/set_finder.h"
+#include "tools/view/tar_reader.h"
+#include "tools/view/wall_time.h"
+
+namespace {
+
+using view::LineKind;
+
+struct LineCase {
+  const char* line;
+  LineKind kind;
+  int month, day;
+  const char* time;  // HH:MM:SS.mmm of the day, or the dated line's full time
+  int pid, tid;
+  char priority;
+  const char* tag;
+  const char* message;
+};
+
+std::string DayTime(int dayMs) {
+  char text[32];
+  snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", dayMs / 3600000, dayMs / 60000 % 60,
+           dayMs / 1000 % 60, dayMs % 1000);
+  return text;
+}
+
+std::string Long(int64_t ms) {
+  char text[24];
+  view::FormatLong(ms, text, false);
+  return text;
+}
+
+TEST(LineFormat, EachFormatTheSystemWrites) {
+  const LineCase cases[] = {
+      {"01-05 08:15:02.042  1234  1240 I ActivityManager: Start proc", LineKind::kThreadTime, 1, 5,
+       "08:15:02.042", 1234, 1240, 'I', "ActivityManager", "Start proc"},
+      {"12-31 23:59:59.999    -1     7 W t       : a: b", LineKind::kThreadTime, 12, 31,
+       "23:59:59.999", -1, 7, 'W', "t", "a: b"},
+      {"02-29 00:00:00.000 123456 123457 ? a:b tag: x", LineKind::kThreadTime, 2, 29,
+       "00:00:00.000", 123456, 123457, '?', "a:b tag", "x"},
+      {"03-01 10:00:00.000  1  2 E empty   :", LineKind::kThreadTime, 3, 1, "10:00:00.000", 1, 2,
+       'E', "empty", ""},
+      {"11-16 15:52:03.042 <6>[ 1.5] kernel", LineKind::kStream, 11, 16, "15:52:03.042", 0, 0, 0,
+       "", "<6>[ 1.5] kernel"},
+      {"11-16 15:52:03.042 1 2 X not threadtime", LineKind::kStream, 11, 16, "15:52:03.042", 0, 0,
+       0, "", "1 2 X not threadtime"},
+      {"01-31 12:34:56 [1706704496.123456] KEY_POWER DOWN    ", LineKind::kEvent, 1, 31,
+       "12:34:56.000", 0, 0, 0, "", "[1706704496.123456] KEY_POWER DOWN    "},
+      {" 01-31 12:34:57 [1706704496.140122] S 00000000\trate 60", LineKind::kEvent, 1, 31,
+       "12:34:57.000", 0, 0, 0, "", "[1706704496.140122] S 00000000\trate 60"},
+      {"2024-01-05 08:15:02 > 42    7", LineKind::kDated, 0, 0, "2024-01-05 08:15:02.000", 0, 0,
+       0, "", "2024-01-05 08:15:02 > 42    7"},
+      {"current time: <battery>2024-1-5 8:15:2", LineKind::kDated, 0, 0,
+       "2024-01-05 08:15:02.000", 0, 0, 0, "", "current time: <battery>2024-1-5 8:15:2"},
+      {"current time: <a>b>2023-12-31 23:59:59", LineKind::kDated, 0, 0,
+       "2023-12-31 23:59:59.000", 0, 0, 0, "", "current time: <a>b>2023-12-31 23:59:59"},
+      {"current time: 2024-2-29 0:0:0", LineKind::kDated, 0, 0, "2024-02-29 00:00:00.000", 0, 0, 0,
+       "", "current time: 2024-2-29 0:0:0"},
+      {"--------- beginning of morvo_main", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
+       "--------- beginning of morvo_main"},
+      {"13-01 00:00:00.000  1  2 I t: month 13", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
+       "13-01 00:00:00.000  1  2 I t: month 13"},
+      {"12-31 24:00:00.000 hour 24", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
+       "12-31 24:00:00.000 hour 24"},
+      {"current time: <cmd>2024-13-1 0:0:0", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
+       "current time: <cmd>2024-13-1 0:0:0"},
+      {"12-31", LineKind::kPlain, 0, 0, "", 0, 0, 0, "", "12-31"},
+  };
+  for (const LineCase& c : cases) {
+    SCOPED_TRACE(c.line);
+    view::ParsedLine p;
+    view::ParseLine(c.line, strlen(c.line), &p);
+    EXPECT_EQ(c.kind, p.kind);
+    EXPECT_EQ(c.message, std::string(p.message, p.messageLength));
+    if (c.kind == LineKind::kDated) {
+      EXPECT_EQ(c.time, Long(p.datedMs));
+    } else if (c.kind != LineKind::kPlain) {
+      EXPECT_EQ(c.month, p.month);
+      EXPECT_EQ(c.day, p.day);
+      EXPECT_EQ(c.time, DayTime(p.dayMs));
+    }
+    if (c.kind == LineKind::kThreadTime) {
+      EXPECT_EQ(c.pid, p.pid);
+      EXPECT_EQ(c.tid, p.tid);
+      EXPECT_EQ(c.priority, p.priority);
+      EXPECT_EQ(c.tag, std::string(p.tag, p.tagLength));
+    }
+  }
+}
+
+int64_t At(const char* iso) {
+  int64_t ms = 0;
+  EXPECT_TRUE(view::ParseIsoStamp(iso, strlen(iso), &ms)) << iso;
+  return ms;
+}
+
+struct ClockCase {
+  const char* anchor;
+  bool anchorIsStart;
+  std::vector<const char*> lines;
+  std::vector<const char*> times;  // full times, to the second
+};
+
+TEST(SetClock, YearFromTheFileAndTheLineBefore) {
+  const ClockCase cases[] = {
+      // A set file opened on Dec 31 that runs into the new year.
+      {"2023-12-31 23:59:58", true,
+       {"12-31 23:59:59.000 a", "01-01 00:00:01.000 b", "title row", "01-01 00:00:02.000 c"},
+       {"2023-12-31 23:59:59", "2024-01-01 00:00:01", "2024-01-01 00:00:01",
+        "2024-01-01 00:00:02"}},
+      // A file opened on Jan 1 holding records dumped from Dec 31.
+      {"2024-01-01 00:00:05", true,
+       {"12-31 23:59:50.000 old", "01-01 00:00:06.000 new"},
+       {"2023-12-31 23:59:50", "2024-01-01 00:00:06"}},
+      // A plain file last written on Jan 1: lines before it.
+      {"2024-01-01 00:10:00", false,
+       {"12-30 10:00:00.000 a", "12-31 23:00:00.000 b", "01-01 00:05:00.000 c"},
+       {"2023-12-30 10:00:00", "2023-12-31 23:00:00", "2024-01-01 00:05:00"}},
+      // Lines with their year set it; the lines after follow it.
+      {"2020-06-01 00:00:00", false,
+       {"current time: <x>2024-12-31 23:59:59", "01-01 00:00:01.000 a", "output"},
+       {"2024-12-31 23:59:59", "2025-01-01 00:00:01", "2025-01-01 00:00:01"}},
+      // Feb 29 of a leap year.
+      {"2024-02-28 12:00:00", true,
+       {"02-29 01:00:00.000 leap", "03-01 01:00:00.000 after"},
+       {"2024-02-29 01:00:00", "2024-03-01 01:00:00"}},
+      // Threads a little out of order stay in their year.
+      {"2023-12-31 23:59:59", true,
+       {"01-01 00:00:00.100 a", "12-31 23:59:59.900 b"},
+       {"2024-01-01 00:00:00", "2023-12-31 23:59:59"}},
+  };
+  for (const ClockCase& c : cases) {
+    SCOPED_TRACE(c.lines.front());
+    view::SetClock clock;
+    clock.Anchor(At(c.anchor), c.anchorIsStart);
+    for (size_t i = 0; i < c.lines.size(); ++i) {
+      view::ParsedLine p;
+      view::ParseLine(c.lines[i], strlen(c.lines[i]), &p);
+      std::string got = Long(clock.Place(p)).substr(0, 19);
+      EXPECT_EQ(c.times[i], got) << c.lines[i];
+    }
+  }
+}
+
+TEST(SetNames, KindBaseAndNumber) {
+  using view::NameParts;
+  struct {
+    const char* name;
+    NameParts::Kind kind;
+    const char* base;
+    long number;
+  } cases[] = {
+      {"out.I007.20240105-081502.gz", NameParts::kIndexed, "out", 7},
+      {"a.b.I999.20231231-235959.gz", NameParts::kIndexed, "a.b", 999},
+      {"out.Ix07.20240105-081502.gz", NameParts::kPlain, "out.Ix07.20240105-081502.gz", 0},
+      {"out.I007.20241305-081502.gz", NameParts::kPlain, "out.I007.20241305-081502.gz", 0},
+      {"kmsg-0.tar.gz", NameParts::kArchive, "kmsg", 0},
+      {"my-log-12.tar.gz", NameParts::kArchive, "my-log", 12},
+      {"kmsg.5", NameParts::kNumbered, "kmsg", 5},
+      {"out.07", NameParts::kNumbered, "out", 7},
+      {"kmsg", NameParts::kPlain, "kmsg", 0},
+      {"events.log", NameParts::kPlain, "events.log", 0},
+      {"-0.tar.gz", NameParts::kPlain, "-0.tar.gz", 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    NameParts parts = view::ClassifyName(c.name);
+    EXPECT_EQ(c.kind, parts.kind);
+    EXPECT_EQ(c.base, parts.base);
+    EXPECT_EQ(c.number, parts.number);
+  }
+}
+
+// A header block as the archive writer makes it (v7, zero mtime) or as
+// tar makes it (ustar with a prefix).
+void Header(unsigned char block[512], const char* name, const char* size, const char* prefix) {
+  memset(block, 0, 512);
+  memcpy(block, name, strlen(name));
+  memcpy(block + 100, "100666 ", 8);
+  memcpy(block + 124, size, strlen(size));
+  if (prefix != nullptr) {
+    memcpy(block + 257, "ustar", 6);
+    memcpy(block + 345, prefix, strlen(prefix));
+  }
+  unsigned sum = 0;
+  for (int i = 0; i < 512; ++i) sum += (i >= 148 && i < 156) ? ' ' : block[i];
+  snprintf(reinterpret_cast<char*>(block) + 148, 8, "%o", sum);
+}
+
+TEST(TarHeader, FieldsChecksumAndEnd) {
+  unsigned char block[512];
+  view::TarHeader header;
+  bool end = true;
+  Header(block, "kmsg.1", "1750", nullptr);
+  ASSERT_TRUE(view::ParseTarHeader(block, &header, &end));
+  EXPECT_FALSE(end);
+  EXPECT_EQ("kmsg.1", header.name);
+  EXPECT_EQ(01750u, header.size);
+  EXPECT_TRUE(header.regular);
+
+  Header(block, "f", "0", "some/dir");
+  ASSERT_TRUE(view::ParseTarHeader(block, &header, &end));
+  EXPECT_EQ("some/dir/f", header.name);
+
+  block[0] ^= 1;  // the checksum no longer agrees
+  EXPECT_FALSE(view::ParseTarHeader(block, &header, &end));
+
+  memset(block, 0, sizeof(block));
+  ASSERT_TRUE(view::ParseTarHeader(block, &header, &end));
+  EXPECT_TRUE(end);
+}
+
+}  // namespace

@@ -1,0 +1,59 @@
+#ifndef MORVOCAT_TESTS_VIEW_VIEW_RUN_H_
+#define MORVOCAT_TESTS_VIEW_VIEW_RUN_H_
+
+// Runs the morvo-view program as a user would and keeps what it printed.
+
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <string>
+#include <vector>
+
+#include "support/temp_root.h"
+
+namespace viewtest {
+
+struct ViewRun {
+  std::string out;
+  std::string err;
+  int status = -1;
+};
+
+inline std::string ViewProgram() {
+  const char* dir = getenv("MORVO_BIN_DIR");
+  return std::string(dir != nullptr ? dir : "tools") + "/morvo-view";
+}
+
+inline std::string Quote(const std::string& arg) {
+  std::string quoted = "'";
+  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// prefix runs before the program (such as setpriv with its arguments).
+inline ViewRun RunView(const std::string& scratch, const std::vector<std::string>& args,
+                       const std::string& prefix = "") {
+  std::string command = prefix + Quote(ViewProgram());
+  for (const std::string& arg : args) command += " " + Quote(arg);
+  command += " >" + Quote(scratch + "/view.out") + " 2>" + Quote(scratch + "/view.err");
+  int rc = system(command.c_str());
+  ViewRun run;
+  run.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+  run.out = morvotest::ReadFile(scratch + "/view.out");
+  run.err = morvotest::ReadFile(scratch + "/view.err");
+  return run;
+}
+
+// The lines of text.
+inline std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
+    lines.push_back(text.substr(start, end - start));
+  }
+  return lines;
+}
+
+}  // namespace viewtest
+
+#endif  // MORVOCAT_TESTS_VIEW_VIEW_RUN_H_
