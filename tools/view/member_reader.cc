@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -42,9 +43,16 @@ bool MemberReader::Open(const ViewFile& file) {
   file_ = &file;
   next_ = 0;
   readError_ = 0;
-  int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Not blocked by a FIFO put in a file's place since the scan.
+  int fd = open(file.path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     Fail(file.path, strerror(errno));
+    return false;
+  }
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    Fail(file.path, "not a regular file");
     return false;
   }
   if (!file.archive && !IsGzip(fd)) {

@@ -135,7 +135,9 @@ void AddArgument(std::string path, Collector* collector) {
     Fail(path, strerror(savedErrno));
     return;
   }
-  if (exists && ClassifyName(name).kind != NameParts::kPlain) {
+  if (exists && !S_ISREG(st.st_mode)) {
+    Fail(path, "not a regular file");
+  } else if (exists && ClassifyName(name).kind != NameParts::kPlain) {
     collector->Add(folder, name, st);  // one file of a set, by itself
   } else if (!CollectBase(folder.empty() ? "/" : folder, name, collector)) {
     Fail(path, exists ? "no log files" : strerror(savedErrno));
