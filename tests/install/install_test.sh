@@ -30,4 +30,5 @@ export LD_LIBRARY_PATH=$libdir
 "$stage/bin/morvo-log" -h | grep -q "^usage: morvo-log"
 "$stage/bin/morvo-log" -p i -t install "lower-case priority"
 "$stage/bin/morvocat" -d -b morvo_main | grep -q " I install : lower-case priority"
+"$stage/bin/morvo-view" -h | grep -q "morvo-view"
 echo "install test: pkg-config and find_package hosts ran"
