@@ -26,6 +26,10 @@
 //
 // A file that is still empty is left at size 0 rather than given an empty
 // gzip member: owners take a size-0 newest file as one to continue in.
+//
+// Once it has an output, a writer is also flushed by the process's flusher
+// thread (platform/tavo_flusher.h) when its oldest cached byte nears the
+// bound of MORVOCAT_FLUSH_SECONDS, read when the writer is made.
 
 #include "platform/tavo.h"
 
@@ -45,6 +49,7 @@
 #include "platform/safe_file.h"
 #include "platform/safe_string.h"
 #include "platform/tavo_cache.h"
+#include "platform/tavo_flusher.h"
 #include "platform/tavo_hook.h"
 
 using platform::TavoCache;
@@ -141,7 +146,7 @@ void SetTavoFlushHook(TavoFlushHook hook) { gFlushHook.store(hook); }
 
 }  // namespace platform
 
-struct Tavo::Impl {
+struct Tavo::Impl final : platform::TavoFlushClient {
   std::mutex mu;
   TavoCache* cache = nullptr;  // null until the first SetOutputPath
   char cacheKey[NAME_MAX + 1] = {};
@@ -149,7 +154,10 @@ struct Tavo::Impl {
   size_t earlyLen = 0;
   size_t earlyCap = 0;
 
+  Impl() { boundNs = platform::FlushBoundFromEnv() * 1000000; }
   ~Impl();
+  void FlushIfDue(int64_t nowNs) override;
+  void NoteHeld();
   bool FlushCache(TavoCache* c);
   bool WriteLocked(const unsigned char* data, size_t length);
   bool DrainEarly();
@@ -188,12 +196,32 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
       c->CommitFlush();
       RunHook(platform::TavoFlushStage::kCommitted);
       c->ResetFlushed();
+      // Bytes kept from before the path are older than anything cached.
+      if (c == cache && earlyLen == 0) heldSinceNs.store(0, std::memory_order_relaxed);
     } else if (ftruncate(fd, static_cast<off_t>(size)) == 0) {
       c->AbortFlush();
     }
   }
   close(fd);
   return ok;
+}
+
+void Tavo::Impl::FlushIfDue(int64_t nowNs) {
+  std::lock_guard<std::mutex> lock(mu);
+  if (cache != nullptr && Due(nowNs) && DrainEarly()) FlushCache(cache);
+  NoteHeld();
+}
+
+// Stamps the first byte held after a flush; called with mu held after
+// every change to what is held.
+void Tavo::Impl::NoteHeld() {
+  size_t pending = 0;
+  if (cache != nullptr) cache->Pending(&pending);
+  if (pending == 0 && earlyLen == 0) {
+    heldSinceNs.store(0, std::memory_order_relaxed);
+  } else if (heldSinceNs.load(std::memory_order_relaxed) == 0) {
+    heldSinceNs.store(platform::MonotonicNs(), std::memory_order_relaxed);
+  }
 }
 
 bool Tavo::Impl::WriteLocked(const unsigned char* data, size_t length) {
@@ -317,7 +345,11 @@ bool Tavo::Impl::UseOutput(int dirFd, const char* name) {
 
 Tavo::Tavo() : impl_(new (std::nothrow) Impl()) {}
 
-Tavo::~Tavo() { delete impl_; }
+Tavo::~Tavo() {
+  // No flush by the flusher thread may still be running or begin after this.
+  platform::UnregisterFlushClient(impl_);
+  delete impl_;
+}
 
 int Tavo::InitTavo() {
   if (impl_ == nullptr) return -1;
@@ -335,8 +367,10 @@ bool Tavo::SetOutputPath(const char* path) {
   if (ok) {
     std::lock_guard<std::mutex> lock(impl_->mu);
     ok = impl_->UseOutput(dirFd, name.c_str());
+    impl_->NoteHeld();
   }
   close(dirFd);
+  if (ok) platform::RegisterFlushClient(impl_);
   return ok;
 }
 
@@ -345,13 +379,18 @@ bool Tavo::Write(const char* data, size_t length) {
   if (length == 0) return true;
   std::lock_guard<std::mutex> lock(impl_->mu);
   const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
-  if (impl_->cache == nullptr) return impl_->KeepEarly(bytes, length);
-  return impl_->DrainEarly() && impl_->WriteLocked(bytes, length);
+  bool ok = impl_->cache == nullptr
+                ? impl_->KeepEarly(bytes, length)
+                : impl_->DrainEarly() && impl_->WriteLocked(bytes, length);
+  impl_->NoteHeld();
+  return ok;
 }
 
 bool Tavo::Flush() {
   if (impl_ == nullptr) return false;
   std::lock_guard<std::mutex> lock(impl_->mu);
   if (impl_->cache == nullptr) return impl_->earlyLen == 0;
-  return impl_->DrainEarly() && impl_->FlushCache(impl_->cache);
+  bool ok = impl_->DrainEarly() && impl_->FlushCache(impl_->cache);
+  impl_->NoteHeld();
+  return ok;
 }

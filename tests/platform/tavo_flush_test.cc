@@ -1,0 +1,392 @@
+// The background flusher: what a writer holds reaches its file within the
+// bound also when the stream goes quiet, a copy of the files taken at any
+// instant is whole but for the member being written, and writers come and
+// go on several threads without a race, a leak or a thread left behind.
+
+#include <dirent.h>
+#include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <zlib.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "morvocat/morvocat.h"
+#include "platform/logger.h"
+#include "platform/tavo.h"
+#include "platform/tavo_flusher.h"
+#include "support/log_set.h"
+#include "support/temp_root.h"
+
+namespace {
+
+using morvotest::SetFiles;
+using morvotest::TempRoot;
+
+// Sets the bound for the writers made while it lives; null unsets it.
+class ScopedBound {
+ public:
+  explicit ScopedBound(const char* value) {
+    const char* old = getenv(platform::kFlushBoundEnv);
+    hadOld_ = old != nullptr;
+    if (hadOld_) old_ = old;
+    if (value != nullptr) setenv(platform::kFlushBoundEnv, value, 1);
+    else unsetenv(platform::kFlushBoundEnv);
+  }
+  ~ScopedBound() {
+    if (hadOld_) setenv(platform::kFlushBoundEnv, old_.c_str(), 1);
+    else unsetenv(platform::kFlushBoundEnv);
+  }
+
+ private:
+  bool hadOld_ = false;
+  std::string old_;
+};
+
+struct Decoded {
+  bool whole = true;       // every member complete and well formed
+  bool truncated = false;  // the last member stops short (not counted in text)
+  std::string text;
+};
+
+// Decodes bytes member by member, as gzip -t checks them; a member that
+// stops short is reported, never guessed at.
+Decoded DecodeMembers(const std::string& bytes) {
+  Decoded d;
+  size_t pos = 0;
+  while (pos < bytes.size() && d.whole) {
+    z_stream z{};
+    if (inflateInit2(&z, 16 + MAX_WBITS) != Z_OK) return Decoded{false, false, ""};
+    z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data() + pos));
+    z.avail_in = static_cast<uInt>(bytes.size() - pos);
+    std::string member;
+    int rc = Z_OK;
+    while (rc == Z_OK) {
+      char out[16384];
+      z.next_out = reinterpret_cast<Bytef*>(out);
+      z.avail_out = sizeof(out);
+      rc = inflate(&z, Z_NO_FLUSH);
+      member.append(out, sizeof(out) - z.avail_out);
+      if (rc == Z_BUF_ERROR && z.avail_in == 0) rc = Z_NEED_DICT;  // input ran out
+    }
+    pos = bytes.size() - z.avail_in;
+    inflateEnd(&z);
+    if (rc == Z_STREAM_END) {
+      d.text += member;
+    } else if (rc == Z_NEED_DICT && pos == bytes.size()) {
+      d.truncated = true;
+    } else {
+      d.whole = false;
+    }
+  }
+  return d;
+}
+
+std::string Slurp(const std::string& path) { return morvotest::ReadFile(path); }
+
+// What a copy of the set holds, file by file in name order.
+std::vector<Decoded> CopyOf(const std::string& dir, const std::string& base) {
+  std::vector<Decoded> copy;
+  for (const std::string& f : SetFiles(dir, base)) copy.push_back(DecodeMembers(Slurp(f)));
+  return copy;
+}
+
+std::string TextOf(const std::vector<Decoded>& copy) {
+  std::string text;
+  for (const Decoded& d : copy) text += d.text;
+  return text;
+}
+
+std::string Record(long i) { return "11-23 09:00:00.000  100  101 I flush: seq " +
+                                   std::to_string(i) + "\n"; }
+
+// The tids of the flusher threads of this program's own platform layer
+// (the shipped library's flusher has the same name: none runs here unless a
+// test started a run).
+std::vector<std::string> FlusherTasks() {
+  std::vector<std::string> tids;
+  DIR* d = opendir("/proc/self/task");
+  if (d == nullptr) return tids;
+  while (dirent* e = readdir(d)) {
+    if (e->d_name[0] == '.') continue;
+    std::string comm = Slurp(std::string("/proc/self/task/") + e->d_name + "/comm");
+    if (comm == "tavo-flush\n") tids.push_back(e->d_name);
+  }
+  closedir(d);
+  return tids;
+}
+
+// The blocked-signal mask of a task of this process.
+unsigned long long BlockedSignals(const std::string& tid) {
+  std::string status = Slurp("/proc/self/task/" + tid + "/status");
+  size_t pos = status.find("SigBlk:\t");
+  return pos == std::string::npos ? 0 : strtoull(status.c_str() + pos + 8, nullptr, 16);
+}
+
+// Polls until done() or the deadline; never a measure of speed.
+template <class Done>
+bool Within(int seconds, Done done) {
+  for (int i = 0; i < seconds * 100; i++) {
+    if (done()) return true;
+    usleep(10 * 1000);
+  }
+  return done();
+}
+
+class TavoFlushTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root_.MakeDirs("/data/log");
+    dir_ = root_.Under("/data/log");
+  }
+  std::string File(const std::string& base, int index) const {
+    char name[64];
+    snprintf(name, sizeof(name), ".I%03d.20261123-0900%02d.gz", index, index % 60);
+    return dir_ + "/" + base + name;
+  }
+  std::unique_ptr<Tavo> NewTavo() {
+    std::unique_ptr<Tavo> t(new (std::nothrow) Tavo());
+    if (t != nullptr) t->InitTavo();
+    return t;
+  }
+  TempRoot root_;
+  std::string dir_;
+};
+
+enum class Writer { kDirect, kReader };
+
+// A few records, then silence: the writer's file holds them within the bound
+// (plus slack), unless the bound is off.
+TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
+  struct Case {
+    const char* name;
+    const char* bound;  // null: the default, 2 s
+    Writer writer;
+    bool flushed;
+  } const kCases[] = {
+      {"direct03", "0.3", Writer::kDirect, true},
+      {"directDefault", nullptr, Writer::kDirect, true},
+      {"directOff", "0", Writer::kDirect, false},
+      {"reader03", "0.3", Writer::kReader, true},
+      {"readerOff", "0", Writer::kReader, false},
+  };
+  constexpr long kRecords = 3;
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.name);
+    ScopedBound bound(c.bound);
+    std::unique_ptr<Tavo> tavo;
+    android_logcat_context ctx = nullptr;
+    if (c.writer == Writer::kDirect) {
+      tavo = NewTavo();
+      ASSERT_TRUE(tavo->SetOutputPath(File(c.name, 0).c_str()));
+      for (long i = 0; i < kRecords; i++) ASSERT_TRUE(tavo->Write(Record(i).data(), Record(i).size()));
+    } else {
+      ctx = CreateAndroidLogcat();
+      std::string path = dir_ + "/" + c.name;
+      char arg0[] = "morvocat", arg1[] = "-b", arg2[] = "morvo_main", arg3[] = "-f";
+      char* argv[] = {arg0, arg1, arg2, arg3, &path[0], nullptr};
+      ASSERT_GE(AndroidLogcatRunCommandThread(ctx, 5, argv, nullptr), 0);
+      for (long i = 0; i < kRecords; i++) {
+        qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "quiet", ("seq " + std::to_string(i)).c_str());
+      }
+    }
+    auto holdsAll = [&] {
+      return morvotest::Holds(morvotest::Sequence(TextOf(CopyOf(dir_, c.name))), 0, kRecords);
+    };
+    if (c.flushed) {
+      EXPECT_TRUE(Within(15, holdsAll));
+    } else {
+      // Past the default bound and its last look: an ignored 0 would show.
+      sleep(3);
+      EXPECT_EQ("", TextOf(CopyOf(dir_, c.name)));
+    }
+    tavo.reset();
+    if (ctx != nullptr) {
+      EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+    }
+    EXPECT_TRUE(holdsAll()) << "the end flushes in any case";
+  }
+}
+
+// Copies taken while records stream in: every file decodes whole but for
+// a last member cut short, records come whole and in order, and every
+// record written more than the bound (and slack) before the copy is in it.
+TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBound) {
+  constexpr int64_t kBoundNs = 200 * 1000000LL;
+  constexpr int64_t kSlackNs = 1000 * 1000000LL;
+  constexpr int64_t kStreamNs = 3000 * 1000000LL;
+  constexpr long kPerFile = 3000;
+  ScopedBound bound("0.2");
+  std::unique_ptr<Tavo> tavo = NewTavo();
+  ASSERT_TRUE(tavo->SetOutputPath(File("s", 0).c_str()));
+  std::atomic<long> written{0};
+  std::atomic<bool> done{false};
+  std::thread writer([&] {
+    int64_t end = platform::MonotonicNs() + kStreamNs;
+    for (long i = 0; platform::MonotonicNs() < end; i++) {
+      if (i > 0 && i % kPerFile == 0) tavo->SetOutputPath(File("s", static_cast<int>(i / kPerFile)).c_str());
+      std::string r = Record(i);
+      if (!tavo->Write(r.data(), r.size())) break;
+      written.store(i + 1);
+      if (i % 2 == 1) usleep(1000);
+    }
+    done.store(true);
+  });
+  std::vector<std::pair<int64_t, long>> history;  // (when, records written by then)
+  int copies = 0, checked = 0;
+  while (!done.load()) {
+    int64_t now = platform::MonotonicNs();
+    history.emplace_back(now, written.load());
+    long due = 0;
+    for (const auto& h : history) {
+      if (h.first <= now - kBoundNs - kSlackNs) due = h.second;
+    }
+    std::vector<Decoded> copy = CopyOf(dir_, "s");
+    copies++;
+    std::vector<long> numbers;
+    for (const Decoded& d : copy) {
+      ASSERT_TRUE(d.whole) << "copy " << copies;
+      std::vector<long> part = morvotest::Sequence(d.text);
+      for (size_t i = 1; i < part.size(); i++) ASSERT_EQ(part[i - 1] + 1, part[i]);
+      numbers.insert(numbers.end(), part.begin(), part.end());
+    }
+    ASSERT_EQ(std::string::npos, TextOf(copy).find("\n\n"));
+    if (due > 0) checked++;
+    ASSERT_TRUE(morvotest::Holds(numbers, 0, due)) << "copy " << copies << " lacks some of " << due;
+    usleep(5 * 1000);
+  }
+  writer.join();
+  tavo.reset();
+  EXPECT_GT(checked, 10) << "too few copies late enough to check the bound";
+  std::vector<Decoded> last = CopyOf(dir_, "s");
+  for (const Decoded& d : last) EXPECT_FALSE(d.truncated);
+  EXPECT_TRUE(morvotest::Holds(morvotest::Sequence(TextOf(last)), 0, written.load()));
+}
+
+// One process-wide thread, started with the first writer that has a file,
+// joined when the last goes, and deaf to every signal the host may wait for.
+TEST_F(TavoFlushTest, OneSignalBlindThreadLivesExactlyAsLongAsAWriter) {
+  ScopedBound bound("1");
+  ASSERT_TRUE(FlusherTasks().empty());
+  std::unique_ptr<Tavo> first = NewTavo();
+  EXPECT_TRUE(FlusherTasks().empty()) << "no file yet, nothing to flush";
+  ASSERT_TRUE(first->SetOutputPath(File("a", 0).c_str()));
+  std::unique_ptr<Tavo> second = NewTavo();
+  ASSERT_TRUE(second->SetOutputPath(File("b", 0).c_str()));
+  std::vector<std::string> tasks = FlusherTasks();
+  ASSERT_EQ(1u, tasks.size());
+  unsigned long long blocked = BlockedSignals(tasks[0]);
+  for (int sig : {SIGUSR1, SIGUSR2, SIGTERM, SIGINT, SIGHUP, SIGPIPE, SIGCHLD, SIGALRM}) {
+    EXPECT_TRUE(blocked & (1ULL << (sig - 1))) << strsignal(sig);
+  }
+  first.reset();
+  EXPECT_EQ(1u, FlusherTasks().size());
+  second.reset();
+  EXPECT_TRUE(FlusherTasks().empty());
+  {
+    ScopedBound off("0");
+    std::unique_ptr<Tavo> unbound = NewTavo();
+    ASSERT_TRUE(unbound->SetOutputPath(File("c", 0).c_str()));
+    EXPECT_TRUE(FlusherTasks().empty()) << "the bound is off";
+  }
+}
+
+// Writers made and destroyed on several threads while the flusher is
+// flushing them: every file holds exactly what was written to it, and no
+// thread is left once the last writer is gone.
+TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 25;
+  ScopedBound bound("0.004");
+  std::atomic<int> failures{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; t++) {
+    threads.emplace_back([&, t] {
+      for (int round = 0; round < kRounds; round++) {
+        std::string path = File("t" + std::to_string(t), round);
+        std::string expected;
+        {
+          std::unique_ptr<Tavo> tavo = NewTavo();
+          if (!tavo->SetOutputPath(path.c_str())) failures++;
+          for (int burst = 0; burst < 3; burst++) {
+            for (int i = 0; i < 20; i++) {
+              std::string r = Record(round * 100 + burst * 20 + i);
+              if (!tavo->Write(r.data(), r.size())) failures++;
+              expected += r;
+            }
+            usleep(static_cast<useconds_t>((t * 7 + round * 3 + burst) % 5) * 1000);
+          }
+          if (round % 3 == 0 && !tavo->Flush()) failures++;
+        }
+        Decoded d = DecodeMembers(Slurp(path));
+        if (!d.whole || d.truncated || d.text != expected) failures++;
+      }
+    });
+  }
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(0, failures.load());
+  EXPECT_TRUE(FlusherTasks().empty());
+}
+
+// A child forked while the flusher runs has no such thread and must not
+// start one (a threaded parent's child may not): its writer still works and
+// flushes at its end, and nothing it inherited blocks it.
+TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
+  ScopedBound bound("0.001");
+  std::unique_ptr<Tavo> parent = NewTavo();
+  ASSERT_TRUE(parent->SetOutputPath(File("parent", 0).c_str()));
+  std::string path = File("child", 0);
+  for (int round = 0; round < 20; round++) {
+    // Keep the parent's writer due so forks land during its flushes.
+    ASSERT_TRUE(parent->Write(Record(round).data(), Record(round).size()));
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      Tavo* t = new (std::nothrow) Tavo();
+      t->InitTavo();
+      bool ok = t->SetOutputPath(path.c_str()) && t->Write(Record(round).data(), Record(round).size());
+      ok = ok && FlusherTasks().empty();
+      delete t;
+      _exit(ok ? 0 : 1);
+    }
+    int status = -1;
+    bool ended = Within(10, [&] { return waitpid(pid, &status, WNOHANG) == pid; });
+    if (!ended) {
+      kill(pid, SIGKILL);
+      waitpid(pid, &status, 0);
+    }
+    ASSERT_TRUE(ended) << "the child hung in round " << round;
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+  }
+  std::vector<long> numbers = morvotest::Sequence(DecodeMembers(Slurp(path)).text);
+  EXPECT_EQ(20u, numbers.size());
+}
+
+TEST(FlushBoundTest, TextGivesMillisecondsAndAnythingOddTheDefault) {
+  struct Case {
+    const char* text;
+    int64_t ms;
+  } const kCases[] = {
+      {"2", 2000},      {"0", 0},         {"0.5", 500},     {"1.25", 1250},  {"10", 10000},
+      {"0.001", 1},     {"3.", 3000},     {"86400", 86400000},
+      {nullptr, 2000},  {"", 2000},       {"-1", 2000},     {"abc", 2000},   {"1e3", 2000},
+      {" 1", 2000},     {"1s", 2000},     {"86401", 2000},  {"99999999999999999999", 2000},
+      {".5", 2000},
+  };
+  for (const Case& c : kCases) {
+    EXPECT_EQ(c.ms, platform::FlushBoundFromText(c.text)) << (c.text ? c.text : "(null)");
+  }
+}
+
+}  // namespace
