@@ -5,7 +5,9 @@
 // Flush, a full cache and SetOutputPath compress what is cached into the
 // current output file as one complete gzip member, so every output file is a
 // valid gzip stream after every flush. Flush may be called from one thread
-// while another is inside Write.
+// while another is inside Write. Once it has an output, a writer is also
+// flushed on the process's flusher thread when its oldest cached byte nears
+// the bound of MORVOCAT_FLUSH_SECONDS (platform/tavo_flusher.h).
 
 #include <stddef.h>
 

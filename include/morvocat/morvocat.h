@@ -9,6 +9,9 @@
 // on another thread. Contexts are independent, with one exception: only one
 // run in a process may write output files (-f); a second one is refused
 // with "another run of this process is writing output files" and status 1.
+// A file-writing run has a background thread, which blocks every signal and
+// flushes records cached longer than MORVOCAT_FLUSH_SECONDS (2 s by default,
+// 0: never) into the files; it ends with the run.
 
 #define MORVOCAT_API __attribute__((visibility("default")))
 
