@@ -15,11 +15,11 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
-#include <random>
 #include <string>
 #include <vector>
 
 #include "archive/tarzip.h"
+#include "bench/bench_lines.h"
 #include "bench/bench_row.h"
 #include "platform/tavo.h"
 
@@ -28,39 +28,6 @@ namespace {
 constexpr size_t kFileSize = 4 << 20;
 constexpr int kFiles = 5;
 constexpr int kRuns = 3;
-
-// Threadtime lines with the mix of tags, levels and numbers a phone logs.
-std::vector<std::string> MakeLines(size_t bytes, unsigned seed) {
-  static const char* kTags[] = {"ActivityManager", "WindowManager", "PowerManagerService",
-                                "wpa_supplicant",  "chatty",        "BatteryService",
-                                "InputReader",     "audio_hw"};
-  static const char* kTexts[] = {
-      "Start proc %u:com.example.app/u0a%u for service",
-      "Setting wakelock timeout %u ms, uid=%u",
-      "onScreenTurnedOn: state=%u seq=%u",
-      "level=%u voltage=%u temp=310 health=2 status=charging",
-      "Received packet len=%u from port %u",
-      "uid=%u identical %u lines",
-  };
-  std::mt19937 rng(seed);
-  std::vector<std::string> lines;
-  size_t total = 0;
-  unsigned long ms = 0;
-  char buf[512];
-  while (total < bytes) {
-    ms += rng() % 40;
-    unsigned pid = 1000 + static_cast<unsigned>(rng() % 3000);
-    int n = snprintf(buf, sizeof(buf), "11-23 %02lu:%02lu:%02lu.%03lu %5u %5u %c %s: ",
-                     (ms / 3600000) % 24, (ms / 60000) % 60, (ms / 1000) % 60, ms % 1000, pid,
-                     static_cast<unsigned>(pid + rng() % 40), "VDIWE"[rng() % 5], kTags[rng() % 8]);
-    n += snprintf(buf + n, sizeof(buf) - n, kTexts[rng() % 6],
-                  static_cast<unsigned>(rng() % 100000), static_cast<unsigned>(rng() % 10000));
-    buf[n++] = '\n';
-    lines.emplace_back(buf, static_cast<size_t>(n));
-    total += static_cast<size_t>(n);
-  }
-  return lines;
-}
 
 std::string Join(const std::vector<std::string>& lines, size_t limit) {
   std::string text;
@@ -126,7 +93,7 @@ int main() {
     names.push_back("main.log." + std::to_string(i));
     paths.push_back(dir + "/" + names.back());
     FILE* f = fopen(paths.back().c_str(), "w");
-    std::string text = Join(MakeLines(kFileSize + 4096, static_cast<unsigned>(i)), kFileSize);
+    std::string text = Join(morvobench::MakeLines(kFileSize + 4096, static_cast<unsigned>(i)), kFileSize);
     fwrite(text.data(), 1, text.size(), f);
     fclose(f);
   }
@@ -145,7 +112,7 @@ int main() {
   morvobench::PrintRow("TarzipFiles 5 x 4 MiB vs tar czf", "s", tarzip, tar, tar / tarzip,
                        "time <= 1.05x tar");
 
-  std::vector<std::string> lines = MakeLines(kFiles * kFileSize, 99);
+  std::vector<std::string> lines = morvobench::MakeLines(kFiles * kFileSize, 99);
   std::string text = Join(lines, SIZE_MAX);
   std::string plain = dir + "/text.log";
   FILE* f = fopen(plain.c_str(), "w");
