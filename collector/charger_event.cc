@@ -1,5 +1,6 @@
 #include "collector/charger_event.h"
 
+#include <errno.h>
 #include <fcntl.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -15,26 +16,32 @@ constexpr char kChargeEventNode[] = "/sys/class/qd_power/bq_bci/poll_charge_star
 constexpr char kChargerTypeNode[] = "/sys/class/qd_power/charger/charge_data/chargerType";
 constexpr int kNoCharger = 5;
 constexpr int kUnknownType = -1;
-// Between failed opens of the event node, so a missing node is no busy loop.
-constexpr unsigned kOpenRetrySeconds = 1;
+// Between failed tries at the event node, so a node that is missing, cannot
+// be seeked or read, or wakes without an event is waited on, never spun on.
+constexpr unsigned kRetrySeconds = 1;
 constexpr size_t kPathSize = 4096;
 
 int chargeEventFd = -1;
 bool chargeEventOpen = false;
 bool chargerPlugged = false;
 
+// Non-blocking, so a FIFO planted at a node cannot hold the thread in open.
 int OpenNode(const char* devicePath) {
   char path[kPathSize];
   if (!platform::ResolvePath(devicePath, path, sizeof(path))) return -1;
-  return open(path, O_RDONLY);
+  return open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+}
+
+void PauseBeforeRetry() {
+  WaitPoint wait;
+  sleep(kRetrySeconds);
 }
 
 bool OpenChargeEvent() {
   if (chargeEventOpen) return true;
   chargeEventFd = OpenNode(kChargeEventNode);
   if (chargeEventFd < 0) {
-    WaitPoint wait;
-    sleep(kOpenRetrySeconds);
+    PauseBeforeRetry();
     return false;
   }
   chargeEventOpen = true;
@@ -43,21 +50,39 @@ bool OpenChargeEvent() {
   return true;
 }
 
+// The node is opened afresh after the pause: it may have been replaced.
+void DropChargeEvent() {
+  close(chargeEventFd);
+  chargeEventFd = -1;
+  chargeEventOpen = false;
+  g_changePollefd.fd = -1;
+  PauseBeforeRetry();
+}
+
 }  // namespace
 
 bool ChargerEventChanged() {
   if (!OpenChargeEvent()) return false;
-  if (lseek(chargeEventFd, 0, SEEK_SET) < 0) return false;
+  if (lseek(chargeEventFd, 0, SEEK_SET) < 0) {
+    DropChargeEvent();
+    return false;
+  }
   int ready;
   {
     WaitPoint wait;
     ready = poll(&g_changePollefd, 1, -1);
   }
-  if (ready != 0 && (g_changePollefd.revents & POLLPRI) != 0) {
+  if (ready > 0 && (g_changePollefd.revents & POLLPRI) != 0) {
     // Reading clears the event; what it says is not needed.
     char event[8];
-    ssize_t ignored = read(chargeEventFd, event, sizeof(event) - 1);
-    (void)ignored;
+    if (read(chargeEventFd, event, sizeof(event) - 1) < 0 && errno != EAGAIN && errno != EINTR) {
+      DropChargeEvent();
+      return false;
+    }
+  } else if (ready >= 0 || errno != EINTR) {
+    // Woken by an error or hang-up alone: no event, and the next poll
+    // would wake at once again.
+    PauseBeforeRetry();
   }
   return ChargerTypeChanged();
 }

@@ -1,5 +1,6 @@
 #include "collector/group_threads.h"
 
+#include <errno.h>
 #include <pthread.h>
 
 namespace {
@@ -16,6 +17,10 @@ void Lock() { pthread_mutex_lock(&groupLock); }
 void Unlock() { pthread_mutex_unlock(&groupLock); }
 
 void WaitForEnd() { pthread_cond_wait(&groupEnded, &groupLock); }
+
+bool WaitForEndUntil(const struct timespec& deadline) {
+  return pthread_cond_clockwait(&groupEnded, &groupLock, CLOCK_MONOTONIC, &deadline) != ETIMEDOUT;
+}
 
 void MarkEnded(std::atomic<bool>* ended) {
   pthread_mutex_lock(&groupLock);

@@ -5,6 +5,8 @@
 // and its teardown share, so that exactly one of the last two joins each
 // group thread and a group is never destroyed while its thread runs.
 
+#include <time.h>
+
 #include <atomic>
 
 namespace GroupThreads {
@@ -13,6 +15,9 @@ void Lock();
 void Unlock();
 // With the lock held: waits until some group thread has ended.
 void WaitForEnd();
+// The same, but gives up at deadline (CLOCK_MONOTONIC); false once it has
+// passed.
+bool WaitForEndUntil(const struct timespec& deadline);
 // Called by a group thread as it ends: sets *ended under the lock and wakes
 // the waiters. The flag is atomic as well, since a thread cancelled at a wait
 // unwinds to here.

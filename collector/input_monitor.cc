@@ -31,6 +31,8 @@ constexpr size_t kPickCompareLength = 11;
 constexpr size_t kNotifyBufSize = 512;
 constexpr int kEvKey = 1;
 constexpr int kKeyPower = 116;
+// Between tries at a folder that is missing, and after a failed poll.
+constexpr unsigned kRetrySeconds = 1;
 const char kCurrentDir[] = ".";
 const char kParentDir[] = "..";
 
@@ -57,6 +59,11 @@ const char* ShortCodeName(const char* name) {
     if (strcmp(name, entry.name) == 0) return entry.shortName;
   }
   return name;
+}
+
+void PauseBeforeRetry() {
+  WaitPoint wait;
+  sleep(kRetrySeconds);
 }
 
 }  // namespace
@@ -90,19 +97,29 @@ bool InputMonitor::AllocateBuffers() {
 
 void InputMonitor::Run(const char* dir, const TavocatStrListT* picks) {
   if (!AllocateBuffers()) return;
-  if (AddDevice2Cache("default", inotify_init()) != 0) {
+  if (AddDevice2Cache("default", inotify_init1(IN_CLOEXEC)) != 0) {
     fprintf(stderr, "add default socket failed!\n");
     return;
   }
-  if (inotify_add_watch(ufds[0].fd, dir, IN_CREATE | IN_DELETE) < 0) {
-    fprintf(stderr, "could not add watch for %s\n", dir);
-    return;
-  }
-  if (MonitorScanDir(dir, picks) == 1) {
-    fprintf(stderr, "monitor scan dir failed for %s\n", dir);
-    return;
-  }
+  WatchAndScan(dir, picks);
   MonitorDirLoop(dir, picks);
+}
+
+// At boot the folder may be made after the collector starts: waiting for it
+// keeps the group alive instead of ending it for good.
+void InputMonitor::WatchAndScan(const char* dir, const TavocatStrListT* picks) {
+  bool told = false;
+  for (;;) {
+    if (ufds[0].fd < 0) ufds[0].fd = inotify_init1(IN_CLOEXEC);
+    if (ufds[0].fd >= 0 && inotify_add_watch(ufds[0].fd, dir, IN_CREATE | IN_DELETE) >= 0) {
+      if (MonitorScanDir(dir, picks) == 0) return;
+      if (!told) fprintf(stderr, "monitor scan dir failed for %s\n", dir);
+    } else if (!told) {
+      fprintf(stderr, "could not add watch for %s\n", dir);
+    }
+    told = true;
+    PauseBeforeRetry();
+  }
 }
 
 int InputMonitor::AddDevice2Cache(const char* name, int fd) {
@@ -161,7 +178,10 @@ bool InputMonitor::IsPicked(const char* name, const TavocatStrListT* picks) {
 }
 
 int InputMonitor::MonitorOpenDevice(const char* path, const TavocatStrListT* picks) {
-  int fd = open(path, O_RDWR);
+  // A device both found by a scan and reported as created is held once.
+  if (HeldIndex(path) > 0) return 0;
+  // Never blocks the thread outside its waits: not at the open, not at a read.
+  int fd = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) {
     MonitorWriteToBuf("could not open %s\n", path);
     return 1;
@@ -182,21 +202,32 @@ int InputMonitor::MonitorOpenDevice(const char* path, const TavocatStrListT* pic
   return 0;
 }
 
-int InputMonitor::MonitorCloseDevice(const char* path) {
+int InputMonitor::HeldIndex(const char* path) const {
   for (int i = 1; i < ufdCount; ++i) {
-    if (deviceNames[i] == nullptr || strcmp(deviceNames[i], path) != 0) continue;
-    MonitorWriteToBuf("remove device %d: %s\n", i, path);
-    delete[] deviceNames[i];
-    close(ufds[i].fd);
-    for (int j = i; j + 1 < ufdCount; ++j) {
-      ufds[j] = ufds[j + 1];
-      deviceNames[j] = deviceNames[j + 1];
-    }
-    --ufdCount;
-    return 0;
+    if (deviceNames[i] != nullptr && strcmp(deviceNames[i], path) == 0) return i;
   }
-  fprintf(stderr, "remote device: %s not found", path);
-  return 1;
+  return 0;
+}
+
+void InputMonitor::RemoveDevice(int index) {
+  MonitorWriteToBuf("remove device %d: %s\n", index, deviceNames[index]);
+  delete[] deviceNames[index];
+  close(ufds[index].fd);
+  for (int j = index; j + 1 < ufdCount; ++j) {
+    ufds[j] = ufds[j + 1];
+    deviceNames[j] = deviceNames[j + 1];
+  }
+  --ufdCount;
+}
+
+int InputMonitor::MonitorCloseDevice(const char* path) {
+  int index = HeldIndex(path);
+  if (index == 0) {
+    fprintf(stderr, "remote device: %s not found", path);
+    return 1;
+  }
+  RemoveDevice(index);
+  return 0;
 }
 
 int InputMonitor::MonitorReadNotify(const char* dir, int fd, const TavocatStrListT* picks) {
@@ -214,6 +245,7 @@ int InputMonitor::MonitorReadNotify(const char* dir, int fd, const TavocatStrLis
   }
   size_t prefixLength = strlen(path);
   auto handle = [&](const inotify_event& header, const char* name) {
+    if ((header.mask & IN_IGNORED) != 0) watchLost = true;
     if (header.len == 0) return;
     if (strcpy_s(path + prefixLength, sizeof(path) - prefixLength, name) != 0) {
       fprintf(stderr, "get event name error\n");
@@ -235,19 +267,37 @@ void InputMonitor::MonitorDirLoop(const char* dir, const TavocatStrListT* picks)
       WaitPoint wait;
       pollResult = poll(ufds, ufdCount, -1);
     }
-    if (pollResult < 0) continue;
+    if (pollResult < 0) {
+      if (errno != EINTR) PauseBeforeRetry();
+      continue;
+    }
     if ((ufds[0].revents & POLLIN) != 0) MonitorReadNotify(dir, ufds[0].fd, picks);
-    if (ufdCount < 2) continue;
+    if (watchLost) {
+      watchLost = false;
+      WatchAndScan(dir, picks);
+      continue;
+    }
     for (int i = 1; i < ufdCount; ++i) {
-      if (ufds[i].revents == 0) continue;
-      RawInputEvent event;
-      if (read(ufds[i].fd, &event, sizeof(event)) < static_cast<ssize_t>(sizeof(event))) {
-        fprintf(stderr, "could not get event,poll result:%d", pollResult);
-        return;
-      }
-      GatherEvent(event, &lastSyn);
+      // A device let go moves the next one into its entry.
+      if (ufds[i].revents != 0 && !ReadDevice(i, pollResult, &lastSyn)) --i;
     }
   }
+}
+
+// A short read is reported and its piece skipped; a device at its end or
+// gone is let go, since polling it again would only spin.
+bool InputMonitor::ReadDevice(int index, int pollResult, long long* lastSyn) {
+  RawInputEvent event;
+  ssize_t n = read(ufds[index].fd, &event, sizeof(event));
+  if (n == static_cast<ssize_t>(sizeof(event))) {
+    GatherEvent(event, lastSyn);
+    return true;
+  }
+  if (n < 0 && (errno == EAGAIN || errno == EINTR)) return true;
+  fprintf(stderr, "could not get event,poll result:%d", pollResult);
+  if (n > 0) return true;
+  RemoveDevice(index);
+  return false;
 }
 
 void InputMonitor::GatherEvent(const RawInputEvent& event, long long* lastSyn) {

@@ -27,7 +27,9 @@ class InputMonitor {
   InputMonitor& operator=(const InputMonitor&) = delete;
 
   // Sets up, scans dir (a host path) and polls; returns only when the
-  // monitor cannot start or a device read fails.
+  // monitor cannot start. A folder that is missing or removed is watched
+  // again once it is back; a device that fails a read is skipped or let go.
+  // It waits only at its thread's cancellation points.
   void Run(const char* dir, const TavoCommon::TavocatStrListT* picks);
 
   int AddDevice2Cache(const char* name, int fd);
@@ -60,6 +62,14 @@ class InputMonitor {
     int32_t value;
   };
   void GatherEvent(const RawInputEvent& event, long long* lastSyn);
+  // Watches dir and opens the picked devices in it, trying again every
+  // second while that fails.
+  void WatchAndScan(const char* dir, const TavoCommon::TavocatStrListT* picks);
+  // Reads one event of device index; false when the device was let go.
+  bool ReadDevice(int index, int pollResult, long long* lastSyn);
+  // The entry of path among the devices, or 0 when none holds it.
+  int HeldIndex(const char* path) const;
+  void RemoveDevice(int index);
 
   Writer writer;
   void* owner;
@@ -69,6 +79,8 @@ class InputMonitor {
   char* eventBuf = nullptr;
   char* fileBuf = nullptr;
   int fileBufLen = 0;
+  // The folder's watch is gone (the folder was removed).
+  bool watchLost = false;
 };
 
 #endif  // MORVOCAT_COLLECTOR_INPUT_MONITOR_H_

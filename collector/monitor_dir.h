@@ -8,7 +8,8 @@
 // opens never trigger it.
 //
 // The group stops and joins its monitor before it frees anything the
-// monitor uses: the watch loop also waits on a stop descriptor.
+// monitor uses: the watch loop also waits on a stop descriptor. A folder
+// missing at the start, or removed later, is watched once it is there.
 
 #include <stddef.h>
 #include <sys/types.h>
@@ -35,8 +36,20 @@ class MonitorDir : public ThreadBase {
   int HandleEvents(const char* events, ssize_t n);
 
  private:
-  // The watch loop over an inotify descriptor set up with both watches.
-  void Watch(int notifyFd);
+  static constexpr int kTargets = 2;
+  struct WatchTarget {
+    const char* path;
+    int wd = -1;
+    bool told = false;  // its failure has been reported
+  };
+  // The watch loop over the group's folder and the diagnostic-log folder.
+  void Watch(WatchTarget* targets);
+  // A new inotify descriptor; -1 when there is none, FD_SETSIZE when it is
+  // too large for select.
+  int OpenNotify(bool* told);
+  bool AddWatch(int notifyFd, WatchTarget* target);
+  int WaitReadable(int notifyFd, bool complete);
+  void ForgetLostWatches(const char* events, ssize_t n, WatchTarget* targets);
 
   char* dir = nullptr;
   Tavobase* logBase = nullptr;

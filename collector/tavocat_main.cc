@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <new>
@@ -20,7 +21,8 @@
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
 
-using namespace TavoCommon;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInfoT;
 
 extern char** environ;
 
@@ -31,10 +33,15 @@ constexpr size_t kNameSize = 256;
 constexpr size_t kPathSize = 4096;
 constexpr size_t kPidTextSize = 128;
 constexpr char kRebootWatchdog[] = "/proc/reboot_watchdog";
+// How long the teardown waits for the groups' threads to stop at their next
+// wait; a thread held past it (in a source's read) does not hold the exit.
+constexpr long kGroupStopMillis = 1000;
 
 struct RunningGroupNode {
   Tavocat* group;
   RunningGroupNode* next;
+  // The group's configuration, to name it when its thread ends.
+  const TavocatGroupT* config;
 };
 
 // Written by the main thread (and the teardown, under the group lock).
@@ -44,6 +51,9 @@ char** savedArgv = nullptr;
 char* argAreaEnd = nullptr;
 // Set by the teardown: the main thread neither joins nor destroys any more.
 bool closing = false;
+// Groups whose thread the teardown left running: their objects and the
+// configuration they read are not freed, the process ends under them.
+int groupsLeftRunning = 0;
 
 void StartGroups(const TavocatInfoT& info) {
   for (TavocatGroupT* config = info.groups; config != nullptr; config = config->next) {
@@ -57,7 +67,7 @@ void StartGroups(const TavocatInfoT& info) {
       delete group;
       continue;
     }
-    auto* node = new (std::nothrow) RunningGroupNode{group, runningGroups};
+    auto* node = new (std::nothrow) RunningGroupNode{group, runningGroups, config};
     if (node == nullptr) {
       // Its thread runs: the group lives on, unlisted, with the process.
       fprintf(stderr, "Main:tavocat [%s] runs unlisted!\n", info.name);
@@ -84,7 +94,8 @@ void RenameProcess(const char* name, int argc, char** argv) {
 void TellWatchdog() {
   char path[kPathSize];
   if (!platform::ResolvePath(kRebootWatchdog, path, sizeof(path))) return;
-  int fd = open(path, O_WRONLY);
+  // Non-blocking: a FIFO at the node must not hold the main thread.
+  int fd = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return;
   char pid[kPidTextSize];
   int length = snprintf_s(pid, sizeof(pid), sizeof(pid) - 1, "%d", static_cast<int>(getpid()));
@@ -115,15 +126,50 @@ void StartSignalThread(sigset_t* set) {
   if (pthread_create(&thread, nullptr, SignalThread, set) == 0) pthread_detach(thread);
 }
 
-// Joins each listed group, newest first, unless the teardown has begun.
-void JoinGroups() {
-  GroupThreads::Lock();
+const char* EndReason(TavoCommon::LogStyle style) {
+  switch (style) {
+    case TavoCommon::MONITOR_NODE:
+      return "its source could not be read any more";
+    case TavoCommon::MONITOR_DIR:
+      return "its input monitor could not start";
+    case TavoCommon::POLL_NODE:
+      return "its polling is done";
+    case TavoCommon::COND_TRIGGER:
+      return "its charger trigger is not valid";
+    default:
+      return "its thread returned";
+  }
+}
+
+// No group ends silently: one line for each, as its thread is joined.
+void ReportEnd(const RunningGroupNode& node) {
+  const char* name = activeConfig != nullptr ? activeConfig->name : nullptr;
+  const char* output = node.config->outputFilePath;
+  fprintf(stderr, "Main:tavocat [%s] group %s ended: %s\n", name != nullptr ? name : "",
+          output != nullptr ? output : "(standard output)", EndReason(node.config->style));
+}
+
+// Joins and reports the listed groups whose thread has ended; true while
+// some listed group still runs.
+bool JoinEnded() {
+  bool running = false;
   for (RunningGroupNode* node = runningGroups; node != nullptr && node->group != nullptr;
        node = node->next) {
-    while (!closing && !node->group->RunEnded()) GroupThreads::WaitForEnd();
-    if (closing) break;
+    if (!node->group->HasThread()) continue;
+    if (!node->group->RunEnded()) {
+      running = true;
+      continue;
+    }
     node->group->Wait();
+    ReportEnd(*node);
   }
+  return running;
+}
+
+// Waits until every listed group has ended, unless the teardown begins.
+void JoinGroups() {
+  GroupThreads::Lock();
+  while (!closing && JoinEnded()) GroupThreads::WaitForEnd();
   GroupThreads::Unlock();
 }
 
@@ -142,23 +188,49 @@ int PauseForever() {
   }
 }
 
+// With the lock held: waits for the listed groups' threads to end, for at
+// most kGroupStopMillis in all.
+void WaitForGroupEnds() {
+  struct timespec deadline;
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kGroupStopMillis / 1000;
+  deadline.tv_nsec += (kGroupStopMillis % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  for (RunningGroupNode* node = runningGroups; node != nullptr; node = node->next) {
+    while (node->group != nullptr && !node->group->RunEnded()) {
+      if (!GroupThreads::WaitForEndUntil(deadline)) return;
+    }
+  }
+}
+
+// A group whose thread ended is flushed and destroyed. One still running is
+// left to the process's end; only its memory-mapped writer is flushed, which
+// is safe beside a write.
+void FreeGroup(Tavocat* group) {
+  if (group->RunEnded()) {
+    group->Wait();
+    group->FlushAll();
+    delete group;
+    return;
+  }
+  if (group->IsMMapWrite()) group->MmapClose();
+  ++groupsLeftRunning;
+}
+
 }  // namespace
 
 void ListLogBaseFree() {
   for (RunningGroupNode* node = runningGroups; node != nullptr; node = node->next) {
     if (node->group != nullptr) node->group->Cancel();
   }
-  for (RunningGroupNode* node = runningGroups; node != nullptr; node = node->next) {
-    while (node->group != nullptr && !node->group->RunEnded()) GroupThreads::WaitForEnd();
-  }
+  WaitForGroupEnds();
   while (runningGroups != nullptr) {
     RunningGroupNode* node = runningGroups;
-    if (node->group != nullptr) {
-      node->group->Wait();
-      node->group->FlushAll();
-      delete node->group;
-      node->group = nullptr;
-    }
+    if (node->group != nullptr) FreeGroup(node->group);
+    node->group = nullptr;
     runningGroups = node->next;
     delete node;
   }
@@ -172,7 +244,7 @@ void CloseTavocats(int signo) {
   GroupThreads::Lock();
   closing = true;
   ListLogBaseFree();
-  TavocatInfoDeinit(activeConfig);
+  if (groupsLeftRunning == 0) TavocatInfoDeinit(activeConfig);
   _exit(signo);
 }
 

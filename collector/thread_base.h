@@ -19,6 +19,8 @@ class ThreadBase {
   static void* ProxyFunction(void* object);
   // Joins the recorded thread, if any, and forgets it.
   void Wait();
+  // Whether a thread is recorded (started and not yet joined).
+  bool HasThread() const { return threadId != 0; }
   virtual void Run() = 0;
 
  protected:

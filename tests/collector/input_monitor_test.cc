@@ -1,6 +1,8 @@
 // The input monitor: picking by name, event lines, rate lines, the gather
 // buffer and its flushes, and the whole loop fed real input_event records
-// through FIFOs that appear and disappear in a device directory.
+// through FIFOs that appear and disappear in a device directory; faults it
+// lives through: short reads, a device at its end, a folder made late or
+// remade.
 
 #include <dirent.h>
 #include <errno.h>
@@ -11,19 +13,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pthread.h>
+#include <sys/ioctl.h>
+
+#include <functional>
 #include <mutex>
 #include <regex>
 #include <string>
-#include <thread>
 
 #include <gtest/gtest.h>
 
 #include "collector/input_monitor.h"
+#include "collector/wait_point.h"
 #include "collector/group_support.h"
 #include "support/temp_root.h"
 
 namespace {
 
+using morvotest::WriteFile;
 using TavoCommon::TavocatStrListT;
 
 // What the monitor hands to its sink, piece by piece.
@@ -144,6 +151,13 @@ TEST_F(InputMonitorText, RemovingAnUnknownDeviceIsReported) {
   EXPECT_EQ("remote device: /nowhere/event9 not found", err.Text());
 }
 
+// Bytes written to a FIFO and not yet read.
+int Unread(int fd) {
+  int n = -1;
+  ioctl(fd, FIONREAD, &n);
+  return n;
+}
+
 class InputMonitorLoop : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -152,8 +166,38 @@ class InputMonitorLoop : public ::testing::Test {
     dir = root.Under("/dev/input");
     root.MakeDirs("/dev/input");
   }
+  void TearDown() override { Stop(); }
+  // Runs the monitor as a group thread does: it can be stopped only where
+  // it waits, as the collector's teardown stops it.
   void Start() {
-    thread = std::thread([this] { monitor.Run(dir.c_str(), &pick); });
+    ASSERT_EQ(0, pthread_create(&thread, nullptr, &InputMonitorLoop::RunMonitor, this));
+    running = true;
+  }
+  void Stop() {
+    if (!running) return;
+    pthread_cancel(thread);
+    pthread_join(thread, nullptr);
+    running = false;
+  }
+  static void* RunMonitor(void* self) {
+    WaitPoint::CloseOutsideWaits();
+    auto* test = static_cast<InputMonitorLoop*>(self);
+    test->monitor.Run(test->dir.c_str(), &test->pick);
+    return nullptr;
+  }
+  // A new FIFO device, held by the monitor, takes a power-key press: true
+  // once the monitor has handed it over, so the monitor is alive and
+  // watching the folder.
+  bool NewDeviceIsRecorded(const std::string& name) {
+    std::string path = dir + "/" + name;
+    if (mkfifo(path.c_str(), 0600) != 0) return false;
+    int fd = OpenWhenHeld(path);
+    if (fd < 0) return false;
+    Send(fd, 7, 0, 1, 116, 1);
+    close(fd);
+    return grouptest::WaitFor([&] {
+      return collected.Text().find("[7.000000]  KEY_POWER DOWN") != std::string::npos;
+    });
   }
   morvotest::TempRoot root;
   std::string dir;
@@ -162,7 +206,8 @@ class InputMonitorLoop : public ::testing::Test {
   TavocatStrListT pick{any, nullptr};
   Collected collected;
   InputMonitor monitor{&Collected::Write, &collected};
-  std::thread thread;
+  pthread_t thread;
+  bool running = false;
 };
 
 TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
@@ -197,9 +242,8 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
   ASSERT_TRUE(grouptest::WaitFor([&] {
     return write(fd0, "x", 1) < 0 && errno == EPIPE;
   }));
-  ASSERT_EQ(10, write(fd1, "short read", 10));
-  thread.join();
-  EXPECT_EQ("could not get event,poll result:1", err.Text());
+  Stop();
+  EXPECT_EQ("", err.Text());
   EXPECT_EQ(2, monitor.DeviceCount());
   EXPECT_STREQ(second.c_str(), monitor.DeviceName(1));
   monitor.MonitorFlush();
@@ -209,6 +253,52 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
   close(fd0);
   close(fd1);
 }
+
+// A device read that comes short is reported and skipped; a device at its
+// end is let go. Either way the monitor goes on with the other devices.
+struct DeviceFault {
+  const char* name;
+  bool isFifo;  // else a regular file holding the same bytes
+  bool letGo;
+};
+
+void PrintTo(const DeviceFault& c, std::ostream* os) { *os << c.name; }
+
+class InputMonitorDeviceFault : public InputMonitorLoop,
+                                public ::testing::WithParamInterface<DeviceFault> {};
+
+TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
+  const DeviceFault& c = GetParam();
+  std::string path = dir + "/event0";
+  if (c.isFifo) {
+    ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
+  } else {
+    WriteFile(path, "short read");
+  }
+  grouptest::StderrCapture err;
+  Start();
+  if (c.isFifo) {
+    int fd = OpenWhenHeld(path);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(10, write(fd, "short read", 10));
+    ASSERT_TRUE(grouptest::WaitFor([&] { return Unread(fd) == 0; }));
+    close(fd);
+  }
+  EXPECT_TRUE(NewDeviceIsRecorded("event1"));
+  Stop();
+  EXPECT_EQ(0u, err.Text().find("could not get event,poll result:1"));
+  EXPECT_EQ(c.letGo ? 2 : 3, monitor.DeviceCount());
+  monitor.MonitorFlush();
+  EXPECT_EQ(c.letGo, collected.Text().find("remove device 1: " + path + "\n") != std::string::npos)
+      << collected.Text();
+}
+
+INSTANTIATE_TEST_SUITE_P(Faults, InputMonitorDeviceFault,
+                         ::testing::Values(DeviceFault{"AShortRead", true, false},
+                                           DeviceFault{"AFileAtItsEnd", false, true}),
+                         [](const ::testing::TestParamInfo<DeviceFault>& info) {
+                           return std::string(info.param.name);
+                         });
 
 TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
   std::string path = dir + "/event3";
@@ -223,13 +313,42 @@ TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
   EXPECT_EQ(1, monitor.MonitorScanDir((dir + "/missing").c_str(), &pick));
 }
 
-TEST_F(InputMonitorLoop, AMissingDirectoryEndsTheMonitor) {
+// At boot the device folder may come after the collector; a tool may remove
+// and remake it. The monitor watches it once it is there again.
+class InputMonitorLateFolder : public InputMonitorLoop,
+                               public ::testing::WithParamInterface<bool> {};
+
+TEST_P(InputMonitorLateFolder, IsWatchedOnceItIsThere) {
+  bool watchedFirst = GetParam();
+  if (!watchedFirst) {
+    ASSERT_EQ(0, rmdir(dir.c_str()));
+  }
   grouptest::StderrCapture err;
-  std::string missing = dir + "/gone";
-  monitor.Run(missing.c_str(), &pick);
-  EXPECT_EQ("could not add watch for " + missing + "\n", err.Text());
-  EXPECT_EQ(1, monitor.DeviceCount());
+  Start();
+  if (watchedFirst) {
+    ASSERT_TRUE(NewDeviceIsRecorded("event0"));
+    ASSERT_EQ(0, unlink((dir + "/event0").c_str()));
+    ASSERT_EQ(0, rmdir(dir.c_str()));
+  }
+  // Some tries find the folder missing before it is back.
+  struct timespec pause = {0, 300 * 1000000L};
+  nanosleep(&pause, nullptr);
+  root.MakeDirs("/dev/input");
+  EXPECT_TRUE(NewDeviceIsRecorded("event1"));
+  Stop();
+  // Said once for each time the folder went missing, however many tries.
+  size_t said = grouptest::Count(err.Text(), "could not add watch for " + dir + "\n");
+  EXPECT_GE(1u, said);
+  if (!watchedFirst) {
+    EXPECT_EQ(1u, said);
+  }
 }
+
+INSTANTIATE_TEST_SUITE_P(Folder, InputMonitorLateFolder, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return std::string(info.param ? "RemovedAfterTheStart"
+                                                         : "MissingAtTheStart");
+                         });
 
 // The event node the kernel made for a uinput device, found through sysfs.
 std::string EventNodeOf(int uinput) {
@@ -279,8 +398,12 @@ TEST_F(InputMonitorLoop, ARealVirtualDeviceIsPickedByItsName) {
   grouptest::StderrCapture err;
   ioctl(uinput, UI_DEV_DESTROY);
   close(uinput);
-  thread.join();
+  // The device's end is a failed read: it is let go, the monitor goes on.
+  ASSERT_TRUE(grouptest::WaitFor([&] { return monitor.DeviceCount() == 1; }));
+  Stop();
+  monitor.MonitorFlush();
   EXPECT_EQ(0u, collected.Text().find("add device 1: " + dir + "/event0\n  name:     \"gpio-keys\"\n"));
+  EXPECT_NE(std::string::npos, collected.Text().find("remove device 1: " + dir + "/event0\n"));
 }
 
 }  // namespace

@@ -1,16 +1,22 @@
 // The thread base and the directory monitor: flushes on directory opens,
-// one per directory record, and a monitor that ends with its group.
+// one per directory record, folders made late or remade, and a monitor that
+// ends with its group. The charger event wait, which must never spin.
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <string.h>
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <atomic>
 #include <string>
+#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "collector/charger_event.h"
+#include "collector/group_support.h"
 #include "collector/monitor_dir.h"
 #include "collector/thread_base.h"
 #include "sink_support.h"
@@ -44,7 +50,7 @@ TEST(ThreadBaseTest, StartsOneThreadAndWaitForgetsIt) {
 }
 
 void Pause(long millis) {
-  struct timespec pause = {0, millis * 1000000L};
+  struct timespec pause = {millis / 1000, (millis % 1000) * 1000000L};
   nanosleep(&pause, nullptr);
 }
 
@@ -167,14 +173,96 @@ TEST_F(MonitorTest, MonitorsWithoutAWatchEndByThemselves) {
   atRoot.Wait();
   EXPECT_EQ(GetCapturedStderr(), "could not add watch for \n");
 
-  rmdir(root_.Under("/data/log/ksv_log").c_str());
-  MonitorDir noKsv(base_.c_str());
-  noKsv.SetupLogBase(&sink);
+}
+
+// A folder missing when the monitor starts (made later at boot) or removed
+// and remade by a tool is watched once it is there.
+struct LateFolder {
+  const char* name;
+  const char* folder;  // under the temporary root
+  bool watchedFirst;   // removed after the monitor watched it
+};
+
+void PrintTo(const LateFolder& c, std::ostream* os) { *os << c.name; }
+
+class MonitorLateFolder : public MonitorTest, public ::testing::WithParamInterface<LateFolder> {};
+
+TEST_P(MonitorLateFolder, FlushesOnceTheFolderIsMadeAndOpened) {
+  const LateFolder& c = GetParam();
+  std::string folder = root_.Under(c.folder);
+  GroupConfig config(base_, 4096, 10);
+  TestSink sink(config, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  sink.dirMonitor->Stop();  // only the monitor under test flushes
+  ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
+  root_.MakeDirs("/data/log/late");
+  if (!c.watchedFirst) {
+    ASSERT_EQ(0, rmdir(folder.c_str()));
+  }
+  MonitorDir monitor((root_.Under("/data/log/late") + "/applog").c_str());
+  monitor.SetupLogBase(&sink);
   CaptureStderr();
-  ASSERT_TRUE(noKsv.Start());
-  noKsv.Wait();
-  EXPECT_EQ(GetCapturedStderr(),
-            "could not add watch for " + root_.Under("/data/log/ksv_log") + "\n");
+  ASSERT_TRUE(monitor.Start());
+  if (c.watchedFirst) {
+    ASSERT_TRUE(OpensFlush(folder, sink.logFilePath, "first\n"));
+    ASSERT_EQ(0, rmdir(folder.c_str()));
+    ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
+  }
+  Pause(300);
+  mkdir(folder.c_str(), 0775);
+  std::string expected = c.watchedFirst ? "first\nsecond\n" : "first\n";
+  EXPECT_TRUE(OpensFlush(folder, sink.logFilePath, expected));
+  monitor.Stop();
+  size_t said = grouptest::Count(GetCapturedStderr(), "could not add watch for " + folder + "\n");
+  EXPECT_GE(1u, said);
+  if (!c.watchedFirst) {
+    EXPECT_EQ(1u, said);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Folders, MonitorLateFolder,
+    ::testing::Values(LateFolder{"KsvLogMissing", "/data/log/ksv_log", false},
+                      LateFolder{"GroupFolderMissing", "/data/log/late", false},
+                      LateFolder{"KsvLogRemade", "/data/log/ksv_log", true},
+                      LateFolder{"GroupFolderRemade", "/data/log/late", true}),
+    [](const ::testing::TestParamInfo<LateFolder>& info) { return std::string(info.param.name); });
+
+// CPU time the calling thread has used.
+double ThreadCpuSeconds() {
+  struct timespec used;
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+  return used.tv_sec + used.tv_nsec / 1e9;
+}
+
+// A charge-event node that cannot be seeked (a FIFO planted there, opened
+// without a writer) is neither blocked on nor spun on: the wait tries again
+// at an interval, and the thread's CPU time over the run stays small.
+TEST(ChargerEvent, AnUnseekableNodeIsWaitedOnNotSpunOn) {
+  morvotest::TempRoot root;
+  root.MakeDirs("/sys/class/qd_power/bq_bci");
+  std::string node = root.Under("/sys/class/qd_power/bq_bci/poll_charge_start_event");
+  ASSERT_EQ(0, mkfifo(node.c_str(), 0600));
+  std::atomic<bool> stop{false};
+  std::atomic<int> calls{0};
+  std::atomic<double> cpu{0};
+  std::thread waiter([&] {
+    double start = ThreadCpuSeconds();
+    while (!stop) {
+      EXPECT_FALSE(ChargerEventChanged());
+      ++calls;
+    }
+    cpu = ThreadCpuSeconds() - start;
+  });
+  Pause(1500);
+  int returned = calls;
+  // An open held on the FIFO is let go by a writer, so the thread can end.
+  stop = true;
+  int writer = open(node.c_str(), O_WRONLY | O_NONBLOCK);
+  waiter.join();
+  if (writer >= 0) close(writer);
+  EXPECT_GE(returned, 1);
+  EXPECT_LT(cpu.load(), 0.2) << calls.load() << " calls";
 }
 
 }  // namespace
