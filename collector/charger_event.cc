@@ -32,10 +32,7 @@ int OpenNode(const char* devicePath) {
   return open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 }
 
-void PauseBeforeRetry() {
-  WaitPoint wait;
-  sleep(kRetrySeconds);
-}
+void PauseBeforeRetry() { WaitPoint::Sleep(kRetrySeconds); }
 
 bool OpenChargeEvent() {
   if (chargeEventOpen) return true;

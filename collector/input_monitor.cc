@@ -61,10 +61,7 @@ const char* ShortCodeName(const char* name) {
   return name;
 }
 
-void PauseBeforeRetry() {
-  WaitPoint wait;
-  sleep(kRetrySeconds);
-}
+void PauseBeforeRetry() { WaitPoint::Sleep(kRetrySeconds); }
 
 }  // namespace
 

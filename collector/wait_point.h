@@ -7,6 +7,7 @@
 // and no thread touches a group after it is destroyed.
 
 #include <pthread.h>
+#include <unistd.h>
 
 class WaitPoint {
  public:
@@ -17,6 +18,11 @@ class WaitPoint {
 
   // Called first by every group thread.
   static void CloseOutsideWaits() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr); }
+  // A pause before trying again, where the teardown may stop the thread.
+  static void Sleep(unsigned seconds) {
+    WaitPoint wait;
+    sleep(seconds);
+  }
 
  private:
   int previous = PTHREAD_CANCEL_DISABLE;
