@@ -116,6 +116,9 @@ void* SignalThread(void* set) {
 // SIGUSR2 is blocked in every thread of the collector and taken by one
 // thread of its own, so the teardown runs outside signal context.
 bool BlockSigusr2(sigset_t* set) {
+  // A file-size limit must be a refused write the sink waits out, not the
+  // signal that would end the whole collector.
+  signal(SIGXFSZ, SIG_IGN);
   sigemptyset(set);
   sigaddset(set, SIGUSR2);
   return pthread_sigmask(SIG_BLOCK, set, nullptr) == 0;
