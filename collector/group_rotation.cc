@@ -114,9 +114,13 @@ void Tavobase::ReleaseSymlink(const char* path) const {
   close(dirFd);
 }
 
+bool Tavobase::RotationDue(uint64_t length) const {
+  if (outputFilePath.empty() || logFilePath.empty()) return false;
+  return rotateSizeKbytes != 0 && rotateSizeKbytes <= ((curFileSize + length) >> 10);
+}
+
 void Tavobase::RotateLog(uint64_t length) {
-  if (outputFilePath.empty() || logFilePath.empty()) return;
-  if (rotateSizeKbytes == 0 || rotateSizeKbytes > ((curFileSize + length) >> 10)) return;
+  if (!RotationDue(length)) return;
   DeleteOldStyleFiles();
   if (IsFactoryWrite()) {
     RotateLogsFactory();

@@ -27,7 +27,9 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/time.h>
 #include <sys/types.h>
+#include <time.h>
 
 #include <string>
 
@@ -41,6 +43,12 @@ class Tavo;
 class Tavobase : public FileSet {
  public:
   static constexpr long kRetryMillis = 500;
+  // Looking for the current file costs a path lookup, several times what
+  // the rest of a record costs: it is looked for at most this often, and
+  // always before a rotation. In mmap mode records written meanwhile wait
+  // in the writer's cache, which follows into the file made next; in
+  // factory mode each write first checks its descriptor's link count.
+  static constexpr int64_t kFileCheckMillis = 2;
 
   // group may be null (nothing configured: the defaults stay).
   Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode);
@@ -94,6 +102,7 @@ class Tavobase : public FileSet {
   // Starts the next file before a write of length that would reach the
   // size threshold.
   void RotateLog(uint64_t length);
+  bool RotationDue(uint64_t length) const;
   void RotateLogsFactory();
   void OpenLogFileFactory();
   // Makes path and its missing parents with mode. 0 or 1; 1 also when a
@@ -108,6 +117,10 @@ class Tavobase : public FileSet {
  protected:
   // Called each time a new current file has been opened.
   virtual void openLogFilePost() = 0;
+  // The clocks of the time stamps and of the checks and retries; tests
+  // put their own in.
+  virtual void WallClock(struct timeval* now) const;
+  virtual int64_t MonotonicMillis() const;
 
   Tavo* tavoWriter = nullptr;
   MonitorDir* dirMonitor = nullptr;
@@ -123,10 +136,17 @@ class Tavobase : public FileSet {
 
  private:
   static constexpr mode_t kLogFileMode = 0664;
+  static constexpr size_t kStampBuffer = 32;
 
-  // Steps 2 to 4 of every write: rebuild a vanished file, rotate where a
+  // What every write does first: rebuild a vanished file, rotate where a
   // record ended, remember whether this one does.
   void PrepareWrite(size_t length, bool endsRecord);
+  // The current file is gone, renamed, or replaced by something else;
+  // rotating forces the look that is otherwise made only when due.
+  bool CurrentFileGone(bool rotating);
+  // "MM-DD hh:mm:ss" for second, formatted once a second; null without a
+  // local time.
+  const char* StampOf(time_t second);
   // Writes now, or holds the text while the output fails. 0.
   int Accept(const char* text, size_t length, bool endsRecord);
   // False when the output refused the text (lastError_ says why).
@@ -151,6 +171,12 @@ class Tavobase : public FileSet {
   // A retry is opening the file: title rows it cannot write are written
   // again at the next open, and are not held.
   bool reopening_ = false;
+  int64_t fileCheckAtMillis_ = 0;
+  time_t stampSecond_ = 0;
+  bool stampMade_ = false;
+  bool stampLocal_ = false;
+  size_t stampLength_ = 0;
+  char stamp_[kStampBuffer] = {};
 };
 
 #endif  // MORVOCAT_COLLECTOR_TAVOBASE_H_

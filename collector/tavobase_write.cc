@@ -1,7 +1,8 @@
 // The group's write paths. Every write first rebuilds a current file that
-// has vanished, then rotates when the previous write ended a record and this
-// one would reach the size threshold. While the output fails, writes are
-// held and the output is retried now and then.
+// has vanished (looked for now and then, and before every rotation), then
+// rotates when the previous write ended a record and this one would reach
+// the size threshold. While the output fails, writes are held and the
+// output is retried now and then.
 
 #include <errno.h>
 #include <stdio.h>
@@ -19,15 +20,33 @@
 namespace {
 
 constexpr size_t kLineBuffer = 8192;
-constexpr size_t kStampBuffer = 32;
+// ".mmm " after the stamp, "\n" after the line.
+constexpr size_t kMillisLength = 5;
 
-int64_t NowMillis() {
+char* Put(char* at, const char* text, size_t length) {
+  memcpy(at, text, length);
+  return at + length;
+}
+
+// ".mmm " with the milliseconds of a second, 0 to 999.
+char* PutMillis(char* at, long millis) {
+  *at++ = '.';
+  *at++ = static_cast<char>('0' + millis / 100);
+  *at++ = static_cast<char>('0' + millis / 10 % 10);
+  *at++ = static_cast<char>('0' + millis % 10);
+  *at++ = ' ';
+  return at;
+}
+
+}  // namespace
+
+void Tavobase::WallClock(struct timeval* now) const { gettimeofday(now, nullptr); }
+
+int64_t Tavobase::MonotonicMillis() const {
   struct timespec now;
   clock_gettime(CLOCK_MONOTONIC, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
-
-}  // namespace
 
 int Tavobase::LogcatWrite(const char* text, size_t length, bool endsRecord) {
   return IsFactoryWrite() ? FactoryWrite(text, length, endsRecord)
@@ -35,9 +54,23 @@ int Tavobase::LogcatWrite(const char* text, size_t length, bool endsRecord) {
 }
 
 void Tavobase::PrepareWrite(size_t length, bool endsRecord) {
-  if (access(logFilePath.c_str(), F_OK) != 0) SetupOutput();
+  if (CurrentFileGone(recordEnded && RotationDue(length))) SetupOutput();
   if (recordEnded) RotateLog(length);
   recordEnded = endsRecord;
+}
+
+bool Tavobase::CurrentFileGone(bool rotating) {
+  if (outputFilePath.empty()) return logFd < 0;
+  if (IsFactoryWrite() && logFd >= 0) {
+    // The descriptor about to take the text: a line written after an
+    // unlink would be lost with the file.
+    struct stat st;
+    if (fstat(logFd, &st) == 0 && st.st_nlink == 0) return true;
+  }
+  int64_t now = MonotonicMillis();
+  if (!rotating && now < fileCheckAtMillis_) return false;
+  fileCheckAtMillis_ = now + kFileCheckMillis;
+  return !IsOwnFileThere(logFilePath);
 }
 
 int Tavobase::MmapWrite(const char* text, size_t length, bool endsRecord) {
@@ -72,7 +105,15 @@ bool Tavobase::WriteNow(const char* text, size_t length, bool endsRecord) {
   if (IsFactoryWrite()) return WriteFactoryNow(text, length);
   if (!tavoWriter->Write(text, length)) {
     lastError_ = errno;
-    return false;
+    // A full cache had nowhere to go: the file vanished since it was last
+    // looked for.
+    if (IsOwnFileThere(logFilePath)) return false;
+    SetupOutput();
+    if (failing_) return false;
+    if (!tavoWriter->Write(text, length)) {
+      lastError_ = errno;
+      return false;
+    }
   }
   curFileSize += length;
   return true;
@@ -99,7 +140,7 @@ bool Tavobase::WriteFactoryNow(const char* text, size_t length) {
 void Tavobase::BeginFault(int error) {
   if (failing_) return;
   failing_ = true;
-  retryAtMillis_ = NowMillis() + kRetryMillis;
+  retryAtMillis_ = MonotonicMillis() + kRetryMillis;
   // A retry that fails is the same fault.
   if (resuming_) return;
   char buffer[128];
@@ -109,7 +150,7 @@ void Tavobase::BeginFault(int error) {
 }
 
 bool Tavobase::Reopen() {
-  if (access(logFilePath.c_str(), F_OK) != 0) {
+  if (!IsOwnFileThere(logFilePath)) {
     SetupOutput();
   } else if (IsFactoryWrite() && logFd < 0) {
     OpenLogFileFactory();
@@ -123,7 +164,7 @@ bool Tavobase::Reopen() {
 }
 
 void Tavobase::RetryHeld() {
-  if (!failing_ || resuming_ || NowMillis() < retryAtMillis_) return;
+  if (!failing_ || resuming_ || MonotonicMillis() < retryAtMillis_) return;
   resuming_ = true;
   failing_ = false;
   reopening_ = true;
@@ -169,29 +210,37 @@ int Tavobase::LogcatWriteStr(const char* text, size_t width, bool endsRecord) {
   return WriteFormatted(text, width, endsRecord);
 }
 
+const char* Tavobase::StampOf(time_t second) {
+  if (stampMade_ && second == stampSecond_) return stampLocal_ ? stamp_ : nullptr;
+  struct tm local;
+  stampLocal_ = localtime_r(&second, &local) != nullptr;
+  stampLength_ = stampLocal_ ? strftime(stamp_, sizeof(stamp_), "%m-%d %H:%M:%S", &local) : 0;
+  stamp_[stampLength_] = '\0';
+  stampSecond_ = second;
+  stampMade_ = true;
+  return stampLocal_ ? stamp_ : nullptr;
+}
+
+// "%s.%03ld %s\n" of the stamp, the milliseconds and the line, put together
+// by hand: formatting cost more than the rest of the line's way to the file.
 int Tavobase::LogcatWriteWithTimestamp(const char* line) {
   if (line == nullptr) return 1;
   struct timeval now;
-  gettimeofday(&now, nullptr);
-  time_t seconds = now.tv_sec;
-  struct tm local;
-  char text[kLineBuffer];
-  int length;
-  if (localtime_r(&seconds, &local) != nullptr) {
-    char stamp[kStampBuffer];
-    if (strftime(stamp, sizeof(stamp), "%m-%d %H:%M:%S", &local) == 0) stamp[0] = '\0';
-    length = snprintf_s(text, sizeof(text), sizeof(text) - 1, "%s.%03ld %s\n", stamp,
-                        static_cast<long>(now.tv_usec / 1000), line);
-    if (length < 0) {
-      fprintf(stderr, "format timestamp failed\n");
-      return 1;
-    }
-  } else {
-    length = snprintf_s(text, sizeof(text), sizeof(text) - 1, "%s\n", line);
-    if (length < 0) {
-      fprintf(stderr, "format timestamp without logcaltime failed\n");
-      return 1;
-    }
+  WallClock(&now);
+  const char* stamp = StampOf(now.tv_sec);
+  size_t lineLength = strnlen(line, kLineBuffer);
+  size_t prefix = stamp != nullptr ? stampLength_ + kMillisLength : 0;
+  // At most 8191 characters, as every formatted write.
+  if (prefix + lineLength + 1 > kLineBuffer - 1) {
+    fputs(stamp != nullptr ? "format timestamp failed\n"
+                           : "format timestamp without logcaltime failed\n",
+          stderr);
+    return 1;
   }
-  return LogcatWrite(text, static_cast<size_t>(length), true);
+  char text[kLineBuffer];
+  char* end = text;
+  if (stamp != nullptr) end = PutMillis(Put(end, stamp, stampLength_), now.tv_usec / 1000);
+  end = Put(end, line, lineLength);
+  *end++ = '\n';
+  return LogcatWrite(text, static_cast<size_t>(end - text), true);
 }

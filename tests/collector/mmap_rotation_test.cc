@@ -2,6 +2,7 @@
 // and where rotations may fall.
 
 #include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -125,27 +126,101 @@ TEST_F(MmapRotationTest, ThresholdIsReachedInWholeKibibytes) {
   EXPECT_EQ(never.logFilePath, current);
 }
 
-TEST_F(MmapRotationTest, DeletedCurrentFileIsMadeAgainAtTheNextWrite) {
+// The current file taken away, or something else put at its name, while
+// the clocks stand still: the file is looked for when a look is due, before
+// a rotation, or when the writer's cache has nowhere to go; a new file of
+// its own takes everything written since, and what was planted is never
+// written through.
+TEST_F(MmapRotationTest, AVanishedCurrentFileIsMadeAgainWithEveryRecord) {
+  const std::string victim = root_.Under("/victim");
+  const std::string removeFolder = "rm -rf " + sinktest::Quoted(dir_);
+  auto unlinkFile = [](const std::string& file) { ASSERT_EQ(unlink(file.c_str()), 0); };
+  auto removeAll = [&](const std::string&) { ASSERT_EQ(system(removeFolder.c_str()), 0); };
+  auto plant = [&](morvotest::Plant what) {
+    return [&victim, what](const std::string& file) {
+      ASSERT_EQ(unlink(file.c_str()), 0);
+      morvotest::PlantAt(file, what, victim);
+    };
+  };
+  struct Case {
+    const char* what;
+    size_t rotateKbytes;
+    std::function<void(const std::string&)> takeAway;
+    int64_t waitMillis;
+    std::string record;
+    int records;
+    // Removing the folder opens it, which has the monitor flush "one" into
+    // the file removed: flushed first, so that this is always so.
+    bool flushFirst;
+  };
+  const int64_t due = TestSink::kFileCheckMillis;
+  const Case cases[] = {
+      {"deleted, looked for when due", 4096, unlinkFile, due, "two\n", 1, false},
+      {"its folder removed", 4096, removeAll, due, "three\n", 1, true},
+      // 4 + 1020 bytes reach 1 KiB: due, but the new file takes it whole.
+      {"its folder removed, a rotation due first", 1, removeAll, 0,
+       std::string(1019, 'r') + "\n", 1, true},
+      {"deleted, the cache full first", 4096, unlinkFile, 0, std::string(999, 'c') + "\n", 600,
+       false},
+      {"replaced by a link", 4096, plant(morvotest::Plant::SYMLINK), due, "two\n", 1, false},
+      {"replaced by a dangling link", 4096, plant(morvotest::Plant::DANGLING_LINK), due, "two\n",
+       1, false},
+      {"replaced by a hard link", 4096, plant(morvotest::Plant::HARD_LINK), due, "two\n", 1,
+       false},
+      {"replaced by a FIFO", 4096, plant(morvotest::Plant::FIFO), due, "two\n", 1, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    morvotest::MakeVictim(victim);
+    root_.MakeDirs("/data/log/group");
+    GroupConfig config(base_, c.rotateKbytes, 10);
+    TestSink sink(config, MMAP_WRITE);
+    sink.stillClocks = true;
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
+    // Otherwise "one" still waits in the writer's cache: it goes to the new
+    // file.
+    if (c.flushFirst) sink.LogcatClose();
+    std::string expected = c.flushFirst ? "" : "one\n";
+    c.takeAway(sink.logFilePath);
+    sink.millis += c.waitMillis;
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < c.records; ++i) {
+      ASSERT_EQ(sink.LogcatWrite(c.record.data(), c.record.size(), true), 0);
+      expected += c.record;
+    }
+    sink.LogcatClose();
+    testing::internal::GetCapturedStderr();
+    morvotest::ExpectOwnFile(sink.logFilePath, 0664);
+    EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
+    EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), expected);
+    morvotest::ExpectUntouched(victim);
+    EXPECT_FALSE(morvotest::Exists(victim + ".new"));
+    ASSERT_EQ(system(removeFolder.c_str()), 0);
+  }
+}
+
+// The path lookup is what a record cost most: it is made once a look is
+// due, not for every record.
+TEST_F(MmapRotationTest, AVanishedFileIsLookedForOnlyWhenALookIsDue) {
   GroupConfig config(base_, 4096, 10);
   TestSink sink(config, MMAP_WRITE);
+  sink.stillClocks = true;
   ASSERT_EQ(sink.SetupOutput(), 0);
   ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
-  // "one" still waits in the writer's cache: it goes to the new file.
-  ASSERT_EQ(unlink(sink.logFilePath.c_str()), 0);
+  const std::string first = sink.logFilePath;
+  ASSERT_EQ(unlink(first.c_str()), 0);
   ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
-  ASSERT_TRUE(morvotest::Exists(sink.logFilePath));
-  EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
-  sink.LogcatClose();
-  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "one\ntwo\n");
-
-  // The folder too.
-  std::string command = "rm -rf " + sinktest::Quoted(dir_);
-  ASSERT_EQ(system(command.c_str()), 0);
+  sink.millis += TestSink::kFileCheckMillis - 1;
   ASSERT_EQ(sink.LogcatWrite("three\n", 6, true), 0);
-  ASSERT_TRUE(morvotest::Exists(sink.logFilePath));
-  EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
+  EXPECT_EQ(sink.opens, 1);
+  EXPECT_FALSE(morvotest::Exists(first));
+  sink.millis += 1;
+  ASSERT_EQ(sink.LogcatWrite("four\n", 5, true), 0);
+  EXPECT_EQ(sink.opens, 2);
+  EXPECT_TRUE(morvotest::Exists(sink.logFilePath));
   sink.LogcatClose();
-  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "three\n");
+  EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "one\ntwo\nthree\nfour\n");
 }
 
 TEST_F(MmapRotationTest, ALimitOfZeroNeverDeletesTheFileBeingWritten) {

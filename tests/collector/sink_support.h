@@ -7,6 +7,7 @@
 
 #include <stdio.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <string>
@@ -61,6 +62,10 @@ class TestSink : public Tavobase {
   // polling group's title row of columns is.
   std::string title;
   int opens = 0;
+  // Set: the sink's clocks stand where the test puts them.
+  bool stillClocks = false;
+  timeval wall{};
+  int64_t millis = 0;
 
  protected:
   void openLogFilePost() override {
@@ -69,6 +74,16 @@ class TestSink : public Tavobase {
     size_t half = title.size() / 2;
     LogcatWrite(title.data(), half, false);
     LogcatWrite(title.data() + half, title.size() - half, true);
+  }
+  void WallClock(timeval* now) const override {
+    if (stillClocks) {
+      *now = wall;
+    } else {
+      Tavobase::WallClock(now);
+    }
+  }
+  int64_t MonotonicMillis() const override {
+    return stillClocks ? millis : Tavobase::MonotonicMillis();
   }
 };
 

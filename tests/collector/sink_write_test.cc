@@ -10,6 +10,7 @@
 #include <time.h>
 
 #include <functional>
+#include <limits>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -108,6 +109,105 @@ TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
   EXPECT_LE(before, stamp);
   EXPECT_LE(stamp, after);
   EXPECT_TRUE(sink_->recordEnded);
+}
+
+std::string StampOf(time_t second) {
+  struct tm local;
+  localtime_r(&second, &local);
+  char text[32];
+  strftime(text, sizeof(text), "%m-%d %H:%M:%S", &local);
+  return text;
+}
+
+// The stamp is made once a second and reused: it must follow the clock
+// across seconds, minutes and a clock set back, and keep the limit of 8191
+// characters a line.
+TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
+  const time_t lastOfMinute = time(nullptr) / 60 * 60 + 59;
+  const time_t noLocalTime = std::numeric_limits<time_t>::max();
+  struct Case {
+    time_t second;
+    suseconds_t micros;
+    std::string line;
+    int result;
+    std::string written;
+  };
+  const std::string longest(8191 - 20, 'x');
+  const Case cases[] = {
+      {lastOfMinute, 999999, "a", 0, StampOf(lastOfMinute) + ".999 a\n"},
+      {lastOfMinute + 1, 0, "b", 0, StampOf(lastOfMinute + 1) + ".000 b\n"},
+      {lastOfMinute + 1, 1999, "c", 0, StampOf(lastOfMinute + 1) + ".001 c\n"},
+      {lastOfMinute, 42000, "set back", 0, StampOf(lastOfMinute) + ".042 set back\n"},
+      {lastOfMinute + 3600, 500000, longest, 0, StampOf(lastOfMinute + 3600) + ".500 " + longest + "\n"},
+      {lastOfMinute, 0, longest + "y", 1, ""},
+      {noLocalTime, 0, "no local time", 0, "no local time\n"},
+      {noLocalTime, 0, std::string(8190, 'z'), 0, std::string(8190, 'z') + "\n"},
+      {noLocalTime, 0, std::string(8191, 'z'), 1, ""},
+  };
+  sink_->stillClocks = true;
+  std::string expected;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.line.substr(0, 16));
+    sink_->wall.tv_sec = c.second;
+    sink_->wall.tv_usec = c.micros;
+    CaptureStderr();
+    EXPECT_EQ(sink_->LogcatWriteWithTimestamp(c.line.c_str()), c.result);
+    std::string err = GetCapturedStderr();
+    if (c.result != 0) {
+      EXPECT_EQ(err, c.second == noLocalTime ? "format timestamp without logcaltime failed\n"
+                                             : "format timestamp failed\n");
+    }
+    expected += c.written;
+    EXPECT_EQ(Written(), expected);
+  }
+}
+
+// The factory file taken away or renamed: no record is written into a file
+// that is gone, and a link put at its name is removed, never written through.
+TEST_F(SinkWriteTest, AVanishedFactoryFileIsMadeAgain) {
+  const std::string victim = root_.Under("/victim");
+  const std::string renamed = base_ + ".old";
+  struct Case {
+    const char* what;
+    std::function<void()> takeAway;
+    // Written before a look is due, and where it goes.
+    std::string before;
+  };
+  const Case cases[] = {
+      {"deleted", [&] { ASSERT_EQ(unlink(base_.c_str()), 0); }, base_},
+      {"replaced by a link",
+       [&] {
+         ASSERT_EQ(unlink(base_.c_str()), 0);
+         morvotest::PlantAt(base_, morvotest::Plant::SYMLINK, victim);
+       },
+       base_},
+      {"renamed", [&] { ASSERT_EQ(rename(base_.c_str(), renamed.c_str()), 0); }, renamed},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    morvotest::MakeVictim(victim);
+    GroupConfig config(base_, 4096, 10);
+    TestSink sink(config, FACTORY_WRITE);
+    sink.stillClocks = true;
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
+    c.takeAway();
+    CaptureStderr();
+    ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
+    sink.millis += TestSink::kFileCheckMillis;
+    ASSERT_EQ(sink.LogcatWrite("three\n", 6, true), 0);
+    GetCapturedStderr();
+    morvotest::ExpectOwnFile(base_, 0664);
+    if (c.before == base_) {
+      EXPECT_EQ(morvotest::ReadFile(base_), "two\nthree\n");
+    } else {
+      EXPECT_EQ(morvotest::ReadFile(c.before), "one\ntwo\n");
+      EXPECT_EQ(morvotest::ReadFile(base_), "three\n");
+    }
+    morvotest::ExpectUntouched(victim);
+    unlink(renamed.c_str());
+    unlink(base_.c_str());
+  }
 }
 
 TEST_F(SinkWriteTest, EmptyAndClosedOutputs) {
