@@ -44,8 +44,9 @@ class Tavobase : public FileSet {
  public:
   static constexpr long kRetryMillis = 500;
   // Looking for the current file costs a path lookup, several times what
-  // the rest of a record costs: it is looked for at most this often, and
-  // always before a rotation. In mmap mode records written meanwhile wait
+  // the rest of a record costs: it is looked for at most this often (on a
+  // clock that moves a tick of a few milliseconds at a time), and always
+  // before a rotation. In mmap mode records written meanwhile wait
   // in the writer's cache, which follows into the file made next; in
   // factory mode each write first checks its descriptor's link count.
   static constexpr int64_t kFileCheckMillis = 2;

@@ -43,8 +43,11 @@ char* PutMillis(char* at, long millis) {
 void Tavobase::WallClock(struct timeval* now) const { gettimeofday(now, nullptr); }
 
 int64_t Tavobase::MonotonicMillis() const {
+  // Read at every record: the coarse clock is a memory read where the fine
+  // one may have to ask the processor (a trap under some hypervisors), and
+  // its tick of a few milliseconds is fine enough for checks and retries.
   struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
