@@ -1,6 +1,7 @@
 // A collector group's write path: records of about a kernel-log line's
-// length through LogcatWrite in each write mode, rotations included at the
-// default threshold of 4 MiB, and the cost of one rotation on its own.
+// length through LogcatWrite in each write mode, and kernel lines stamped on
+// their way in mmap mode, rotations included at the default threshold of
+// 4 MiB; and the cost of one rotation on its own.
 
 #include <ftw.h>
 #include <stdio.h>
@@ -69,6 +70,15 @@ void Write(benchmark::State& state, TavoCommon::TypeWrite mode) {
 }
 
 void BM_WriteMmap(benchmark::State& state) { Write(state, TavoCommon::MMAP_WRITE); }
+
+void BM_StampedLineMmap(benchmark::State& state) {
+  BenchGroup group;
+  BenchSink sink(group.group(), TavoCommon::MMAP_WRITE);
+  sink.SetupOutput();
+  const std::string line = kLine.substr(19, kLine.size() - 20);
+  for (auto _ : state) benchmark::DoNotOptimize(sink.LogcatWriteWithTimestamp(line.c_str()));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * kLine.size()));
+}
 void BM_WriteFactory(benchmark::State& state) { Write(state, TavoCommon::FACTORY_WRITE); }
 
 // One rotation: new name, file, owner change and links (mmap), or renames,
@@ -87,6 +97,7 @@ void BM_RotateMmap(benchmark::State& state) { Rotate(state, TavoCommon::MMAP_WRI
 void BM_RotateFactory(benchmark::State& state) { Rotate(state, TavoCommon::FACTORY_WRITE); }
 
 BENCHMARK(BM_WriteMmap);
+BENCHMARK(BM_StampedLineMmap);
 BENCHMARK(BM_WriteFactory);
 BENCHMARK(BM_RotateMmap)->Iterations(500);
 BENCHMARK(BM_RotateFactory)->Iterations(500);
