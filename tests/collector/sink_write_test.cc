@@ -80,17 +80,21 @@ TEST_F(SinkWriteTest, NoWriteGoesPast8191Characters) {
   EXPECT_EQ(sink_->LogcatWriteWithTimestamp(line.c_str()), 1);
 }
 
+// "MM-DD hh:mm:ss" of second in local time.
+std::string StampOf(time_t second) {
+  struct tm local;
+  localtime_r(&second, &local);
+  char text[32];
+  strftime(text, sizeof(text), "%m-%d %H:%M:%S", &local);
+  return text;
+}
+
 // The sink's clock: time() reads a coarser one that can lag a stamp just
 // written by up to a tick.
 std::string StampNow() {
   timeval tv;
   gettimeofday(&tv, nullptr);
-  time_t now = tv.tv_sec;
-  struct tm local;
-  localtime_r(&now, &local);
-  char text[32];
-  strftime(text, sizeof(text), "%m-%d %H:%M:%S", &local);
-  return text;
+  return StampOf(tv.tv_sec);
 }
 
 TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
@@ -109,14 +113,6 @@ TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
   EXPECT_LE(before, stamp);
   EXPECT_LE(stamp, after);
   EXPECT_TRUE(sink_->recordEnded);
-}
-
-std::string StampOf(time_t second) {
-  struct tm local;
-  localtime_r(&second, &local);
-  char text[32];
-  strftime(text, sizeof(text), "%m-%d %H:%M:%S", &local);
-  return text;
 }
 
 // The stamp is made once a second and reused: it must follow the clock
