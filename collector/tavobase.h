@@ -87,6 +87,8 @@ class Tavobase : public FileSet {
   int LogcatWriteStr(const char* text, size_t width, bool endsRecord);
   // "MM-DD hh:mm:ss.mmm line\n" in local time.
   int LogcatWriteWithTimestamp(const char* line);
+  // The same for length bytes of text, NUL bytes included.
+  int LogcatWriteStamped(const char* text, size_t length);
   // While the output fails: tries it again, when a retry is due, and writes
   // what is held. Every write does this; a runner whose source is idle may
   // call it so that held records do not wait for the next one.

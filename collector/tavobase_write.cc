@@ -224,26 +224,30 @@ const char* Tavobase::StampOf(time_t second) {
   return stampLocal_ ? stamp_ : nullptr;
 }
 
-// "%s.%03ld %s\n" of the stamp, the milliseconds and the line, put together
-// by hand: formatting cost more than the rest of the line's way to the file.
 int Tavobase::LogcatWriteWithTimestamp(const char* line) {
   if (line == nullptr) return 1;
+  return LogcatWriteStamped(line, strnlen(line, kLineBuffer));
+}
+
+// "%s.%03ld %s\n" of the stamp, the milliseconds and the text, put together
+// by hand: formatting cost more than the rest of the line's way to the file.
+int Tavobase::LogcatWriteStamped(const char* text, size_t length) {
+  if (text == nullptr) return 1;
   struct timeval now;
   WallClock(&now);
   const char* stamp = StampOf(now.tv_sec);
-  size_t lineLength = strnlen(line, kLineBuffer);
   size_t prefix = stamp != nullptr ? stampLength_ + kMillisLength : 0;
   // At most 8191 characters, as every formatted write.
-  if (prefix + lineLength + 1 > kLineBuffer - 1) {
+  if (prefix + length + 1 > kLineBuffer - 1) {
     fputs(stamp != nullptr ? "format timestamp failed\n"
                            : "format timestamp without logcaltime failed\n",
           stderr);
     return 1;
   }
-  char text[kLineBuffer];
-  char* end = text;
+  char line[kLineBuffer];
+  char* end = line;
   if (stamp != nullptr) end = PutMillis(Put(end, stamp, stampLength_), now.tv_usec / 1000);
-  end = Put(end, line, lineLength);
+  end = Put(end, text, length);
   *end++ = '\n';
-  return LogcatWrite(text, static_cast<size_t>(end - text), true);
+  return LogcatWrite(line, static_cast<size_t>(end - line), true);
 }

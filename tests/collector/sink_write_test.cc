@@ -156,6 +156,11 @@ TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
     expected += c.written;
     EXPECT_EQ(Written(), expected);
   }
+  // Bytes with a NUL among them are kept whole.
+  sink_->wall = {lastOfMinute, 7000};
+  const std::string withNul("a\0b", 3);
+  EXPECT_EQ(sink_->LogcatWriteStamped(withNul.data(), withNul.size()), 0);
+  EXPECT_EQ(Written(), expected + StampOf(lastOfMinute) + ".007 " + withNul + "\n");
 }
 
 // The factory file taken away or renamed: no record is written into a file
