@@ -149,25 +149,20 @@ TEST_F(MmapRotationTest, AVanishedCurrentFileIsMadeAgainWithEveryRecord) {
     int64_t waitMillis;
     std::string record;
     int records;
-    // Removing the folder opens it, which has the monitor flush "one" into
-    // the file removed: flushed first, so that this is always so.
-    bool flushFirst;
   };
   const int64_t due = TestSink::kFileCheckMillis;
   const Case cases[] = {
-      {"deleted, looked for when due", 4096, unlinkFile, due, "two\n", 1, false},
-      {"its folder removed", 4096, removeAll, due, "three\n", 1, true},
+      {"deleted, looked for when due", 4096, unlinkFile, due, "two\n", 1},
+      {"its folder removed", 4096, removeAll, due, "three\n", 1},
       // 4 + 1020 bytes reach 1 KiB: due, but the new file takes it whole.
       {"its folder removed, a rotation due first", 1, removeAll, 0,
-       std::string(1019, 'r') + "\n", 1, true},
-      {"deleted, the cache full first", 4096, unlinkFile, 0, std::string(999, 'c') + "\n", 600,
-       false},
-      {"replaced by a link", 4096, plant(morvotest::Plant::SYMLINK), due, "two\n", 1, false},
+       std::string(1019, 'r') + "\n", 1},
+      {"deleted, the cache full first", 4096, unlinkFile, 0, std::string(999, 'c') + "\n", 600},
+      {"replaced by a link", 4096, plant(morvotest::Plant::SYMLINK), due, "two\n", 1},
       {"replaced by a dangling link", 4096, plant(morvotest::Plant::DANGLING_LINK), due, "two\n",
-       1, false},
-      {"replaced by a hard link", 4096, plant(morvotest::Plant::HARD_LINK), due, "two\n", 1,
-       false},
-      {"replaced by a FIFO", 4096, plant(morvotest::Plant::FIFO), due, "two\n", 1, false},
+       1},
+      {"replaced by a hard link", 4096, plant(morvotest::Plant::HARD_LINK), due, "two\n", 1},
+      {"replaced by a FIFO", 4096, plant(morvotest::Plant::FIFO), due, "two\n", 1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -175,13 +170,12 @@ TEST_F(MmapRotationTest, AVanishedCurrentFileIsMadeAgainWithEveryRecord) {
     root_.MakeDirs("/data/log/group");
     GroupConfig config(base_, c.rotateKbytes, 10);
     TestSink sink(config, MMAP_WRITE);
+    sink.StopMonitor();
     sink.stillClocks = true;
     ASSERT_EQ(sink.SetupOutput(), 0);
     ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
-    // Otherwise "one" still waits in the writer's cache: it goes to the new
-    // file.
-    if (c.flushFirst) sink.LogcatClose();
-    std::string expected = c.flushFirst ? "" : "one\n";
+    // "one" still waits in the writer's cache: it goes to the new file.
+    std::string expected = "one\n";
     c.takeAway(sink.logFilePath);
     sink.millis += c.waitMillis;
     testing::internal::CaptureStderr();
@@ -205,6 +199,7 @@ TEST_F(MmapRotationTest, AVanishedCurrentFileIsMadeAgainWithEveryRecord) {
 TEST_F(MmapRotationTest, AVanishedFileIsLookedForOnlyWhenALookIsDue) {
   GroupConfig config(base_, 4096, 10);
   TestSink sink(config, MMAP_WRITE);
+  sink.StopMonitor();
   sink.stillClocks = true;
   ASSERT_EQ(sink.SetupOutput(), 0);
   ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);

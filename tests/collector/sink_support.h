@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "collector/monitor_dir.h"
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"
 #include "support/command_output.h"
@@ -62,6 +63,13 @@ class TestSink : public Tavobase {
   // polling group's title row of columns is.
   std::string title;
   int opens = 0;
+  // The monitor flushes the writer when it sees the folder opened, at
+  // times of its own: without it, what was written waits in the writer's
+  // cache until the sink flushes.
+  void StopMonitor() {
+    delete dirMonitor;
+    dirMonitor = nullptr;
+  }
   // Set: the sink's clocks stand where the test puts them.
   bool stillClocks = false;
   timeval wall{};
