@@ -51,6 +51,10 @@ void RingUnlock(RingLockState* lock);
 // For readers: true when no writer is inside the ring at this moment, or
 // the one inside is gone or marked stalled.
 bool RingLockSettled(const RingLockState& lock);
+// For readers: true when nobody holds the lock (the cheap first look).
+inline bool RingLockFree(const RingLockState& lock) {
+  return lock.word.load(std::memory_order_acquire) == 0;
+}
 
 // The calling thread's id, asked of the kernel once per thread.
 uint32_t CallerTid();

@@ -64,6 +64,10 @@ struct LogRing::Header {
   alignas(64) std::atomic<uint64_t> tail;
   alignas(64) std::atomic<uint64_t> spillSequence;
   SpillSlot spill[kSpillSlots];
+  // marks[s % kRingMarks]: the first record that starts among positions
+  // s << shift to (s + 1) << shift. Zero in files made before marks were
+  // kept, which only ever names position 0.
+  alignas(64) std::atomic<uint64_t> marks[kRingMarks];
 };
 
 static_assert(sizeof(LogRing::Header) <= kHeaderPage, "the ring header fits its page");
@@ -74,6 +78,26 @@ static_assert(offsetof(LogRing::Header, retired) == kRingRetiredOffset,
               "the retired word lies where tests look for it");
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "positions are shared lock-free");
 static_assert(kSpillSlotSize == 4096, "a spill slot holds the largest record");
+
+namespace {
+
+// Stretches of a power of two positions, at least a page, so that
+// kRingMarks of them cover the ring.
+uint32_t MarkShift(uint64_t capacity) {
+  uint32_t shift = 12;
+  while ((uint64_t{1} << shift) * kRingMarks < capacity) ++shift;
+  return shift;
+}
+
+// Notes a record that starts at pos, when it is the first of its stretch.
+void MarkRecord(LogRing::Header* header, uint32_t shift, uint64_t pos) {
+  std::atomic<uint64_t>& mark = header->marks[(pos >> shift) % kRingMarks];
+  if (mark.load(std::memory_order_relaxed) >> shift != pos >> shift) {
+    mark.store(pos, std::memory_order_relaxed);
+  }
+}
+
+}  // namespace
 
 // What a new ring file starts with; source, when set, lends the records
 // between tail and head.
@@ -102,6 +126,7 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
   header->head.store(layout->head, std::memory_order_relaxed);
   header->tail.store(layout->tail, std::memory_order_relaxed);
   header->evicted.store(layout->evicted, std::memory_order_relaxed);
+  for (std::atomic<uint64_t>& mark : header->marks) mark.store(0, std::memory_order_relaxed);
   if (layout->source == nullptr) return;
   // The records keep their positions, so readers of the old file go on in
   // the new one where they were.
@@ -111,6 +136,18 @@ void LogRing::InitFile(void* addr, size_t, const void* arg) {
     uint64_t chunk = std::min(layout->head - pos, layout->capacity - offset);
     layout->source->CopyOut(pos, data + offset, chunk);
     pos += chunk;
+  }
+  MarkRecords(header, *layout);
+}
+
+// The marks of the records a new file took over, found as writers drop
+// records: a damaged one is passed byte by byte.
+void LogRing::MarkRecords(Header* header, const FileSpec& layout) {
+  uint32_t shift = MarkShift(layout.capacity);
+  for (uint64_t pos = layout.tail; pos < layout.head;) {
+    MarkRecord(header, shift, pos);
+    uint64_t size = layout.source->SoundSizeAt(pos, layout.head);
+    pos = size != 0 ? pos + size : layout.source->NextSoundRecord(pos, layout.head);
   }
 }
 
@@ -149,6 +186,7 @@ void LogRing::Adopt(const SharedMapping& mapping) {
   header_ = static_cast<Header*>(mapping.addr);
   data_ = static_cast<unsigned char*>(mapping.addr) + kDataOffset;
   capacity_ = header_->capacity;
+  markShift_ = MarkShift(capacity_);
 }
 
 bool LogRing::ValidHeader(const SharedMapping& mapping) const {
@@ -304,10 +342,19 @@ void LogRing::CopyIn(uint64_t pos, const void* src, uint64_t size) {
 }
 
 void LogRing::CopyOut(uint64_t pos, void* dst, uint64_t size) const {
-  uint64_t offset = pos % capacity_;
+  CopyOutAt(pos % capacity_, dst, size);
+}
+
+void LogRing::CopyOutAt(uint64_t offset, void* dst, uint64_t size) const {
   uint64_t first = std::min(size, capacity_ - offset);
   memcpy(dst, data_ + offset, first);
   memcpy(static_cast<unsigned char*>(dst) + first, data_, size - first);
+}
+
+// The data offset size bytes after offset; one division per record saved.
+uint64_t LogRing::Advance(uint64_t offset, uint64_t size) const {
+  uint64_t next = offset + size;
+  return next >= capacity_ ? next - capacity_ : next;
 }
 
 bool LogRing::Overwritten(uint64_t pos) const {
@@ -380,6 +427,7 @@ void LogRing::AppendLocked(qd_logger_entry* entry, const char* payload) {
   }
   CopyIn(head, entry, kRecordHeaderSize);
   CopyIn(head + kRecordHeaderSize, payload, entry->len);
+  MarkRecord(header_, markShift_, head);
   header_->head.store(head + size, std::memory_order_release);
 }
 
@@ -484,26 +532,65 @@ bool LogRing::Span(uint64_t* tail, uint64_t* head) const {
 
 uint64_t LogRing::Evicted() const { return header_->evicted.load(std::memory_order_acquire); }
 
-int LogRing::ReadHeaderAt(uint64_t pos, uint64_t head, qd_logger_entry* out) const {
-  if (pos >= head || head - pos < kRecordHeaderSize) return -EINVAL;
-  CopyOut(pos, out, kRecordHeaderSize);
-  if (Overwritten(pos)) return 0;
-  if (out->hdr_size != kRecordHeaderSize || out->len < kRecordMinPayload ||
-      out->len > QD_LOGGER_ENTRY_MAX_PAYLOAD || out->lid != static_cast<uint32_t>(id_) ||
-      head - pos - kRecordHeaderSize < out->len) {
-    return -EINVAL;
-  }
-  return static_cast<int>(kRecordHeaderSize + out->len);
+bool LogRing::Unchanged(uint64_t head) const {
+  return header_->head.load(std::memory_order_acquire) == head && !Stale();
 }
 
-int LogRing::ReadAt(uint64_t pos, uint64_t head, qd_log_msg* msg) const {
-  int size = ReadHeaderAt(pos, head, &msg->entry);
-  if (size <= 0) return size;
-  CopyOut(pos + kRecordHeaderSize, msg->buf + kRecordHeaderSize, msg->entry.len);
+bool LogRing::Idle(uint64_t head) const {
+  // The lock first: a writer publishes the head before it lets go.
+  return RingLockFree(header_->lock) && Unchanged(head);
+}
+
+int LogRing::ReadHeaderAt(uint64_t pos, uint64_t head, qd_logger_entry* out) const {
+  if (pos >= head || head - pos < kRecordHeaderSize) return -EINVAL;
+  uint64_t offset = pos % capacity_;
+  CopyOutAt(offset, out, kRecordHeaderSize);
+  unsigned char last = 1;
+  uint64_t size = kRecordHeaderSize + out->len;
+  bool fits = out->len >= kRecordMinPayload && out->len <= QD_LOGGER_ENTRY_MAX_PAYLOAD &&
+              head - pos >= size;
+  if (fits) CopyOutAt(Advance(offset, size - 1), &last, 1);
   if (Overwritten(pos)) return 0;
+  if (!fits || out->hdr_size != kRecordHeaderSize || out->lid != static_cast<uint32_t>(id_) ||
+      last != '\0') {
+    return -EINVAL;
+  }
+  return static_cast<int>(size);
+}
+
+int LogRing::ReadPayloadAt(uint64_t pos, qd_log_msg* msg) const {
+  uint32_t len = msg->entry.len;
+  if (len > QD_LOGGER_ENTRY_MAX_PAYLOAD) return -EINVAL;
+  uint64_t offset = Advance(pos % capacity_, kRecordHeaderSize);
+  unsigned char* dst = msg->buf + kRecordHeaderSize;
+  constexpr uint32_t kBlock = 32;
+  uint32_t blocks = (len + kBlock - 1) / kBlock;
+  static_assert(kRecordHeaderSize + (QD_LOGGER_ENTRY_MAX_PAYLOAD + kBlock - 1) / kBlock * kBlock <=
+                    sizeof(qd_log_msg::buf),
+                "a record copied in whole blocks fits the buffer");
+  if (capacity_ - offset >= uint64_t{blocks} * kBlock) {
+    // In whole blocks: a library copy of a hundred bytes costs more than
+    // the bytes, and the few read past the record are still the ring's.
+    for (uint32_t b = 0; b < blocks; ++b) memcpy(dst + b * kBlock, data_ + offset + b * kBlock, kBlock);
+  } else {
+    CopyOutAt(offset, dst, len);
+  }
+  if (Overwritten(pos)) return 0;
+  uint32_t size = kRecordHeaderSize + len;
   if (msg->buf[size - 1] != '\0') return -EINVAL;
   msg->buf[size] = '\0';
-  return size;
+  return static_cast<int>(size);
+}
+
+uint64_t LogRing::MarkBelow(uint64_t before, uint64_t tail) const {
+  if (before <= tail) return tail;
+  // The stretches between tail and before: at most kRingMarks + 1, as the
+  // ring holds at most capacity bytes.
+  for (uint64_t s = (before - 1) >> markShift_;; --s) {
+    uint64_t mark = header_->marks[s % kRingMarks].load(std::memory_order_acquire);
+    if (mark >> markShift_ == s && mark >= tail && mark < before) return mark;
+    if ((s << markShift_) <= tail || s == 0) return tail;
+  }
 }
 
 bool LogRing::SkipDamaged(uint64_t pos, uint64_t head, uint64_t* next) const {

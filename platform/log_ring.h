@@ -18,6 +18,11 @@
 // each other writer at most one wait and no record, until the slots are
 // full (-EBUSY, without waiting). A spilled record keeps the time it was
 // written, so it may sit in the ring after a newer one.
+//
+// Writers also mark, in the header, the first record that starts in each
+// of kRingMarks stretches of the positions, so that a tail starts near the
+// head instead of walking every record. A mark is a hint: readers take it
+// only when the walk from it lands exactly on the next mark or the head.
 
 #include <limits.h>
 #include <stdint.h>
@@ -41,6 +46,7 @@ static_assert(sizeof(qd_logger_entry) == 28, "the record header is 28 bytes");
 constexpr uint64_t kRingLockOffset = 64;
 constexpr uint64_t kRingLockSize = 64;
 constexpr uint32_t kSpillSlots = 8;
+constexpr uint32_t kRingMarks = 256;
 // Where the records start in a ring file: after the header page and one
 // 4096-byte page per spill slot.
 constexpr uint64_t kRingDataOffset = 4096 + kSpillSlots * 4096;
@@ -101,13 +107,24 @@ class LogRing {
   // The positions of the oldest record and of the end. False when the
   // shared header is inconsistent.
   bool Span(uint64_t* tail, uint64_t* head) const;
+  // True when the head is still head and the file is still this ring's: a
+  // reader that reached head has nothing new, and need not ask further.
+  bool Unchanged(uint64_t head) const;
+  // As Unchanged, and no writer is inside the ring: nothing stamped before
+  // now can still come.
+  bool Idle(uint64_t head) const;
   // Bytes that writers have dropped to make room, ever.
   uint64_t Evicted() const;
-  // Copies the header of the record at pos (below head). Its total size, 0
-  // when it was overwritten while copied, -EINVAL when malformed.
+  // Copies the header of the record at pos (below head), once the record
+  // reads as whole (its terminator in place). Its total size, 0 when it was
+  // overwritten while copied, -EINVAL when malformed.
   int ReadHeaderAt(uint64_t pos, uint64_t head, qd_logger_entry* out) const;
-  // Copies the whole record at pos into msg, NUL after it. As ReadHeaderAt.
-  int ReadAt(uint64_t pos, uint64_t head, qd_log_msg* msg) const;
+  // Copies the payload of the record at pos, whose header ReadHeaderAt put
+  // in msg->entry, into msg, NUL after it. As ReadHeaderAt.
+  int ReadPayloadAt(uint64_t pos, qd_log_msg* msg) const;
+  // The newest marked record position in [tail, before), tail when no
+  // mark there is this lap's.
+  uint64_t MarkBelow(uint64_t before, uint64_t tail) const;
   // For a reader that found the record at pos malformed: *next is where
   // the next sound record starts, head when none does. False when writers
   // overwrote pos meanwhile (start again from the tail).
@@ -123,6 +140,7 @@ class LogRing {
   int Map();
   bool ValidHeader(const SharedMapping& mapping) const;
   void Adopt(const SharedMapping& mapping);
+  static void MarkRecords(Header* header, const FileSpec& layout);
   // Takes the lock on a header that is still this ring's; -ESTALE when it
   // is not, -EBUSY when a stopped writer holds it.
   int LockFresh();
@@ -147,6 +165,8 @@ class LogRing {
   uint64_t DropUntilFree(uint64_t tail, uint64_t head, uint64_t keep) const;
   void CopyIn(uint64_t pos, const void* src, uint64_t size);
   void CopyOut(uint64_t pos, void* dst, uint64_t size) const;
+  void CopyOutAt(uint64_t offset, void* dst, uint64_t size) const;
+  uint64_t Advance(uint64_t offset, uint64_t size) const;
   bool Overwritten(uint64_t pos) const;
 
   log_id_t id_ = LOG_ID_MAIN;
@@ -158,6 +178,8 @@ class LogRing {
   Header* header_ = nullptr;
   unsigned char* data_ = nullptr;
   uint64_t capacity_ = 0;
+  // Marks are kept per 1 << markShift_ positions.
+  uint32_t markShift_ = 12;
   StoreSignal signal_;
 };
 

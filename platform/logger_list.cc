@@ -37,14 +37,17 @@ struct qd_logger {
   LogRing* ring;
   // Position of the next record to look at.
   uint64_t pos;
+  // The head as last read: the records below it are there to read without
+  // asking the ring again.
+  uint64_t head;
   // A writer held the lock past the settle wait; not waited for again
   // until the lock is seen free.
   bool stuck;
-  // The next record of this buffer, copied out and waiting for its turn in
-  // the merge.
+  // The header of the next record of this buffer, checked and waiting for
+  // its turn in the merge; its payload is copied once, when it is taken.
   bool hasPending;
   uint64_t pendingPos;
-  qd_log_msg pending;
+  qd_logger_entry pending;
 };
 
 struct qd_logger_list {
@@ -80,34 +83,53 @@ int WithCurrentRing(qd_logger* logger, Op op) {
   return -EIO;
 }
 
-// Copies the next record of logger that passes the pid filter into its
-// pending slot, when there is one. 0 or a negated errno.
+// Reads the ring's span again (after a resize, on the new file) and puts
+// the logger back inside it. 0 or a negated errno.
+int Resync(qd_logger* logger) {
+  LogRing* ring = logger->ring;
+  if (!Refresh(ring)) return -EIO;
+  uint64_t tail, head;
+  if (!ring->Span(&tail, &head)) return -EIO;
+  // Past the head: the file was made anew; below the tail: dropped.
+  if (logger->pos > head || logger->pos < tail) logger->pos = tail;
+  logger->head = head;
+  return 0;
+}
+
+// Checks the header of the next record of logger that passes the pid
+// filter into its pending slot, when there is one. 0 or a negated errno.
 int FillPending(qd_logger* logger) {
   if (logger->hasPending) return 0;
   LogRing* ring = logger->ring;
+  bool resync = false;
   for (;;) {
-    if (!Refresh(ring)) return -EIO;
-    uint64_t tail, head;
-    if (!ring->Span(&tail, &head)) return -EIO;
-    // Past the head: the file was made anew; below the tail: dropped.
-    if (logger->pos > head || logger->pos < tail) logger->pos = tail;
-    if (logger->pos == head) return 0;
-    int size = ring->ReadAt(logger->pos, head, &logger->pending);
+    if (resync || logger->pos >= logger->head) {
+      // A buffer with nothing new costs one look at its head.
+      if (!resync && logger->pos == logger->head && ring->Unchanged(logger->head)) return 0;
+      int rc = Resync(logger);
+      if (rc < 0) return rc;
+      resync = false;
+      if (logger->pos == logger->head) return 0;
+    }
+    int size = ring->ReadHeaderAt(logger->pos, logger->head, &logger->pending);
     if (size == -EINVAL) {
       // One damaged stretch costs its records and one line, not the read.
       uint64_t next;
-      if (!ring->SkipDamaged(logger->pos, head, &next)) continue;
+      resync = !ring->SkipDamaged(logger->pos, logger->head, &next);
+      if (resync) continue;
       fprintf(stderr, "log store: skipped a damaged record in %s\n",
               qdlogging_log_id_to_name(ring->id()));
       logger->pos = next;
       continue;
     }
     if (size < 0) return size;
-    if (size == 0) continue;  // overwritten while copied: the tail moved on
+    // Overwritten while copied: the tail moved on.
+    resync = size == 0;
+    if (resync) continue;
     logger->pendingPos = logger->pos;
     logger->pos += static_cast<uint64_t>(size);
     pid_t pid = logger->list->pid;
-    if (pid != 0 && logger->pending.entry.pid != pid) continue;
+    if (pid != 0 && logger->pending.pid != pid) continue;
     logger->hasPending = true;
     return 0;
   }
@@ -135,6 +157,11 @@ void AwaitWriters(qd_logger* logger) {
   logger->stuck = true;
 }
 
+// True when the logger has read all its ring held when last asked.
+bool AtHead(const qd_logger* logger) {
+  return !logger->hasPending && logger->pos == logger->head;
+}
+
 // Before a record is returned, the buffers with nothing pending are looked
 // at once more, after their writers are done: true when one has a record
 // now, which may be older.
@@ -142,7 +169,26 @@ int CatchUpOthers(qd_logger_list* list, const qd_logger* chosen) {
   int found = 0;
   for (qd_logger* logger : list->loggers) {
     if (logger == nullptr || logger == chosen || logger->hasPending) continue;
+    // The usual case, a buffer with no writer inside and nothing new, in
+    // one look at its lock and head.
+    if (logger->pos == logger->head && logger->ring->Idle(logger->head)) {
+      logger->stuck = false;
+      continue;
+    }
     AwaitWriters(logger);
+    int rc = FillPending(logger);
+    if (rc < 0) return rc;
+    found |= logger->hasPending ? 1 : 0;
+  }
+  return found;
+}
+
+// Looks once more at every buffer that read all it had: true when one has
+// a record now.
+int LookAgain(qd_logger_list* list) {
+  int found = 0;
+  for (qd_logger* logger : list->loggers) {
+    if (logger == nullptr) continue;
     int rc = FillPending(logger);
     if (rc < 0) return rc;
     found |= logger->hasPending ? 1 : 0;
@@ -156,26 +202,26 @@ int TakeOldest(qd_logger_list* list, qd_log_msg* msg) {
   for (;;) {
     qd_logger* oldest = nullptr;
     for (qd_logger* logger : list->loggers) {
-      if (logger == nullptr) continue;
+      // A buffer at its head is looked at below, once its writers are done.
+      if (logger == nullptr || AtHead(logger)) continue;
       int rc = FillPending(logger);
       if (rc < 0) return rc;
       if (logger->hasPending &&
-          (oldest == nullptr || StampOf(logger->pending.entry) < StampOf(oldest->pending.entry))) {
+          (oldest == nullptr || StampOf(logger->pending) < StampOf(oldest->pending))) {
         oldest = logger;
       }
     }
-    if (oldest == nullptr) return 0;
-    int rc = CatchUpOthers(list, oldest);
+    int rc = oldest != nullptr ? CatchUpOthers(list, oldest) : LookAgain(list);
     if (rc < 0) return rc;
+    if (oldest == nullptr && rc == 0) return 0;
     if (rc > 0) continue;
     oldest->hasPending = false;
-    uint64_t tail, head;
-    // A clear since the record was copied out drops it too.
-    if (!oldest->ring->Span(&tail, &head)) return -EIO;
-    if (oldest->pendingPos < tail) continue;
-    int size = static_cast<int>(platform::kRecordHeaderSize + oldest->pending.entry.len);
-    memcpy(msg->buf, oldest->pending.buf, static_cast<size_t>(size) + 1);
-    return size;
+    msg->entry = oldest->pending;
+    int size = oldest->ring->ReadPayloadAt(oldest->pendingPos, msg);
+    if (size > 0) return size;
+    // Changed since its header was read: dropped (a clear drops it too), or
+    // damaged, which the next look at it tells.
+    if (size < 0) oldest->pos = oldest->pendingPos;
   }
 }
 
@@ -196,6 +242,37 @@ struct Stamps {
   size_t Index(size_t back) const { return (count - 1 - back) % slots; }
 };
 
+// Counts the records of the pid filter from pos up to end. False when the
+// walk does not land on end exactly: damage, a record overwritten, or a
+// mark that is no record's start.
+bool CountRecords(const qd_logger* logger, uint64_t pos, uint64_t end, uint64_t head,
+                  size_t* count) {
+  pid_t pid = logger->list->pid;
+  while (pos < end) {
+    qd_logger_entry entry;
+    int size = logger->ring->ReadHeaderAt(pos, head, &entry);
+    if (size <= 0) return false;
+    if (pid == 0 || entry.pid == pid) ++*count;
+    pos += static_cast<uint64_t>(size);
+  }
+  return pos == end;
+}
+
+// Where a tail of want records may start its walk: from the head back, mark
+// by mark, until the stretch holds enough of them. first (the oldest
+// record) when it does not, or when a stretch does not walk cleanly.
+uint64_t TailStart(const qd_logger* logger, uint64_t first, uint64_t head, size_t want) {
+  uint64_t start = head;
+  size_t count = 0;
+  while (count < want && start > first) {
+    uint64_t from = logger->ring->MarkBelow(start, first);
+    if (from == first) return first;
+    if (!CountRecords(logger, from, start, head, &count)) return first;
+    start = from;
+  }
+  return start;
+}
+
 int CollectStamps(qd_logger* logger, unsigned int tail, Stamps* out) {
   for (;;) {
     if (!Refresh(logger->ring)) return -EIO;
@@ -211,7 +288,7 @@ int CollectStamps(qd_logger* logger, unsigned int tail, Stamps* out) {
     out->count = 0;
     out->head = head;
     bool overwritten = false;
-    for (uint64_t pos = first; pos < head && !overwritten;) {
+    for (uint64_t pos = TailStart(logger, first, head, out->slots); pos < head && !overwritten;) {
       qd_logger_entry entry;
       int size = logger->ring->ReadHeaderAt(pos, head, &entry);
       if (size < 0) {
@@ -357,6 +434,7 @@ qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
   }
   logger->list = list;
   logger->pos = 0;
+  logger->head = 0;
   logger->stuck = false;
   logger->hasPending = false;
   logger->pendingPos = 0;
