@@ -28,12 +28,6 @@ size_t DecimalLen(int32_t v) {
 
 size_t Max(size_t a, size_t b) { return a > b ? a : b; }
 
-size_t PrefixLen(const QdLogEntry& entry) {
-  // stamp ".mmm " pid " " tid " P " tag ": "
-  return kStampLen + 5 + Max(kIdWidth, DecimalLen(entry.pid)) + 1 +
-         Max(kIdWidth, DecimalLen(entry.tid)) + 3 + Max(kTagWidth, entry.tagLen) + 2;
-}
-
 // Writes v right-aligned in width characters, padded with pad (a zero pad
 // is only used for non-negative values); returns the end.
 char* PutDecimal(char* out, int32_t v, size_t width, char pad) {
@@ -70,17 +64,32 @@ bool ThreadTimeLine::StampSecond(time_t sec) {
   return true;
 }
 
+void ThreadTimeLine::CacheIds(const QdLogEntry& entry) {
+  if (idsValid_ && entry.pid == idsPid_ && entry.tid == idsTid_) return;
+  char* ids = ids_;
+  *ids++ = ' ';
+  ids = PutDecimal(ids, entry.pid, kIdWidth, ' ');
+  *ids++ = ' ';
+  ids = PutDecimal(ids, entry.tid, kIdWidth, ' ');
+  idsLen_ = static_cast<size_t>(ids - ids_);
+  idsPid_ = entry.pid;
+  idsTid_ = entry.tid;
+  idsValid_ = true;
+}
+
 // The equivalent of "%s.%03ld %5d %5d %c %-8.*s: ", written by hand: this
 // runs for every line and snprintf was the larger part of its cost.
 void ThreadTimeLine::WritePrefix(const QdLogEntry& entry, char* out) const {
   memcpy(out, stamp_, kStampLen);
   out += kStampLen;
-  *out++ = '.';
-  out = PutDecimal(out, static_cast<int32_t>(entry.tv_nsec / 1000000), 3, '0');
-  *out++ = ' ';
-  out = PutDecimal(out, entry.pid, kIdWidth, ' ');
-  *out++ = ' ';
-  out = PutDecimal(out, entry.tid, kIdWidth, ' ');
+  unsigned ms = static_cast<unsigned>(entry.tv_nsec / 1000000);
+  out[0] = '.';
+  out[1] = static_cast<char>('0' + ms / 100);
+  out[2] = static_cast<char>('0' + ms / 10 % 10);
+  out[3] = static_cast<char>('0' + ms % 10);
+  out += 4;
+  memcpy(out, ids_, idsLen_);
+  out += idsLen_;
   *out++ = ' ';
   *out++ = PriorityLetter(entry.priority);
   *out++ = ' ';
@@ -100,16 +109,21 @@ char* ThreadTimeLine::Format(const QdLogEntry& entry, char* buffer, size_t size,
   // A line end at the very end of the message does not open another line.
   size_t textLen = entry.messageLen;
   if (textLen > 0 && entry.message[textLen - 1] == '\n') --textLen;
+  const char* textEnd = entry.message + textLen;
+  // Found once: most messages are one line.
+  const char* firstEnd =
+      textLen > 0 ? static_cast<const char*>(memchr(entry.message, '\n', textLen)) : nullptr;
   size_t lines = 1;
-  for (const char* p = entry.message; textLen > 0;) {
-    p = static_cast<const char*>(memchr(p, '\n', entry.message + textLen - p));
-    if (p == nullptr) break;
+  for (const char* p = firstEnd; p != nullptr;) {
     ++lines;
     ++p;
+    p = static_cast<const char*>(memchr(p, '\n', textEnd - p));
   }
   // Each line gets the prefix and "\n"; the message's own line ends are
   // replaced by those.
-  size_t prefixLen = PrefixLen(entry);
+  CacheIds(entry);
+  // stamp ".mmm" ids " P " tag ": "
+  size_t prefixLen = kStampLen + 4 + idsLen_ + 3 + Max(kTagWidth, entry.tagLen) + 2;
   size_t total = 0;
   if (__builtin_mul_overflow(lines, prefixLen, &total) ||
       __builtin_add_overflow(total, textLen + 2, &total)) {
@@ -123,10 +137,7 @@ char* ThreadTimeLine::Format(const QdLogEntry& entry, char* buffer, size_t size,
   WritePrefix(entry, out);
   char* w = out + prefixLen;
   const char* text = entry.message;
-  const char* textEnd = entry.message + textLen;
-  for (;;) {
-    const char* nl =
-        textLen > 0 ? static_cast<const char*>(memchr(text, '\n', textEnd - text)) : nullptr;
+  for (const char* nl = firstEnd;; nl = static_cast<const char*>(memchr(text, '\n', textEnd - text))) {
     const char* lineEnd = nl != nullptr ? nl : textEnd;
     if (lineEnd != text) memcpy(w, text, lineEnd - text);
     w += lineEnd - text;

@@ -20,6 +20,7 @@ class ThreadTimeLine {
 
  private:
   bool StampSecond(time_t sec);
+  void CacheIds(const QdLogEntry& entry);
   void WritePrefix(const QdLogEntry& entry, char* out) const;
 
   // "MM-DD HH:MM:SS" of stampSec_: consecutive records mostly share their
@@ -27,6 +28,13 @@ class ThreadTimeLine {
   bool stampValid_ = false;
   time_t stampSec_ = 0;
   char stamp_[16] = {};
+  // " pid   tid" of idsPid_ and idsTid_: consecutive records mostly come
+  // from one thread.
+  bool idsValid_ = false;
+  int32_t idsPid_ = 0;
+  int32_t idsTid_ = 0;
+  size_t idsLen_ = 0;
+  char ids_[32] = {};
 };
 
 }  // namespace platform

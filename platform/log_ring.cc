@@ -74,6 +74,8 @@ static_assert(sizeof(LogRing::Header) <= kHeaderPage, "the ring header fits its 
 static_assert(offsetof(LogRing::Header, lock) == kRingLockOffset &&
                   sizeof(RingLockState) <= kRingLockSize,
               "the lock lies where tests look for it");
+static_assert(offsetof(LogRing::Header, marks) == kRingMarksOffset,
+              "the marks lie where tests look for them");
 static_assert(offsetof(LogRing::Header, retired) == kRingRetiredOffset,
               "the retired word lies where tests look for it");
 static_assert(std::atomic<uint64_t>::is_always_lock_free, "positions are shared lock-free");

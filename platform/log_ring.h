@@ -47,6 +47,8 @@ constexpr uint64_t kRingLockOffset = 64;
 constexpr uint64_t kRingLockSize = 64;
 constexpr uint32_t kSpillSlots = 8;
 constexpr uint32_t kRingMarks = 256;
+// Where the marks lie in a ring file (tests scribble over them).
+constexpr uint64_t kRingMarksOffset = 448;
 // Where the records start in a ring file: after the header page and one
 // 4096-byte page per spill slot.
 constexpr uint64_t kRingDataOffset = 4096 + kSpillSlots * 4096;

@@ -390,6 +390,55 @@ bool Overwrite(const std::string& path, size_t offset, const std::string& bytes)
   return done;
 }
 
+// Marks as a scribbler might leave them, given the stretch each belongs to
+// (4096 positions each in a 64 KiB ring).
+struct WildMarks {
+  const char* what;
+  uint64_t (*mark)(uint64_t stretch, std::mt19937* random);
+};
+
+const WildMarks kWildMarks[] = {
+    {"random words", [](uint64_t, std::mt19937* random) {
+       return (static_cast<uint64_t>((*random)()) << 32) | (*random)();
+     }},
+    {"inside a record of their stretch", [](uint64_t stretch, std::mt19937* random) {
+       return stretch * 4096 + 1 + (*random)() % 50;
+     }},
+    {"the stretch's first byte", [](uint64_t stretch, std::mt19937*) { return stretch * 4096; }},
+    {"zero", [](uint64_t, std::mt19937*) { return uint64_t{0}; }},
+};
+
+TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
+  for (const WildMarks& c : kWildMarks) {
+    morvotest::TempRoot root;
+    WriteSized(65536, 60, 0, 900);
+    morvotest::ListPtr all = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    ASSERT_TRUE(all);
+    std::vector<Record> whole = ReadAll(all.get());
+    ASSERT_GT(whole.size(), 500u) << c.what;
+    std::string path = RingPath(root, "morvo_main");
+    std::mt19937 random(11);
+    std::string marks;
+    for (uint64_t slot = 0; slot < platform::kRingMarks; ++slot) {
+      // The stretch this slot stands for in the ring's current lap.
+      uint64_t stretch = 900 * 60 / 4096 / platform::kRingMarks * platform::kRingMarks + slot;
+      uint64_t mark = c.mark(stretch, &random);
+      marks.append(reinterpret_cast<const char*>(&mark), sizeof(mark));
+    }
+    ASSERT_TRUE(Overwrite(path, platform::kRingMarksOffset, marks)) << c.what;
+    for (unsigned tail : {1u, 70u, 400u, 5000u}) {
+      morvotest::ListPtr list = OpenList(kDrain, tail, 0, {LOG_ID_MAIN});
+      ASSERT_TRUE(list) << c.what;
+      std::vector<Record> read = ReadAll(list.get());
+      size_t expected = std::min<size_t>(tail, whole.size());
+      ASSERT_EQ(expected, read.size()) << c.what << ", tail " << tail;
+      for (size_t i = 0; i < expected; ++i) {
+        EXPECT_EQ(whole[whole.size() - expected + i].message, read[i].message) << c.what << ", tail " << tail;
+      }
+    }
+  }
+}
+
 // Three records, the ring's lock overwritten with random bytes, then a
 // reader, a writer and a reader again: the records stay, the new one joins
 // them. The exit status tells the first step that failed.

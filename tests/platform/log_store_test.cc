@@ -127,6 +127,55 @@ TEST(LogStoreTest, BuffersMergeInTimeOrderAndOnlyOpenedOnesAreRead) {
   EXPECT_EQ((std::vector<std::string>{"0", "1", "2", "3", "5", "6"}), seen);
 }
 
+// Something that happens to a quiet buffer while a read of three is under
+// way, after the reader found it had nothing.
+struct MidRead {
+  const char* what;
+  void (*happen)();
+};
+
+void ResizeSystem() {
+  morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
+  ASSERT_TRUE(other);
+  ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_SYSTEM), 65536));
+}
+
+const MidRead kMidReads[] = {
+    {"a record", [] {}},
+    {"a resize by another list, then a record", ResizeSystem},
+    {"a resize in another process, then a record",
+     [] { ASSERT_EQ(0, morvotest::WaitChild(morvotest::RunChild([] {
+                      ResizeSystem();
+                      return 0;
+                    })));
+     }},
+};
+
+TEST(LogStoreTest, AQuietBufferThatGetsARecordMidReadIsMergedInTimeOrder) {
+  for (const MidRead& c : kMidReads) {
+    morvotest::TempRoot root;
+    for (int i = 0; i < 4; ++i) ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()), 0);
+    ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "t", "crash"), 0);
+    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH});
+    ASSERT_TRUE(list);
+    qd_log_msg msg;
+    ASSERT_GT(qd_logger_list_read(list.get(), &msg), 0);
+    EXPECT_EQ("0", morvotest::Parse(msg).message) << c.what;
+    c.happen();
+    ASSERT_FALSE(HasFatalFailure()) << c.what;
+    ASSERT_GT(qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "t", "system"), 0);
+    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "4"), 0);
+    std::vector<std::string> seen;
+    for (const Record& r : ReadAll(list.get())) seen.push_back(r.message);
+    EXPECT_EQ((std::vector<std::string>{"1", "2", "3", "crash", "system", "4"}), seen) << c.what;
+    // Once drained, a quiet buffer that gets a record is read again.
+    ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "t", "crash again"), 0);
+    std::vector<Record> again = ReadAll(list.get());
+    ASSERT_EQ(1u, again.size()) << c.what;
+    EXPECT_EQ("crash again", again[0].message) << c.what;
+  }
+}
+
 TEST(LogStoreTest, TailTakesTheLastRecordsAcrossBuffersThenFollows) {
   morvotest::TempRoot root;
   for (int i = 0; i < 10; ++i) {

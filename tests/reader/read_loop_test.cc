@@ -1,17 +1,23 @@
 // What a reading run prints: threadtime lines, dividers, tails, pid and tag
 // filters, and the environment's filter.
 
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <functional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "platform/log_format.h"
 #include "platform/logger.h"
 #include "reader/run_capture.h"
 #include "support/temp_root.h"
+#include "tests/platform/log_store_support.h"
 
 namespace {
 
@@ -174,6 +180,185 @@ TEST_F(ReadLoopTest, WrapWaitsForTheBufferToFillThenReadsItAll) {
   waitpid(child, nullptr, 0);
   EXPECT_EQ(0, r.status);
   EXPECT_GT(Lines(r.out).size(), 10u);
+}
+
+// A record as a straightforward reader sees it: read from its buffer alone,
+// with its buffer's id and its time as stored.
+struct Stored {
+  log_id_t id;
+  qd_log_msg msg;
+};
+
+std::vector<Stored> ReadBuffer(log_id_t id) {
+  std::vector<Stored> records;
+  morvotest::ListPtr list = morvotest::OpenList(QD_LOGGER_MODE_NONBLOCK, 0, 0, {id});
+  if (!list) return records;
+  Stored r{id, {}};
+  while (qd_logger_list_read(list.get(), &r.msg) > 0) records.push_back(r);
+  return records;
+}
+
+uint64_t StampOf(const Stored& r) {
+  return static_cast<uint64_t>(r.msg.entry.sec) * 1000000000ULL + r.msg.entry.nsec;
+}
+
+// What a run over ids prints, worked out the plain way: every buffer read
+// alone, merged by time (the lower id first on equal times), the last tail
+// records kept (all for 0), each formatted with snprintf.
+std::string Reference(const std::vector<log_id_t>& ids, size_t tail) {
+  std::vector<std::vector<Stored>> buffers;
+  for (log_id_t id : ids) buffers.push_back(ReadBuffer(id));
+  std::vector<Stored> merged;
+  std::vector<size_t> next(buffers.size(), 0);
+  for (;;) {
+    int pick = -1;
+    for (size_t b = 0; b < buffers.size(); ++b) {
+      if (next[b] == buffers[b].size()) continue;
+      if (pick < 0 || StampOf(buffers[b][next[b]]) < StampOf(buffers[pick][next[pick]]) ||
+          (StampOf(buffers[b][next[b]]) == StampOf(buffers[pick][next[pick]]) &&
+           buffers[b][next[b]].id < buffers[pick][next[pick]].id)) {
+        pick = static_cast<int>(b);
+      }
+    }
+    if (pick < 0) break;
+    merged.push_back(buffers[pick][next[pick]++]);
+  }
+  if (tail != 0 && merged.size() > tail) merged.erase(merged.begin(), merged.end() - tail);
+  std::string text;
+  std::vector<log_id_t> introduced;
+  for (const Stored& r : merged) {
+    if (ids.size() > 1 && std::find(introduced.begin(), introduced.end(), r.id) == introduced.end()) {
+      text += std::string("--------- beginning of ") + qdlogging_log_id_to_name(r.id) + "\n";
+      introduced.push_back(r.id);
+    }
+    morvotest::Record f = morvotest::Parse(r.msg);
+    time_t sec = r.msg.entry.sec;
+    struct tm tm;
+    localtime_r(&sec, &tm);
+    char prefix[128];
+    snprintf(prefix, sizeof(prefix), "%02d-%02d %02d:%02d:%02d.%03u %5d %5u %c %-8s: ",
+             tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+             r.msg.entry.nsec / 1000000, f.pid, f.tid, "??VDIWEFS"[f.priority], f.tag.c_str());
+    std::string message = f.message;
+    if (!message.empty() && message.back() == '\n') message.pop_back();
+    for (size_t at = 0;;) {
+      size_t end = message.find('\n', at);
+      text += prefix + message.substr(at, end - at) + "\n";
+      if (end == std::string::npos) break;
+      at = end + 1;
+    }
+  }
+  return text;
+}
+
+// Makes the record whose message is text unterminated, in the ring file of
+// name: a damaged record that readers skip.
+bool Unterminate(const morvotest::TempRoot& root, const char* name, const std::string& text) {
+  std::string path = morvotest::RingPath(root, name);
+  std::string ring = morvotest::ReadFile(path);
+  size_t at = ring.find(text + std::string(1, '\0'));
+  if (at == std::string::npos) return false;
+  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  bool done = fd >= 0 && pwrite(fd, "z", 1, static_cast<off_t>(at + text.size())) == 1;
+  if (fd >= 0) close(fd);
+  return done;
+}
+
+void WriteMain(int from, int to, const char* tag = "busy") {
+  for (int i = from; i < to; ++i) {
+    std::string msg = "record " + std::to_string(i) + (i % 7 == 0 ? "\nsecond line" : "");
+    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, tag, msg.c_str());
+  }
+}
+
+struct ReferenceCase {
+  const char* what;
+  std::function<void(const morvotest::TempRoot&)> write;
+  std::vector<std::string> args;
+  std::vector<log_id_t> ids;
+  size_t tail;
+};
+
+const std::vector<log_id_t> kDefault = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH};
+
+std::vector<ReferenceCase> ReferenceCases() {
+  return {
+      {"one busy buffer beside two quiet ones", [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
+       {"-d"}, kDefault, 0},
+      {"three buffers interleaved",
+       [](const morvotest::TempRoot&) {
+         for (int i = 0; i < 900; ++i) {
+           log_id_t id = i % 5 == 0 ? LOG_ID_SYSTEM : i % 11 == 0 ? LOG_ID_CRASH : LOG_ID_MAIN;
+           qd_log_write(id, i % 3 == 0 ? QD_LOG_WARN : QD_LOG_DEBUG, "mix", std::to_string(i).c_str());
+         }
+       },
+       {"-d"}, kDefault, 0},
+      {"quiet buffers that wake late",
+       [](const morvotest::TempRoot&) {
+         WriteMain(0, 1000);
+         qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "late", "crash after a thousand");
+         WriteMain(1000, 1500);
+         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "late", "system at the end");
+       },
+       {"-d"}, kDefault, 0},
+      {"a damaged record among them",
+       [](const morvotest::TempRoot& root) {
+         WriteMain(0, 200);
+         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "damaged-me");
+         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "sound after it");
+         WriteMain(200, 400);
+         Unterminate(root, "morvo_system", "damaged-me");
+       },
+       {"-d"}, kDefault, 0},
+      {"-t across stretches", [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
+       {"-t", "250", "-b", "morvo_main"}, {LOG_ID_MAIN}, 250},
+      {"-t of one", [](const morvotest::TempRoot&) { WriteMain(0, 50); }, {"-t", "1"}, kDefault, 1},
+      {"-t of more than there are", [](const morvotest::TempRoot&) { WriteMain(0, 50); },
+       {"-t", "80"}, kDefault, 80},
+      {"-t over a wrapped ring",
+       [](const morvotest::TempRoot&) {
+         RunCommand({"-b", "morvo_main", "-G", "64k"});
+         WriteMain(0, 5000);
+         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "one in system");
+         WriteMain(5000, 5100);
+       },
+       {"-t", "400"}, kDefault, 400},
+      {"-t over a wrapped ring with a damaged record before the tail",
+       [](const morvotest::TempRoot& root) {
+         RunCommand({"-b", "morvo_main", "-G", "64k"});
+         WriteMain(0, 5000);
+         qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", "damaged-me");
+         WriteMain(5000, 5050);
+         Unterminate(root, "morvo_main", "damaged-me");
+       },
+       {"-t", "30", "-b", "morvo_main"}, {LOG_ID_MAIN}, 30},
+      {"-t reaching over a damaged record",
+       [](const morvotest::TempRoot& root) {
+         RunCommand({"-b", "morvo_main", "-G", "64k"});
+         WriteMain(0, 5000);
+         qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", "damaged-me");
+         WriteMain(5000, 5050);
+         Unterminate(root, "morvo_main", "damaged-me");
+       },
+       {"-t", "300", "-b", "morvo_main"}, {LOG_ID_MAIN}, 300},
+  };
+}
+
+// The runs print what the plain reading of the same records gives, byte
+// for byte.
+TEST(ReadLoopReferenceTest, RunsPrintWhatAStraightforwardReadGives) {
+  for (const ReferenceCase& c : ReferenceCases()) {
+    morvotest::TempRoot root;
+    c.write(root);
+    testing::internal::CaptureStderr();
+    std::string expected = Reference(c.ids, c.tail);
+    RunResult r = RunCommand(c.args);
+    testing::internal::GetCapturedStderr();
+    ASSERT_FALSE(expected.empty()) << c.what;
+    EXPECT_EQ(0, r.status) << c.what;
+    EXPECT_TRUE(expected == r.out) << c.what << ": " << Lines(expected).size() << " lines expected, "
+                                   << Lines(r.out).size() << " printed";
+  }
 }
 
 }  // namespace
