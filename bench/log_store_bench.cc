@@ -1,6 +1,7 @@
 // Records per second into and out of the log store: qd_log_write from one
-// thread, with and without a reader asleep in another process, and draining
-// reads of one buffer and of three merged buffers.
+// thread, with and without a reader asleep in another process, draining
+// reads of one buffer and of three merged buffers, and a tail of 100 over a
+// full ring.
 
 #include <ftw.h>
 #include <signal.h>
@@ -97,6 +98,28 @@ void BM_DrainRead(benchmark::State& state) {
   state.SetItemsProcessed(records);
 }
 BENCHMARK(BM_DrainRead)->Arg(1)->Arg(3)->Unit(benchmark::kMillisecond);
+
+// The last 100 records of a full 64 MiB ring, positioning included.
+void BM_TailRead(benchmark::State& state) {
+  constexpr unsigned long kTailRing = 64UL << 20;
+  SetSize(LOG_ID_EVENTS, kTailRing);
+  qd_logger_list* probe = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 0, 0);
+  qd_logger* events = qd_logger_open(probe, LOG_ID_EVENTS);
+  while (qd_logger_get_log_readable_size(events) < static_cast<long>(kTailRing - QD_LOGGER_ENTRY_MAX_LEN)) {
+    for (int i = 0; i < 10000; ++i) qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "WifiHAL", kMessage);
+  }
+  qd_logger_list_free(probe);
+  for (auto _ : state) {
+    qd_logger_list* list = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 100, 0);
+    qd_logger_open(list, LOG_ID_EVENTS);
+    qd_log_msg msg;
+    int records = 0;
+    while (qd_logger_list_read(list, &msg) > 0) records++;
+    benchmark::DoNotOptimize(records);
+    qd_logger_list_free(list);
+  }
+}
+BENCHMARK(BM_TailRead)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
