@@ -271,6 +271,15 @@ void WriteMain(int from, int to, const char* tag = "busy") {
   }
 }
 
+// A wrapped main ring with a damaged record 50 records before its head.
+void WrappedWithDamage(const morvotest::TempRoot& root) {
+  RunCommand({"-b", "morvo_main", "-G", "64k"});
+  WriteMain(0, 5000);
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", "damaged-me");
+  WriteMain(5000, 5050);
+  Unterminate(root, "morvo_main", "damaged-me");
+}
+
 struct ReferenceCase {
   const char* what;
   std::function<void(const morvotest::TempRoot&)> write;
@@ -323,23 +332,9 @@ std::vector<ReferenceCase> ReferenceCases() {
          WriteMain(5000, 5100);
        },
        {"-t", "400"}, kDefault, 400},
-      {"-t over a wrapped ring with a damaged record before the tail",
-       [](const morvotest::TempRoot& root) {
-         RunCommand({"-b", "morvo_main", "-G", "64k"});
-         WriteMain(0, 5000);
-         qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", "damaged-me");
-         WriteMain(5000, 5050);
-         Unterminate(root, "morvo_main", "damaged-me");
-       },
+      {"-t over a wrapped ring with a damaged record before the tail", WrappedWithDamage,
        {"-t", "30", "-b", "morvo_main"}, {LOG_ID_MAIN}, 30},
-      {"-t reaching over a damaged record",
-       [](const morvotest::TempRoot& root) {
-         RunCommand({"-b", "morvo_main", "-G", "64k"});
-         WriteMain(0, 5000);
-         qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", "damaged-me");
-         WriteMain(5000, 5050);
-         Unterminate(root, "morvo_main", "damaged-me");
-       },
+      {"-t reaching over a damaged record", WrappedWithDamage,
        {"-t", "300", "-b", "morvo_main"}, {LOG_ID_MAIN}, 300},
   };
 }
