@@ -46,6 +46,7 @@ MorvocatUtils* NewWriter(const char* path, uint32_t mode, uint64_t maxFiles) {
 
 WriterFactory newWriter = NewWriter;
 int64_t nextFileCheckNs = 0;
+bool writerHadFile = false;
 
 int64_t MonotonicNs() {
   timespec now;
@@ -100,6 +101,14 @@ void CheckWriterOutput(android_logcat_context_internal* ctx, MorvocatUtils* writ
     if (!PrepareFolder(ctx)) return;
     writer->InitLogFiles();
     writer->GetNewLog();
+    // A run that never got a file reads every record into nowhere; one
+    // whose file went later keeps records in the writer's cache and tries
+    // again.
+    if (!writerHadFile && !writer->IsLogFileAccess()) {
+      LogcatPanic(ctx, HELP_NONE, "no output file can be written\n");
+      return;
+    }
+    writerHadFile = true;
   }
   if (RotationDue(ctx)) {
     writer->Flush();
@@ -206,6 +215,7 @@ void SetupOutputFile(android_logcat_context_internal* ctx) {
   uint64_t maxFiles = ctx->rotateCount * ctx->compressCount;
   writerSlot = newWriter(ctx->outputFileName, kMmapWriteMode, maxFiles);
   nextFileCheckNs = 0;
+  writerHadFile = false;
   if (MmapWriter(ctx) != nullptr) {
     writerSlot->InitLogFiles();
     return;

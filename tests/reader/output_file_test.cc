@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
@@ -21,6 +22,7 @@
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
+#include "support/small_fs.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -159,6 +161,28 @@ TEST_F(OutputFileTest, AnOutputThatCannotBeSetUpEndsTheRun) {
     EXPECT_NE(std::string::npos, r.err.find("no output file can be written\n")) << r.err;
     EXPECT_FALSE(morvotest::Exists("bare"));
   }
+}
+
+// A folder that is there but takes no file (a read-only file system here)
+// ends the run too, instead of reading every record into nowhere.
+TEST_F(OutputFileTest, AFolderThatTakesNoFileEndsTheRun) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "nowhere to go");
+  std::string dir = Dir() + "/ro";
+  mkdir(dir.c_str(), 0775);
+  pid_t child = fork();
+  if (child == 0) {
+    if (!morvotest::EnterPrivateMounts()) _exit(77);
+    morvotest::SmallFs fs(dir, 256);
+    if (!fs.mounted()) _exit(77);
+    mkdir((dir + "/out").c_str(), 0775);
+    if (mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) != 0) _exit(77);
+    morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", dir + "/out/app"});
+    _exit(r.status == 1 ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "cannot mount a read-only tmpfs here";
+  EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 // The writer slot is the process's: a second file-writing run is refused
