@@ -218,8 +218,8 @@ int PublishSharedFile(int dirFd, const char* name, size_t size, mode_t mode, boo
                  static_cast<int>(getpid()), gTempCounter.fetch_add(1)) < 0) {
     return -ENAMETOOLONG;
   }
-  int fd = openat(dirFd, temp, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-  if (fd < 0) return -errno;
+  int fd = OpenFileAt(dirFd, temp, O_RDWR | O_CREAT | O_EXCL, mode);
+  if (fd < 0) return fd;
   // The umask must not decide who reads the store.
   fchmod(fd, mode);
   SharedMapping made;

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "platform/root_path.h"
+#include "platform/safe_file.h"
 #include "platform/safe_string.h"
 #include "platform/write_fully.h"
 
@@ -110,7 +111,7 @@ int property_set(const char* key, const char* value) {
       !MakeParentDir(path)) {
     return -1;
   }
-  int lockFd = open(lockPath, O_RDWR | O_CREAT | O_CLOEXEC, 0664);
+  int lockFd = platform::OpenFile(lockPath, O_RDWR | O_CREAT, 0664);
   if (lockFd < 0) return -1;
   int result = -1;
   std::string text;
@@ -124,7 +125,7 @@ int property_set(const char* key, const char* value) {
     if (snprintf_s(line, sizeof(line), sizeof(line) - 1, "%s=%s\n", key, value) > 0 &&
         text.size() + strlen(line) <= kStoreMax) {
       text.append(line);
-      int fd = open(tmpPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0664);
+      int fd = platform::OpenFile(tmpPath, O_WRONLY | O_CREAT | O_TRUNC, 0664);
       if (fd >= 0) {
         bool ok = platform::WriteFully(fd, text.data(), text.size()) == text.size() &&
                   fsync(fd) == 0;

@@ -78,12 +78,16 @@ int OpenFileAt(int dirFd, const char* name, int flags, mode_t mode) {
   if ((flags & ~kAllowedFlags) != 0 || (flags & (O_WRONLY | O_RDWR)) == 0) return -EINVAL;
   // Non-blocking so that a FIFO put in the way can neither hang the open
   // nor be written; no controlling terminal from a device put there.
-  int fd = openat(dirFd, name, flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+  // Truncation waits for the checks: O_TRUNC would empty a file planted
+  // under a second name before the open could be refused.
+  int openFlags = (flags & ~O_TRUNC) | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  int fd = openat(dirFd, name, openFlags, mode);
   if (fd < 0) return -errno;
   struct stat st;
   if (fstat(fd, &st) != 0) return Close(fd, -errno);
   if (!S_ISREG(st.st_mode)) return Close(fd, -EINVAL);
   if (st.st_nlink > 1) return Close(fd, -EMLINK);
+  if ((flags & O_TRUNC) != 0 && ftruncate(fd, 0) != 0) return Close(fd, -errno);
   int fl = fcntl(fd, F_GETFL);
   if (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0) return Close(fd, -errno);
   return fd;

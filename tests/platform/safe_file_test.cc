@@ -64,6 +64,24 @@ TEST(SafeFileTest, OpensOnlyARegularFileOfItsOwnName) {
   }
 }
 
+// Truncation comes after the checks: a second name planted at the output
+// must not be emptied by the open that refuses it.
+TEST(SafeFileTest, TruncationNeverReachesAFileUnderASecondName) {
+  morvotest::TempRoot root;
+  std::string dir = root.path();
+  int victim = open((dir + "/victim").c_str(), O_WRONLY | O_CREAT, 0600);
+  ASSERT_EQ(6, write(victim, "intact", 6));
+  close(victim);
+  ASSERT_EQ(0, link((dir + "/victim").c_str(), (dir + "/out").c_str()));
+  EXPECT_EQ(-EMLINK, platform::OpenFile((dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664));
+  EXPECT_EQ("intact", ReadAll(dir + "/victim"));
+  unlink((dir + "/out").c_str());
+  close(creat((dir + "/out").c_str(), 0664));
+  int fd = platform::OpenFile((dir + "/out").c_str(), O_WRONLY | O_TRUNC, 0664);
+  ASSERT_GE(fd, 0);
+  close(fd);
+}
+
 TEST(SafeFileTest, FolderLinksAreRefusedAndMadeFoldersReported) {
   morvotest::TempRoot root;
   std::string dir = root.path();
