@@ -76,65 +76,6 @@ TEST(GetOptContextTest, StartsWithTheReadersValues) {
   EXPECT_EQ(nullptr, ctx.errorOut);
 }
 
-// --- Modes and permutation -------------------------------------------------
-
-TEST(GetOptPermuteTest, MovesNonOptionsBehindTheOptions) {
-  Args args({"cmd", "a", "-b", "c", "-d"});
-  EXPECT_EQ('b', args.Next("bd"));
-  EXPECT_EQ('d', args.Next("bd"));
-  EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ(Words({"cmd", "-b", "-d", "a", "c"}), args.Current());
-  EXPECT_EQ(3, args.ctx().optind);
-  EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ("", args.Messages());
-}
-
-TEST(GetOptPermuteTest, DoubleDashEndsOptionsAfterMovingSkippedOnes) {
-  Args args({"cmd", "x", "-b", "y", "-d", "--", "-b", "z"});
-  EXPECT_EQ('b', args.Next("bd"));
-  EXPECT_EQ('d', args.Next("bd"));
-  EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ(Words({"cmd", "-b", "-d", "--", "x", "y", "-b", "z"}), args.Current());
-  EXPECT_EQ(4, args.ctx().optind);
-}
-
-TEST(GetOptPermuteTest, TrailingNonOptionsStayAndOptindPointsAtThem) {
-  Args args({"cmd", "-b", "x", "-", "y"});
-  EXPECT_EQ('b', args.Next("bd"));
-  EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ(Words({"cmd", "-b", "x", "-", "y"}), args.Current());
-  EXPECT_EQ(2, args.ctx().optind);
-}
-
-TEST(GetOptModeTest, DashModeReturnsNonOptionsInOrderAsOptionOne) {
-  Args args({"cmd", "a", "-b", "-", "c"});
-  EXPECT_EQ(1, args.Next("-bd"));
-  EXPECT_EQ("a", args.Optarg());
-  EXPECT_EQ('b', args.Next("-bd"));
-  EXPECT_EQ("<null>", args.Optarg());
-  EXPECT_EQ(1, args.Next("-bd"));
-  EXPECT_EQ("-", args.Optarg());
-  EXPECT_EQ(1, args.Next("-bd"));
-  EXPECT_EQ("c", args.Optarg());
-  EXPECT_EQ(-1, args.Next("-bd"));
-  EXPECT_EQ(Words({"cmd", "a", "-b", "-", "c"}), args.Current());
-  EXPECT_EQ(5, args.ctx().optind);
-}
-
-TEST(GetOptModeTest, PlusModeStopsAtTheFirstNonOption) {
-  Args args({"cmd", "-b", "a", "-d"});
-  EXPECT_EQ('b', args.Next("+bd"));
-  EXPECT_EQ(-1, args.Next("+bd"));
-  EXPECT_EQ(2, args.ctx().optind);
-  EXPECT_EQ(Words({"cmd", "-b", "a", "-d"}), args.Current());
-}
-
-TEST(GetOptModeTest, NullLettersEndAtOnce) {
-  Args args({"cmd", "-b"});
-  EXPECT_EQ(-1, args.Next(nullptr));
-  EXPECT_EQ(1, args.ctx().optind);
-}
-
 // Reference: options (with their separate values) first, then the non-options
 // in order; after "--" everything is left as it was.
 struct Expected {
@@ -233,75 +174,6 @@ TEST(GetOptPermuteTest, MatchesAReferenceReorderingOverRandomVectors) {
   }
 }
 
-// --- Short options -----------------------------------------------------------
-
-TEST(GetOptShortTest, ClustersAndArguments) {
-  Args args({"cmd", "-bd", "-fone", "-f", "two", "-bftail", "-o", "-oval", "x"});
-  EXPECT_EQ('b', args.Next("bdf:o::"));
-  EXPECT_EQ(1, args.ctx().optind);
-  EXPECT_EQ('d', args.Next("bdf:o::"));
-  EXPECT_EQ(2, args.ctx().optind);
-  EXPECT_EQ('f', args.Next("bdf:o::"));
-  EXPECT_EQ("one", args.Optarg());
-  EXPECT_EQ('f', args.Next("bdf:o::"));
-  EXPECT_EQ("two", args.Optarg());
-  EXPECT_EQ('b', args.Next("bdf:o::"));
-  EXPECT_EQ('f', args.Next("bdf:o::"));
-  EXPECT_EQ("tail", args.Optarg());
-  EXPECT_EQ('o', args.Next("bdf:o::"));
-  EXPECT_EQ("<null>", args.Optarg());
-  EXPECT_EQ('o', args.Next("bdf:o::"));
-  EXPECT_EQ("val", args.Optarg());
-  EXPECT_EQ(-1, args.Next("bdf:o::"));
-  EXPECT_EQ(8, args.ctx().optind);
-  EXPECT_EQ("", args.Messages());
-}
-
-TEST(GetOptShortTest, MissingArgumentIsQuestionMarkAndReported) {
-  Args args({"cmd", "-f"});
-  EXPECT_EQ('?', args.Next("bf:"));
-  EXPECT_EQ('f', args.ctx().optopt);
-  EXPECT_EQ("option requires an argument -- f", args.Messages());
-  EXPECT_EQ(-1, args.Next("bf:"));
-}
-
-TEST(GetOptShortTest, LeadingColonSilencesAndReturnsColon) {
-  Args args({"cmd", "-bf", "-x"});
-  EXPECT_EQ('b', args.Next(":bf:"));
-  EXPECT_EQ('f', args.Next(":bf:"));
-  EXPECT_EQ("-x", args.Optarg());
-  Args missing({"cmd", "-x", "-f"});
-  EXPECT_EQ('?', missing.Next("+:bf:"));
-  EXPECT_EQ('x', missing.ctx().optopt);
-  EXPECT_EQ(':', missing.Next("+:bf:"));
-  EXPECT_EQ('f', missing.ctx().optopt);
-  EXPECT_EQ("", missing.Messages());
-}
-
-TEST(GetOptShortTest, InvalidOptionsAreReported) {
-  Args args({"cmd", "-xb", "-:"});
-  EXPECT_EQ('?', args.Next("b"));
-  EXPECT_EQ('x', args.ctx().optopt);
-  EXPECT_EQ(1, args.ctx().optind);  // the cluster goes on
-  EXPECT_EQ('b', args.Next("b"));
-  EXPECT_EQ(2, args.ctx().optind);
-  EXPECT_EQ('?', args.Next("b"));
-  EXPECT_EQ(':', args.ctx().optopt);
-  EXPECT_EQ(3, args.ctx().optind);
-  EXPECT_EQ("invalid option -- xinvalid option -- :", args.Messages());
-}
-
-TEST(GetOptShortTest, DashInsideAClusterWithoutLongOptions) {
-  Args args({"cmd", "--x", "-b-", "a"});
-  EXPECT_EQ('?', args.Next("b"));
-  EXPECT_EQ('-', args.ctx().optopt);
-  EXPECT_EQ("invalid option -- -", args.Messages());
-  EXPECT_EQ('?', args.Next("b"));
-  EXPECT_EQ('x', args.ctx().optopt);
-  EXPECT_EQ('b', args.Next("b"));
-  EXPECT_EQ(-1, args.Next("b"));  // a trailing dash ends the options
-}
-
 TEST(GetOptShortTest, MessagesNeedOpterrAndGoToStderrWithoutAStream) {
   Args quiet({"cmd", "-x"});
   quiet.ctx().opterr = 0;
@@ -313,8 +185,6 @@ TEST(GetOptShortTest, MessagesNeedOpterrAndGoToStderrWithoutAStream) {
   EXPECT_EQ('?', loud.Next("b"));
   EXPECT_EQ("invalid option -- x", ::testing::internal::GetCapturedStderr());
 }
-
-// --- Long options --------------------------------------------------------------
 
 int gFlag = 0;
 
@@ -330,114 +200,119 @@ const option kLong[] = {
     {nullptr, 0, nullptr, 0},
 };
 
-TEST(GetOptLongTest, ExactAbbreviatedAndIndexed) {
-  Args args({"cmd", "--buffer", "main", "--buffer=sys", "--buf", "x", "--clear", "--deb"});
-  int index = -1;
-  EXPECT_EQ('b', args.Next("b:", kLong, &index));
-  EXPECT_EQ(0, index);
-  EXPECT_EQ("main", args.Optarg());
-  EXPECT_EQ('b', args.Next("b:", kLong, &index));
-  EXPECT_EQ("sys", args.Optarg());
-  // "buf" is a prefix of "buffer" and "buffer-size", which act differently.
-  EXPECT_EQ('?', args.Next("b:", kLong, &index));
-  EXPECT_EQ("option `--buf' is ambiguous", args.Messages());
-  EXPECT_EQ(0, args.ctx().optopt);
-  EXPECT_EQ('c', args.Next("b:", kLong, &index));
-  EXPECT_EQ(2, index);
-  gFlag = 0;
-  EXPECT_EQ(0, args.Next("b:", kLong, &index));
-  EXPECT_EQ(7, gFlag);
-  EXPECT_EQ(4, index);
-  EXPECT_EQ(-1, args.Next("b:", kLong, &index));
-  EXPECT_EQ(Words({"cmd", "--buffer", "main", "--buffer=sys", "--buf", "--clear", "--deb", "x"}),
-            args.Current());
+// One parse to its end: a token per call, "<returned>[=optarg][!optopt]
+// [#longindex]@optind", where the returned value is a letter, or a number
+// when it is not one.
+std::string Trace(Args* args, const char* letters, const option* longopts, bool indexed) {
+  std::string trace;
+  for (int calls = 0; calls < 20; ++calls) {
+    int index = -1;
+    int c = args->Next(letters, longopts, indexed ? &index : nullptr);
+    const GetOptContext& ctx = args->ctx();
+    trace += trace.empty() ? "" : " ";
+    trace += c > ' ' && c < 127 ? std::string(1, static_cast<char>(c)) : std::to_string(c);
+    if (c != -1 && ctx.optarg != nullptr) trace += std::string("=") + ctx.optarg;
+    if (c == '?' || c == ':') {
+      trace += ctx.optopt > ' ' ? std::string("!") + static_cast<char>(ctx.optopt) : "!0";
+    }
+    if (c != -1 && indexed) trace += "#" + std::to_string(index);
+    trace += "@" + std::to_string(ctx.optind);
+    if (c == -1) break;
+  }
+  return trace;
 }
 
-TEST(GetOptLongTest, AbbreviationOfEquivalentRecordsTakesTheFirst) {
-  Args args({"cmd", "--ver", "--c"});
-  int index = -1;
-  EXPECT_EQ('v', args.Next("", kLong, &index));
-  EXPECT_EQ(6, index);
-  EXPECT_EQ('?', args.Next("", kLong, &index));
-  EXPECT_EQ("option `--c' is ambiguous", args.Messages());
-  EXPECT_EQ(6, index);
+const option kWrapNames[] = {
+    {"wrapper", required_argument, nullptr, 'w'},
+    {"wrap-all", no_argument, nullptr, 'a'},
+    {"wrap", no_argument, nullptr, 'W'},
+    {nullptr, 0, nullptr, 0},
+};
+
+struct ParseCase {
+  const char* what;
+  Words words;
+  const char* letters;
+  const option* longopts;
+  std::string trace;
+  Words after;  // the array at the end; empty: as given
+  std::string messages;
+  int flag = 0;          // what --debug left in gFlag
+  bool indexed = false;  // the index of the long option found is asked for
+};
+
+const ParseCase kParses[] = {
+    {"non-options move behind the options", {"cmd", "a", "-b", "c", "-d"}, "bd", nullptr,
+     "b@3 d@5 -1@3", {"cmd", "-b", "-d", "a", "c"}, ""},
+    {"-- ends the options after the skipped ones move",
+     {"cmd", "x", "-b", "y", "-d", "--", "-b", "z"}, "bd", nullptr, "b@3 d@5 -1@4",
+     {"cmd", "-b", "-d", "--", "x", "y", "-b", "z"}, ""},
+    {"trailing non-options stay", {"cmd", "-b", "x", "-", "y"}, "bd", nullptr, "b@2 -1@2", {}, ""},
+    {"- mode returns non-options in order as option 1", {"cmd", "a", "-b", "-", "c"}, "-bd",
+     nullptr, "1=a@2 b@3 1=-@4 1=c@5 -1@5", {}, ""},
+    {"+ mode stops at the first non-option", {"cmd", "-b", "a", "-d"}, "+bd", nullptr, "b@2 -1@2",
+     {}, ""},
+    {"null letters end at once", {"cmd", "-b"}, nullptr, nullptr, "-1@1", {}, ""},
+    {"clusters and arguments", {"cmd", "-bd", "-fone", "-f", "two", "-bftail", "-o", "-oval", "x"},
+     "bdf:o::", nullptr, "b@1 d@2 f=one@3 f=two@5 b@5 f=tail@6 o@7 o=val@8 -1@8", {}, ""},
+    {"a missing argument", {"cmd", "-f"}, "bf:", nullptr, "?!f@2 -1@2", {},
+     "option requires an argument -- f"},
+    {"a leading colon takes the next word", {"cmd", "-bf", "-x"}, ":bf:", nullptr,
+     "b@1 f=-x@3 -1@3", {}, ""},
+    {"a leading colon silences and returns colon", {"cmd", "-x", "-f"}, "+:bf:", nullptr,
+     "?!x@2 :!f@3 -1@3", {}, ""},
+    {"invalid options inside a cluster", {"cmd", "-xb", "-:"}, "b", nullptr,
+     "?!x@1 b@2 ?!:@3 -1@3", {}, "invalid option -- xinvalid option -- :"},
+    {"a dash inside a cluster without long options", {"cmd", "--x", "-b-", "a"}, "b", nullptr,
+     "?!-@1 ?!x@2 b@2 -1@2", {}, "invalid option -- -invalid option -- x"},
+    // "buf" is a prefix of "buffer" and "buffer-size", which act differently.
+    {"exact, abbreviated, ambiguous and flag long options",
+     {"cmd", "--buffer", "main", "--buffer=sys", "--buf", "x", "--clear", "--deb"}, "b:", kLong,
+     "b=main#0@3 b=sys#0@4 ?!0#-1@5 c#2@7 0#4@8 -1@7",
+     {"cmd", "--buffer", "main", "--buffer=sys", "--buf", "--clear", "--deb", "x"},
+     "option `--buf' is ambiguous", 7, true},
+    {"an abbreviation of equivalent records takes the first", {"cmd", "--ver", "--c"}, "", kLong,
+     "v#6@2 ?!0#-1@3 -1@3", {}, "option `--c' is ambiguous", 0, true},
+    {"an exact name wins over earlier longer ones", {"cmd", "--wrap"}, "", kWrapNames,
+     "W#2@2 -1@2", {}, "", 0, true},
+    // A flag option has no character for optopt; a missing argument at the
+    // end gives back the taken end of the array.
+    {"argument errors", {"cmd", "--clear=yes", "--debug=1", "--nope=2", "--buffer"}, "", kLong,
+     "?!c@2 ?!0@3 ?!0@4 ?!b@5 -1@5", {},
+     "option `--clear' doesn't allow an argument"
+     "option `--debug' doesn't allow an argument"
+     "unrecognized option `--nope=2'"
+     "option `--buffer' requires an argument"},
+    {"a silent missing argument", {"cmd", "--buffer"}, ":", kLong, ":!b@2 -1@2", {}, ""},
+    {"an optional argument only after =", {"cmd", "--wrap=5", "--buffer-size", "9", "--wrap="}, "",
+     kLong, "0=5#5@2 g#1@3 0=#5@5 -1@4", {"cmd", "--wrap=5", "--buffer-size", "--wrap=", "9"}, "",
+     0, true},
+    {"a single dash is a short cluster", {"cmd", "-clear"}, "cl", kLong,
+     "c@1 l@1 ?!e@1 ?!a@1 ?!r@2 -1@2", {},
+     "invalid option -- einvalid option -- ainvalid option -- r"},
+    {"-W; introduces a long option", {"cmd", "-W", "clear", "-Wbuffer=main", "-Wnope", "-W"}, "W;",
+     kLong, "c@3 b=main@4 ?!0@5 ?!W@6 -1@6", {},
+     "unrecognized option `-W nope'option requires an argument -- W"},
+    {"without long options W; is a plain letter", {"cmd", "-Wx"}, "W;x", nullptr, "W@1 x@2 -1@2",
+     {}, ""},
+};
+
+TEST(GetOptParseTest, EachParseReturnsReordersAndReportsAsExpected) {
+  for (const ParseCase& c : kParses) {
+    SCOPED_TRACE(c.what);
+    Args args(c.words);
+    gFlag = 0;
+    EXPECT_EQ(c.trace, Trace(&args, c.letters, c.longopts, c.indexed));
+    EXPECT_EQ(c.after.empty() ? c.words : c.after, args.Current());
+    EXPECT_EQ(c.messages, args.Messages());
+    EXPECT_EQ(c.flag, gFlag);
+  }
 }
 
-TEST(GetOptLongTest, ExactNameWinsOverEarlierLongerCandidates) {
-  const option opts[] = {
-      {"wrapper", required_argument, nullptr, 'w'},
-      {"wrap-all", no_argument, nullptr, 'a'},
-      {"wrap", no_argument, nullptr, 'W'},
-      {nullptr, 0, nullptr, 0},
-  };
-  Args args({"cmd", "--wrap"});
-  int index = -1;
-  EXPECT_EQ('W', args.Next("", opts, &index));
-  EXPECT_EQ(2, index);
-  EXPECT_EQ("", args.Messages());
-}
-
-TEST(GetOptLongTest, ArgumentErrors) {
-  Args args({"cmd", "--clear=yes", "--debug=1", "--nope=2", "--buffer"});
-  EXPECT_EQ('?', args.Next("", kLong));
-  EXPECT_EQ('c', args.ctx().optopt);
-  EXPECT_EQ("option `--clear' doesn't allow an argument", args.Messages());
-  EXPECT_EQ('?', args.Next("", kLong));
-  EXPECT_EQ(0, args.ctx().optopt);  // a flag option has no character
-  EXPECT_EQ('?', args.Next("", kLong));
-  EXPECT_EQ(0, args.ctx().optopt);
-  EXPECT_EQ('?', args.Next("", kLong));
-  EXPECT_EQ('b', args.ctx().optopt);
-  EXPECT_EQ(5, args.ctx().optind);  // the taken end of the array is given back
-  EXPECT_EQ(
-      "option `--clear' doesn't allow an argument"
-      "option `--debug' doesn't allow an argument"
-      "unrecognized option `--nope=2'"
-      "option `--buffer' requires an argument",
-      args.Messages());
-  Args silent({"cmd", "--buffer"});
-  EXPECT_EQ(':', silent.Next(":", kLong));
-  EXPECT_EQ("", silent.Messages());
-}
-
-TEST(GetOptLongTest, OptionalArgumentOnlyAfterEquals) {
-  Args args({"cmd", "--wrap=5", "--buffer-size", "9", "--wrap="});
-  int index = -1;
-  EXPECT_EQ(0, args.Next("", kLong, &index));
-  EXPECT_EQ(5, index);
-  EXPECT_EQ("5", args.Optarg());
-  EXPECT_EQ('g', args.Next("", kLong, &index));
-  EXPECT_EQ("<null>", args.Optarg());
-  EXPECT_EQ(0, args.Next("", kLong, &index));
-  EXPECT_EQ("", args.Optarg());
-  EXPECT_EQ(-1, args.Next("", kLong, &index));
-  EXPECT_EQ(Words({"cmd", "--wrap=5", "--buffer-size", "--wrap=", "9"}), args.Current());
-  EXPECT_EQ(4, args.ctx().optind);
-}
-
-TEST(GetOptLongTest, SingleDashIsAShortCluster) {
-  Args args({"cmd", "-clear"});
-  EXPECT_EQ('c', args.Next("cl", kLong));
-  EXPECT_EQ('l', args.Next("cl", kLong));
-  EXPECT_EQ('?', args.Next("cl", kLong));
-  EXPECT_EQ("invalid option -- e", args.Messages());
-}
-
-TEST(GetOptLongTest, WSemicolonIntroducesALongOption) {
-  Args args({"cmd", "-W", "clear", "-Wbuffer=main", "-Wnope", "-W"});
-  EXPECT_EQ('c', args.Next("W;", kLong));
-  EXPECT_EQ(3, args.ctx().optind);
-  EXPECT_EQ('b', args.Next("W;", kLong));
-  EXPECT_EQ("main", args.Optarg());
-  EXPECT_EQ('?', args.Next("W;", kLong));
-  EXPECT_EQ('?', args.Next("W;", kLong));
-  EXPECT_EQ('W', args.ctx().optopt);
-  EXPECT_EQ("unrecognized option `-W nope'option requires an argument -- W", args.Messages());
-  EXPECT_EQ(-1, args.Next("W;", kLong));
-  // Without long options "W;" is a plain letter.
-  Args plain({"cmd", "-Wx"});
-  EXPECT_EQ('W', plain.Next("W;x"));
-  EXPECT_EQ('x', plain.Next("W;x"));
+TEST(GetOptParseTest, TheEndStaysTheEnd) {
+  Args args({"cmd", "a", "-b", "c", "-d"});
+  EXPECT_EQ("b@3 d@5 -1@3", Trace(&args, "bd", nullptr, false));
+  EXPECT_EQ("-1@3", Trace(&args, "bd", nullptr, false));
 }
 
 // --- Restarts and reentrancy -----------------------------------------------------
