@@ -28,19 +28,8 @@
 
 namespace {
 
-std::vector<char*> Argv(std::vector<std::string>* args) {
-  args->insert(args->begin(), "morvocat");
-  std::vector<char*> argv;
-  for (std::string& a : *args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  return argv;
-}
-
-int RunOn(android_logcat_context ctx, int out, int err, std::vector<std::string> args) {
-  std::vector<char*> argv = Argv(&args);
-  return AndroidLogcatRunCommand(ctx, out, err, static_cast<int>(args.size()), argv.data(),
-                                 nullptr);
-}
+using morvotest::RunOn;
+using morvotest::StartThread;
 
 // The host's checks run in a child: its exit code is the number of the
 // first check that failed (0: all held); a signal shows as 128 + signal.
@@ -111,13 +100,9 @@ TEST_F(EmbeddingTest, AReusedContextWritesToTheSameDescriptorsAgain) {
 
 TEST_F(EmbeddingTest, ARefusedStartLeavesTheRunningRunAlone) {
   android_logcat_context ctx = CreateAndroidLogcat();
-  std::vector<std::string> args = {"-b", "morvo_main"};
-  std::vector<char*> argv = Argv(&args);
-  int fd = AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(), nullptr);
-  ASSERT_GE(fd, 0);
+  ASSERT_GE(StartThread(ctx, {"-b", "morvo_main"}), 0);
   errno = 0;
-  EXPECT_EQ(-1, AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(),
-                                              nullptr));
+  EXPECT_EQ(-1, StartThread(ctx, {"-b", "morvo_main"}));
   EXPECT_EQ(EBUSY, errno);
   EXPECT_EQ(-EBUSY, RunOn(ctx, -1, -1, {"-d"}));
   EXPECT_EQ(1, AndroidLogcatRunCommandThreadRunning(ctx));
@@ -137,10 +122,7 @@ TEST_F(EmbeddingTest, AnOutputNobodyReadsEndsTheRunInsteadOfTheHost) {
       android_logcat_context ctx = CreateAndroidLogcat();
       int status;
       if (c.thread) {
-        std::vector<std::string> args = {"-b", "morvo_main"};
-        std::vector<char*> argv = Argv(&args);
-        int fd = AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(),
-                                               nullptr);
+        int fd = StartThread(ctx, {"-b", "morvo_main"});
         close(fd);
         // The number comes back for the host's next pipe, which destroy
         // must leave open.
@@ -175,9 +157,7 @@ TEST_F(EmbeddingTest, DestroyEndsARunWhoseHostStoppedReading) {
   int code = InHost([] {
     alarm(10);  // a destroy that hangs fails the case instead of the suite
     android_logcat_context ctx = CreateAndroidLogcat();
-    std::vector<std::string> args = {"-d", "-b", "morvo_main"};
-    std::vector<char*> argv = Argv(&args);
-    int fd = AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(), nullptr);
+    int fd = StartThread(ctx, {"-d", "-b", "morvo_main"});
     usleep(50 * 1000);
     AndroidLogcatDestroy(&ctx);
     return fcntl(fd, F_GETFD) < 0 ? 0 : 1;  // destroy closed the read end
@@ -197,9 +177,7 @@ TEST_F(EmbeddingTest, DestroyWakesARunWaitingForRecords) {
       android_logcat_context ctx = CreateAndroidLogcat();
       std::thread host;
       if (c.thread) {
-        std::vector<std::string> args = {"-b", "morvo_main"};
-        std::vector<char*> argv = Argv(&args);
-        AndroidLogcatRunCommandThread(ctx, static_cast<int>(args.size()), argv.data(), nullptr);
+        StartThread(ctx, {"-b", "morvo_main"});
       } else {
         int devnull = open("/dev/null", O_WRONLY);
         host = std::thread([ctx, devnull] { RunOn(ctx, devnull, -1, {"-b", "morvo_main"}); });

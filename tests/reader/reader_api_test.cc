@@ -29,29 +29,8 @@ namespace {
 
 using morvotest::ReadAll;
 using morvotest::RunCommand;
-
-class Argv {
- public:
-  explicit Argv(std::vector<std::string> args) : args_(std::move(args)) {
-    args_.insert(args_.begin(), "morvocat");
-    for (std::string& a : args_) ptrs_.push_back(&a[0]);
-    ptrs_.push_back(nullptr);
-  }
-  int argc() const { return static_cast<int>(args_.size()); }
-  char** argv() { return ptrs_.data(); }
-
- private:
-  std::vector<std::string> args_;
-  std::vector<char*> ptrs_;
-};
-
-std::string ReadToEnd(int fd) {
-  std::string text;
-  char buf[4096];
-  ssize_t n;
-  while ((n = read(fd, buf, sizeof(buf))) > 0) text.append(buf, n);
-  return text;
-}
+using morvotest::RunOn;
+using morvotest::StartThread;
 
 class ReaderApiTest : public ::testing::Test {
  protected:
@@ -62,19 +41,15 @@ TEST_F(ReaderApiTest, ThreadRunDeliversItsOutputThroughThePipeUntilEndOfFile) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "api", "through the pipe");
   android_logcat_context ctx = CreateAndroidLogcat();
   ASSERT_NE(nullptr, ctx);
-  {
-    Argv args({"-d", "-b", "morvo_main"});
-    int fd = AndroidLogcatRunCommandThread(ctx, args.argc(), args.argv(), nullptr);
-    ASSERT_GE(fd, 0);
-    // The run works on its own copies: the host's array may go away now.
-    std::string text = ReadToEnd(fd);
-    EXPECT_NE(std::string::npos, text.find("I api     : through the pipe\n")) << text;
-  }
+  // The run works on its own copies: the host's array is gone once it starts.
+  int fd = StartThread(ctx, {"-d", "-b", "morvo_main"});
+  ASSERT_GE(fd, 0);
+  std::string text = ReadAll(fd);
+  EXPECT_NE(std::string::npos, text.find("I api     : through the pipe\n")) << text;
   while (AndroidLogcatRunCommandThreadRunning(ctx)) sched_yield();
   // The first pipe is still open: a second thread run is refused.
-  Argv again({"-d"});
   errno = 0;
-  EXPECT_EQ(-1, AndroidLogcatRunCommandThread(ctx, again.argc(), again.argv(), nullptr));
+  EXPECT_EQ(-1, StartThread(ctx, {"-d"}));
   EXPECT_EQ(EBUSY, errno);
   EXPECT_EQ(0, AndroidLogcatRunCommandThreadRunning(ctx));
   EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
@@ -83,10 +58,9 @@ TEST_F(ReaderApiTest, ThreadRunDeliversItsOutputThroughThePipeUntilEndOfFile) {
 
 TEST_F(ReaderApiTest, ThreadRunThatFailsStillEndsThePipe) {
   android_logcat_context ctx = CreateAndroidLogcat();
-  Argv args({"-b", "nosuch"});
-  int fd = AndroidLogcatRunCommandThread(ctx, args.argc(), args.argv(), nullptr);
+  int fd = StartThread(ctx, {"-b", "nosuch"});
   ASSERT_GE(fd, 0);
-  EXPECT_EQ("", ReadToEnd(fd));
+  EXPECT_EQ("", ReadAll(fd));
   EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
 }
 
@@ -101,43 +75,44 @@ TEST_F(ReaderApiTest, DestroyReportsTheLastRunOrRefusesNull) {
   EXPECT_EQ(1, RunCommand({"-S"}).destroyStatus);
 
   android_logcat_context ctx = CreateAndroidLogcat();
-  Argv args({"-d"});
   int closedFd = memfd_create("gone", 0);
   close(closedFd);
-  EXPECT_EQ(-EBADF, AndroidLogcatRunCommand(ctx, closedFd, -1, args.argc(), args.argv(), nullptr));
+  EXPECT_EQ(-EBADF, RunOn(ctx, closedFd, -1, {"-d"}));
   EXPECT_EQ(-EBADF, AndroidLogcatDestroy(&ctx));
 }
 
-TEST_F(ReaderApiTest, ErrorsFollowTheRedirectionsWrittenAsArguments) {
-  morvotest::RunResult toOut = RunCommand({"-S", "2>&1"});
-  EXPECT_EQ(1, toOut.status);
-  EXPECT_EQ("Unrecognized Option S\n", toOut.out);
-  EXPECT_EQ("", toOut.err);
-
-  morvotest::RunResult toNull = RunCommand({"-S", "2>/dev/null"});
-  EXPECT_EQ(1, toNull.status);
-  EXPECT_EQ("", toNull.out + toNull.err);
-
-  morvotest::RunResult toFile = RunCommand({"-S", "2>/tmp/somewhere"});
-  EXPECT_EQ(1, toFile.status);
-  EXPECT_EQ("Unrecognized Option S\n", toFile.err);
-}
-
-TEST_F(ReaderApiTest, OutputRedirectionWritesTheLinesToTheTarget) {
+TEST_F(ReaderApiTest, OutputAndErrorsFollowTheRedirectionsWrittenAsArguments) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_WARN, "redir", "into a file");
   std::string target = root_.Under("/out.txt");
-  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", ">" + target});
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ("", r.out);
-  EXPECT_NE(std::string::npos, morvotest::ReadFile(target).find("W redir   : into a file\n"));
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    const char* out;
+    const char* err;
+    const char* inTarget;  // a line the target file holds; null: none made
+  } const kCases[] = {
+      {{"-S", "2>&1"}, 1, "Unrecognized Option S\n", "", nullptr},
+      {{"-S", "2>/dev/null"}, 1, "", "", nullptr},
+      {{"-S", "2>/tmp/somewhere"}, 1, "", "Unrecognized Option S\n", nullptr},
+      {{"-d", "-b", "morvo_main", ">" + target}, 0, "", "", "W redir   : into a file\n"},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.args.back());
+    morvotest::RunResult r = RunCommand(c.args);
+    EXPECT_EQ(c.status, r.status);
+    EXPECT_EQ(c.out, r.out);
+    if (c.inTarget == nullptr) EXPECT_EQ(c.err, r.err);
+    if (c.inTarget != nullptr) {
+      EXPECT_NE(std::string::npos, morvotest::ReadFile(target).find(c.inTarget));
+    }
+  }
 }
 
 TEST_F(ReaderApiTest, SameDescriptorForOutputAndErrorCarriesBoth) {
   int fd = memfd_create("both", 0);
   android_logcat_context ctx = CreateAndroidLogcat();
-  Argv args({"-d", "-b", "nosuch"});
   int shared = dup(fd);
-  EXPECT_EQ(1, AndroidLogcatRunCommand(ctx, shared, shared, args.argc(), args.argv(), nullptr));
+  EXPECT_EQ(1, RunOn(ctx, shared, shared, {"-d", "-b", "nosuch"}));
   EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
   EXPECT_EQ("unknown buffer nosuch\n", ReadAll(fd));
   close(fd);
@@ -147,12 +122,8 @@ TEST_F(ReaderApiTest, AContextRunsAgainAfterAFinishedRun) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "again", "second run sees this");
   android_logcat_context ctx = CreateAndroidLogcat();
   int out = memfd_create("out", 0);
-  {
-    Argv first({"-S"});
-    EXPECT_EQ(1, AndroidLogcatRunCommand(ctx, -1, dup(out), first.argc(), first.argv(), nullptr));
-  }
-  Argv second({"-d", "-b", "morvo_main"});
-  EXPECT_EQ(0, AndroidLogcatRunCommand(ctx, dup(out), -1, second.argc(), second.argv(), nullptr));
+  EXPECT_EQ(1, RunOn(ctx, -1, dup(out), {"-S"}));
+  EXPECT_EQ(0, RunOn(ctx, dup(out), -1, {"-d", "-b", "morvo_main"}));
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
   std::string text = ReadAll(out);
   EXPECT_NE(std::string::npos, text.find("second run sees this")) << text;
@@ -219,8 +190,7 @@ TEST_F(ReaderApiTest, EnvironmentLookupTakesTheFirstExactName) {
 
 TEST_F(ReaderApiTest, BlockingReaderIsWokenByAWriterInAnotherProcess) {
   android_logcat_context ctx = CreateAndroidLogcat();
-  Argv args({"-b", "morvo_main"});
-  int fd = AndroidLogcatRunCommandThread(ctx, args.argc(), args.argv(), nullptr);
+  int fd = StartThread(ctx, {"-b", "morvo_main"});
   ASSERT_GE(fd, 0);
   pid_t child = fork();
   if (child == 0) {

@@ -21,6 +21,34 @@ struct RunResult {
   std::string err;
 };
 
+// A command line as a host builds it: argv[0] first, a null at the end.
+class Argv {
+ public:
+  explicit Argv(std::vector<std::string> args) : args_(std::move(args)) {
+    args_.insert(args_.begin(), "morvocat");
+    for (std::string& a : args_) ptrs_.push_back(&a[0]);
+    ptrs_.push_back(nullptr);
+  }
+  int argc() const { return static_cast<int>(args_.size()); }
+  char** argv() { return ptrs_.data(); }
+
+ private:
+  std::vector<std::string> args_;
+  std::vector<char*> ptrs_;
+};
+
+inline int RunOn(android_logcat_context ctx, int out, int err, std::vector<std::string> args) {
+  Argv a(std::move(args));
+  return AndroidLogcatRunCommand(ctx, out, err, a.argc(), a.argv(), nullptr);
+}
+
+// The read end of the run's pipe, or -1.
+inline int StartThread(android_logcat_context ctx, std::vector<std::string> args) {
+  Argv a(std::move(args));
+  return AndroidLogcatRunCommandThread(ctx, a.argc(), a.argv(), nullptr);
+}
+
+// From the start of a file, or what is left in a pipe.
 inline std::string ReadAll(int fd) {
   std::string text;
   lseek(fd, 0, SEEK_SET);
@@ -32,10 +60,7 @@ inline std::string ReadAll(int fd) {
 
 // argv[0] is added; env entries are "NAME=value".
 inline RunResult RunCommand(std::vector<std::string> args, std::vector<std::string> env = {}) {
-  args.insert(args.begin(), "morvocat");
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
+  Argv argv(std::move(args));
   std::vector<char*> envp;
   for (std::string& e : env) envp.push_back(&e[0]);
   envp.push_back(nullptr);
@@ -44,8 +69,7 @@ inline RunResult RunCommand(std::vector<std::string> args, std::vector<std::stri
   android_logcat_context ctx = CreateAndroidLogcat();
   RunResult result;
   // The host keeps the descriptors it hands in.
-  result.status = AndroidLogcatRunCommand(ctx, outFd, errFd,
-                                          static_cast<int>(args.size()), argv.data(), envp.data());
+  result.status = AndroidLogcatRunCommand(ctx, outFd, errFd, argv.argc(), argv.argv(), envp.data());
   result.destroyStatus = AndroidLogcatDestroy(&ctx);
   result.out = ReadAll(outFd);
   result.err = ReadAll(errFd);
