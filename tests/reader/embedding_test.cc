@@ -84,20 +84,6 @@ TEST_F(EmbeddingTest, TheHostKeepsEveryDescriptorItHandsIn) {
   }
 }
 
-TEST_F(EmbeddingTest, AReusedContextWritesToTheSameDescriptorsAgain) {
-  android_logcat_context ctx = CreateAndroidLogcat();
-  int out = memfd_create("out", 0);
-  int err = memfd_create("err", 0);
-  EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
-  EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
-  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
-  std::string text = morvotest::ReadAll(out);
-  EXPECT_EQ(2u, text.size() / (text.find('\n') + 1)) << text;
-  EXPECT_EQ("", morvotest::ReadAll(err));
-  close(out);
-  close(err);
-}
-
 TEST_F(EmbeddingTest, ARefusedStartLeavesTheRunningRunAlone) {
   android_logcat_context ctx = CreateAndroidLogcat();
   ASSERT_GE(StartThread(ctx, {"-b", "morvo_main"}), 0);

@@ -101,8 +101,9 @@ TEST_F(ReaderApiTest, OutputAndErrorsFollowTheRedirectionsWrittenAsArguments) {
     morvotest::RunResult r = RunCommand(c.args);
     EXPECT_EQ(c.status, r.status);
     EXPECT_EQ(c.out, r.out);
-    if (c.inTarget == nullptr) EXPECT_EQ(c.err, r.err);
-    if (c.inTarget != nullptr) {
+    if (c.inTarget == nullptr) {
+      EXPECT_EQ(c.err, r.err);
+    } else {
       EXPECT_NE(std::string::npos, morvotest::ReadFile(target).find(c.inTarget));
     }
   }
@@ -118,16 +119,22 @@ TEST_F(ReaderApiTest, SameDescriptorForOutputAndErrorCarriesBoth) {
   close(fd);
 }
 
-TEST_F(ReaderApiTest, AContextRunsAgainAfterAFinishedRun) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "again", "second run sees this");
+TEST_F(ReaderApiTest, AContextRunsAgainAfterAFailedRunAndOnTheSameDescriptors) {
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "again", "later runs see this");
   android_logcat_context ctx = CreateAndroidLogcat();
   int out = memfd_create("out", 0);
-  EXPECT_EQ(1, RunOn(ctx, -1, dup(out), {"-S"}));
-  EXPECT_EQ(0, RunOn(ctx, dup(out), -1, {"-d", "-b", "morvo_main"}));
+  int err = memfd_create("err", 0);
+  EXPECT_EQ(1, RunOn(ctx, -1, err, {"-S"}));
+  EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
+  EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
   std::string text = ReadAll(out);
-  EXPECT_NE(std::string::npos, text.find("second run sees this")) << text;
+  size_t line = text.find('\n') + 1;
+  EXPECT_EQ(2 * line, text.size()) << text;
+  EXPECT_NE(std::string::npos, text.find("I again   : later runs see this\n")) << text;
+  EXPECT_EQ("Unrecognized Option S\n", ReadAll(err));
   close(out);
+  close(err);
 }
 
 // The embedding interface and nothing else: the platform layer, the C++
