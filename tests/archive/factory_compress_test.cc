@@ -11,8 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "support/command_output.h"
 #include "support/file_tree.h"
+#include "support/tar_listing.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -58,7 +58,7 @@ TEST_F(FactoryCompressTest, ALinkAtTheArchiveNameIsReplacedNotWrittenThrough) {
   EXPECT_EQ("precious\n", ReadFile(victim));
   EXPECT_EQ(std::vector<std::string>{"kmsg-0.tar.gz"}, Entries(folder_));
   EXPECT_EQ("kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n",
-            morvotest::CommandOutput("tar -tzf '" + base_ + "-0.tar.gz'"));
+            morvotest::TarListing(base_ + "-0.tar.gz"));
 }
 
 }  // namespace

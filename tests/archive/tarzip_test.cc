@@ -19,6 +19,7 @@
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/random_bytes.h"
+#include "support/tar_listing.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -29,22 +30,10 @@ using morvotest::WriteFile;
 
 constexpr size_t kBlock = 512;
 
-// Output and exit status of a shell command.
-std::string Shell(const std::string& cmd, int* status) {
-  FILE* p = popen((cmd + " 2>/dev/null").c_str(), "r");
-  std::string out;
-  char buf[4096];
-  size_t n;
-  while (p != nullptr && (n = fread(buf, 1, sizeof(buf), p)) > 0) out.append(buf, n);
-  *status = p != nullptr ? pclose(p) : -1;
-  return out;
-}
-
 // Member names as stock tar lists them.
 std::set<std::string> TarNames(const std::string& archive) {
-  int status;
-  std::string out = Shell("tar -tzf '" + archive + "'", &status);
-  EXPECT_EQ(0, status) << out;
+  std::string out = morvotest::TarListing(archive);
+  EXPECT_NE("<tar failed>", out);
   std::set<std::string> names;
   size_t pos = 0;
   for (size_t nl; (nl = out.find('\n', pos)) != std::string::npos; pos = nl + 1) {
@@ -148,9 +137,7 @@ TEST_F(TarzipTest, StockTarListsAndExtractsTheSameBytes) {
   ASSERT_TRUE(Pack(paths));
   std::string dest = Path("extract");
   mkdir(dest.c_str(), 0775);
-  int status;
-  Shell("tar -xzf '" + archive_ + "' -C '" + dest + "'", &status);
-  ASSERT_EQ(0, status);
+  ASSERT_EQ("", morvotest::Tar("-xzf '" + archive_ + "' -C '" + dest + "'"));
   for (size_t i = 0; i < paths.size(); i++) {
     std::string name = paths[i].substr(paths[i].rfind('/') + 1);
     EXPECT_TRUE(contents[i] == ReadFile(dest + "/" + name)) << name;
@@ -181,8 +168,7 @@ TEST_F(TarzipTest, DirectoriesAreWalkedWithOrWithoutTheirNameAsPrefix) {
   EXPECT_EQ((std::set<std::string>{"x/f1", "x/sub/f2"}), TarNames(archive_));
   std::string dest = Path("extract");
   mkdir(dest.c_str(), 0775);
-  int status;
-  Shell("tar -xzf '" + archive_ + "' -C '" + dest + "'", &status);
+  EXPECT_EQ("", morvotest::Tar("-xzf '" + archive_ + "' -C '" + dest + "'"));
   EXPECT_TRUE(f2 == ReadFile(dest + "/x/sub/f2"));
   ASSERT_TRUE(Pack({Path("x")}, 0));
   EXPECT_EQ((std::set<std::string>{"f1", "f2"}), TarNames(archive_));

@@ -17,6 +17,7 @@
 #include "reader/output_file.h"
 #include "reader/run_capture.h"
 #include "support/file_tree.h"
+#include "support/tar_listing.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -26,16 +27,7 @@ MorvocatUtils* NoWriter(const char*, uint32_t, uint64_t) { return nullptr; }
 using morvotest::Exists;
 using morvotest::RunCommand;
 
-// The member names of an archive as stock tar lists them; "" on failure.
-std::string TarListing(const std::string& archive) {
-  std::string listing;
-  FILE* p = popen(("tar tzf '" + archive + "'").c_str(), "r");
-  if (p == nullptr) return listing;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) listing.append(buf, n);
-  return pclose(p) == 0 ? listing : std::string();
-}
+using morvotest::TarListing;
 
 class PlainOutputTest : public ::testing::Test {
  protected:
