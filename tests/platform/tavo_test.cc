@@ -1,6 +1,5 @@
 #include "platform/tavo.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stddef.h>
@@ -24,6 +23,7 @@
 
 #include "platform/tavo_cache.h"
 #include "platform/tavo_hook.h"
+#include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/random_bytes.h"
 #include "support/small_fs.h"
@@ -72,12 +72,9 @@ std::vector<int> Numbers(const std::string& text) {
 
 std::set<std::string> CacheFiles(const std::string& dir) {
   std::set<std::string> found;
-  DIR* d = opendir(dir.c_str());
-  if (d == nullptr) return found;
-  while (struct dirent* e = readdir(d)) {
-    if (strstr(e->d_name, ".tavocache") != nullptr) found.insert(e->d_name);
+  for (const std::string& name : morvotest::Entries(dir)) {
+    if (name.find(".tavocache") != std::string::npos) found.insert(name);
   }
-  closedir(d);
   return found;
 }
 
