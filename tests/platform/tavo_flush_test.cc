@@ -28,11 +28,13 @@
 #include "platform/tavo_flusher.h"
 #include "support/log_set.h"
 #include "support/temp_root.h"
+#include "support/within.h"
 
 namespace {
 
 using morvotest::SetFiles;
 using morvotest::TempRoot;
+using morvotest::Within;
 
 // Sets the bound for the writers made while it lives; null unsets it.
 class ScopedBound {
@@ -132,16 +134,6 @@ unsigned long long BlockedSignals(const std::string& tid) {
   std::string status = Slurp("/proc/self/task/" + tid + "/status");
   size_t pos = status.find("SigBlk:\t");
   return pos == std::string::npos ? 0 : strtoull(status.c_str() + pos + 8, nullptr, 16);
-}
-
-// Polls until done() or the deadline; never a measure of speed.
-template <class Done>
-bool Within(int seconds, Done done) {
-  for (int i = 0; i < seconds * 100; i++) {
-    if (done()) return true;
-    usleep(10 * 1000);
-  }
-  return done();
 }
 
 class TavoFlushTest : public ::testing::Test {

@@ -24,6 +24,7 @@
 #include "support/log_set.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
+#include "support/within.h"
 
 namespace {
 
@@ -102,15 +103,6 @@ TEST_F(OutputFileTest, RestartRemovesPlainFilesAndContinuesTheSet) {
   EXPECT_NE(std::string::npos, files[1].find(".I001."));
 }
 
-// Polls for up to five seconds until the set of base has count files.
-bool WaitForFiles(const std::string& dir, const std::string& base, size_t count) {
-  for (int i = 0; i < 500; ++i) {
-    if (SetFiles(dir, base).size() == count) return true;
-    usleep(10 * 1000);
-  }
-  return false;
-}
-
 TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAndLosesNothing) {
   std::string base = Dir() + "/gone";
   android_logcat_context ctx = CreateAndroidLogcat();
@@ -120,7 +112,7 @@ TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAndLosesNothing) {
   int fd = AndroidLogcatRunCommandThread(ctx, 5, argv, nullptr);
   ASSERT_GE(fd, 0);
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "before the deletion");
-  ASSERT_TRUE(WaitForFiles(Dir(), "gone", 1));
+  ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(Dir(), "gone").size() == 1; }));
   unlink(SetFiles(Dir(), "gone")[0].c_str());
   // Records keep coming until the run has noticed and made a new file.
   long written = 0;
@@ -128,7 +120,7 @@ TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAndLosesNothing) {
     qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", ("seq " + std::to_string(written)).c_str());
     usleep(1000);
   }
-  ASSERT_TRUE(WaitForFiles(Dir(), "gone", 1));
+  ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(Dir(), "gone").size() == 1; }));
   // Destroy stops the run at once: it must have read the records first.
   usleep(100 * 1000);
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));

@@ -19,12 +19,14 @@
 #include "support/file_tree.h"
 #include "support/tar_listing.h"
 #include "support/temp_root.h"
+#include "support/within.h"
 
 namespace {
 
 MorvocatUtils* NoWriter(const char*, uint32_t, uint64_t) { return nullptr; }
 
 using morvotest::Exists;
+using morvotest::ReadFile;
 using morvotest::RunCommand;
 
 using morvotest::TarListing;
@@ -104,13 +106,11 @@ TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
   char* argv[] = {arg0, arg1, arg2, arg3, &base_[0], nullptr};
   ASSERT_GE(AndroidLogcatRunCommandThread(ctx, 5, argv, nullptr), 0);
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "first");
-  for (int i = 0; i < 500 && morvotest::ReadFile(base_).empty(); ++i) usleep(10 * 1000);
+  morvotest::Within(5, [&] { return !ReadFile(base_).empty(); });
   ASSERT_EQ(0, unlink(base_.c_str()));
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "second");
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "third");
-  for (int i = 0; i < 500 && morvotest::ReadFile(base_).find("third") == std::string::npos; ++i) {
-    usleep(10 * 1000);
-  }
+  morvotest::Within(5, [&] { return ReadFile(base_).find("third") != std::string::npos; });
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "wake up");
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
   // P was gone, so no new P.1 was made: the old copy moved up to P.2.
