@@ -32,6 +32,7 @@
 
 namespace {
 
+using morvotest::ReadFile;
 using morvotest::SetFiles;
 using morvotest::TempRoot;
 using morvotest::Within;
@@ -95,12 +96,10 @@ Decoded DecodeMembers(const std::string& bytes) {
   return d;
 }
 
-std::string Slurp(const std::string& path) { return morvotest::ReadFile(path); }
-
 // What a copy of the set holds, file by file in name order.
 std::vector<Decoded> CopyOf(const std::string& dir, const std::string& base) {
   std::vector<Decoded> copy;
-  for (const std::string& f : SetFiles(dir, base)) copy.push_back(DecodeMembers(Slurp(f)));
+  for (const std::string& f : SetFiles(dir, base)) copy.push_back(DecodeMembers(ReadFile(f)));
   return copy;
 }
 
@@ -122,7 +121,7 @@ std::vector<std::string> FlusherTasks() {
   if (d == nullptr) return tids;
   while (dirent* e = readdir(d)) {
     if (e->d_name[0] == '.') continue;
-    std::string comm = Slurp(std::string("/proc/self/task/") + e->d_name + "/comm");
+    std::string comm = ReadFile(std::string("/proc/self/task/") + e->d_name + "/comm");
     if (comm == "tavo-flush\n") tids.push_back(e->d_name);
   }
   closedir(d);
@@ -131,7 +130,7 @@ std::vector<std::string> FlusherTasks() {
 
 // The blocked-signal mask of a task of this process.
 unsigned long long BlockedSignals(const std::string& tid) {
-  std::string status = Slurp("/proc/self/task/" + tid + "/status");
+  std::string status = ReadFile("/proc/self/task/" + tid + "/status");
   size_t pos = status.find("SigBlk:\t");
   return pos == std::string::npos ? 0 : strtoull(status.c_str() + pos + 8, nullptr, 16);
 }
@@ -321,7 +320,7 @@ TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
           }
           if (round % 3 == 0 && !tavo->Flush()) failures++;
         }
-        Decoded d = DecodeMembers(Slurp(path));
+        Decoded d = DecodeMembers(ReadFile(path));
         if (!d.whole || d.truncated || d.text != expected) failures++;
       }
     });
@@ -361,7 +360,7 @@ TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
     ASSERT_TRUE(ended) << "the child hung in round " << round;
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   }
-  std::vector<long> numbers = morvotest::Sequence(DecodeMembers(Slurp(path)).text);
+  std::vector<long> numbers = morvotest::Sequence(DecodeMembers(ReadFile(path)).text);
   EXPECT_EQ(20u, numbers.size());
 }
 
