@@ -43,13 +43,6 @@ class ReadLoopTest : public ::testing::Test {
   morvotest::TempRoot root_;
 };
 
-TEST_F(ReadLoopTest, EmptyBuffersEndAtOnceWithNothing) {
-  RunResult r = RunCommand({"-d"});
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ("", r.out);
-  EXPECT_EQ("", r.err);
-}
-
 TEST_F(ReadLoopTest, ThreadtimeLinesCarryPidTidPriorityAndTag) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_DEBUG, "shape", "first\nsecond");
   RunResult r = RunCommand({"-d", "-b", "morvo_main"});

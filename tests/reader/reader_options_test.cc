@@ -70,16 +70,18 @@ TEST_F(ReaderOptionsTest, EveryRejectedOptionEndsTheRunWithItsMessage) {
   }
 }
 
-TEST_F(ReaderOptionsTest, AcceptedOptionsWithoutEffectLeaveACleanRun) {
+TEST_F(ReaderOptionsTest, AcceptedOptionsWithoutEffectLeaveACleanRunOnAnEmptyStore) {
+  // The store is empty: a dump prints nothing either.
   const std::vector<std::vector<std::string>> kCases = {
-      {"-d", "--debug"}, {"-d", "--print"},      {"-d", "--id", "7"}, {"-d", "--tavo", "0"},
+      {"-d"}, {"-d", "--debug"}, {"-d", "--print"}, {"-d", "--id", "7"}, {"-d", "--tavo", "0"},
       {"-d", "--tavo", "3"}, {"-d", "-z", "3abc"}, {"-d", "-x", ""},   {"-d", "--pid", "0x10"},
       {"-d", "-b", "morvo_main morvo_radio"},      {"-d", "-s"},
   };
   for (const auto& args : kCases) {
     RunResult r = RunCommand(args);
-    EXPECT_EQ(0, r.status) << args[1];
-    EXPECT_EQ("", r.err) << args[1];
+    EXPECT_EQ(0, r.status) << args.back();
+    EXPECT_EQ("", r.err) << args.back();
+    EXPECT_EQ("", r.out) << args.back();
   }
 }
 
