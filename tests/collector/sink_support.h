@@ -21,6 +21,7 @@
 #include "support/command_output.h"
 #include "support/file_tree.h"
 #include "support/planted.h"
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 
 namespace sinktest {
@@ -95,8 +96,8 @@ class TestSink : public Tavobase {
   }
 };
 
-// Standard output of a shell command.
-inline std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+using morvotest::ModeOf;
+using morvotest::Quoted;
 
 // The text of a file of gzip members.
 inline std::string Unzipped(const std::string& path) {
@@ -125,11 +126,6 @@ inline std::string LinkTarget(const std::string& path) {
   char target[4096];
   ssize_t n = readlink(path.c_str(), target, sizeof(target));
   return n < 0 ? std::string() : std::string(target, static_cast<size_t>(n));
-}
-
-inline mode_t ModeOf(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
 inline bool IsLink(const std::string& path) {

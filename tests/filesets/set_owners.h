@@ -21,6 +21,7 @@
 #include "filesets/file_set.h"
 #include "filesets/morvocat_utils.h"
 #include "support/file_tree.h"
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 
 namespace settest {
@@ -155,10 +156,7 @@ inline std::vector<std::string> SetFilesIn(const std::string& folder, const std:
   return out;
 }
 
-inline mode_t ModeOf(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
-}
+using morvotest::ModeOf;
 
 // A log folder under a fresh root, with the base path applog in it.
 class SetDirTest : public ::testing::Test {

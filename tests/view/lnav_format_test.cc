@@ -17,7 +17,7 @@
 namespace {
 
 using viewtest::Lines;
-using viewtest::Quote;
+using morvotest::Quoted;
 
 class LnavFormatTest : public ::testing::Test {
  protected:
@@ -30,16 +30,16 @@ class LnavFormatTest : public ::testing::Test {
     home_ = root_.path() + "/home";
     root_.MakeDirs("/home");
     // Installed into a home of its own, as a user installs them.
-    std::string install = "HOME=" + Quote(home_) + " lnav -i " +
-                          Quote(formats + "morvocat_threadtime.json") + " " +
-                          Quote(formats + "morvocat_stream.json") + " >/dev/null 2>&1";
+    std::string install = "HOME=" + Quoted(home_) + " lnav -i " +
+                          Quoted(formats + "morvocat_threadtime.json") + " " +
+                          Quoted(formats + "morvocat_stream.json") + " >/dev/null 2>&1";
     ASSERT_EQ(0, system(install.c_str()));
   }
 
   // The rows of a query that selects one column named row, each trimmed.
   std::vector<std::string> Query(const std::string& sql, const std::string& file) {
-    std::string command = "HOME=" + Quote(home_) + " lnav -n -c " + Quote(";" + sql) + " " +
-                          Quote(file) + " 2>&1";
+    std::string command = "HOME=" + Quoted(home_) + " lnav -n -c " + Quoted(";" + sql) + " " +
+                          Quoted(file) + " 2>&1";
     std::vector<std::string> rows;
     for (std::string line : Lines(morvotest::CommandOutput(command))) {
       line.erase(0, line.find_first_not_of(' '));
@@ -75,7 +75,7 @@ TEST_F(LnavFormatTest, ThreadTimeCaptureAndGzipSetFile) {
     writer.GetNewLog();
     writer.Flush();
   }
-  std::string setFile = morvotest::CommandOutput("ls " + Quote(base) + ".I000.*.gz | tr -d '\\n'");
+  std::string setFile = morvotest::CommandOutput("ls " + Quoted(base) + ".I000.*.gz | tr -d '\\n'");
   const std::vector<std::string> expected = {
       "row",
       "01-05 08:15:02.042|info|1234|1240|ActivityManager",

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 
 namespace viewtest {
@@ -24,18 +25,14 @@ inline std::string ViewProgram() {
   return std::string(dir != nullptr ? dir : "tools") + "/morvo-view";
 }
 
-inline std::string Quote(const std::string& arg) {
-  std::string quoted = "'";
-  for (char c : arg) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return quoted + "'";
-}
+using morvotest::Quoted;
 
 // prefix runs before the program (such as setpriv with its arguments).
 inline ViewRun RunView(const std::string& scratch, const std::vector<std::string>& args,
                        const std::string& prefix = "") {
-  std::string command = prefix + Quote(ViewProgram());
-  for (const std::string& arg : args) command += " " + Quote(arg);
-  command += " >" + Quote(scratch + "/view.out") + " 2>" + Quote(scratch + "/view.err");
+  std::string command = prefix + Quoted(ViewProgram());
+  for (const std::string& arg : args) command += " " + Quoted(arg);
+  command += " >" + Quoted(scratch + "/view.out") + " 2>" + Quoted(scratch + "/view.err");
   int rc = system(command.c_str());
   ViewRun run;
   run.status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;

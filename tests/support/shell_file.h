@@ -1,0 +1,28 @@
+#ifndef MORVOCAT_TESTS_SUPPORT_SHELL_FILE_H_
+#define MORVOCAT_TESTS_SUPPORT_SHELL_FILE_H_
+
+// A path as one shell word, and the permission bits at a path, as the
+// collector, file set and view tests check them.
+
+#include <sys/stat.h>
+
+#include <string>
+
+namespace morvotest {
+
+// path in single quotes, its own single quotes escaped.
+inline std::string Quoted(const std::string& path) {
+  std::string quoted = "'";
+  for (char c : path) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return quoted + "'";
+}
+
+// The permission bits of what path leads to; 0 when nothing is there.
+inline mode_t ModeOf(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+}  // namespace morvotest
+
+#endif  // MORVOCAT_TESTS_SUPPORT_SHELL_FILE_H_
