@@ -175,14 +175,6 @@ TEST_F(GroupRunner, ACommandGroupRunsEachCommandEveryPass) {
   EXPECT_TRUE(std::regex_match(Output(), passes)) << Output();
 }
 
-struct Event {
-  int64_t sec;
-  int64_t usec;
-  uint16_t type;
-  uint16_t code;
-  int32_t value;
-};
-
 TEST_F(GroupRunner, AnInputGroupWritesEventsThroughItsSink) {
   signal(SIGPIPE, SIG_IGN);
   root.MakeDirs("/dev/input");
@@ -201,10 +193,8 @@ TEST_F(GroupRunner, AnInputGroupWritesEventsThroughItsSink) {
     fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
     return fd >= 0;
   }));
-  Event volume{5, 6, 1, 114, 0};
-  Event power{5, 7, 1, 116, 1};
-  ASSERT_EQ(24, write(fd, &volume, sizeof(volume)));
-  ASSERT_EQ(24, write(fd, &power, sizeof(power)));
+  ASSERT_TRUE(grouptest::Send(fd, {5, 6, 1, 114, 0}));
+  ASSERT_TRUE(grouptest::Send(fd, {5, 7, 1, 116, 1}));
   ASSERT_TRUE(grouptest::WaitFor([&] { return Output().find("KEY_POWER") != std::string::npos; }));
   Stop(group);
   close(fd);

@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -100,6 +101,20 @@ inline int ProcessesWith(const std::string& marker) {
   }
   closedir(proc);
   return count;
+}
+
+// An input_event record as the kernel writes it on a 64-bit system.
+struct Event {
+  int64_t sec;
+  int64_t usec;
+  uint16_t type;
+  uint16_t code;
+  int32_t value;
+};
+static_assert(sizeof(Event) == 24, "the kernel's record on a 64-bit system");
+
+inline bool Send(int fd, const Event& event) {
+  return write(fd, &event, sizeof(event)) == static_cast<ssize_t>(sizeof(event));
 }
 
 inline size_t Count(const std::string& text, const std::string& piece) {

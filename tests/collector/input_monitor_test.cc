@@ -52,20 +52,6 @@ struct Collected {
   }
 };
 
-struct Event {
-  int64_t sec;
-  int64_t usec;
-  uint16_t type;
-  uint16_t code;
-  int32_t value;
-};
-static_assert(sizeof(Event) == 24, "the kernel's record on a 64-bit system");
-
-void Send(int fd, int64_t sec, int64_t usec, int type, int code, int value) {
-  Event event{sec, usec, static_cast<uint16_t>(type), static_cast<uint16_t>(code), value};
-  ASSERT_EQ(static_cast<ssize_t>(sizeof(event)), write(fd, &event, sizeof(event)));
-}
-
 // Opens the FIFO for writing once the monitor holds it open for reading.
 int OpenWhenHeld(const std::string& path) {
   int fd = -1;
@@ -193,7 +179,7 @@ class InputMonitorLoop : public ::testing::Test {
     if (mkfifo(path.c_str(), 0600) != 0) return false;
     int fd = OpenWhenHeld(path);
     if (fd < 0) return false;
-    Send(fd, 7, 0, 1, 116, 1);
+    EXPECT_TRUE(grouptest::Send(fd, {7, 0, 1, 116, 1}));
     close(fd);
     return grouptest::WaitFor([&] {
       return collected.Text().find("[7.000000]  KEY_POWER DOWN") != std::string::npos;
@@ -218,11 +204,11 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
   Start();
   int fd0 = OpenWhenHeld(first);
   ASSERT_GE(fd0, 0);
-  Send(fd0, 100, 1, 1, 115, 1);
-  Send(fd0, 100, 10, 0, 0, 0);
-  Send(fd0, 100, 16676, 0, 0, 0);
-  Send(fd0, 100, 16676, 0, 0, 0);
-  Send(fd0, 100, 20000, 1, 116, 1);
+  ASSERT_TRUE(grouptest::Send(fd0, {100, 1, 1, 115, 1}));
+  ASSERT_TRUE(grouptest::Send(fd0, {100, 10, 0, 0, 0}));
+  ASSERT_TRUE(grouptest::Send(fd0, {100, 16676, 0, 0, 0}));
+  ASSERT_TRUE(grouptest::Send(fd0, {100, 16676, 0, 0, 0}));
+  ASSERT_TRUE(grouptest::Send(fd0, {100, 20000, 1, 116, 1}));
   ASSERT_TRUE(grouptest::WaitFor([&] { return collected.Text().find("KEY_POWER") != std::string::npos; }));
   std::string text = collected.Text();
   EXPECT_EQ(0u, text.find("add device 1: " + first + "\n  name:     \"\"\n")) << text;
