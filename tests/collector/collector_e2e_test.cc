@@ -1,8 +1,8 @@
 // The collector process end to end under a temporary root: the two built-in
 // instances and the sample file, their files and links, the process name,
-// the watchdog, SIGUSR2 ending the process with status 12 whatever its groups
-// are waiting on, and every accepted line in the files exactly once; a group
-// that ends said once; and the starts that are refused.
+// the watchdog, SIGUSR2 ending the process with status 12, and every
+// accepted line in the files exactly once; a group that ends said once; and
+// the starts that are refused.
 
 #include <signal.h>
 #include <stdio.h>
@@ -33,17 +33,6 @@ std::string Unzipped(const std::string& dir, const std::string& base) {
 }
 
 bool Ended(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
-
-// A configuration file of one instance, name, holding groups.
-std::string Instance(const std::string& name, const std::string& mode, const std::string& groups) {
-  return "<config><tavocat name=\"" + name + "\" platform=\"Qcom\"><writeMode value=\"" + mode +
-         "\"/>" + groups + "</tavocat></config>";
-}
-
-std::string Group(const std::string& style, const std::string& output, const std::string& input) {
-  return "<tavocatGroup>" + style + "<outputFilePath value=\"" + output + "\"/>" + input +
-         "</tavocatGroup>";
-}
 
 class Collector : public ::testing::Test {
  protected:
@@ -193,61 +182,6 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   // gathered about it is handed over at the end.
   EXPECT_EQ("add device 1: " + fifo + "\n  name:     \"\"\n", Unzipped(dir, "input-log"));
 }
-
-// What a group waits on when SIGUSR2 comes: the collector ends with status
-// 12 all the same, and no group is said to have ended by itself.
-struct WaitingGroup {
-  const char* name;
-  const char* mode;
-  std::string group;
-  const char* fifo;  // a FIFO with no writer planted at this device path
-};
-
-void PrintTo(const WaitingGroup& c, std::ostream* os) { *os << c.name; }
-
-class CollectorWaiting : public Collector, public ::testing::WithParamInterface<WaitingGroup> {};
-
-TEST_P(CollectorWaiting, SigusrEndsItWithStatus12) {
-  const WaitingGroup& c = GetParam();
-  root.MakeDirs("/system/etc");
-  WriteFile(root.Under("/system/etc/tavocat_config.xml"), Instance("waiting", c.mode, c.group));
-  std::string fifo = root.Under(c.fifo);
-  root.MakeDirs(fifo.substr(root.path().size(), fifo.rfind('/') - root.path().size()));
-  unlink(fifo.c_str());
-  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  CollectorProcess collector(root, {"--tavo", "2", "-x", "waiting"});
-  ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == "waiting"; })) << collector.Err();
-  // Lets the groups reach their wait; the end must come whatever they do.
-  struct timespec settle = {0, 300 * 1000000L};
-  nanosleep(&settle, nullptr);
-  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
-  EXPECT_EQ(std::string::npos, collector.Err().find(" ended: ")) << collector.Err();
-}
-
-const std::string kPollStyle = "<logStyle value=\"poll_node\" interval=\"5\"/>";
-const std::string kPlanted = "<inputNodeSet><dataPath value=\"/proc/planted\"/></inputNodeSet>";
-
-INSTANTIATE_TEST_SUITE_P(
-    States, CollectorWaiting,
-    ::testing::Values(
-        // The group's thread is held in a source's open, where it cannot be
-        // stopped: the teardown does not wait for it past its bound.
-        WaitingGroup{"HeldInASourceOpen", "mmap",
-                     Group(kPollStyle, "/data/log/p/p-log", kPlanted), "/proc/planted"},
-        WaitingGroup{"AChargeNodeThatCannotBeSeeked", "factory",
-                     Group("<logStyle value=\"cond_trigger\"/>", "/data/log/c/c-log",
-                           "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet>"),
-                     "/sys/class/qd_power/bq_bci/poll_charge_start_event"},
-        WaitingGroup{"AnInputFolderNotYetMade", "mmap",
-                     Group("<logStyle value=\"monitor_dir\"/>", "/data/log/i/i-log",
-                           "<inputDirSet><inputDirPath value=\"/dev/input\"/>"
-                           "<pickNode value=\"gpio-keys\"/></inputDirSet>"),
-                     "/dev/planted"},
-        WaitingGroup{"AWatchdogThatIsAFifo", "factory",
-                     Group(kPollStyle, "/data/log/w/w-log",
-                           "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet>"),
-                     "/proc/reboot_watchdog"}),
-    [](const ::testing::TestParamInfo<WaitingGroup>& info) { return std::string(info.param.name); });
 
 TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
   root.MakeDirs("/system/etc");

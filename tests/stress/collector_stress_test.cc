@@ -121,26 +121,65 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
   EXPECT_EQ(numbers.size(), at);
 }
 
+// A group writing to the root's output.
+std::string Group(const std::string& style, const std::string& sets) {
+  return "<tavocatGroup>" + style + "<outputFilePath value=\"" + CollectorRoot::Output() + "\"/>" +
+         sets + "</tavocatGroup>";
+}
+
 std::string PollGroup(const std::string& style, const std::string& sets) {
-  return "<tavocatGroup><logStyle value=\"" + style + "\" interval=\"1\"/>"
-         "<outputFilePath value=\"" + CollectorRoot::Output() + "\"/>" + sets + "</tavocatGroup>";
+  return Group("<logStyle value=\"" + style + "\" interval=\"1\"/>", sets);
 }
 
 std::string Log(const CollectorRoot& root) {
   return morvotest::ReadFile(root.Dir() + "/" + stresstest::kBase);
 }
 
+// A FIFO with no writer at path under the root.
+void PlantFifo(const CollectorRoot& root, const std::string& path) {
+  root.root().MakeDirs(path.substr(0, path.rfind('/')));
+  unlink(root.root().Under(path).c_str());
+  ASSERT_EQ(0, mkfifo(root.root().Under(path).c_str(), 0600));
+}
+
+void Nothing(const CollectorRoot&) {}
+
+const std::string kPollStyle = "<logStyle value=\"poll_node\" interval=\"5\"/>";
+
 // SIGUSR2 ends the collector with status 12 whatever its group is waiting
-// for, leaves no child of it running and keeps the last partial line.
+// for, leaves no child of it running and keeps the last partial line; no
+// group is said to have ended by itself.
 TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
   const struct {
     const char* name;
+    bool factory;
     std::string groups;
     void (*plant)(const CollectorRoot&);
-    const char* ready;  // in the log once the group waits
+    const char* ready;  // in the log once the group waits; null: let it settle
     void (*check)(const CollectorRoot&);
   } kCases[] = {
-      {"a polled FIFO without a writer",
+      // The group's thread is held in a source's open, where it cannot be
+      // stopped: the teardown does not wait for it past its bound.
+      {"held in a source's open", false,
+       Group(kPollStyle, "<inputNodeSet><dataPath value=\"/proc/planted\"/></inputNodeSet>"),
+       [](const CollectorRoot& root) { PlantFifo(root, "/proc/planted"); }, nullptr, Nothing},
+      {"a charge node that cannot be seeked", true,
+       Group("<logStyle value=\"cond_trigger\"/>",
+             "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet>"),
+       [](const CollectorRoot& root) {
+         PlantFifo(root, "/sys/class/qd_power/bq_bci/poll_charge_start_event");
+       },
+       nullptr, Nothing},
+      {"an input folder not yet made", false,
+       Group("<logStyle value=\"monitor_dir\"/>",
+             "<inputDirSet><inputDirPath value=\"/dev/input\"/>"
+             "<pickNode value=\"gpio-keys\"/></inputDirSet>"),
+       [](const CollectorRoot& root) { PlantFifo(root, "/dev/planted"); }, nullptr, Nothing},
+      {"a watchdog that is a FIFO", true,
+       Group(kPollStyle, "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet>"),
+       [](const CollectorRoot& root) { PlantFifo(root, "/proc/reboot_watchdog"); }, nullptr,
+       Nothing},
+      {"a polled FIFO without a writer", true,
        PollGroup("poll_node", "<inputNodeSet><dataPath value=\"/sys/ok\"/></inputNodeSet>"
                               "<inputNodeSet><dataPath value=\"/sys/fifo\"/>"
                               "<width value=\"10\"/></inputNodeSet>"),
@@ -150,7 +189,7 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
          mkfifo(root.root().Under("/sys/fifo").c_str(), 0600);
        },
        "ok", [](const CollectorRoot&) {}},
-      {"a dumpsys that never ends",
+      {"a dumpsys that never ends", true,
        PollGroup("poll_cmd", "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"),
        [](const CollectorRoot& root) {
          std::string marker = root.root().Under("/marker");
@@ -164,7 +203,7 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
          EXPECT_TRUE(grouptest::WaitFor(
              [&] { return grouptest::ProcessesWith(root.root().path()) == 0; }));
        }},
-      {"a stream line without its end yet", stresstest::KmsgGroup(),
+      {"a stream line without its end yet", true, stresstest::KmsgGroup(),
        [](const CollectorRoot& root) { root.Append("whole\nno end yet"); }, "whole\n",
        [](const CollectorRoot& root) {
          EXPECT_NE(std::string::npos, Log(root).find(" no end yet\n")) << Log(root);
@@ -172,12 +211,20 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    CollectorRoot root({true, 4096, 10}, c.groups);
+    CollectorRoot root({c.factory, 4096, 10}, c.groups);
     c.plant(root);
     stresstest::Collector collector(root);
-    ASSERT_TRUE(grouptest::WaitFor([&] { return Log(root).find(c.ready) != std::string::npos; }))
-        << collector.Err();
+    if (c.ready != nullptr) {
+      ASSERT_TRUE(grouptest::WaitFor([&] { return Log(root).find(c.ready) != std::string::npos; }))
+          << collector.Err();
+    } else {
+      ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == stresstest::kName; }))
+          << collector.Err();
+      // Lets the group reach its wait; the end must come whatever it does.
+      usleep(300 * 1000);
+    }
     EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+    EXPECT_EQ(std::string::npos, collector.Err().find(" ended: ")) << collector.Err();
     c.check(root);
   }
 }
