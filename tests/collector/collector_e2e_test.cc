@@ -25,14 +25,13 @@
 namespace {
 
 using e2etest::CollectorProcess;
+using e2etest::EndedBySigusr;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
 
 std::string Unzipped(const std::string& dir, const std::string& base) {
   return morvotest::CommandOutput("zcat " + dir + "/" + base + ".I*.gz 2>/dev/null");
 }
-
-bool Ended(int status, int code) { return WIFEXITED(status) && WEXITSTATUS(status) == code; }
 
 class Collector : public ::testing::Test {
  protected:
@@ -42,13 +41,10 @@ class Collector : public ::testing::Test {
     WriteFile(root.Under("/proc/reboot_watchdog"), "");
   }
   // Appends numbered lines first..last to the kmsg stand-in.
-  std::string AppendKmsg(int first, int last) {
-    std::string text;
-    for (int i = first; i <= last; ++i) text += "<6>kernel line " + std::to_string(i) + "\n";
+  void AppendKmsg(int first, int last) {
     FILE* kmsg = fopen(root.Under("/proc/kmsg").c_str(), "a");
-    fputs(text.c_str(), kmsg);
+    fputs(e2etest::Lines(first, last + 1).c_str(), kmsg);
     fclose(kmsg);
-    return text;
   }
   // The stream has read the whole kmsg file: what it read is written
   // before its thread next waits, where the teardown can stop it.
@@ -66,7 +62,7 @@ class Collector : public ::testing::Test {
   }
   static void ExpectEachLineOnce(const std::string& output, int first, int last) {
     for (int i = first; i <= last; ++i) {
-      std::string line = " <6>kernel line " + std::to_string(i) + "\n";
+      std::string line = " " + e2etest::Line(i);
       ASSERT_EQ(1u, grouptest::Count(output, line)) << line;
     }
   }
@@ -83,7 +79,7 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   }
   AppendKmsg(2001, 5000);
   ASSERT_TRUE(KmsgConsumed(collector));
-  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
 
   std::string dir = root.Under("/data/log/android_logs");
   std::string output = Unzipped(dir, "kmsgcat-log");
@@ -101,7 +97,7 @@ TEST_F(Collector, SigusrWhileTheStreamRunsKeepsEveryAcceptedLineWholeAndOnce) {
   ASSERT_TRUE(Announced(collector)) << collector.Err();
   AppendKmsg(1, 100000);
   ASSERT_TRUE(grouptest::WaitFor([&] { return collector.ReadOffset(root.Under("/proc/kmsg")) > 0; }));
-  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
   // Whatever the stream had taken when the signal came is there, in order.
   std::string output = Unzipped(root.Under("/data/log/android_logs"), "kmsgcat-log");
   size_t lines = grouptest::Count(output, "\n");
@@ -132,7 +128,7 @@ TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
   EXPECT_EQ("chargelogcat", collector.Comm());
   std::string log = root.Under("/data/log/charge-log/charge-log");
   ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::Count(ReadFile(log), "\n") >= 3; }));
-  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
   // The time column's title is a title path, "Time", opened from the
   // working directory like any relative node.
   std::regex rows("^\nRead Fail {14}GaugeHead ChargeHead\n"
@@ -171,7 +167,7 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   ASSERT_TRUE(grouptest::WaitFor([&] {
     return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0;
   }));
-  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
 
   std::string dir = root.Under("/data/log/android_logs");
   ExpectEachLineOnce(Unzipped(dir, "kmsgcat-log"), 1, 300);
@@ -202,7 +198,7 @@ TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
   const std::string said = "Main:tavocat [once] group /data/log/once/once-log ended: its polling is done\n";
   ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Err().find(said) != std::string::npos; }))
       << collector.Err();
-  EXPECT_TRUE(Ended(collector.SendAndWait(SIGUSR2), 12)) << collector.Err();
+  EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
   EXPECT_EQ(1u, grouptest::Count(collector.Err(), said)) << collector.Err();
   EXPECT_FALSE(morvotest::Exists(root.Under("/proc/reboot_watchdog")));
 }

@@ -21,6 +21,18 @@
 
 namespace e2etest {
 
+// The numbered kernel lines the tests feed to the kmsg stand-in.
+constexpr char kMarker[] = "<6>kernel line ";
+inline std::string Line(long n) { return kMarker + std::to_string(n) + "\n"; }
+inline std::string Lines(long first, long end) {
+  std::string text;
+  for (long n = first; n < end; ++n) text += Line(n);
+  return text;
+}
+
+// The collector's end on SIGUSR2.
+inline bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
+
 class CollectorProcess {
  public:
   // Starts the collector with args after the program name; standard error

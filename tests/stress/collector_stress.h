@@ -25,17 +25,12 @@ namespace stresstest {
 constexpr char kName[] = "stress";
 constexpr char kDir[] = "/data/log/stress";
 constexpr char kBase[] = "kmsg-log";
-constexpr char kMarker[] = "<6>kernel line ";
 // A factory set keeps at most 1000 / 5 archives.
 constexpr int kMostArchives = 200;
 
-inline std::string Line(long n) { return kMarker + std::to_string(n) + "\n"; }
-
-inline std::string Lines(long first, long end) {
-  std::string text;
-  for (long n = first; n < end; ++n) text += Line(n);
-  return text;
-}
+using e2etest::EndedBySigusr;
+using e2etest::kMarker;
+using e2etest::Lines;
 
 struct Settings {
   bool factory;
@@ -182,9 +177,6 @@ inline std::string KmsgGroup() {
 inline std::vector<long> Numbers(const std::string& text) {
   return morvotest::Sequence(text, kMarker);
 }
-
-// The collector's end on SIGUSR2.
-inline bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
 
 }  // namespace stresstest
 
