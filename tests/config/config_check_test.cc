@@ -119,21 +119,13 @@ TEST_F(ValidateTest, GroupWithoutOutputPathFails) {
             dump_);
 }
 
-TEST_F(ValidateTest, StyleOutsideOneToFiveFailsAndShowsNoSources) {
-  for (uint32_t style : {0u, 6u}) {
+// A style outside one to five fails and shows no sources; so does every
+// style without its sources.
+TEST_F(ValidateTest, GroupsWithoutUsableSourcesFail) {
+  for (uint32_t style : {0u, 6u, 1u, 2u, 3u, 4u, 5u}) {
     FreeConfigFile(&info_);
     SetUp();
     AddGroup(static_cast<LogStyle>(style));
-    EXPECT_EQ(1, Validate()) << style;
-    EXPECT_EQ(std::string(kBegin) + GroupHead(style, "/data/log/x") + kGroupEnd + kEnd, dump_);
-  }
-}
-
-TEST_F(ValidateTest, MissingSourcesFailForEveryStyle) {
-  for (LogStyle style : {MONITOR_NODE, MONITOR_DIR, POLL_NODE, POLL_CMD, COND_TRIGGER}) {
-    FreeConfigFile(&info_);
-    SetUp();
-    AddGroup(style);
     EXPECT_EQ(1, Validate()) << style;
     EXPECT_EQ(std::string(kBegin) + GroupHead(style, "/data/log/x") + kGroupEnd + kEnd, dump_);
   }
@@ -214,12 +206,6 @@ TEST_F(ValidateTest, LaterInvalidGroupFailsTheTreeAndEveryGroupIsDumped) {
   EXPECT_EQ(0u, dump_.find(kBegin));
 }
 
-TEST(ValidSetTest, NullSetsAreNotValid) {
-  EXPECT_FALSE(IsValidNodeSet(nullptr));
-  EXPECT_FALSE(IsValidDirSet(nullptr));
-  EXPECT_FALSE(IsValidCmdSet(nullptr));
-}
-
 class VerdictTest : public configtest::ConfigTest {
  protected:
   // What the collector does with the file at path: 0 when it would start
@@ -283,7 +269,10 @@ TEST_F(VerdictTest, CheckerSaysWhyTheCollectorRefusesTwoTriggerGroups) {
       << err;
 }
 
-TEST(PrintSourcesTest, NullSetsPrintNothing) {
+TEST(NullSetsTest, AreNotValidAndPrintNothing) {
+  EXPECT_FALSE(IsValidNodeSet(nullptr));
+  EXPECT_FALSE(IsValidDirSet(nullptr));
+  EXPECT_FALSE(IsValidCmdSet(nullptr));
   testing::internal::CaptureStderr();
   PrintTavocatInfoNodeAndTrigger(nullptr);
   PrintTavocatInfoDir(nullptr);
