@@ -19,6 +19,7 @@
 #include "collector/collector_process.h"
 #include "collector/group_support.h"
 #include "support/command_output.h"
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 #include "support/under_qemu.h"
 
@@ -100,17 +101,13 @@ TEST_F(Collector, SigusrWhileTheStreamRunsKeepsEveryAcceptedLineWholeAndOnce) {
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
   // Whatever the stream had taken when the signal came is there, in order.
   std::string output = Unzipped(root.Under("/data/log/android_logs"), "kmsgcat-log");
-  size_t lines = grouptest::Count(output, "\n");
-  ASSERT_GT(lines, 0u);
+  std::vector<std::string> lines = morvotest::Lines(output);
+  ASSERT_GT(lines.size(), 0u);
   std::regex stamped("^[-0-9 :.]{19}<6>kernel line (\\d+)$");
-  size_t start = 0;
-  for (size_t i = 1; i <= lines; ++i) {
-    size_t end = output.find('\n', start);
+  for (size_t i = 0; i < lines.size(); ++i) {
     std::smatch match;
-    std::string line = output.substr(start, end - start);
-    ASSERT_TRUE(std::regex_match(line, match, stamped)) << line;
-    ASSERT_EQ(std::to_string(i), match[1].str());
-    start = end + 1;
+    ASSERT_TRUE(std::regex_match(lines[i], match, stamped)) << lines[i];
+    ASSERT_EQ(std::to_string(i + 1), match[1].str());
   }
 }
 

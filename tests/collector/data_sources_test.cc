@@ -19,6 +19,7 @@
 #include "collector/group_support.h"
 #include "collector/wait_point.h"
 #include "platform/properties.h"
+#include "support/shell_file.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
 
@@ -197,10 +198,8 @@ class StreamSource : public DataSources {
   // The written lines without their stamps; every line must have one.
   std::vector<std::string> Lines() {
     std::vector<std::string> lines;
-    std::string text = Written();
     std::regex stamp(std::string("^") + kStamp);
-    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
-      std::string line = text.substr(at, end - at);
+    for (const std::string& line : morvotest::Lines(Written())) {
       EXPECT_TRUE(std::regex_search(line, stamp)) << line.substr(0, 40);
       lines.push_back(line.size() > kStampLength ? line.substr(kStampLength) : "");
     }

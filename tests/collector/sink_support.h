@@ -110,13 +110,7 @@ inline std::string TarMember(const std::string& archive, const std::string& memb
 }
 
 inline std::vector<std::string> TarMembers(const std::string& archive) {
-  std::vector<std::string> names;
-  std::string listing = morvotest::CommandOutput("tar -tzf " + Quoted(archive) + " 2>/dev/null");
-  size_t start = 0;
-  for (size_t end; (end = listing.find('\n', start)) != std::string::npos; start = end + 1) {
-    names.push_back(listing.substr(start, end - start));
-  }
-  return names;
+  return morvotest::Lines(morvotest::CommandOutput("tar -tzf " + Quoted(archive) + " 2>/dev/null"));
 }
 
 using morvotest::Entries;

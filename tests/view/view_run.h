@@ -41,15 +41,7 @@ inline ViewRun RunView(const std::string& scratch, const std::vector<std::string
   return run;
 }
 
-// The lines of text.
-inline std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  for (size_t end; (end = text.find('\n', start)) != std::string::npos; start = end + 1) {
-    lines.push_back(text.substr(start, end - start));
-  }
-  return lines;
-}
+using morvotest::Lines;
 
 }  // namespace viewtest
 
