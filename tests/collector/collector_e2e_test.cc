@@ -47,15 +47,6 @@ class Collector : public ::testing::Test {
     fputs(e2etest::Lines(first, last + 1).c_str(), kmsg);
     fclose(kmsg);
   }
-  // The stream has read the whole kmsg file: what it read is written
-  // before its thread next waits, where the teardown can stop it.
-  bool KmsgConsumed(const CollectorProcess& collector) {
-    std::string kmsg = root.Under("/proc/kmsg");
-    struct stat st;
-    return grouptest::WaitFor([&] {
-      return stat(kmsg.c_str(), &st) == 0 && collector.ReadOffset(kmsg) == st.st_size;
-    });
-  }
   bool Announced(const CollectorProcess& collector) {
     return grouptest::WaitFor([&] {
       return ReadFile(root.Under("/proc/reboot_watchdog")) == std::to_string(collector.pid());
@@ -79,7 +70,7 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
     EXPECT_EQ(0u, collector.Cmdline().find(std::string("kmsglogcat\0", 11)));
   }
   AppendKmsg(2001, 5000);
-  ASSERT_TRUE(KmsgConsumed(collector));
+  ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
 
   std::string dir = root.Under("/data/log/android_logs");
@@ -160,7 +151,7 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
   EXPECT_EQ(std::string::npos, maps.find("libstdc++")) << maps;
 #endif
-  ASSERT_TRUE(KmsgConsumed(collector));
+  ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
   ASSERT_TRUE(grouptest::WaitFor([&] {
     return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0;
   }));

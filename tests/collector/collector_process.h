@@ -10,6 +10,7 @@
 #include <limits.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -98,6 +99,22 @@ class CollectorProcess {
     }
     closedir(dir);
     return offset;
+  }
+
+  // The process has read all of the file at hostPath (a stream writes what
+  // it read before it next waits, where a stop can take it); waits on as
+  // long as it makes progress, since a slow (sanitized) build needs more time.
+  bool HasRead(const std::string& hostPath) const {
+    auto size = [&] {
+      struct stat st;
+      return stat(hostPath.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+    };
+    for (long long seen = -2;;) {
+      if (grouptest::WaitFor([&] { return ReadOffset(hostPath) == size(); })) return true;
+      long long now = ReadOffset(hostPath);
+      if (now == seen) return false;
+      seen = now;
+    }
   }
 
   // Processes whose parent is the collector (chown, dumpsys shells).

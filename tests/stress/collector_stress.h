@@ -83,21 +83,9 @@ class CollectorRoot {
     morvotest::WriteFile(next, text);
     rename(next.c_str(), Kmsg().c_str());
   }
-  long long KmsgSize() const {
-    struct stat st;
-    return stat(Kmsg().c_str(), &st) == 0 ? st.st_size : -1;
-  }
-  // The collector has read all the stand-in holds; waits on as long as it
-  // makes progress, since a slow (sanitized) build needs more time.
+  // The collector has read all the stand-in holds.
   bool Consumed(const e2etest::CollectorProcess& collector) const {
-    for (long long seen = -2;;) {
-      if (grouptest::WaitFor([&] { return collector.ReadOffset(Kmsg()) == KmsgSize(); })) {
-        return true;
-      }
-      long long now = collector.ReadOffset(Kmsg());
-      if (now == seen) return false;
-      seen = now;
-    }
+    return collector.HasRead(Kmsg());
   }
 
   // What the mmap set holds, oldest file first.
