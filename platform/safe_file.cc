@@ -20,30 +20,40 @@ struct Owner {
   gid_t gid = 0;
 };
 
-// Looked up once: NSS may load modules and read files, which no rotation
-// should repeat.
+// Looked up once, in the local files only: through NSS the lookup would
+// map modules (libnss_systemd and what it needs, over 600 KiB) into a
+// resident collector for good. "system" is a local account.
 Owner LookUpRootSystem() {
   Owner owner;
+  FILE* groups = fopen("/etc/group", "re");
   struct group entry;
-  struct group* result = nullptr;
+  struct group* found = nullptr;
   char buffer[4096];
-  if (getgrnam_r("system", &entry, buffer, sizeof(buffer), &result) == 0 && result != nullptr) {
-    owner.found = true;
-    owner.gid = result->gr_gid;
-  } else {
-    fprintf(stderr, "group system not found: log files keep their group\n");
+  while (groups != nullptr && fgetgrent_r(groups, &entry, buffer, sizeof(buffer), &found) == 0) {
+    if (strcmp(found->gr_name, "system") == 0) {
+      owner.found = true;
+      owner.gid = found->gr_gid;
+      break;
+    }
   }
+  if (groups != nullptr) fclose(groups);
+  if (!owner.found) fprintf(stderr, "group system not found: log files keep their group\n");
   return owner;
 }
 
 Owner LookUpSystemUser() {
   Owner owner;
+  FILE* users = fopen("/etc/passwd", "re");
   struct passwd entry;
-  struct passwd* result = nullptr;
+  struct passwd* found = nullptr;
   char buffer[4096];
-  if (getpwnam_r("system", &entry, buffer, sizeof(buffer), &result) == 0 && result != nullptr) {
-    owner = {true, result->pw_uid, result->pw_gid};
+  while (users != nullptr && fgetpwent_r(users, &entry, buffer, sizeof(buffer), &found) == 0) {
+    if (strcmp(found->pw_name, "system") == 0) {
+      owner = {true, found->pw_uid, found->pw_gid};
+      break;
+    }
   }
+  if (users != nullptr) fclose(users);
   return owner;
 }
 
