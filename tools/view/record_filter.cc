@@ -34,9 +34,9 @@ bool RecordFilter::Init(const FilterOptions& options, std::string* error) {
     *error = "cannot apply -s";
     return false;
   }
-  for (const std::string& spec : options.specs) {
-    if (tags_.Add(spec.c_str(), false) != 0) {
-      *error = "invalid filter rule: " + spec;
+  for (const std::string& rule : options.specs) {
+    if (tags_.Add(rule.c_str(), false) != 0) {
+      *error = "invalid filter rule: " + rule;
       return false;
     }
   }
