@@ -7,7 +7,6 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -25,7 +24,6 @@ namespace {
 
 constexpr size_t kPathSize = 4096;
 constexpr size_t kCmdLineSize = 256;
-constexpr size_t kStampSize = 32;
 constexpr unsigned kRetrySleepSeconds = 1;
 // A stream at end of file is read again after this pause.
 constexpr useconds_t kEndOfFilePauseMicros = 100000;
@@ -147,35 +145,6 @@ int DataSrcReader::OpenDataSrc(const char* path, int* fd, bool* cshell) {
   return 1;
 }
 
-int DataSrcReader::WriteStampedBytes(const char* text, size_t length) {
-  struct timeval now;
-  gettimeofday(&now, nullptr);
-  time_t seconds = now.tv_sec;
-  struct tm local;
-  char line[kReadBufSize];
-  int stamp = 0;
-  if (localtime_r(&seconds, &local) != nullptr) {
-    char when[kStampSize];
-    if (strftime(when, sizeof(when), "%m-%d %H:%M:%S", &local) == 0) when[0] = '\0';
-    stamp = snprintf_s(line, sizeof(line), sizeof(line) - 1, "%s.%03ld ", when,
-                       static_cast<long>(now.tv_usec / 1000));
-  }
-  if (stamp < 0 || static_cast<size_t>(stamp) + length + 1 > sizeof(line)) return 1;
-  memcpy(line + stamp, text, length);
-  line[stamp + length] = '\n';
-  return LogcatWrite(line, stamp + length + 1, true);
-}
-
-int DataSrcReader::WriteStreamLine(char* text, size_t length) {
-  // The sink's stamped write takes a C string, which a NUL byte would cut.
-  if (memchr(text, '\0', length) != nullptr) return WriteStampedBytes(text, length);
-  char after = text[length];
-  text[length] = '\0';
-  int result = LogcatWriteWithTimestamp(text);
-  text[length] = after;
-  return result;
-}
-
 int DataSrcReader::ParseLines(char* text, size_t length, char* buf, size_t* carry) {
   int result = 0;
   char* end = text + length;
@@ -185,7 +154,7 @@ int DataSrcReader::ParseLines(char* text, size_t length, char* buf, size_t* carr
     // Full pieces go at once, so a long line is split alike however the
     // reads cut it, and the carry always leaves room to read more.
     while (left > kLinePiece || (feed == nullptr && left == kLinePiece)) {
-      if (WriteStreamLine(line, kLinePiece) != 0) result = 1;
+      if (LogcatWriteStamped(line, kLinePiece) != 0) result = 1;
       line += kLinePiece;
       left -= kLinePiece;
     }
@@ -195,7 +164,7 @@ int DataSrcReader::ParseLines(char* text, size_t length, char* buf, size_t* carr
       *carry = left;
       return result;
     }
-    if (left > 0 && WriteStreamLine(line, left) != 0) result = 1;
+    if (left > 0 && LogcatWriteStamped(line, left) != 0) result = 1;
     line = feed + 1;
   }
 }
@@ -289,7 +258,7 @@ void DataSrcReader::FlushStreamCarry() {
   CloseStream();
   size_t length = streamCarry;
   streamCarry = 0;
-  if (length > 0) WriteStreamLine(streamBuf, length);
+  if (length > 0) LogcatWriteStamped(streamBuf, length);
 }
 
 int DataSrcReader::CopyCommandOutput(char* cmdLine) {

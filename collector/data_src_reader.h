@@ -54,10 +54,6 @@ class DataSrcReader : public Tavobase {
   bool FailureLimitReached();
   // ParseEachLine over length bytes, NUL bytes included.
   int ParseLines(char* text, size_t length, char* buf, size_t* carry);
-  // One time-stamped line of at most kLinePiece bytes; text[length] must be
-  // writable.
-  int WriteStreamLine(char* text, size_t length);
-  int WriteStampedBytes(const char* text, size_t length);
   // Opens the stream, retrying every second until it opens.
   int OpenStreamWaiting(const char* path, bool* cshell);
   // Whether path names another file than the open stream (or none) now.
