@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "bench/bench_row.h"
+#include "bench/bench_spawn.h"
 #include "platform/logger.h"
 
 namespace {
@@ -80,19 +81,8 @@ void SampleMemory(pid_t pid, Timing* t) {
 // with sample, polls its memory until it ends.
 Timing RunOnce(const std::vector<std::string>& args, const char* inPath, const char* outPath,
                bool sample) {
-  std::vector<char*> argv;
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
   double start = Now();
-  pid_t pid = fork();
-  if (pid == 0) {
-    int in = open(inPath, O_RDONLY);
-    int out = open(outPath, O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(in, STDIN_FILENO);
-    dup2(out, STDOUT_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
+  pid_t pid = morvobench::Spawn(args, inPath, outPath);
   Timing t;
   int status = 0;
   rusage usage;
@@ -102,7 +92,7 @@ Timing RunOnce(const std::vector<std::string>& args, const char* inPath, const c
   }
   if (!sample) wait4(pid, &status, 0, &usage);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    fprintf(stderr, "%s failed\n", argv[0]);
+    fprintf(stderr, "%s failed\n", args[0].c_str());
     exit(1);
   }
   t.wall = Now() - start;

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "bench/bench_row.h"
+#include "bench/bench_spawn.h"
 #include "filesets/morvocat_utils.h"
 
 namespace {
@@ -102,17 +103,8 @@ void WriteSet(const std::string& dir, int set, uint64_t targetBytes) {
 }
 
 double Time(const std::vector<std::string>& args) {
-  std::vector<char*> argv;
-  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-  argv.push_back(nullptr);
   double start = Now();
-  pid_t pid = fork();
-  if (pid == 0) {
-    int out = open("/dev/null", O_WRONLY);
-    dup2(out, STDOUT_FILENO);
-    execvp(argv[0], argv.data());
-    _exit(127);
-  }
+  pid_t pid = morvobench::Spawn(args);
   int status = 0;
   waitpid(pid, &status, 0);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
