@@ -93,7 +93,8 @@ int main() {
     names.push_back("main.log." + std::to_string(i));
     paths.push_back(dir + "/" + names.back());
     FILE* f = fopen(paths.back().c_str(), "w");
-    std::string text = Join(morvobench::MakeLines(kFileSize + 4096, static_cast<unsigned>(i)), kFileSize);
+    std::string text =
+        Join(morvobench::MakeLines(kFileSize + 4096, static_cast<unsigned>(i)), kFileSize);
     fwrite(text.data(), 1, text.size(), f);
     fclose(f);
   }
@@ -103,7 +104,8 @@ int main() {
   double tarzip = Median([&] { TarzipFiles(kFiles, list.data(), ours.c_str(), 0); });
   std::string members;
   for (auto& n : names) members += " " + n;
-  double tar = Median([&] { Shell("tar czf '" + dir + "/tar.tar.gz' -C '" + dir + "'" + members); });
+  double tar =
+      Median([&] { Shell("tar czf '" + dir + "/tar.tar.gz' -C '" + dir + "'" + members); });
   struct stat a, b;
   stat(ours.c_str(), &a);
   stat((dir + "/tar.tar.gz").c_str(), &b);

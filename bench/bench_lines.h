@@ -32,8 +32,9 @@ inline std::vector<std::string> MakeLines(size_t bytes, unsigned seed) {
   while (total < bytes) {
     ms += rng() % 40;
     unsigned pid = 1000 + static_cast<unsigned>(rng() % 3000);
-    int n = snprintf(buf, sizeof(buf), "11-23 %02lu:%02lu:%02lu.%03lu %5u %5u %c %s: ",
-                     (ms / 3600000) % 24, (ms / 60000) % 60, (ms / 1000) % 60, ms % 1000, pid,
+    int n = snprintf(buf, sizeof(buf),
+                     "11-23 %02lu:%02lu:%02lu.%03lu %5u %5u %c %s: ", (ms / 3600000) % 24,
+                     (ms / 60000) % 60, (ms / 1000) % 60, ms % 1000, pid,
                      static_cast<unsigned>(pid + rng() % 40), "VDIWE"[rng() % 5], kTags[rng() % 8]);
     n += snprintf(buf + n, sizeof(buf) - n, kTexts[rng() % 6],
                   static_cast<unsigned>(rng() % 100000), static_cast<unsigned>(rng() % 10000));

@@ -14,8 +14,14 @@ namespace morvobench {
 inline void PrintRow(const char* figure, const char* unit, double ours, double reference,
                      double ratio, const char* target) {
   printf("ROW\t%s\t%s\t%.4g\t", figure, unit, ours);
-  if (isnan(reference)) printf("-\t"); else printf("%.4g\t", reference);
-  if (isnan(ratio)) printf("-\t"); else printf("%.3f\t", ratio);
+  if (isnan(reference))
+    printf("-\t");
+  else
+    printf("%.4g\t", reference);
+  if (isnan(ratio))
+    printf("-\t");
+  else
+    printf("%.3f\t", ratio);
   printf("%s\n", target);
   fflush(stdout);
 }

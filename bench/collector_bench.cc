@@ -150,8 +150,7 @@ StreamRun RunCollector(const std::string& root, const std::string& lines, bool s
   // Opens once the collector has opened its end.
   int fd = open((root + "/proc/kmsg").c_str(), O_WRONLY);
   auto start = std::chrono::steady_clock::now();
-  bool fed = fd >= 0 && write(fd, lines.data(), lines.size()) ==
-                            static_cast<ssize_t>(lines.size());
+  bool fed = fd >= 0 && write(fd, lines.data(), lines.size()) == static_cast<ssize_t>(lines.size());
   while (fed && Unread(fd) > 0) usleep(1000);
   if (showMemory) PrintResident(pid, "streaming");
   kill(pid, SIGUSR2);
@@ -184,8 +183,8 @@ int main() {
   std::string copy = root + "/lines";
   Write(copy, lines);
   std::string stamped = root + "/gawk.gz";
-  std::string gawk = "gawk '{print strftime(\"%m-%d %H:%M:%S\"), $0}' < " + copy +
-                     " | gzip -1 > " + stamped;
+  std::string gawk =
+      "gawk '{print strftime(\"%m-%d %H:%M:%S\"), $0}' < " + copy + " | gzip -1 > " + stamped;
   std::string cat = "cat " + copy + " | gzip -1 > " + root + "/cat.gz";
 
   std::vector<double> ours, gawks, cats;

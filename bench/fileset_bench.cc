@@ -2,6 +2,7 @@
 // prune), as the reader's writer does at start and after a lost file.
 // Target: under 5 ms.
 
+#include <benchmark/benchmark.h>
 #include <ftw.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,15 +10,11 @@
 
 #include <string>
 
-#include <benchmark/benchmark.h>
-
 #include "filesets/morvocat_utils.h"
 
 namespace {
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-  return ::remove(path);
-}
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
 
 // A folder holding count set files whose newest index is last (so a set
 // that has wrapped when last is below count - 1), plus some foreign files.

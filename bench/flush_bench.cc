@@ -89,8 +89,8 @@ class Bench {
 
   // Bytes per record of the slow stream written under bound (seconds, as
   // the environment gives it), paced on the scaled clock.
-  double SlowBytesPerRecord(const char* bound, const char* base, const std::vector<std::string>& lines,
-                            bool paced) {
+  double SlowBytesPerRecord(const char* bound, const char* base,
+                            const std::vector<std::string>& lines, bool paced) {
     setenv(platform::kFlushBoundEnv, bound, 1);
     std::string out = Out(base);
     {

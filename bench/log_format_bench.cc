@@ -1,6 +1,7 @@
 // Lines per second through the reader's per-record path: parse, filter on
 // the tag, format a "threadtime" line.
 
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -8,8 +9,6 @@
 #include <unistd.h>
 
 #include <vector>
-
-#include <benchmark/benchmark.h>
 
 #include "platform/log_format.h"
 
@@ -29,8 +28,9 @@ std::vector<qd_log_msg> MakeRecords() {
     payload[0] = static_cast<char>(QD_LOG_VERBOSE + i % 6);
     int n = 1 + snprintf(payload + 1, QD_LOGGER_ENTRY_MAX_PAYLOAD - 1, "%s", kTags[i % 4]) + 1;
     n += snprintf(payload + n, QD_LOGGER_ENTRY_MAX_PAYLOAD - n,
-                  "Start proc %d:com.example.app/u0a%d for service {com.example/.Sync}",
-                  1000 + i, i % 300) + 1;
+                  "Start proc %d:com.example.app/u0a%d for service {com.example/.Sync}", 1000 + i,
+                  i % 300) +
+         1;
     msg.entry.len = static_cast<uint16_t>(n);
     msg.entry.hdr_size = sizeof(qd_logger_entry);
     msg.entry.pid = 100 + i % 3000;

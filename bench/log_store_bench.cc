@@ -3,6 +3,7 @@
 // reads of one buffer and of three merged buffers, and a tail of 100 over a
 // full ring.
 
+#include <benchmark/benchmark.h>
 #include <ftw.h>
 #include <signal.h>
 #include <stdio.h>
@@ -10,13 +11,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <benchmark/benchmark.h>
-
 #include "platform/logger.h"
 
 namespace {
 
-constexpr char kMessage[] = "Start proc 4321:com.example.app/u0a123 for service {com.example/.Sync}";
+constexpr char kMessage[] =
+    "Start proc 4321:com.example.app/u0a123 for service {com.example/.Sync}";
 constexpr unsigned long kDrainRing = 8UL << 20;
 
 int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
@@ -85,7 +85,8 @@ void BM_DrainRead(benchmark::State& state) {
       qd_logger_clear(qd_logger_open(list, ids[b]));
       qd_logger_list_free(list);
     }
-    for (int i = 0; i < 60000; ++i) qd_log_write(ids[i % buffers], QD_LOG_INFO, "WifiHAL", kMessage);
+    for (int i = 0; i < 60000; ++i)
+      qd_log_write(ids[i % buffers], QD_LOG_INFO, "WifiHAL", kMessage);
     qd_logger_list* list = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 0, 0);
     for (int b = 0; b < buffers; ++b) qd_logger_open(list, ids[b]);
     state.ResumeTiming();
@@ -105,7 +106,8 @@ void BM_TailRead(benchmark::State& state) {
   SetSize(LOG_ID_EVENTS, kTailRing);
   qd_logger_list* probe = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 0, 0);
   qd_logger* events = qd_logger_open(probe, LOG_ID_EVENTS);
-  while (qd_logger_get_log_readable_size(events) < static_cast<long>(kTailRing - QD_LOGGER_ENTRY_MAX_LEN)) {
+  while (qd_logger_get_log_readable_size(events) <
+         static_cast<long>(kTailRing - QD_LOGGER_ENTRY_MAX_LEN)) {
     for (int i = 0; i < 10000; ++i) qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "WifiHAL", kMessage);
   }
   qd_logger_list_free(probe);

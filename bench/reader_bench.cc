@@ -158,8 +158,8 @@ bool MakeJournal(const std::string& dir) {
   std::string stream = dir + "/export.txt";
   if (!WriteExport(stream)) return false;
   mkdir((dir + "/journal").c_str(), 0755);
-  std::string make = std::string(kJournalRemote) + " -o '" + dir + "/journal/remote.journal' - < '" +
-                     stream + "' 2>/dev/null";
+  std::string make = std::string(kJournalRemote) + " -o '" + dir +
+                     "/journal/remote.journal' - < '" + stream + "' 2>/dev/null";
   bool made = system(make.c_str()) == 0;
   unlink(stream.c_str());
   return made;
@@ -212,10 +212,11 @@ int main(int argc, char** argv) {
   std::string journal = "--file=" + dir + "/journal/*.journal";
   bool haveJournal = MakeJournal(dir);
   if (haveJournal) {
-    std::vector<Timing> j = RunEach({{morvocat, "-d"},
-                                     {kJournalctl, "-q", "-o", "short-precise", journal},
-                                     {morvocat, "-d", "bench1:V", "*:S"},
-                                     {kJournalctl, "-q", "-o", "short-precise", "-t", "bench1", journal}});
+    std::vector<Timing> j =
+        RunEach({{morvocat, "-d"},
+                 {kJournalctl, "-q", "-o", "short-precise", journal},
+                 {morvocat, "-d", "bench1:V", "*:S"},
+                 {kJournalctl, "-q", "-o", "short-precise", "-t", "bench1", journal}});
     morvobench::PrintRow("reader -d vs journalctl, CPU", "lines/s", records / j[0].cpu,
                          records / j[1].cpu, j[1].cpu / j[0].cpu, ">= 1x");
     morvobench::PrintRow("one tag: -d TAG:V *:S vs journalctl -t", "ms CPU", j[2].cpu * 1e3,

@@ -3,21 +3,18 @@
 // their way in mmap mode, rotations included at the default threshold of
 // 4 MiB; and the cost of one rotation on its own.
 
+#include <benchmark/benchmark.h>
 #include <ftw.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <string>
 
-#include <benchmark/benchmark.h>
-
 #include "collector/tavobase.h"
 
 namespace {
 
-int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
-  return ::remove(path);
-}
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) { return ::remove(path); }
 
 class BenchSink : public Tavobase {
  public:

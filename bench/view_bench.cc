@@ -63,10 +63,10 @@ std::vector<std::string> SetFiles(const std::string& dir) {
 // about as well as real logs do.
 void WriteSet(const std::string& dir, int set, uint64_t targetBytes) {
   mkdir(dir.c_str(), 0775);
-  static const char* kWords[] = {"start", "proc", "activity", "window", "focus", "battery",
-                                 "level", "wifi", "signal", "scan", "result", "binder",
-                                 "thread", "pool", "gc", "freed", "ms", "display", "vsync",
-                                 "input", "event", "audio", "track", "sensor", "service"};
+  static const char* kWords[] = {
+      "start", "proc",   "activity", "window", "focus", "battery", "level",  "wifi", "signal",
+      "scan",  "result", "binder",   "thread", "pool",  "gc",      "freed",  "ms",   "display",
+      "vsync", "input",  "event",    "audio",  "track", "sensor",  "service"};
   MorvocatUtils writer(dir + "/out", MorvocatUtils::kMMapWriteMode, 0);
   writer.InitLogFiles();
   uint32_t seed = 12345u + static_cast<uint32_t>(set);
@@ -75,10 +75,10 @@ void WriteSet(const std::string& dir, int set, uint64_t targetBytes) {
   for (long i = 0; Compressed(dir) < targetBytes || i == 0; ++i) {
     for (int burst = 0; burst < 4096; ++burst, ++i) {
       long ms = i * 7 + set;
-      int n = snprintf(line, sizeof(line), "03-%02ld %02ld:%02ld:%02ld.%03ld %5d %5d %c %-8s: ",
-                       1 + ms / 86400000 % 28, ms / 3600000 % 24, ms / 60000 % 60, ms / 1000 % 60,
-                       ms % 1000, 1000 + set, 1000 + static_cast<int>(seed % 50), "VDIWE"[seed % 5],
-                       kWords[seed % 25]);
+      int n = snprintf(line, sizeof(line),
+                       "03-%02ld %02ld:%02ld:%02ld.%03ld %5d %5d %c %-8s: ", 1 + ms / 86400000 % 28,
+                       ms / 3600000 % 24, ms / 60000 % 60, ms / 1000 % 60, ms % 1000, 1000 + set,
+                       1000 + static_cast<int>(seed % 50), "VDIWE"[seed % 5], kWords[seed % 25]);
       for (int w = 0; w < 10; ++w) {
         seed = seed * 1103515245u + 12345u;
         n += snprintf(line + n, sizeof(line) - n, "%s%s%u", w ? " " : "", kWords[(seed >> 8) % 25],

@@ -296,10 +296,10 @@ int DataSrcReader::SystemCmdCat(const char* command) {
   struct tm local;
   if (localtime_r(&now, &local) != nullptr) {
     char header[kCmdLineSize];
-    int length = snprintf_s(header, sizeof(header), sizeof(header) - 1,
-                            "current time: <%s>%d-%d-%d %d:%d:%d\r\n", command,
-                            local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                            local.tm_min, local.tm_sec);
+    int length =
+        snprintf_s(header, sizeof(header), sizeof(header) - 1,
+                   "current time: <%s>%d-%d-%d %d:%d:%d\r\n", command, local.tm_year + 1900,
+                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     if (length < 0) {
       fprintf(stderr, "format current time failed\n");
       return 1;

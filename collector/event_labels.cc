@@ -10,10 +10,9 @@ constexpr int kAbsMtToolType = 55;
 
 // Indexed by event type; types without names stay null.
 const label* const kCodeTables[] = {
-    kSynLabels, kKeyLabels, kRelLabels, kAbsLabels, kMscLabels, kSwLabels,
-    nullptr,    nullptr,    nullptr,    nullptr,    nullptr,    nullptr,
-    nullptr,    nullptr,    nullptr,    nullptr,    nullptr,    kLedLabels,
-    kSndLabels, nullptr,    kRepLabels, kFfLabels,  nullptr,    kFfStatusLabels,
+    kSynLabels, kKeyLabels, kRelLabels, kAbsLabels, kMscLabels, kSwLabels, nullptr, nullptr,
+    nullptr,    nullptr,    nullptr,    nullptr,    nullptr,    nullptr,   nullptr, nullptr,
+    nullptr,    kLedLabels, kSndLabels, nullptr,    kRepLabels, kFfLabels, nullptr, kFfStatusLabels,
 };
 
 }  // namespace

@@ -144,8 +144,8 @@ void Tavobase::RotateLogsFactory() {
   curFileSize = 0;
   const std::string last = Numbered(logFilePath, kNumberedCopies);
   struct stat st;
-  bool setFull = dirFd >= 0 &&
-                 fstatat(dirFd, filesets::NameInFolder(last), &st, AT_SYMLINK_NOFOLLOW) == 0;
+  bool setFull =
+      dirFd >= 0 && fstatat(dirFd, filesets::NameInFolder(last), &st, AT_SYMLINK_NOFOLLOW) == 0;
   if (dirFd >= 0) close(dirFd);
   if (setFull && maxFiles != 0) CompressLogsFactory();
   OpenLogFileFactory();

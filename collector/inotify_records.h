@@ -3,10 +3,9 @@
 
 // The records of one read from an inotify descriptor.
 
+#include <stddef.h>
 #include <string.h>
 #include <sys/inotify.h>
-
-#include <stddef.h>
 
 // Calls visit(header, name) for each whole record among the n bytes of
 // events; name is the record's name field (header.len bytes, may be none).

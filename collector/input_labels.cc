@@ -3,11 +3,7 @@
 #include "collector/input_labels.h"
 
 const label kSynLabels[] = {
-    {"SYN_REPORT", 0},
-    {"SYN_CONFIG", 1},
-    {"SYN_MT_REPORT", 2},
-    {"SYN_DROPPED", 3},
-    {nullptr, 0},
+    {"SYN_REPORT", 0}, {"SYN_CONFIG", 1}, {"SYN_MT_REPORT", 2}, {"SYN_DROPPED", 3}, {nullptr, 0},
 };
 
 const label kKeyLabels[] = {
@@ -512,17 +508,9 @@ const label kKeyLabels[] = {
 };
 
 const label kRelLabels[] = {
-    {"REL_X", 0},
-    {"REL_Y", 1},
-    {"REL_Z", 2},
-    {"REL_RX", 3},
-    {"REL_RY", 4},
-    {"REL_RZ", 5},
-    {"REL_HWHEEL", 6},
-    {"REL_DIAL", 7},
-    {"REL_WHEEL", 8},
-    {"REL_MISC", 9},
-    {nullptr, 0},
+    {"REL_X", 0},     {"REL_Y", 1},    {"REL_Z", 2},      {"REL_RX", 3},
+    {"REL_RY", 4},    {"REL_RZ", 5},   {"REL_HWHEEL", 6}, {"REL_DIAL", 7},
+    {"REL_WHEEL", 8}, {"REL_MISC", 9}, {nullptr, 0},
 };
 
 const label kAbsLabels[] = {
@@ -569,12 +557,8 @@ const label kAbsLabels[] = {
 };
 
 const label kMscLabels[] = {
-    {"MSC_SERIAL", 0},
-    {"MSC_PULSELED", 1},
-    {"MSC_GESTURE", 2},
-    {"MSC_RAW", 3},
-    {"MSC_SCAN", 4},
-    {nullptr, 0},
+    {"MSC_SERIAL", 0}, {"MSC_PULSELED", 1}, {"MSC_GESTURE", 2},
+    {"MSC_RAW", 3},    {"MSC_SCAN", 4},     {nullptr, 0},
 };
 
 const label kSwLabels[] = {
@@ -596,18 +580,9 @@ const label kSwLabels[] = {
 };
 
 const label kLedLabels[] = {
-    {"LED_NUML", 0},
-    {"LED_CAPSL", 1},
-    {"LED_SCROLLL", 2},
-    {"LED_COMPOSE", 3},
-    {"LED_KANA", 4},
-    {"LED_SLEEP", 5},
-    {"LED_SUSPEND", 6},
-    {"LED_MUTE", 7},
-    {"LED_MISC", 8},
-    {"LED_MAIL", 9},
-    {"LED_CHARGING", 10},
-    {nullptr, 0},
+    {"LED_NUML", 0}, {"LED_CAPSL", 1}, {"LED_SCROLLL", 2},   {"LED_COMPOSE", 3},
+    {"LED_KANA", 4}, {"LED_SLEEP", 5}, {"LED_SUSPEND", 6},   {"LED_MUTE", 7},
+    {"LED_MISC", 8}, {"LED_MAIL", 9},  {"LED_CHARGING", 10}, {nullptr, 0},
 };
 
 const label kSndLabels[] = {
@@ -624,22 +599,10 @@ const label kRepLabels[] = {
 };
 
 const label kFfLabels[] = {
-    {"FF_RUMBLE", 80},
-    {"FF_PERIODIC", 81},
-    {"FF_CONSTANT", 82},
-    {"FF_SPRING", 83},
-    {"FF_FRICTION", 84},
-    {"FF_DAMPER", 85},
-    {"FF_INERTIA", 86},
-    {"FF_RAMP", 87},
-    {"FF_SQUARE", 88},
-    {"FF_TRIANGLE", 89},
-    {"FF_SINE", 90},
-    {"FF_SAW_UP", 91},
-    {"FF_SAW_DOWN", 92},
-    {"FF_CUSTOM", 93},
-    {"FF_GAIN", 96},
-    {"FF_AUTOCENTER", 97},
+    {"FF_RUMBLE", 80},   {"FF_PERIODIC", 81}, {"FF_CONSTANT", 82}, {"FF_SPRING", 83},
+    {"FF_FRICTION", 84}, {"FF_DAMPER", 85},   {"FF_INERTIA", 86},  {"FF_RAMP", 87},
+    {"FF_SQUARE", 88},   {"FF_TRIANGLE", 89}, {"FF_SINE", 90},     {"FF_SAW_UP", 91},
+    {"FF_SAW_DOWN", 92}, {"FF_CUSTOM", 93},   {"FF_GAIN", 96},     {"FF_AUTOCENTER", 97},
     {nullptr, 0},
 };
 

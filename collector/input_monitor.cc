@@ -236,7 +236,8 @@ int InputMonitor::MonitorReadNotify(const char* dir, int fd, const TavocatStrLis
     return 1;
   }
   char path[kPathSize];
-  if (strlen(dir) >= kPathSize || snprintf_s(path, sizeof(path), sizeof(path) - 1, "%s/", dir) < 0) {
+  if (strlen(dir) >= kPathSize ||
+      snprintf_s(path, sizeof(path), sizeof(path) - 1, "%s/", dir) < 0) {
     fprintf(stderr, "copy device path fialed\n");
     return 1;
   }

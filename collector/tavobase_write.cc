@@ -196,8 +196,8 @@ int Tavobase::WriteFormatted(const char* text, size_t width, bool endsRecord) {
   // Wider than the buffer can never fit.
   if (width >= kLineBuffer) return 1;
   char line[kLineBuffer];
-  int length = snprintf_s(line, sizeof(line), sizeof(line) - 1, "%-*s", static_cast<int>(width),
-                          text);
+  int length =
+      snprintf_s(line, sizeof(line), sizeof(line) - 1, "%-*s", static_cast<int>(width), text);
   if (length < 0) return 1;
   return LogcatWrite(line, static_cast<size_t>(length), endsRecord);
 }

@@ -13,7 +13,16 @@
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
 
-using namespace TavoCommon;
+using TavoCommon::COND_TRIGGER;
+using TavoCommon::MONITOR_DIR;
+using TavoCommon::MONITOR_NODE;
+using TavoCommon::POLL_CMD;
+using TavoCommon::POLL_NODE;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInputCmdSetT;
+using TavoCommon::TavocatInputDirSetT;
+using TavoCommon::TavocatInputNodeSetT;
+using TavoCommon::TypeWrite;
 
 namespace {
 
@@ -133,16 +142,16 @@ void Tavocat::PollingDateTime(const char* format, char* out, size_t size) {
   if (localtime_r(&now, &local) == nullptr) {
     memset_s(&local, sizeof(local), 0, sizeof(local));
   }
-  if (snprintf_s(out, size, size - 1, format, local.tm_year + 1900, local.tm_mon + 1,
-                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec) < 0) {
+  if (snprintf_s(out, size, size - 1, format, local.tm_year + 1900, local.tm_mon + 1, local.tm_mday,
+                 local.tm_hour, local.tm_min, local.tm_sec) < 0) {
     out[0] = '\0';
   }
 }
 
 int Tavocat::PollOneNode(const TavocatInputNodeSetT* node, bool last) {
   const char* dataPath = node->dataPath;
-  if (dataPath != nullptr && (StartsWith(dataPath, kDateTimeNode) ||
-                              StartsWith(dataPath, kCurrentTimeNode))) {
+  if (dataPath != nullptr &&
+      (StartsWith(dataPath, kDateTimeNode) || StartsWith(dataPath, kCurrentTimeNode))) {
     char stamp[kDateTimeSize];
     PollingDateTime(StartsWith(dataPath, kDateTimeNode) ? kDateTimeFormat : kCurrentTimeFormat,
                     stamp, sizeof(stamp));

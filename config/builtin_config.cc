@@ -9,7 +9,29 @@
 
 namespace TavoConfig {
 
-using namespace TavoCommon;
+using TavoCommon::FACTORY_WRITE;
+using TavoCommon::MMAP_WRITE;
+using TavoCommon::MONITOR_NODE;
+using TavoCommon::POLL_NODE;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInfoT;
+using TavoCommon::TavocatInputNodeSetT;
+using TavoCommon::kBuiltinRotateSizeKbytes;
+using TavoCommon::kChargeDataPath;
+using TavoCommon::kChargeInstance;
+using TavoCommon::kChargeMaxCompressdFiles;
+using TavoCommon::kChargeOutputPath;
+using TavoCommon::kChargePollingInterval;
+using TavoCommon::kChargeTimeWidth;
+using TavoCommon::kChargeTitlePath;
+using TavoCommon::kDateTimePath;
+using TavoCommon::kDateTimeTitle;
+using TavoCommon::kGaugeDataPath;
+using TavoCommon::kGaugeTitlePath;
+using TavoCommon::kKmsgDataPath;
+using TavoCommon::kKmsgInstance;
+using TavoCommon::kKmsgMaxCompressdFiles;
+using TavoCommon::kKmsgOutputPath;
 
 namespace {
 

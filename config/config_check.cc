@@ -4,7 +4,16 @@
 
 namespace TavoConfig {
 
-using namespace TavoCommon;
+using TavoCommon::COND_TRIGGER;
+using TavoCommon::IsNodeStyle;
+using TavoCommon::MONITOR_DIR;
+using TavoCommon::POLL_CMD;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInfoT;
+using TavoCommon::TavocatInputCmdSetT;
+using TavoCommon::TavocatInputDirSetT;
+using TavoCommon::TavocatInputNodeSetT;
+using TavoCommon::TavocatStrListT;
 
 namespace {
 

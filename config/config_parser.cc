@@ -16,7 +16,12 @@
 
 namespace TavoConfig {
 
-using namespace TavoCommon;
+using TavoCommon::FACTORY_WRITE;
+using TavoCommon::MMAP_WRITE;
+using TavoCommon::TavocatInfoT;
+using TavoCommon::TavocatStrListT;
+using TavoCommon::kConfigFilePath;
+using TavoCommon::kInstanceNameMax;
 
 int ParseConfigFile(const char* name, TavocatInfoT* info) {
   if (name == nullptr || info == nullptr) return 1;

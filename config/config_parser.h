@@ -6,7 +6,6 @@
 // and 1 for failure; a null argument fails (or does nothing) at once.
 
 #include <libxml/tree.h>
-
 #include <stddef.h>
 
 #include "config/tavo_common.h"

@@ -10,7 +10,17 @@
 
 namespace TavoConfig {
 
-using namespace TavoCommon;
+using TavoCommon::IsNodeStyle;
+using TavoCommon::LogStyle;
+using TavoCommon::MONITOR_DIR;
+using TavoCommon::POLL_CMD;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInfoT;
+using TavoCommon::TavocatInputCmdSetT;
+using TavoCommon::TavocatInputDirSetT;
+using TavoCommon::TavocatInputNodeSetT;
+using TavoCommon::TavocatStrListT;
+using TavoCommon::TypeWrite;
 
 namespace {
 

@@ -10,7 +10,18 @@
 
 namespace TavoConfig {
 
-using namespace TavoCommon;
+using TavoCommon::COND_TRIGGER;
+using TavoCommon::IsNodeStyle;
+using TavoCommon::LogStyle;
+using TavoCommon::MONITOR_DIR;
+using TavoCommon::MONITOR_NODE;
+using TavoCommon::POLL_CMD;
+using TavoCommon::POLL_NODE;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInfoT;
+using TavoCommon::TavocatInputCmdSetT;
+using TavoCommon::TavocatInputDirSetT;
+using TavoCommon::TavocatInputNodeSetT;
 
 namespace {
 
@@ -20,7 +31,7 @@ struct StyleName {
 };
 
 constexpr StyleName kStyleNames[] = {
-    {"monitor_node", MONITOR_NODE}, {"monitor_dir", MONITOR_DIR}, {"poll_node", POLL_NODE},
+    {"monitor_node", MONITOR_NODE}, {"monitor_dir", MONITOR_DIR},   {"poll_node", POLL_NODE},
     {"poll_cmd", POLL_CMD},         {"cond_trigger", COND_TRIGGER},
 };
 

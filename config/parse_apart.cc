@@ -20,7 +20,7 @@
 
 namespace TavoConfig {
 
-using namespace TavoCommon;
+using TavoCommon::TavocatInfoT;
 
 namespace {
 
@@ -70,8 +70,7 @@ bool BoundChild(pid_t parent, const ApartLimits& limits) {
   WireBuffer wire;
   bool sent = build(arg, &built) == 0 && EncodeTavocatInfo(built, &wire);
   if (sent && platform::WriteFully(fd, wire.data, wire.size) != wire.size) {
-    fprintf(stderr, "Config parser process cannot send the configuration: %s\n",
-            strerror(errno));
+    fprintf(stderr, "Config parser process cannot send the configuration: %s\n", strerror(errno));
     sent = false;
   }
   FreeConfigFile(&built);

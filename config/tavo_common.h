@@ -34,10 +34,10 @@ struct TavocatStrListT {
 
 // One data node of a node-style group.
 struct TavocatInputNodeSetT {
-  size_t width;        // column width the value is padded to; 0: none
-  char* dataPath;      // a path, or "DateTime" / "CurrentTime"
-  char* titlePath;     // file holding the column title
-  char* title;         // literal column title; wins over titlePath
+  size_t width;                    // column width the value is padded to; 0: none
+  char* dataPath;                  // a path, or "DateTime" / "CurrentTime"
+  char* titlePath;                 // file holding the column title
+  char* title;                     // literal column title; wins over titlePath
   TavocatStrListT* alterDataPath;  // tried in order when dataPath is null
   TavocatInputNodeSetT* next;
 };
@@ -60,10 +60,10 @@ struct TavocatGroupT {
   size_t pollingInterval;  // seconds between passes of a polling group
   size_t failureRetry;     // consecutive read failures a source tolerates
   LogStyle style;
-  TavocatInfoT* info;      // the owning root; not owned
-  void* inputSet;          // record type follows style
+  TavocatInfoT* info;  // the owning root; not owned
+  void* inputSet;      // record type follows style
   char* outputFilePath;
-  size_t condIndex;        // condition of a COND_TRIGGER group
+  size_t condIndex;  // condition of a COND_TRIGGER group
   TavocatGroupT* next;
 };
 
@@ -100,8 +100,7 @@ constexpr const char kDateTimeTitle[] = "Time";
 constexpr const char kGaugeDataPath[] = "/sys/class/qd_power/coul/coul_data/gaugelog";
 constexpr const char kGaugeTitlePath[] = "/sys/class/qd_power/coul/coul_data/gaugelog_head";
 constexpr const char kChargeDataPath[] = "/sys/class/qd_power/charger/charge_data/chargelog";
-constexpr const char kChargeTitlePath[] =
-    "/sys/class/qd_power/charger/charge_data/chargelog_head";
+constexpr const char kChargeTitlePath[] = "/sys/class/qd_power/charger/charge_data/chargelog_head";
 
 }  // namespace TavoCommon
 

@@ -2,12 +2,11 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <libxml/xmlerror.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <libxml/xmlerror.h>
 
 #include <new>
 
@@ -20,9 +19,12 @@ constexpr int kDiagnosticMax = 400;
 
 const char* LevelName(xmlErrorLevel level) {
   switch (level) {
-    case XML_ERR_WARNING: return "warning";
-    case XML_ERR_FATAL: return "fatal error";
-    default: return "error";
+    case XML_ERR_WARNING:
+      return "warning";
+    case XML_ERR_FATAL:
+      return "fatal error";
+    default:
+      return "error";
   }
 }
 
@@ -105,8 +107,7 @@ ConfigDocument::ConfigDocument(const char* path) : xml_(nullptr), doc_(nullptr) 
     ctxt->sax->internalSubset = RefuseDoctype;
     // No XML_PARSE_NOENT, DTDLOAD, DTDATTR, XINCLUDE or HUGE: only what the
     // file itself says is read, within libxml2's default depth and size limits.
-    doc_ = xml_->ctxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr,
-                                XML_PARSE_NONET);
+    doc_ = xml_->ctxtReadMemory(ctxt, text, static_cast<int>(size), path, nullptr, XML_PARSE_NONET);
     xml_->freeParserCtxt(ctxt);
     if (state.sawDoctype) {
       fprintf(stderr, "Config file [%s]: DOCTYPE is not allowed!\n", path);
@@ -135,9 +136,7 @@ XmlAttr::~XmlAttr() {
   if (value_ != nullptr) (*xml_->freeMemory)(value_);
 }
 
-bool XmlAttr::Is(const char* text) const {
-  return value_ != nullptr && strcmp(get(), text) == 0;
-}
+bool XmlAttr::Is(const char* text) const { return value_ != nullptr && strcmp(get(), text) == 0; }
 
 bool IsElementNamed(const xmlNode* node, const char* name) {
   return node != nullptr && node->type == XML_ELEMENT_NODE &&

@@ -9,7 +9,6 @@
 // network, and each libxml2 diagnostic becomes one line on standard error.
 
 #include <libxml/tree.h>
-
 #include <stddef.h>
 
 #include "config/xml_library.h"

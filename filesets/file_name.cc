@@ -43,8 +43,8 @@ std::string LocalTimeStamp() {
   }
   char stamp[32];
   if (snprintf_s(stamp, sizeof(stamp), sizeof(stamp) - 1, "%d%02d%02d-%02d%02d%02d",
-                 local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour,
-                 local.tm_min, local.tm_sec) < 0) {
+                 local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                 local.tm_sec) < 0) {
     return std::string();
   }
   return stamp;
@@ -54,9 +54,7 @@ bool FormatIndexTag(uint32_t index, char* out, size_t size) {
   return snprintf_s(out, size, size - 1, ".I%03u.", index) >= 0;
 }
 
-std::string NumberedName(const std::string& base, int n) {
-  return base + "." + std::to_string(n);
-}
+std::string NumberedName(const std::string& base, int n) { return base + "." + std::to_string(n); }
 
 std::string ArchiveName(const std::string& base, int n) {
   return base + "-" + std::to_string(n) + kArchiveSuffix;

@@ -176,8 +176,8 @@ void FileSet::SweepOnce() {
     std::string base;
     int dirFd = OpenFolderOf(outputFilePath, &base);
     for (int n = 0; n < filesets::kOldStyleCount; ++n) {
-      for (const std::string& name : {filesets::NumberedName(outputFilePath, n),
-                                      filesets::ArchiveName(outputFilePath, n)}) {
+      for (const std::string& name :
+           {filesets::NumberedName(outputFilePath, n), filesets::ArchiveName(outputFilePath, n)}) {
         if (UnlinkIn(dirFd, name) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
       }
     }
@@ -340,8 +340,8 @@ bool FileSet::IsOwnFileThere(const std::string& path) {
   int dirFd = OpenFolderOf(path, &name);
   if (dirFd < 0) return false;
   struct stat st;
-  bool there = fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-               S_ISREG(st.st_mode) && st.st_nlink == 1;
+  bool there = fstatat(dirFd, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+               st.st_nlink == 1;
   close(dirFd);
   return there;
 }

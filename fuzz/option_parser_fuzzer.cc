@@ -28,9 +28,12 @@ int gFlag = 0;
 // Prefixes that share a stem with different actions ("al", "fl") make
 // abbreviations ambiguous; the flag entries return 0.
 const option kLongOptions[] = {
-    {"alpha", no_argument, nullptr, 'a'},   {"alps", required_argument, nullptr, 'b'},
-    {"beta", optional_argument, nullptr, 0}, {"flag", no_argument, &gFlag, 7},
-    {"flagged", required_argument, &gFlag, 8}, {"w", no_argument, nullptr, 'w'},
+    {"alpha", no_argument, nullptr, 'a'},
+    {"alps", required_argument, nullptr, 'b'},
+    {"beta", optional_argument, nullptr, 0},
+    {"flag", no_argument, &gFlag, 7},
+    {"flagged", required_argument, &gFlag, 8},
+    {"w", no_argument, nullptr, 'w'},
     {nullptr, 0, nullptr, 0},
 };
 
@@ -94,8 +97,7 @@ void RunAnyLetters(uint8_t control, std::vector<std::string> pieces) {
   for (;;) {
     Check(budget-- > 0, "parser does not come to an end");
     int index = -1;
-    int ret = getopt_long_r(args.argc(), args.argv.data(), letters.c_str(), longopts, &index,
-                            &ctx);
+    int ret = getopt_long_r(args.argc(), args.argv.data(), letters.c_str(), longopts, &index, &ctx);
     Check(ctx.optind >= 1 && ctx.optind <= args.argc(), "optind out of range");
     Check(ctx.optarg == nullptr || args.Owns(ctx.optarg), "optarg outside the arguments");
     Check(index == -1 || (longopts != nullptr && index >= 0 && index < 6),

@@ -48,8 +48,7 @@ int qdlogging_log_addFilterRule(QdLogFormat* format, const char* rule);
 // Rules separated by white space; negative when any is malformed.
 int qdlogging_log_addFilterString(QdLogFormat* format, const char* text);
 // Non-zero when a line of tag and priority passes the rules.
-int qdlogging_log_shouldPrintLine(QdLogFormat* format, const char* tag,
-                                              qd_LogPriority priority);
+int qdlogging_log_shouldPrintLine(QdLogFormat* format, const char* tag, qd_LogPriority priority);
 
 // Parses a record read by qd_logger_list_read; negative when malformed.
 int qdlogging_log_processLogBuffer(struct qd_logger_entry* record, QdLogEntry* entry);
@@ -57,8 +56,8 @@ int qdlogging_log_processLogBuffer(struct qd_logger_entry* record, QdLogEntry* e
 // block the caller frees with free(); null on failure. The length goes to
 // outLength.
 char* qdlogging_log_formatLogLine(QdLogFormat* format, char* defaultBuffer,
-                                               size_t defaultBufferSize, const QdLogEntry* entry,
-                                               size_t* outLength);
+                                  size_t defaultBufferSize, const QdLogEntry* entry,
+                                  size_t* outLength);
 // Formats entry and writes it to fd; bytes written or negative.
 int qdlogging_log_printLogLine(QdLogFormat* format, int fd, const QdLogEntry* entry);
 

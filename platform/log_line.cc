@@ -137,7 +137,8 @@ char* ThreadTimeLine::Format(const QdLogEntry& entry, char* buffer, size_t size,
   WritePrefix(entry, out);
   char* w = out + prefixLen;
   const char* text = entry.message;
-  for (const char* nl = firstEnd;; nl = static_cast<const char*>(memchr(text, '\n', textEnd - text))) {
+  for (const char* nl = firstEnd;;
+       nl = static_cast<const char*>(memchr(text, '\n', textEnd - text))) {
     const char* lineEnd = nl != nullptr ? nl : textEnd;
     if (lineEnd != text) memcpy(w, text, lineEnd - text);
     w += lineEnd - text;

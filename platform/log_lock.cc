@@ -197,8 +197,8 @@ void RingUnlock(RingLockState* lock) {
     if (lock->word.compare_exchange_weak(word, 0, std::memory_order_release,
                                          std::memory_order_relaxed)) {
       if ((word & kWaiters) != 0) {
-        syscall(SYS_futex, reinterpret_cast<uint32_t*>(&lock->word), FUTEX_WAKE, INT_MAX,
-                nullptr, nullptr, 0);
+        syscall(SYS_futex, reinterpret_cast<uint32_t*>(&lock->word), FUTEX_WAKE, INT_MAX, nullptr,
+                nullptr, 0);
       }
       return;
     }

@@ -492,8 +492,12 @@ int LogRing::ReplaceLocked(uint64_t capacity) {
   uint64_t tail = header_->tail.load(std::memory_order_relaxed);
   if (tail > head || head - tail > capacity_) tail = head;
   uint64_t keepFrom = DropUntilFree(tail, head, capacity);
-  FileSpec layout = {id_, capacity, head, keepFrom,
-                   header_->evicted.load(std::memory_order_relaxed) + (keepFrom - tail), this};
+  FileSpec layout = {id_,
+                     capacity,
+                     head,
+                     keepFrom,
+                     header_->evicted.load(std::memory_order_relaxed) + (keepFrom - tail),
+                     this};
   SharedMapping mapping;
   // Replaced under the old file's lock, and the old file is marked before
   // the lock is let go: a writer waiting on it then finds it retired. The
@@ -501,8 +505,8 @@ int LogRing::ReplaceLocked(uint64_t capacity) {
   // between the steps, which of them happened.
   header_->replacing.store(1, std::memory_order_release);
   ResizeStepDone(kResizeMarked);
-  int rc = PublishSharedFile(dirFd_, name_, kDataOffset + capacity, kRingFileMode, true,
-                             InitFile, &layout, &mapping);
+  int rc = PublishSharedFile(dirFd_, name_, kDataOffset + capacity, kRingFileMode, true, InitFile,
+                             &layout, &mapping);
   if (rc == 0) {
     ResizeStepDone(kResizePublished);
     header_->retired.store(1, std::memory_order_release);
@@ -573,7 +577,8 @@ int LogRing::ReadPayloadAt(uint64_t pos, qd_log_msg* msg) const {
   if (capacity_ - offset >= uint64_t{blocks} * kBlock) {
     // In whole blocks: a library copy of a hundred bytes costs more than
     // the bytes, and the few read past the record are still the ring's.
-    for (uint32_t b = 0; b < blocks; ++b) memcpy(dst + b * kBlock, data_ + offset + b * kBlock, kBlock);
+    for (uint32_t b = 0; b < blocks; ++b)
+      memcpy(dst + b * kBlock, data_ + offset + b * kBlock, kBlock);
   } else {
     CopyOutAt(offset, dst, len);
   }

@@ -10,7 +10,6 @@
 #include <atomic>
 #include <new>
 
-
 namespace platform {
 
 namespace {

@@ -195,8 +195,8 @@ int MapStoreFile(int dirFd, const char* name, bool writable, size_t minSize, siz
   int rc = CheckStoreFile(fd, name);
   struct stat st;
   if (rc == 0 && fstat(fd, &st) != 0) rc = -errno;
-  if (rc == 0 && (static_cast<size_t>(st.st_size) < minSize ||
-                  static_cast<size_t>(st.st_size) > maxSize)) {
+  if (rc == 0 &&
+      (static_cast<size_t>(st.st_size) < minSize || static_cast<size_t>(st.st_size) > maxSize)) {
     rc = -EINVAL;
   }
   if (rc == 0) rc = MapFd(fd, static_cast<size_t>(st.st_size), writable, out);

@@ -119,8 +119,8 @@ int qd_log_write(int id, int priority, const char* tag, const char* message) {
   }
   char payload[QD_LOGGER_ENTRY_MAX_PAYLOAD];
   qd_logger_entry entry;
-  entry.len = BuildPayload(priority, tag != nullptr ? tag : "",
-                           message != nullptr ? message : "", payload);
+  entry.len =
+      BuildPayload(priority, tag != nullptr ? tag : "", message != nullptr ? message : "", payload);
   entry.hdr_size = platform::kRecordHeaderSize;
   entry.lid = static_cast<uint32_t>(id);
   StampCaller(&entry);

@@ -20,14 +20,14 @@ extern "C" {
 
 typedef enum log_id {
   LOG_ID_MIN = 0,
-  LOG_ID_MAIN = 0,     // "morvo_main"
-  LOG_ID_RADIO = 1,    // "morvo_radio"
-  LOG_ID_EVENTS = 2,   // "morvo_events"
-  LOG_ID_SYSTEM = 3,   // "morvo_system"
-  LOG_ID_CRASH = 4,    // "morvo_crash"
-  LOG_ID_STATS = 5,    // "morvo_stats"
-  LOG_ID_SECURITY = 6, // "morvo_security"
-  LOG_ID_KERNEL = 7,   // "morvo_kernel"
+  LOG_ID_MAIN = 0,      // "morvo_main"
+  LOG_ID_RADIO = 1,     // "morvo_radio"
+  LOG_ID_EVENTS = 2,    // "morvo_events"
+  LOG_ID_SYSTEM = 3,    // "morvo_system"
+  LOG_ID_CRASH = 4,     // "morvo_crash"
+  LOG_ID_STATS = 5,     // "morvo_stats"
+  LOG_ID_SECURITY = 6,  // "morvo_security"
+  LOG_ID_KERNEL = 7,    // "morvo_kernel"
   LOG_ID_MAX = 8,
 } log_id_t;
 
@@ -62,7 +62,7 @@ struct qd_logger_entry {
   uint32_t tid;
   uint32_t sec;
   uint32_t nsec;
-  uint32_t lid;       // log id, at offset 20
+  uint32_t lid;  // log id, at offset 20
   uint32_t uid;
 };
 

@@ -158,9 +158,7 @@ void AwaitWriters(qd_logger* logger) {
 }
 
 // True when the logger has read all its ring held when last asked.
-bool AtHead(const qd_logger* logger) {
-  return !logger->hasPending && logger->pos == logger->head;
-}
+bool AtHead(const qd_logger* logger) { return !logger->hasPending && logger->pos == logger->head; }
 
 // Before a record is returned, the buffers with nothing pending are looked
 // at once more, after their writers are done: true when one has a record
@@ -278,7 +276,8 @@ int CollectStamps(qd_logger* logger, unsigned int tail, Stamps* out) {
     if (!Refresh(logger->ring)) return -EIO;
     uint64_t first, head;
     if (!logger->ring->Span(&first, &head)) return -EIO;
-    uint64_t most = (head - first) / (platform::kRecordHeaderSize + platform::kRecordMinPayload) + 1;
+    uint64_t most =
+        (head - first) / (platform::kRecordHeaderSize + platform::kRecordMinPayload) + 1;
     free(out->stamp);
     free(out->pos);
     out->slots = static_cast<size_t>(most < tail ? most : tail);

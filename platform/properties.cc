@@ -105,8 +105,8 @@ int property_set(const char* key, const char* value) {
     return -1;
   }
   char path[PATH_MAX], lockPath[PATH_MAX], tmpPath[PATH_MAX];
-  if (!StorePath(path, sizeof(path)) || snprintf_s(lockPath, sizeof(lockPath), sizeof(lockPath) - 1,
-                                                   "%s.lock", path) < 0 ||
+  if (!StorePath(path, sizeof(path)) ||
+      snprintf_s(lockPath, sizeof(lockPath), sizeof(lockPath) - 1, "%s.lock", path) < 0 ||
       snprintf_s(tmpPath, sizeof(tmpPath), sizeof(tmpPath) - 1, "%s.%d", path, getpid()) < 0 ||
       !MakeParentDir(path)) {
     return -1;
@@ -127,11 +127,13 @@ int property_set(const char* key, const char* value) {
       text.append(line);
       int fd = platform::OpenFile(tmpPath, O_WRONLY | O_CREAT | O_TRUNC, 0664);
       if (fd >= 0) {
-        bool ok = platform::WriteFully(fd, text.data(), text.size()) == text.size() &&
-                  fsync(fd) == 0;
+        bool ok =
+            platform::WriteFully(fd, text.data(), text.size()) == text.size() && fsync(fd) == 0;
         close(fd);
-        if (ok && rename(tmpPath, path) == 0) result = 0;
-        else unlink(tmpPath);
+        if (ok && rename(tmpPath, path) == 0)
+          result = 0;
+        else
+          unlink(tmpPath);
       }
     }
   }

@@ -11,8 +11,7 @@
 
 extern "C" {
 
-int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format,
-                             va_list args);
+int vsnprintf_s(char* dest, size_t destMax, size_t count, const char* format, va_list args);
 int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 int sprintf_s(char* dest, size_t destMax, const char* format, ...)

@@ -17,9 +17,14 @@ extern "C" {
 int set_sched_policy(int tid, SchedPolicy policy) {
   int level;
   switch (policy) {
-    case SP_BACKGROUND: level = 7; break;
-    case SP_FOREGROUND: level = 4; break;
-    default: return -EINVAL;
+    case SP_BACKGROUND:
+      level = 7;
+      break;
+    case SP_FOREGROUND:
+      level = 4;
+      break;
+    default:
+      return -EINVAL;
   }
   if (tid < 0) return -EINVAL;
   if (tid == 0) tid = static_cast<int>(syscall(SYS_gettid));

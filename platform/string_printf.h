@@ -7,8 +7,7 @@ namespace android {
 namespace base {
 
 // printf into a new string; an unusable format gives an empty string.
-std::string StringPrintf(const char* format, ...)
-    __attribute__((format(printf, 1, 2)));
+std::string StringPrintf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace base
 }  // namespace android

@@ -88,10 +88,10 @@ bool CacheNameFor(const char* base, int slot, char* out, size_t size) {
   if (stemLen > kStampedEnding && IsStampedEnding(base + stemLen - kStampedEnding)) {
     stemLen -= kStampedEnding;
   }
-  int rc = slot == 0 ? snprintf_s(out, size, size - 1, ".%.*s.tavocache",
-                                  static_cast<int>(stemLen), base)
-                     : snprintf_s(out, size, size - 1, ".%.*s-%d.tavocache",
-                                  static_cast<int>(stemLen), base, slot);
+  int rc = slot == 0
+               ? snprintf_s(out, size, size - 1, ".%.*s.tavocache", static_cast<int>(stemLen), base)
+               : snprintf_s(out, size, size - 1, ".%.*s-%d.tavocache", static_cast<int>(stemLen),
+                            base, slot);
   if (rc < 0) return false;
   // Owners take names holding the base name and ".gz" for set files (and
   // purge the odd ones); a cache name must never look like that.
@@ -379,9 +379,8 @@ bool Tavo::Write(const char* data, size_t length) {
   if (length == 0) return true;
   std::lock_guard<std::mutex> lock(impl_->mu);
   const unsigned char* bytes = reinterpret_cast<const unsigned char*>(data);
-  bool ok = impl_->cache == nullptr
-                ? impl_->KeepEarly(bytes, length)
-                : impl_->DrainEarly() && impl_->WriteLocked(bytes, length);
+  bool ok = impl_->cache == nullptr ? impl_->KeepEarly(bytes, length)
+                                    : impl_->DrainEarly() && impl_->WriteLocked(bytes, length);
   impl_->NoteHeld();
   return ok;
 }

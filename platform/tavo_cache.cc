@@ -172,8 +172,7 @@ bool TavoCache::IsLinked() const {
 
 bool TavoCache::InFolder(int dirFd) const {
   struct stat own, other;
-  return fd_ >= 0 && fstat(dirFd_, &own) == 0 && fstat(dirFd, &other) == 0 &&
-         SameFile(own, other);
+  return fd_ >= 0 && fstat(dirFd_, &own) == 0 && fstat(dirFd, &other) == 0 && SameFile(own, other);
 }
 
 const unsigned char* TavoCache::Pending(size_t* length) const {

@@ -123,8 +123,10 @@ void FlusherState::Link(TavoFlushClient* c) {
 }
 
 void FlusherState::Unlink(TavoFlushClient* c) {
-  if (c->prev_ != nullptr) c->prev_->next_ = c->next_;
-  else gState.head = c->next_;
+  if (c->prev_ != nullptr)
+    c->prev_->next_ = c->next_;
+  else
+    gState.head = c->next_;
   if (c->next_ != nullptr) c->next_->prev_ = c->prev_;
   c->prev_ = c->next_ = nullptr;
   c->listed_ = false;

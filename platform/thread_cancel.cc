@@ -9,8 +9,6 @@ thread_local const std::atomic<bool>* tWatched = nullptr;
 
 void WatchCancelFlag(const std::atomic<bool>* flag) { tWatched = flag; }
 
-bool CancelRequested() {
-  return tWatched != nullptr && tWatched->load(std::memory_order_acquire);
-}
+bool CancelRequested() { return tWatched != nullptr && tWatched->load(std::memory_order_acquire); }
 
 }  // namespace platform

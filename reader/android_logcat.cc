@@ -4,19 +4,19 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <new>
 
 #include "collector/tavocat_main.h"
 #include "morvocat/morvocat.h"
-#include "platform/safe_string.h"
 #include "platform/log_wake.h"
+#include "platform/safe_string.h"
 #include "platform/sched_policy.h"
 #include "platform/thread_cancel.h"
 #include "reader/buffer_operations.h"

@@ -12,9 +12,7 @@ namespace {
 
 constexpr char kLogTagsEnv[] = "ANDROID_LOG_TAGS";
 
-bool IsRedirection(const char* arg) {
-  return arg[0] == '>' || (arg[0] == '2' && arg[1] == '>');
-}
+bool IsRedirection(const char* arg) { return arg[0] == '>' || (arg[0] == '2' && arg[1] == '>'); }
 
 bool ApplyFilters(android_logcat_context_internal* ctx, const RunOptions& opts) {
   if (opts.firstFilterArg >= ctx->argCount) {
@@ -125,13 +123,13 @@ bool OpenBuffers(android_logcat_context_internal* ctx, const RunOptions& opts) {
   if (code != FORMAT_OFF) qdlogging_log_setPrintFormat(ctx->logFormat, code);
   if (!ApplyFilters(ctx, opts)) return false;
 
-  qd_logger_list* list = qd_logger_list_alloc(opts.readMode, static_cast<unsigned>(opts.tailLines),
-                                              opts.pid);
+  qd_logger_list* list =
+      qd_logger_list_alloc(opts.readMode, static_cast<unsigned>(opts.tailLines), opts.pid);
   Failures failures;
   for (LogDevice* device = ctx->devices; device != nullptr; device = device->next) {
     device->loggerList = list;
-    device->logger = list == nullptr ? nullptr
-                                     : qd_logger_open(list, qdlogging_name_to_log_id(device->name));
+    device->logger =
+        list == nullptr ? nullptr : qd_logger_open(list, qdlogging_name_to_log_id(device->name));
     if (device->logger == nullptr) {
       ReportErrorName(&failures.open, device->name);
       continue;

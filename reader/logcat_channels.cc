@@ -124,7 +124,8 @@ bool SetupChannels(android_logcat_context_internal* ctx) {
     ctx->errorStream = nullptr;
     ctx->error_fd = -1;
   }
-  if (ctx->output_fd == -1 && ctx->outputStream != nullptr) ctx->output_fd = fileno(ctx->outputStream);
+  if (ctx->output_fd == -1 && ctx->outputStream != nullptr)
+    ctx->output_fd = fileno(ctx->outputStream);
   if (ctx->error_fd == -1 && ctx->errorStream != nullptr) ctx->error_fd = fileno(ctx->errorStream);
   return true;
 }
@@ -134,7 +135,8 @@ void CloseOutput(android_logcat_context_internal* ctx) {
     ctx->outputStream = nullptr;
     ctx->output_fd = -1;
   }
-  if (ctx->errorStream != nullptr && ctx->output_fd == fileno(ctx->errorStream)) ctx->output_fd = -1;
+  if (ctx->errorStream != nullptr && ctx->output_fd == fileno(ctx->errorStream))
+    ctx->output_fd = -1;
   if (ctx->output_fd == ctx->error_fd) ctx->output_fd = -1;
   if (ctx->outputStream != nullptr && ctx->outputStream != stdout) {
     int fd = fileno(ctx->outputStream);
@@ -157,7 +159,8 @@ void CloseError(android_logcat_context_internal* ctx) {
     ctx->errorStream = nullptr;
     ctx->error_fd = -1;
   }
-  if (ctx->outputStream != nullptr && ctx->error_fd == fileno(ctx->outputStream)) ctx->error_fd = -1;
+  if (ctx->outputStream != nullptr && ctx->error_fd == fileno(ctx->outputStream))
+    ctx->error_fd = -1;
   if (ctx->error_fd == ctx->output_fd) ctx->error_fd = -1;
   if (ctx->errorStream != nullptr && ctx->errorStream != stderr && ctx->errorStream != stdout) {
     int fd = fileno(ctx->errorStream);

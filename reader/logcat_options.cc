@@ -153,8 +153,7 @@ bool InvalidParameter(android_logcat_context_internal* ctx, char letter, const c
 
 // -r and -n: a whole, positive number (a negative one would wrap to a huge
 // unsigned size or count).
-bool ParseCount(android_logcat_context_internal* ctx, char letter, const char* arg,
-                uint64_t* out) {
+bool ParseCount(android_logcat_context_internal* ctx, char letter, const char* arg, uint64_t* out) {
   long long value = 0;
   if (!ParseWhole(arg, &value) || value <= 0) return InvalidParameter(ctx, letter, arg);
   *out = static_cast<uint64_t>(value);
@@ -168,8 +167,13 @@ bool ApplyLetter(android_logcat_context_internal* ctx, RunOptions* opts, int let
   if (letter != '?' && letter != ':') optopt = letter;
   long long value = 0;
   switch (letter) {
-    case 'c': opts->clearRequest = true; opts->readMode |= 0x1; return true;
-    case 'd': opts->readMode |= QD_LOGGER_MODE_NONBLOCK; return true;
+    case 'c':
+      opts->clearRequest = true;
+      opts->readMode |= 0x1;
+      return true;
+    case 'd':
+      opts->readMode |= QD_LOGGER_MODE_NONBLOCK;
+      return true;
     case 't':
       if (!ParseWhole(arg, &value)) return InvalidParameter(ctx, 't', arg);
       opts->tailLines = static_cast<int>(value);
@@ -190,10 +194,16 @@ bool ApplyLetter(android_logcat_context_internal* ctx, RunOptions* opts, int let
     case 'b':
       opts->buffersGiven = true;
       return SelectBuffers(ctx, arg);
-    case 's': qdlogging_log_addFilterRule(ctx->logFormat, "*:s"); return true;
-    case 'f': ctx->outputFileName = arg; return true;
-    case 'r': return ParseCount(ctx, 'r', arg, &ctx->rotateKBytes);
-    case 'n': return ParseCount(ctx, 'n', arg, &ctx->rotateCount);
+    case 's':
+      qdlogging_log_addFilterRule(ctx->logFormat, "*:s");
+      return true;
+    case 'f':
+      ctx->outputFileName = arg;
+      return true;
+    case 'r':
+      return ParseCount(ctx, 'r', arg, &ctx->rotateKBytes);
+    case 'n':
+      return ParseCount(ctx, 'n', arg, &ctx->rotateCount);
     case 'z':
       if (!isdigit(static_cast<unsigned char>(arg[0]))) {
         LogcatPanic(ctx, HELP_NONE, "Invalid parameter to -z\n");
@@ -201,7 +211,9 @@ bool ApplyLetter(android_logcat_context_internal* ctx, RunOptions* opts, int let
       }
       ctx->compressCount = strtoull(arg, nullptr, 10);
       return true;
-    case 'x': opts->collectorName = arg[0] != '\0' ? arg : nullptr; return true;
+    case 'x':
+      opts->collectorName = arg[0] != '\0' ? arg : nullptr;
+      return true;
     default:
       LogcatPanic(ctx, HELP_USAGE, "Unrecognized Option %c\n", optopt);
       return false;
@@ -215,8 +227,8 @@ bool ParseOptions(android_logcat_context_internal* ctx, RunOptions* opts) {
   InitGetOptContext(&parser, ctx->errorStream);
   for (;;) {
     int index = 0;
-    int ret = getopt_long_r(ctx->argCount, ctx->argVector, kOptionLetters, kLongOptions, &index,
-                            &parser);
+    int ret =
+        getopt_long_r(ctx->argCount, ctx->argVector, kOptionLetters, kLongOptions, &index, &parser);
     if (ret < 0) break;
     // An unknown long option leaves no letter to name: the word itself is
     // named rather than a NUL byte.
@@ -240,8 +252,10 @@ void AddDefaultBuffers(android_logcat_context_internal* ctx, const RunOptions& o
     bool onlyForOperations;
   };
   static const Default kDefaults[] = {
-      {"morvo_system", LOG_ID_SYSTEM, false}, {"morvo_events", LOG_ID_EVENTS, true},
-      {"morvo_radio", LOG_ID_RADIO, true},    {"morvo_crash", LOG_ID_CRASH, false},
+      {"morvo_system", LOG_ID_SYSTEM, false},
+      {"morvo_events", LOG_ID_EVENTS, true},
+      {"morvo_radio", LOG_ID_RADIO, true},
+      {"morvo_crash", LOG_ID_CRASH, false},
   };
   for (const Default& d : kDefaults) {
     if (d.onlyForOperations && !IsBufferOperation(opts)) continue;

@@ -191,7 +191,9 @@ bool DeleteRegularFile(int dirFd, const char* name) {
 
 }  // namespace
 
-void SetWriterFactory(WriterFactory factory) { newWriter = factory != nullptr ? factory : NewWriter; }
+void SetWriterFactory(WriterFactory factory) {
+  newWriter = factory != nullptr ? factory : NewWriter;
+}
 
 MorvocatUtils* MmapWriter(const android_logcat_context_internal* ctx) {
   if (!ctx->writesFiles) return nullptr;

@@ -81,8 +81,8 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   int digits = RotationDigits(count);
   for (uint64_t k = count; k > 0; --k) {
     std::string member = MemberName(base, k);
-    if (renameat(dirFd, RotatedName(base.c_str(), digits, k).c_str(), work.fd(),
-                 member.c_str()) != 0) {
+    if (renameat(dirFd, RotatedName(base.c_str(), digits, k).c_str(), work.fd(), member.c_str()) !=
+        0) {
       perror("while rename log files");
     }
   }
@@ -93,8 +93,8 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   for (const std::string& m : members) names.push_back(m.c_str());
   std::string archive = ArchiveName(path, 0);
   int modeError = 0;
-  bool complete = TarzipFilesComplete(static_cast<int>(names.size()), names.data(),
-                                      archive.c_str(), 0, kArchiveMode, &modeError);
+  bool complete = TarzipFilesComplete(static_cast<int>(names.size()), names.data(), archive.c_str(),
+                                      0, kArchiveMode, &modeError);
   if (modeError != 0) {
     fprintf(stderr, "chmod file[%s] err %s:\n", archive.c_str(), strerror(modeError));
   }
@@ -130,8 +130,8 @@ void RotateLogs(android_logcat_context_internal* ctx) {
   archive::Folder dir(archive::OpenParentFolder(ctx->outputFileName, &base));
   if (dir.ok()) {
     ShiftRotatedFiles(dir.fd(), base, ctx->rotateCount);
-    std::string last = RotatedName(base.c_str(), RotationDigits(ctx->rotateCount),
-                                   ctx->rotateCount);
+    std::string last =
+        RotatedName(base.c_str(), RotationDigits(ctx->rotateCount), ctx->rotateCount);
     if (ctx->compressCount != 0 && !last.empty() &&
         faccessat(dir.fd(), last.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
       ArchiveRotatedFiles(ctx, dir.fd(), base);

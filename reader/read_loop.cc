@@ -41,11 +41,18 @@ bool CheckReadResult(android_logcat_context_internal* ctx, int result) {
   if (result > 0) return true;
   if (result == -EINTR && StopRequested(ctx)) return false;  // woken for the stop
   switch (result) {
-    case -EAGAIN: break;
+    case -EAGAIN:
+      break;
     case 0:
-    case -EIO: LogcatPanic(ctx, HELP_NONE, "read: unexpected EOF!\n"); break;
-    case -EINVAL: LogcatPanic(ctx, HELP_NONE, "read: unexpected length.\n"); break;
-    default: LogcatPanic(ctx, HELP_NONE, "logcat read failure\n"); break;
+    case -EIO:
+      LogcatPanic(ctx, HELP_NONE, "read: unexpected EOF!\n");
+      break;
+    case -EINVAL:
+      LogcatPanic(ctx, HELP_NONE, "read: unexpected length.\n");
+      break;
+    default:
+      LogcatPanic(ctx, HELP_NONE, "logcat read failure\n");
+      break;
   }
   return false;
 }
@@ -146,7 +153,8 @@ void ReadLoop(android_logcat_context_internal* ctx, bool nonBlocking) {
   // Only lines to the host's output are batched: an output file is checked
   // for rotation after every record.
   LineBatch* batch = nullptr;
-  if (nonBlocking && ctx->outputFileName == nullptr) batch = new (std::nothrow) LineBatch(ctx->output_fd);
+  if (nonBlocking && ctx->outputFileName == nullptr)
+    batch = new (std::nothrow) LineBatch(ctx->output_fd);
   loop.batch = batch;
   qd_log_msg msg;
   while (!StopRequested(ctx)) {

@@ -6,6 +6,8 @@
 // and complete. A run that does not end in time (a collector hand-over
 // never does) is ended by the signal's default action after all.
 
+#include "morvocat/morvocat.h"
+
 #include <pthread.h>
 #include <signal.h>
 #include <stdint.h>
@@ -15,8 +17,6 @@
 #include <unistd.h>
 
 #include <atomic>
-
-#include "morvocat/morvocat.h"
 
 namespace {
 

@@ -3,13 +3,12 @@
 
 #include "archive/factory_compress.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/file_tree.h"
 #include "support/tar_listing.h"
@@ -57,8 +56,7 @@ TEST_F(FactoryCompressTest, ALinkAtTheArchiveNameIsReplacedNotWrittenThrough) {
   archive::CompressLogsFactory(base_, 1);
   EXPECT_EQ("precious\n", ReadFile(victim));
   EXPECT_EQ(std::vector<std::string>{"kmsg-0.tar.gz"}, Entries(folder_));
-  EXPECT_EQ("kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n",
-            morvotest::TarListing(base_ + "-0.tar.gz"));
+  EXPECT_EQ("kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n", morvotest::TarListing(base_ + "-0.tar.gz"));
 }
 
 }  // namespace

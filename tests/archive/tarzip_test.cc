@@ -1,6 +1,7 @@
 #include "archive/tarzip.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -13,8 +14,6 @@
 #include <set>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
@@ -210,8 +209,8 @@ TEST_F(TarzipTest, ContentFollowsTheSizeGivenWhateverTheFileHolds) {
   WriteFile(Path("f"), "0123456789");
   gzFile gz = gzopen(archive_.c_str(), "w");
   ASSERT_NE(nullptr, gz);
-  WriteZipContent(gz, Path("f").c_str(), 4);     // grew since: cut
-  WriteZipContent(gz, Path("f").c_str(), 600);   // shrank since: filled out
+  WriteZipContent(gz, Path("f").c_str(), 4);       // grew since: cut
+  WriteZipContent(gz, Path("f").c_str(), 600);     // shrank since: filled out
   WriteZipContent(gz, Path("gone").c_str(), 600);  // unopenable: nothing
   ASSERT_EQ(0, symlink(Path("f").c_str(), Path("link").c_str()));
   WriteZipContent(gz, Path("link").c_str(), 600);  // a link is not read through

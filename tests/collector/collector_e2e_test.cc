@@ -4,6 +4,7 @@
 // accepted line in the files exactly once; a group that ends said once; and
 // the starts that are refused.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -13,8 +14,6 @@
 
 #include <regex>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "collector/collector_process.h"
 #include "collector/group_support.h"
@@ -88,7 +87,8 @@ TEST_F(Collector, SigusrWhileTheStreamRunsKeepsEveryAcceptedLineWholeAndOnce) {
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
   ASSERT_TRUE(Announced(collector)) << collector.Err();
   AppendKmsg(1, 100000);
-  ASSERT_TRUE(grouptest::WaitFor([&] { return collector.ReadOffset(root.Under("/proc/kmsg")) > 0; }));
+  ASSERT_TRUE(
+      grouptest::WaitFor([&] { return collector.ReadOffset(root.Under("/proc/kmsg")) > 0; }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
   // Whatever the stream had taken when the signal came is there, in order.
   std::string output = Unzipped(root.Under("/data/log/android_logs"), "kmsgcat-log");
@@ -119,8 +119,9 @@ TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
   // The time column's title is a title path, "Time", opened from the
   // working directory like any relative node.
-  std::regex rows("^\nRead Fail {14}GaugeHead ChargeHead\n"
-                  "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d >  3900mV    500mA\n)+$");
+  std::regex rows(
+      "^\nRead Fail {14}GaugeHead ChargeHead\n"
+      "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d >  3900mV    500mA\n)+$");
   EXPECT_TRUE(std::regex_match(ReadFile(log), rows)) << ReadFile(log);
 }
 
@@ -154,9 +155,8 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
   // Files were given their owner by then, without mapping NSS modules.
   EXPECT_EQ(std::string::npos, collector.Maps().find("libnss_")) << collector.Maps();
-  ASSERT_TRUE(grouptest::WaitFor([&] {
-    return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0;
-  }));
+  ASSERT_TRUE(grouptest::WaitFor(
+      [&] { return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0; }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
 
   std::string dir = root.Under("/data/log/android_logs");
@@ -185,7 +185,8 @@ TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
   ASSERT_TRUE(grouptest::WaitFor([&] { return ReadFile(log) == "12  \n"; })) << collector.Err();
   ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == "once"; }));
   // The end is said once, with the instance, the group's output and why.
-  const std::string said = "Main:tavocat [once] group /data/log/once/once-log ended: its polling is done\n";
+  const std::string said =
+      "Main:tavocat [once] group /data/log/once/once-log ended: its polling is done\n";
   ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Err().find(said) != std::string::npos; }))
       << collector.Err();
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
@@ -215,9 +216,9 @@ TEST_F(Collector, TwoChargerTriggersAreRefused) {
       "<tavocatGroup><logStyle value=\"cond_trigger\"/>"
       "<outputFilePath value=\"/data/log/c/c-log\"/>"
       "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet></tavocatGroup>";
-  WriteFile(root.Under("/system/etc/tavocat_config.xml"),
-            "<config><tavocat name=\"twice\" platform=\"Qcom\">" + group + group +
-                "</tavocat></config>");
+  WriteFile(
+      root.Under("/system/etc/tavocat_config.xml"),
+      "<config><tavocat name=\"twice\" platform=\"Qcom\">" + group + group + "</tavocat></config>");
   CollectorProcess collector(root, {"--tavo", "2", "-x", "twice"});
   int status = collector.WaitEnd();
   EXPECT_TRUE(WIFEXITED(status)) << status;

@@ -3,6 +3,7 @@
 // split into time-stamped lines through long lines, NUL bytes and faults
 // that pass, and dumpsys output with its header, run without a shell.
 
+#include <gtest/gtest.h>
 #include <pthread.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -12,8 +13,6 @@
 #include <regex>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "collector/data_src_reader.h"
 #include "collector/group_support.h"
@@ -225,9 +224,8 @@ TEST_F(StreamSource, LinesTooLongForOneStampedLineAreSplitAndTheNextLinesFollow)
     size_t length;
     std::vector<size_t> pieces;
   } kCases[] = {
-      {8171, {8171}},       {8172, {8171, 1}},
-      {8191, {8171, 20}},   {8192, {8171, 21}},
-      {16342, {8171, 8171}}, {30000, {8171, 8171, 8171, 5487}},
+      {8171, {8171}},     {8172, {8171, 1}},     {8191, {8171, 20}},
+      {8192, {8171, 21}}, {16342, {8171, 8171}}, {30000, {8171, 8171, 8171, 5487}},
   };
   WriteFile(Kmsg(), "");
   StreamRun run(&Sink(), "/proc/kmsg");
@@ -274,11 +272,9 @@ TEST_F(StreamSource, AStreamResumesAfterAFaultThatPasses) {
     void (*fault)(const std::string& kmsg);
   } kCases[] = {
       {"missing at start", false, [](const std::string&) {}, [](const std::string&) {}},
-      {"removed and recreated", true,
-       [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
+      {"removed and recreated", true, [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
        [](const std::string& kmsg) { unlink(kmsg.c_str()); }},
-      {"replaced by rename", true,
-       [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
+      {"replaced by rename", true, [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
        [](const std::string& kmsg) {
          WriteFile(kmsg + ".new", "");
          rename((kmsg + ".new").c_str(), kmsg.c_str());
@@ -318,7 +314,8 @@ TEST_F(StreamSource, LinesTheSinkRefusesDoNotEndTheStream) {
   ASSERT_TRUE(Arrived("one\n"));
   fs.Fill();
   Append(std::string(5000, 'x') + "\n");
-  ASSERT_TRUE(grouptest::WaitFor([&] { return err.Peek().find("write fail") != std::string::npos; }));
+  ASSERT_TRUE(
+      grouptest::WaitFor([&] { return err.Peek().find("write fail") != std::string::npos; }));
   fs.Free();
   Append("two\n");
   ASSERT_TRUE(Arrived("two\n"));
@@ -374,8 +371,9 @@ class DumpsysSource : public DataSources {
 TEST_F(DumpsysSource, TheOutputFollowsAHeaderUnchanged) {
   Dumpsys("printf 'level: %s\\n\\nend' \"$1\"");
   EXPECT_EQ(0, Sink().SystemCmdCat("battery"));
-  std::regex text("^current time: <battery>\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n"
-                  "level: battery\n\nend$");
+  std::regex text(
+      "^current time: <battery>\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n"
+      "level: battery\n\nend$");
   EXPECT_TRUE(std::regex_match(Written(), text)) << Written();
 }
 

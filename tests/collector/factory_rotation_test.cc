@@ -1,10 +1,10 @@
 // Factory mode: plain P, numbered renames, archives of five, and what
 // happens to the members when an archive cannot be made.
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "sink_support.h"
 
@@ -109,7 +109,8 @@ TEST_F(FactoryRotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
   for (int n = 1; n <= 5; ++n) {
     EXPECT_EQ(morvotest::ReadFile(Work() + "/applog." + std::to_string(n)), Record(5 - n)) << n;
   }
-  std::string command = "rm -rf " + sinktest::Quoted(Archive(0)) + " " + sinktest::Quoted(Archive(1));
+  std::string command =
+      "rm -rf " + sinktest::Quoted(Archive(0)) + " " + sinktest::Quoted(Archive(1));
   ASSERT_EQ(system(command.c_str()), 0);
   // The kept members are packed before the next five move in.
   WriteRecords(sink, 6, 11);

@@ -4,6 +4,7 @@
 // through the sink, and the charger presence sequence.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -13,8 +14,6 @@
 #include <regex>
 #include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "collector/charger_event.h"
 #include "collector/group_support.h"
@@ -52,8 +51,8 @@ TEST_F(GroupRunner, APollWithoutIntervalWritesTheTitleRowAndOneRow) {
   WriteFile(root.Under("/sys/n/one"), "1");
   WriteFile(root.Under("/sys/n/one_head"), "One\n");
   WriteFile(root.Under("/sys/n/two"), "2\n");
-  std::string time = "DateTime", timeTitle = "Time", one = "/sys/n/one", oneHead = "/sys/n/one_head",
-              two = "/sys/n/two", twoTitle = "Two";
+  std::string time = "DateTime", timeTitle = "Time", one = "/sys/n/one",
+              oneHead = "/sys/n/one_head", two = "/sys/n/two", twoTitle = "Two";
   TavocatInputNodeSetT empty{};
   TavocatInputNodeSetT second{0, Text(two), nullptr, Text(twoTitle), nullptr, &empty};
   TavocatInputNodeSetT first{4, Text(one), Text(oneHead), nullptr, nullptr, &second};
@@ -168,10 +167,12 @@ TEST_F(GroupRunner, ACommandGroupRunsEachCommandEveryPass) {
   record.group.pollingInterval = 1;
   Tavocat group(&record.group, FACTORY_WRITE);
   ASSERT_TRUE(group.Start());
-  ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::Count(Output(), "state of power") == 2; }));
+  ASSERT_TRUE(
+      grouptest::WaitFor([&] { return grouptest::Count(Output(), "state of power") == 2; }));
   Stop(group);
-  std::regex passes("^(current time: <battery>[-0-9: ]+\r\nstate of battery\n"
-                    "current time: <power>[-0-9: ]+\r\nstate of power\n){2,3}$");
+  std::regex passes(
+      "^(current time: <battery>[-0-9: ]+\r\nstate of battery\n"
+      "current time: <power>[-0-9: ]+\r\nstate of power\n){2,3}$");
   EXPECT_TRUE(std::regex_match(Output(), passes)) << Output();
 }
 
@@ -198,7 +199,8 @@ TEST_F(GroupRunner, AnInputGroupWritesEventsThroughItsSink) {
   ASSERT_TRUE(grouptest::WaitFor([&] { return Output().find("KEY_POWER") != std::string::npos; }));
   Stop(group);
   close(fd);
-  std::regex text("^add device 1: " + fifo + "\n  name:     \"\"\n"
+  std::regex text("^add device 1: " + fifo +
+                  "\n  name:     \"\"\n"
                   "[-0-9 :]{15}\\[5\\.000006\\]  KEY_VOLUMEDOWN UP      \n "
                   "[-0-9 :]{15}\\[5\\.000007\\]  KEY_POWER DOWN    $");
   EXPECT_TRUE(std::regex_match(Output(), text)) << Output();
@@ -222,8 +224,8 @@ TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
   const struct {
     const char* type;
     bool changed;
-  } kSequence[] = {{"5", false},  {"5\n", false}, {"1", true},  {"1", false},
-                   {"5", true},   {"-1", false},  {"abc", true}, {"4", false}};
+  } kSequence[] = {{"5", false}, {"5\n", false}, {"1", true},   {"1", false},
+                   {"5", true},  {"-1", false},  {"abc", true}, {"4", false}};
   for (const auto& step : kSequence) {
     WriteFile(node, step.type);
     EXPECT_EQ(step.changed, ChargerTypeChanged()) << step.type;

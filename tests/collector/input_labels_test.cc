@@ -1,9 +1,8 @@
 // The generated label tables: the entry count of every table, the four
 // double names, and the lookups the monitor makes through them.
 
-#include <string.h>
-
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include "collector/event_labels.h"
 
@@ -19,8 +18,8 @@ TEST(InputLabels, EveryTableHasItsEntryCountAndAscendingValues) {
   const struct {
     int type;
     size_t entries;
-  } kTables[] = {{0, 4},  {1, 497}, {2, 10}, {3, 39}, {4, 5},  {5, 14},
-                 {17, 11}, {18, 3}, {20, 2}, {21, 16}, {23, 3}};
+  } kTables[] = {{0, 4},   {1, 497}, {2, 10}, {3, 39},  {4, 5}, {5, 14},
+                 {17, 11}, {18, 3},  {20, 2}, {21, 16}, {23, 3}};
   for (const auto& t : kTables) {
     const label* table = GetCodeLabel(t.type);
     ASSERT_NE(nullptr, table) << "type " << t.type;

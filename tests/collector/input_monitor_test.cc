@@ -4,28 +4,26 @@
 // lives through: short reads, a device at its end, a folder made late or
 // remade.
 
+#include "collector/input_monitor.h"
+
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <linux/uinput.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <pthread.h>
-#include <sys/ioctl.h>
 
 #include <functional>
 #include <mutex>
 #include <regex>
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "collector/input_monitor.h"
-#include "collector/wait_point.h"
 #include "collector/group_support.h"
+#include "collector/wait_point.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -95,8 +93,7 @@ TEST_F(InputMonitorText, CodesAndValuesUseShortNamesLabelsOrHex) {
   monitor.MonitorPrintEvent(0, 0, 0);
   monitor.MonitorPrintEvent(3, 0x3a, 7);
   EXPECT_EQ(0, collected.writes);
-  EXPECT_EQ(" X 00000010 ABS_MT_TOOL_TYPE MT_TOOL_ 0005 ffffffff S 00000000 P 00000007",
-            Flushed());
+  EXPECT_EQ(" X 00000010 ABS_MT_TOOL_TYPE MT_TOOL_ 0005 ffffffff S 00000000 P 00000007", Flushed());
 }
 
 TEST_F(InputMonitorText, OnlyThePowerKeyIsHandedOverAtOnce) {
@@ -181,9 +178,8 @@ class InputMonitorLoop : public ::testing::Test {
     if (fd < 0) return false;
     EXPECT_TRUE(grouptest::Send(fd, {7, 0, 1, 116, 1}));
     close(fd);
-    return grouptest::WaitFor([&] {
-      return collected.Text().find("[7.000000]  KEY_POWER DOWN") != std::string::npos;
-    });
+    return grouptest::WaitFor(
+        [&] { return collected.Text().find("[7.000000]  KEY_POWER DOWN") != std::string::npos; });
   }
   morvotest::TempRoot root;
   std::string dir;
@@ -209,15 +205,16 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
   ASSERT_TRUE(grouptest::Send(fd0, {100, 16676, 0, 0, 0}));
   ASSERT_TRUE(grouptest::Send(fd0, {100, 16676, 0, 0, 0}));
   ASSERT_TRUE(grouptest::Send(fd0, {100, 20000, 1, 116, 1}));
-  ASSERT_TRUE(grouptest::WaitFor([&] { return collected.Text().find("KEY_POWER") != std::string::npos; }));
+  ASSERT_TRUE(
+      grouptest::WaitFor([&] { return collected.Text().find("KEY_POWER") != std::string::npos; }));
   std::string text = collected.Text();
   EXPECT_EQ(0u, text.find("add device 1: " + first + "\n  name:     \"\"\n")) << text;
   const std::string stamp = "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d ";
-  std::regex lines(stamp + "\\[100\\.000001\\]  KEY_VOLUMEUP DOWN    \n " +
-                   stamp + "\\[100\\.000010\\]  S 00000000\n " +
-                   stamp + "\\[100\\.016676\\]  S 00000000\trate 60\n\n " +
-                   stamp + "\\[100\\.016676\\]  S 00000000\trate 0\n\n " +
-                   stamp + "\\[100\\.020000\\]  KEY_POWER DOWN    $");
+  std::regex lines(stamp + "\\[100\\.000001\\]  KEY_VOLUMEUP DOWN    \n " + stamp +
+                   "\\[100\\.000010\\]  S 00000000\n " + stamp +
+                   "\\[100\\.016676\\]  S 00000000\trate 60\n\n " + stamp +
+                   "\\[100\\.016676\\]  S 00000000\trate 0\n\n " + stamp +
+                   "\\[100\\.020000\\]  KEY_POWER DOWN    $");
   EXPECT_TRUE(std::regex_search(text, lines)) << text;
 
   ASSERT_EQ(0, mkfifo(second.c_str(), 0600));
@@ -225,9 +222,7 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
   ASSERT_GE(fd1, 0);
   unlink(first.c_str());
   // The removal closes the monitor's end: a write then finds no reader.
-  ASSERT_TRUE(grouptest::WaitFor([&] {
-    return write(fd0, "x", 1) < 0 && errno == EPIPE;
-  }));
+  ASSERT_TRUE(grouptest::WaitFor([&] { return write(fd0, "x", 1) < 0 && errno == EPIPE; }));
   Stop();
   EXPECT_EQ("", err.Text());
   EXPECT_EQ(2, monitor.DeviceCount());
@@ -347,7 +342,8 @@ std::string EventNodeOf(int uinput) {
     while (entries != nullptr && node.empty()) {
       struct dirent* entry = readdir(entries);
       if (entry == nullptr) break;
-      if (strncmp(entry->d_name, "event", 5) == 0) node = std::string("/dev/input/") + entry->d_name;
+      if (strncmp(entry->d_name, "event", 5) == 0)
+        node = std::string("/dev/input/") + entry->d_name;
     }
     if (entries != nullptr) closedir(entries);
     return !node.empty() && access(node.c_str(), F_OK) == 0;
@@ -388,7 +384,8 @@ TEST_F(InputMonitorLoop, ARealVirtualDeviceIsPickedByItsName) {
   ASSERT_TRUE(grouptest::WaitFor([&] { return monitor.DeviceCount() == 1; }));
   Stop();
   monitor.MonitorFlush();
-  EXPECT_EQ(0u, collected.Text().find("add device 1: " + dir + "/event0\n  name:     \"gpio-keys\"\n"));
+  EXPECT_EQ(0u,
+            collected.Text().find("add device 1: " + dir + "/event0\n  name:     \"gpio-keys\"\n"));
   EXPECT_NE(std::string::npos, collected.Text().find("remove device 1: " + dir + "/event0\n"));
 }
 

@@ -1,12 +1,12 @@
 // Memory-mapped mode: indexed files, the links P and P.1, pruning, restart,
 // and where rotations may fall.
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "sink_support.h"
 
@@ -155,8 +155,8 @@ TEST_F(MmapRotationTest, AVanishedCurrentFileIsMadeAgainWithEveryRecord) {
       {"deleted, looked for when due", 4096, unlinkFile, due, "two\n", 1},
       {"its folder removed", 4096, removeAll, due, "three\n", 1},
       // 4 + 1020 bytes reach 1 KiB: due, but the new file takes it whole.
-      {"its folder removed, a rotation due first", 1, removeAll, 0,
-       std::string(1019, 'r') + "\n", 1},
+      {"its folder removed, a rotation due first", 1, removeAll, 0, std::string(1019, 'r') + "\n",
+       1},
       {"deleted, the cache full first", 4096, unlinkFile, 0, std::string(999, 'c') + "\n", 600},
       {"replaced by a link", 4096, plant(morvotest::Plant::SYMLINK), due, "two\n", 1},
       {"replaced by a dangling link", 4096, plant(morvotest::Plant::DANGLING_LINK), due, "two\n",

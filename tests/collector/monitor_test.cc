@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
@@ -12,8 +13,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
 
 #include "collector/charger_event.h"
 #include "collector/group_support.h"
@@ -135,7 +134,7 @@ TEST_F(MonitorTest, DestroyingTheGroupStopsItsMonitor) {
   ASSERT_EQ(sink->LogcatWrite("kept\n", 5, true), 0);
   std::string file = sink->logFilePath;
   ASSERT_TRUE(OpensFlush(dir_, file, "kept\n"));  // the monitor is watching
-  delete sink;  // returns only once the monitor has been joined
+  delete sink;                                    // returns only once the monitor has been joined
   // A monitor still running would now flush a freed group.
   for (int i = 0; i < 20; ++i) OpenDir(dir_);
   Pause(100);
@@ -161,7 +160,7 @@ TEST_F(MonitorTest, AStoppedMonitorFlushesNoMore) {
 TEST_F(MonitorTest, MonitorsWithoutAWatchEndByThemselves) {
   GroupConfig config(base_, 4096, 10);
   TestSink sink(config, TavoCommon::FACTORY_WRITE);  // no monitor of its own
-  MonitorDir noFolder("applog");  // no '/': no folder to watch
+  MonitorDir noFolder("applog");                     // no '/': no folder to watch
   noFolder.SetupLogBase(&sink);
   ASSERT_TRUE(noFolder.Start());
   noFolder.Wait();
@@ -172,7 +171,6 @@ TEST_F(MonitorTest, MonitorsWithoutAWatchEndByThemselves) {
   ASSERT_TRUE(atRoot.Start());
   atRoot.Wait();
   EXPECT_EQ(GetCapturedStderr(), "could not add watch for \n");
-
 }
 
 // A folder missing when the monitor starts (made later at boot) or removed

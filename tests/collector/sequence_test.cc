@@ -3,6 +3,7 @@
 // doubled, no record split across two files.
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <time.h>
 
@@ -10,8 +11,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "sink_support.h"
 

@@ -5,6 +5,7 @@
 // from, its fields opened up, and ways to read back what it wrote (gzip
 // files through zcat, archives through tar).
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -12,8 +13,6 @@
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "collector/monitor_dir.h"
 #include "collector/tavobase.h"
@@ -28,8 +27,7 @@ namespace sinktest {
 
 // A group with its instance record.
 struct GroupConfig {
-  GroupConfig(const std::string& output, size_t rotateKbytes, size_t maxCompressd)
-      : path(output) {
+  GroupConfig(const std::string& output, size_t rotateKbytes, size_t maxCompressd) : path(output) {
     info.rotateSizeKbytes = rotateKbytes;
     info.maxCompressdFiles = maxCompressd;
     group.info = &info;
@@ -52,13 +50,13 @@ class TestSink : public Tavobase {
   using FileSet::maxFiles;
   using Tavobase::curFileSize;
   using Tavobase::dirMonitor;
+  using Tavobase::kRetryMillis;
   using Tavobase::logFd;
   using Tavobase::logFilePath;
   using Tavobase::prevLinkPath;
   using Tavobase::recordEnded;
   using Tavobase::rotateSizeKbytes;
   using Tavobase::tavoWriter;
-  using Tavobase::kRetryMillis;
 
   // Written at the top of every new file when set, in two writes as a
   // polling group's title row of columns is.
@@ -106,7 +104,8 @@ inline std::string Unzipped(const std::string& path) {
 
 // One member of a tar.gz archive.
 inline std::string TarMember(const std::string& archive, const std::string& member) {
-  return morvotest::CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) + " 2>/dev/null");
+  return morvotest::CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) +
+                                  " 2>/dev/null");
 }
 
 inline std::vector<std::string> TarMembers(const std::string& archive) {

@@ -2,6 +2,7 @@
 // preparation of its folder.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <regex.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -12,8 +13,6 @@
 #include <functional>
 #include <limits>
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "group_support.h"
 #include "sink_support.h"
@@ -103,10 +102,10 @@ TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
   std::string after = StampNow();
   std::string line = Written();
   regex_t shape;
-  ASSERT_EQ(regcomp(&shape,
-                    "^[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} hello world\n$",
-                    REG_EXTENDED),
-            0);
+  ASSERT_EQ(
+      regcomp(&shape, "^[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} hello world\n$",
+              REG_EXTENDED),
+      0);
   EXPECT_EQ(regexec(&shape, line.c_str(), 0, nullptr, 0), 0) << line;
   regfree(&shape);
   std::string stamp = line.substr(0, 14);
@@ -134,7 +133,8 @@ TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
       {lastOfMinute + 1, 0, "b", 0, StampOf(lastOfMinute + 1) + ".000 b\n"},
       {lastOfMinute + 1, 1999, "c", 0, StampOf(lastOfMinute + 1) + ".001 c\n"},
       {lastOfMinute, 42000, "set back", 0, StampOf(lastOfMinute) + ".042 set back\n"},
-      {lastOfMinute + 3600, 500000, longest, 0, StampOf(lastOfMinute + 3600) + ".500 " + longest + "\n"},
+      {lastOfMinute + 3600, 500000, longest, 0,
+       StampOf(lastOfMinute + 3600) + ".500 " + longest + "\n"},
       {lastOfMinute, 0, longest + "y", 1, ""},
       {noLocalTime, 0, "no local time", 0, "no local time\n"},
       {noLocalTime, 0, std::string(8190, 'z'), 0, std::string(8190, 'z') + "\n"},
@@ -234,9 +234,9 @@ TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
     TavoCommon::TypeWrite mode;
     size_t kept;
   };
-  for (const Case& c : {Case{5000, MMAP_WRITE, 1000}, Case{5000, FACTORY_WRITE, 200},
-                        Case{25, FACTORY_WRITE, 5}, Case{1, FACTORY_WRITE, 1},
-                        Case{0, FACTORY_WRITE, 0}, Case{7, MMAP_WRITE, 7}}) {
+  for (const Case& c :
+       {Case{5000, MMAP_WRITE, 1000}, Case{5000, FACTORY_WRITE, 200}, Case{25, FACTORY_WRITE, 5},
+        Case{1, FACTORY_WRITE, 1}, Case{0, FACTORY_WRITE, 0}, Case{7, MMAP_WRITE, 7}}) {
     GroupConfig config(base_, 64, c.configured);
     TestSink sink(config, c.mode);
     EXPECT_EQ(sink.maxFiles, c.kept) << c.configured;

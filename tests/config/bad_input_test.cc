@@ -3,9 +3,8 @@
 // deep nesting, huge files, things that are not files, and allocation
 // failures at every step.
 
-#include <sys/stat.h>
-
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <sstream>
 #include <string>
@@ -48,8 +47,8 @@ TEST_F(BadInputTest, MalformedXmlFailsWithOneLinePerDiagnostic) {
 }
 
 TEST_F(BadInputTest, FileWithoutRootOrEntriesFails) {
-  const char* files[] = {"", "<?xml version=\"1.0\"?>\n", "<!-- only a comment -->",
-                         "<config/>", "<config>text only</config>"};
+  const char* files[] = {"", "<?xml version=\"1.0\"?>\n", "<!-- only a comment -->", "<config/>",
+                         "<config>text only</config>"};
   for (const char* xml : files) {
     EXPECT_EQ(1, ParseXml(xml)) << xml;
     EXPECT_EQ(nullptr, info_.name) << xml;
@@ -57,9 +56,8 @@ TEST_F(BadInputTest, FileWithoutRootOrEntriesFails) {
 }
 
 TEST_F(BadInputTest, EmptyOrMissingAttributesFailValidation) {
-  EXPECT_EQ(1, ParseXml(Instance(Group(
-                   "<logStyle/><outputFilePath value=\"\"/>"
-                   "<inputNodeSet><dataPath value=\"\"/></inputNodeSet>"))));
+  EXPECT_EQ(1, ParseXml(Instance(Group("<logStyle/><outputFilePath value=\"\"/>"
+                                       "<inputNodeSet><dataPath value=\"\"/></inputNodeSet>"))));
   EXPECT_EQ(LOG_STYLE_NONE, GroupAt(0)->style);
   ASSERT_NE(nullptr, GroupAt(0)->outputFilePath);
   EXPECT_STREQ("", GroupAt(0)->outputFilePath) << "an empty value is kept as an empty string";
@@ -73,8 +71,8 @@ TEST_F(BadInputTest, EmptyOrMissingAttributesFailValidation) {
 
 TEST_F(BadInputTest, InstanceNameIsCutAt256Characters) {
   std::string name(300, 'n');
-  ASSERT_EQ(0, ParseXml(Instance(KmsgGroup(), "name=\"" + name + "\" platform=\"Qcom\""),
-                        name.c_str()));
+  ASSERT_EQ(
+      0, ParseXml(Instance(KmsgGroup(), "name=\"" + name + "\" platform=\"Qcom\""), name.c_str()));
   EXPECT_EQ(name.substr(0, 256), info_.name);
   EXPECT_NE(std::string::npos, err_.find("name              : " + name.substr(0, 256) + "\n"));
   TavoConfig::FreeConfigFile(&info_);
@@ -90,9 +88,9 @@ TEST_F(BadInputTest, DoctypeIsRefusedBeforeAnythingInIt) {
   morvotest::WriteFile(root_.Under("/secret"), "SECRET-TEXT");
   morvotest::WriteFile(root_.Under("/defaults.dtd"),
                        "<!ATTLIST outputFilePath value CDATA \"/from-dtd\">\n");
-  const std::string kUseEntity = Instance(Group(
-      "<logStyle value=\"monitor_node\"/><outputFilePath value=\"&e;\"/>"
-      "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"));
+  const std::string kUseEntity =
+      Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"&e;\"/>"
+                     "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"));
   const std::string cases[] = {
       "<!DOCTYPE config [<!ENTITY e SYSTEM \"file://" + root_.Under("/secret") + "\">]>\n" +
           kUseEntity,

@@ -1,12 +1,13 @@
 // The built-in instances: used only when the file is absent, never in
 // recovery, and never half-made.
 
+#include "config/builtin_config.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "config/alloc_failure.h"
-#include "config/builtin_config.h"
 #include "config/config_parser.h"
 #include "config/config_test_support.h"
 

@@ -1,11 +1,12 @@
 // Validation: every kind of incomplete tree fails, and the dump comes first;
 // tavocat-config gives the collector's verdict on any file.
 
+#include "config/config_check.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "config/config_check.h"
 #include "config/config_test_support.h"
 #include "config/config_tree.h"
 #include "config/parse_apart.h"
@@ -30,8 +31,11 @@ std::string GroupHead(size_t style, const char* path) {
          "pollingInterval   : 5\n"
          "failureRetry      : 2\n"
          "condition index   : 1\n"
-         "style             : " + std::to_string(style) + "\n"
-         "outputFilePath    : " + path + "\n";
+         "style             : " +
+         std::to_string(style) +
+         "\n"
+         "outputFilePath    : " +
+         path + "\n";
 }
 
 class ValidateTest : public ::testing::Test {
@@ -213,8 +217,8 @@ class VerdictTest : public configtest::ConfigTest {
   int CollectorVerdict(const std::string& path, const char* name) {
     TavocatInfoT info = {};
     testing::internal::CaptureStderr();
-    int result = ParseConfigFileApartAt(path.c_str(), name, &info) == 0 && IsRunnableConfig(info)
-                     ? 0 : 1;
+    int result =
+        ParseConfigFileApartAt(path.c_str(), name, &info) == 0 && IsRunnableConfig(info) ? 0 : 1;
     testing::internal::GetCapturedStderr();
     FreeConfigFile(&info);
     return result;
@@ -226,7 +230,8 @@ TEST_F(VerdictTest, CheckerAndCollectorAgreeOnEveryFile) {
   std::string source = configtest::EnvOr("MORVO_SOURCE_DIR", ".");
   std::string corpus = source + "/fuzz/corpus/config_fuzzer/";
   std::string doctype = root_.Under("/doctype.xml");
-  morvotest::WriteFile(doctype, "<!DOCTYPE config>\n" + configtest::Instance(configtest::KmsgGroup()));
+  morvotest::WriteFile(doctype,
+                       "<!DOCTYPE config>\n" + configtest::Instance(configtest::KmsgGroup()));
   const int kAny = -1;
   const struct {
     std::string path;
@@ -247,7 +252,8 @@ TEST_F(VerdictTest, CheckerAndCollectorAgreeOnEveryFile) {
     std::string out, err;
     int collector = CollectorVerdict(c.path, c.name);
     EXPECT_EQ(collector, RunTool(std::string(c.name) + " " + c.path, &out, &err))
-        << c.path << " " << c.name << "\n" << err;
+        << c.path << " " << c.name << "\n"
+        << err;
     if (c.verdict != kAny) {
       EXPECT_EQ(c.verdict, collector) << c.path << " " << c.name;
     }
@@ -258,8 +264,8 @@ TEST_F(VerdictTest, CheckerAndCollectorAgreeOnEveryFile) {
 }
 
 TEST_F(VerdictTest, CheckerSaysWhyTheCollectorRefusesTwoTriggerGroups) {
-  std::string path = configtest::EnvOr("MORVO_SOURCE_DIR", ".") +
-                     "/fuzz/corpus/config_fuzzer/two_triggers.xml";
+  std::string path =
+      configtest::EnvOr("MORVO_SOURCE_DIR", ".") + "/fuzz/corpus/config_fuzzer/two_triggers.xml";
   std::string out, err;
   EXPECT_EQ(1, RunTool("chargelogcat " + path, &out, &err));
   EXPECT_NE(std::string::npos,

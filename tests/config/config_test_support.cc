@@ -54,8 +54,8 @@ std::string BillionLaughs() {
 std::string QuadraticBlowup() {
   std::string refs;
   for (int i = 0; i < 2000; ++i) refs += "&b;";
-  return "<!DOCTYPE config [<!ENTITY b \"" + std::string(100000, 'b') + "\"><!ENTITY e \"" +
-         refs + "\">]>\n";
+  return "<!DOCTYPE config [<!ENTITY b \"" + std::string(100000, 'b') + "\"><!ENTITY e \"" + refs +
+         "\">]>\n";
 }
 
 std::string Utf16(const std::string& text) {

@@ -1,11 +1,11 @@
 // The tree's building blocks: string copies and the release of records.
 
-#include <string.h>
+#include "config/config_tree.h"
 
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include "config/alloc_failure.h"
-#include "config/config_tree.h"
 
 namespace {
 
@@ -87,8 +87,8 @@ TEST(FreeConfigFileTest, FreesEveryStyleOfGroupAndZeroFillsTheRoot) {
   info.maxCompressdFiles = 3;
   info.writeMode = FACTORY_WRITE;
   TavocatGroupT** tail = &info.groups;
-  for (LogStyle style : {MONITOR_NODE, MONITOR_DIR, POLL_NODE, POLL_CMD, COND_TRIGGER,
-                         LOG_STYLE_NONE}) {
+  for (LogStyle style :
+       {MONITOR_NODE, MONITOR_DIR, POLL_NODE, POLL_CMD, COND_TRIGGER, LOG_STYLE_NONE}) {
     *tail = NewGroup(&info, style);
     tail = &(*tail)->next;
   }

@@ -4,7 +4,10 @@
 // parse in this process, and the child is bounded in time and memory, ends
 // with its parent and delivers a tree of any size.
 
+#include "config/config_wire.h"
+
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -15,15 +18,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
 
 #include "config/alloc_failure.h"
 #include "config/config_check.h"
 #include "config/config_test_support.h"
-#include "config/config_wire.h"
 #include "config/parse_apart.h"
 
 namespace {
@@ -186,9 +186,9 @@ TEST_F(ApartTest, AnAbsentFileGivesTheBuiltInInstance) {
 }
 
 TEST_F(ApartTest, EntityBombsAreRefusedAtTheDeclaration) {
-  const std::string use = Instance(Group(
-      "<logStyle value=\"monitor_node\"/><outputFilePath value=\"&e;\"/>"
-      "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"));
+  const std::string use =
+      Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"&e;\"/>"
+                     "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"));
   for (const std::string& doctype : {BillionLaughs(), QuadraticBlowup()}) {
     WriteConfig(doctype + use);
     EXPECT_EQ(1, ParseApart("kmsglogcat"));

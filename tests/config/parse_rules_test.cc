@@ -21,8 +21,8 @@ TEST_F(NumberRuleTest, ReadsLikeAtoiAndIgnoresNegatives) {
   struct Case {
     const char* value;
     size_t expected;
-  } cases[] = {{"4096", 4096}, {"12abc", 12}, {"abc", 0},  {"  +8", 8},
-               {"", 0},        {"-5", 7},     {"-0", 0},   {"0x10", 0}};
+  } cases[] = {{"4096", 4096}, {"12abc", 12}, {"abc", 0}, {"  +8", 8},
+               {"", 0},        {"-5", 7},     {"-0", 0},  {"0x10", 0}};
   for (const Case& c : cases) {
     TavoConfig::FreeConfigFile(&info_);
     // A first element sets 7, so an ignored value shows as 7.
@@ -32,18 +32,20 @@ TEST_F(NumberRuleTest, ReadsLikeAtoiAndIgnoresNegatives) {
 }
 
 TEST_F(NumberRuleTest, ElementWithoutValueLeavesTheField) {
-  ASSERT_EQ(0, ParseXml(Instance("<maxCompressdFiles value=\"9\"/><maxCompressdFiles/>" +
-                                 KmsgGroup())));
+  ASSERT_EQ(
+      0, ParseXml(Instance("<maxCompressdFiles value=\"9\"/><maxCompressdFiles/>" + KmsgGroup())));
   EXPECT_EQ(9u, info_.maxCompressdFiles);
 }
 
 TEST_F(NumberRuleTest, LogStyleAttributesFollowTheRuleAndAreReadOnlyWhenPresent) {
-  ASSERT_EQ(0, ParseXml(Instance(Group(
-                   "<logStyle value=\"poll_cmd\" interval=\"30\" cond_index=\"2\" "
-                   "failureRetry=\"4x\"/>"
-                   "<logStyle value=\"poll_cmd\" interval=\"-1\" failureRetry=\"-3\"/>"
-                   "<outputFilePath value=\"/o\"/>"
-                   "<inputCmdSet><command value=\"battery\"/></inputCmdSet>")))) << err_;
+  ASSERT_EQ(
+      0,
+      ParseXml(Instance(Group("<logStyle value=\"poll_cmd\" interval=\"30\" cond_index=\"2\" "
+                              "failureRetry=\"4x\"/>"
+                              "<logStyle value=\"poll_cmd\" interval=\"-1\" failureRetry=\"-3\"/>"
+                              "<outputFilePath value=\"/o\"/>"
+                              "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"))))
+      << err_;
   TavocatGroupT* group = GroupAt(0);
   EXPECT_EQ(30u, group->pollingInterval);
   EXPECT_EQ(2u, group->condIndex);
@@ -51,23 +53,25 @@ TEST_F(NumberRuleTest, LogStyleAttributesFollowTheRuleAndAreReadOnlyWhenPresent)
 }
 
 TEST_F(NumberRuleTest, FirstNonZeroWidthWins) {
-  ASSERT_EQ(0, ParseXml(Instance(Group(
-                   "<logStyle value=\"poll_node\"/><outputFilePath value=\"/o\"/>"
-                   "<inputNodeSet><dataPath value=\"/a\"/><width value=\"0\"/>"
-                   "<width value=\"-3\"/><width value=\"7\"/><width value=\"9\"/>"
-                   "</inputNodeSet>"))));
+  ASSERT_EQ(0,
+            ParseXml(Instance(Group("<logStyle value=\"poll_node\"/><outputFilePath value=\"/o\"/>"
+                                    "<inputNodeSet><dataPath value=\"/a\"/><width value=\"0\"/>"
+                                    "<width value=\"-3\"/><width value=\"7\"/><width value=\"9\"/>"
+                                    "</inputNodeSet>"))));
   EXPECT_EQ(7u, NodesOf(0)->width);
 }
 
 class WinsTest : public ConfigTest {};
 
 TEST_F(WinsTest, RootSettingsAndOutputPathLastOneWins) {
-  ASSERT_EQ(0, ParseXml(Instance(
-                   Rotate("1") + Rotate("2") + "<maxCompressdFiles value=\"3\"/>" +
-                   "<maxCompressdFiles value=\"4\"/>" +
-                   Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/first\"/>"
-                         "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
-                         "<outputFilePath value=\"/second\"/><outputFilePath/>")))) << err_;
+  ASSERT_EQ(
+      0,
+      ParseXml(Instance(Rotate("1") + Rotate("2") + "<maxCompressdFiles value=\"3\"/>" +
+                        "<maxCompressdFiles value=\"4\"/>" +
+                        Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/first\"/>"
+                              "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
+                              "<outputFilePath value=\"/second\"/><outputFilePath/>"))))
+      << err_;
   EXPECT_EQ(2u, info_.rotateSizeKbytes);
   EXPECT_EQ(4u, info_.maxCompressdFiles);
   EXPECT_STREQ("/second", GroupAt(0)->outputFilePath);
@@ -81,7 +85,8 @@ TEST_F(WinsTest, NodeStringsFirstOneWinsAndListsKeepDocumentOrder) {
                    "<title value=\"T1\"/><title value=\"T2\"/>"
                    "<alterdataPath value=\"/a1\"/><alterdataPath/>"
                    "<alterdataPath value=\"/a2\"/></inputNodeSet>"
-                   "<inputNodeSet><alterdataPath value=\"/b\"/></inputNodeSet>")))) << err_;
+                   "<inputNodeSet><alterdataPath value=\"/b\"/></inputNodeSet>"))))
+      << err_;
   TavocatInputNodeSetT* node = NodesOf(0);
   EXPECT_STREQ("/d1", node->dataPath);
   EXPECT_STREQ("/t1", node->titlePath);
@@ -104,11 +109,12 @@ TEST_F(WinsTest, DirSetFirstPathWinsAndPickNodesAppend) {
 }
 
 TEST_F(WinsTest, EachCmdSetKeepsItsFirstCommandInDocumentOrder) {
-  ASSERT_EQ(0, ParseXml(Instance(Group(
-                   "<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>"
-                   "<inputCmdSet><command value=\"battery\"/><command value=\"power\"/>"
-                   "</inputCmdSet><inputCmdSet><!-- c --><command value=\"wifi\"/>"
-                   "</inputCmdSet>"))));
+  ASSERT_EQ(
+      0,
+      ParseXml(Instance(Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>"
+                              "<inputCmdSet><command value=\"battery\"/><command value=\"power\"/>"
+                              "</inputCmdSet><inputCmdSet><!-- c --><command value=\"wifi\"/>"
+                              "</inputCmdSet>"))));
   auto* cmd = static_cast<TavocatInputCmdSetT*>(GroupAt(0)->inputSet);
   EXPECT_STREQ("battery", cmd->command);
   ASSERT_NE(nullptr, cmd->next);
@@ -117,9 +123,10 @@ TEST_F(WinsTest, EachCmdSetKeepsItsFirstCommandInDocumentOrder) {
 }
 
 TEST_F(WinsTest, CmdSetWhoseFirstCommandHasNoValueFailsValidation) {
-  EXPECT_EQ(1, ParseXml(Instance(Group(
-                   "<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>"
-                   "<inputCmdSet><command/><command value=\"power\"/></inputCmdSet>"))));
+  EXPECT_EQ(
+      1,
+      ParseXml(Instance(Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>"
+                              "<inputCmdSet><command/><command value=\"power\"/></inputCmdSet>"))));
   EXPECT_NE(std::string::npos, err_.find("command           : nullptr\n"));
 }
 
@@ -132,10 +139,10 @@ TEST_F(WinsTest, FirstMatchingTavocatEntryIsUsed) {
 }
 
 TEST_F(WinsTest, GroupsKeepDocumentOrder) {
-  ASSERT_EQ(0, ParseXml(Instance(
-                   KmsgGroup() +
-                   Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/two\"/>"
-                         "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"))));
+  ASSERT_EQ(0,
+            ParseXml(Instance(KmsgGroup() +
+                              Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/two\"/>"
+                                    "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"))));
   ASSERT_EQ(2u, GroupCount());
   EXPECT_EQ(MONITOR_NODE, GroupAt(0)->style);
   EXPECT_EQ(POLL_CMD, GroupAt(1)->style);
@@ -163,19 +170,21 @@ TEST_F(OrderRuleTest, SourcesBeforeLogStyleAreDroppedSilently) {
 }
 
 TEST_F(OrderRuleTest, SourcesOfAnotherStyleAreIgnored) {
-  EXPECT_EQ(1, ParseXml(Instance(Group(
-                   "<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>"
-                   "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
-                   "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"))));
+  EXPECT_EQ(
+      1,
+      ParseXml(Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>"
+                              "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
+                              "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"))));
   EXPECT_EQ(nullptr, GroupAt(0)->inputSet);
 }
 
 TEST_F(OrderRuleTest, StyleDoesNotChangeOnceSourcesAreHeld) {
-  ASSERT_EQ(0, ParseXml(Instance(Group(
-                   "<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>"
-                   "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
-                   "<logStyle value=\"poll_cmd\" interval=\"9\"/>"
-                   "<inputCmdSet><command value=\"battery\"/></inputCmdSet>")))) << err_;
+  ASSERT_EQ(
+      0, ParseXml(Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>"
+                                 "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
+                                 "<logStyle value=\"poll_cmd\" interval=\"9\"/>"
+                                 "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"))))
+      << err_;
   TavocatGroupT* group = GroupAt(0);
   EXPECT_EQ(MONITOR_NODE, group->style);
   EXPECT_STREQ("/proc/kmsg", NodesOf(0)->dataPath);
@@ -185,31 +194,32 @@ TEST_F(OrderRuleTest, StyleDoesNotChangeOnceSourcesAreHeld) {
 }
 
 TEST_F(OrderRuleTest, StyleMayChangeBeforeAnySource) {
-  ASSERT_EQ(0, ParseXml(Instance(Group(
-                   "<logStyle value=\"poll_cmd\"/><logStyle value=\"cond_trigger\"/>"
-                   "<outputFilePath value=\"/o\"/>"
-                   "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"))));
+  ASSERT_EQ(
+      0, ParseXml(Instance(Group("<logStyle value=\"poll_cmd\"/><logStyle value=\"cond_trigger\"/>"
+                                 "<outputFilePath value=\"/o\"/>"
+                                 "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"))));
   EXPECT_EQ(COND_TRIGGER, GroupAt(0)->style);
 }
 
 TEST_F(OrderRuleTest, SecondDirSetIsReportedAndSkipped) {
-  ASSERT_EQ(0, ParseXml(Instance(Group(
-                   "<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/o\"/>"
-                   "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"
-                   "<inputDirSet><inputDirPath value=\"/other\"/></inputDirSet>"))));
-  EXPECT_STREQ("/dev/input",
-               static_cast<TavocatInputDirSetT*>(GroupAt(0)->inputSet)->inputDirPath);
+  ASSERT_EQ(
+      0, ParseXml(Instance(Group("<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/o\"/>"
+                                 "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"
+                                 "<inputDirSet><inputDirPath value=\"/other\"/></inputDirSet>"))));
+  EXPECT_STREQ("/dev/input", static_cast<TavocatInputDirSetT*>(GroupAt(0)->inputSet)->inputDirPath);
   EXPECT_EQ(0u, err_.find("Only support one inputDirSet!\n")) << err_;
 }
 
 class UnknownElementTest : public ConfigTest {};
 
 TEST_F(UnknownElementTest, GroupChildrenAreReportedOthersIgnoredSilently) {
-  ASSERT_EQ(0, ParseXml(Instance(
-                   "<extra value=\"1\"/>text<!-- note -->" +
-                   Group("<LogStyle value=\"poll_cmd\"/><logStyle value=\"monitor_node\"/>"
-                         "<outputFilePath value=\"/o\"/><inputNodeSet><dataPath value=\"/a\"/>"
-                         "<bogus/></inputNodeSet><colour value=\"red\"/>")))) << err_;
+  ASSERT_EQ(
+      0,
+      ParseXml(Instance("<extra value=\"1\"/>text<!-- note -->" +
+                        Group("<LogStyle value=\"poll_cmd\"/><logStyle value=\"monitor_node\"/>"
+                              "<outputFilePath value=\"/o\"/><inputNodeSet><dataPath value=\"/a\"/>"
+                              "<bogus/></inputNodeSet><colour value=\"red\"/>"))))
+      << err_;
   EXPECT_EQ(0u, err_.find("Unsupport tavocatGroup para [LogStyle]!\n"
                           "Unsupport tavocatGroup para [colour]!\n"
                           "------------- printTavocatInfo begin"))
@@ -218,9 +228,9 @@ TEST_F(UnknownElementTest, GroupChildrenAreReportedOthersIgnoredSilently) {
 }
 
 TEST_F(UnknownElementTest, UnknownStyleNameLeavesNoStyleAndFails) {
-  EXPECT_EQ(1, ParseXml(Instance(Group(
-                   "<logStyle value=\"Monitor_node\"/><outputFilePath value=\"/o\"/>"
-                   "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"))));
+  EXPECT_EQ(
+      1, ParseXml(Instance(Group("<logStyle value=\"Monitor_node\"/><outputFilePath value=\"/o\"/>"
+                                 "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"))));
   EXPECT_EQ(LOG_STYLE_NONE, GroupAt(0)->style);
   EXPECT_EQ(nullptr, GroupAt(0)->inputSet);
   EXPECT_NE(std::string::npos, err_.find("style             : 0\n"));

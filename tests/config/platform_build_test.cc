@@ -1,9 +1,8 @@
 // The platform match, the build and mode probes, and the write-mode rule on
 // each kind of build.
 
-#include <libxml/tree.h>
-
 #include <gtest/gtest.h>
+#include <libxml/tree.h>
 
 #include <string>
 
@@ -32,9 +31,9 @@ TEST_F(PlatformTest, HardwareNameGivesThePlatformFirstTestWins) {
   struct Case {
     const char* hardware;
     const char* platform;
-  } cases[] = {{"qcom", "Qcom"},        {"qcom-mt6789", "Qcom"}, {"zuma-qcom", "Zeru"},
-               {"mt6789", "Mtk"},       {"zeus", "Zeru"},        {"kirin", ""},
-               {"QCOM", ""},            {"z", ""},               {"", ""}};
+  } cases[] = {{"qcom", "Qcom"}, {"qcom-mt6789", "Qcom"}, {"zuma-qcom", "Zeru"}, {"mt6789", "Mtk"},
+               {"zeus", "Zeru"}, {"kirin", ""},           {"QCOM", ""},          {"z", ""},
+               {"", ""}};
   EXPECT_EQ("", GetPlatformInfo());
   for (const Case& c : cases) {
     SetProp("ro.hardware", c.hardware);
@@ -65,7 +64,8 @@ TEST_F(PlatformTest, KnownPlatformMustOccurCaseSensitively) {
 TEST_F(PlatformTest, FileKeepsTheEntryOfThisPlatform) {
   std::string xml =
       "<config>"
-      "<tavocat name=\"kmsglogcat\"><maxCompressdFiles value=\"1\"/>" + KmsgGroup() +
+      "<tavocat name=\"kmsglogcat\"><maxCompressdFiles value=\"1\"/>" +
+      KmsgGroup() +
       "</tavocat>"
       "<tavocat name=\"kmsglogcat\" platform=\"Mtk\"><maxCompressdFiles value=\"2\"/>" +
       KmsgGroup() +

@@ -1,6 +1,7 @@
 // The rules every owner of a file set shares: names, scan, ordering, next
 // index, forming and pruning. Each test runs once per owner.
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <time.h>
 #include <unistd.h>
@@ -9,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "set_owners.h"
 #include "support/planted.h"
 
@@ -18,8 +17,8 @@ namespace {
 
 using settest::Indices;
 using settest::MakeSetFile;
-using settest::SetName;
 using settest::SetFilesIn;
+using settest::SetName;
 using settest::StampAfter;
 using settest::WholeGzip;
 using testing::internal::CaptureStderr;
@@ -33,12 +32,12 @@ TYPED_TEST_SUITE(FileSetTest, settest::SetOwners);
 TYPED_TEST(FileSetTest, FieldsAreTakenOnlyFromNamesOfTheSetLength) {
   TypeParam set(this->base_, 10);
   EXPECT_EQ("cde", set.GetInterger("abcdef", 6, 2, 3));
-  EXPECT_EQ("", set.GetInterger("abcdef", 7, 2, 3));      // length differs
-  EXPECT_EQ("", set.GetInterger("abcdef", 6, 5, 3));      // field ends past the name
-  EXPECT_EQ("f", set.GetInterger("abcdef", 6, 5, 2));     // ends one past: cut short
-  EXPECT_EQ("", set.GetInterger("abcdef", 6, 6, 1));      // starts at the end
+  EXPECT_EQ("", set.GetInterger("abcdef", 7, 2, 3));            // length differs
+  EXPECT_EQ("", set.GetInterger("abcdef", 6, 5, 3));            // field ends past the name
+  EXPECT_EQ("f", set.GetInterger("abcdef", 6, 5, 2));           // ends one past: cut short
+  EXPECT_EQ("", set.GetInterger("abcdef", 6, 6, 1));            // starts at the end
   EXPECT_EQ("", set.GetInterger("abcdef", 6, 0xFFFFFFFFu, 2));  // sum wraps to 0
-  EXPECT_EQ("", set.GetInterger("abcdef", 6, 0, 0));      // 0 - 1 wraps to the top
+  EXPECT_EQ("", set.GetInterger("abcdef", 6, 0, 0));            // 0 - 1 wraps to the top
 
   std::string name = SetName(this->base_, 7, "20240105-081502");
   EXPECT_EQ(this->base_ + ".I007.20240105-081502.gz", name);
@@ -92,10 +91,10 @@ TYPED_TEST(FileSetTest, SortingIsByteOrderSoIndexThenStamp) {
                                     SetName(b, 1, "20250101-000000"),
                                     SetName(b, 1, "20240101-000000")};
   std::sort(names.begin(), names.end(), TypeParam::SortByEarlyTime);
-  EXPECT_EQ((std::vector<std::string>{SetName(b, 1, "20240101-000000"),
-                                      SetName(b, 1, "20250101-000000"),
-                                      SetName(b, 2, "20240101-000000")}),
-            names);
+  EXPECT_EQ(
+      (std::vector<std::string>{SetName(b, 1, "20240101-000000"), SetName(b, 1, "20250101-000000"),
+                                SetName(b, 2, "20240101-000000")}),
+      names);
 }
 
 TYPED_TEST(FileSetTest, ScanCollectsOnlyRegularFilesOfTheSetLength) {
@@ -103,10 +102,10 @@ TYPED_TEST(FileSetTest, ScanCollectsOnlyRegularFilesOfTheSetLength) {
   std::string wanted1 = MakeSetFile(b, 1);
   std::string wanted2 = MakeSetFile(b, 2);
   std::string oddIndex = MakeSetFile(b, 0, "2024010X-08150Y");
-  morvotest::WriteFile(b + ".Iabc.20240105-081502.gz", "x");    // collected: length only
-  morvotest::WriteFile(b + ".I01.20240105-081502.gz", "x");     // one short
-  morvotest::WriteFile(b + ".I0001.20240105-081502.gz", "x");   // one long
-  morvotest::WriteFile(b + ".I003.20240105-081502.xz", "x");    // no ".gz"
+  morvotest::WriteFile(b + ".Iabc.20240105-081502.gz", "x");   // collected: length only
+  morvotest::WriteFile(b + ".I01.20240105-081502.gz", "x");    // one short
+  morvotest::WriteFile(b + ".I0001.20240105-081502.gz", "x");  // one long
+  morvotest::WriteFile(b + ".I003.20240105-081502.xz", "x");   // no ".gz"
   morvotest::WriteFile(this->dir_ + "/apples.I004.20240105-081502.gz", "x");  // other base
   morvotest::WriteFile(b + "-1.tar.gz", "x");
   morvotest::WriteFile(b + ".1", "x");
@@ -117,8 +116,7 @@ TYPED_TEST(FileSetTest, ScanCollectsOnlyRegularFilesOfTheSetLength) {
   EXPECT_EQ(0, set.ScanDir(0, this->dir_, "applog"));
   std::vector<std::string> found = set.fileVec;
   std::sort(found.begin(), found.end());
-  std::vector<std::string> expected = {oddIndex, wanted1, wanted2,
-                                       b + ".Iabc.20240105-081502.gz"};
+  std::vector<std::string> expected = {oddIndex, wanted1, wanted2, b + ".Iabc.20240105-081502.gz"};
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(expected, found);
 }
@@ -234,8 +232,8 @@ TYPED_TEST(FileSetTest, OrderingTableRowByRow) {
     SCOPED_TRACE(row.what);
     std::vector<std::string> list;
     for (int index : row.sorted) {
-      list.push_back(SetName(this->base_, index,
-                             index == row.newest ? "20240301-000000" : "20240101-000000"));
+      list.push_back(
+          SetName(this->base_, index, index == row.newest ? "20240301-000000" : "20240101-000000"));
     }
     set.AdjustFileVecOrder(list);
     EXPECT_EQ(row.expected, Indices(set, list));
@@ -245,8 +243,8 @@ TYPED_TEST(FileSetTest, OrderingTableRowByRow) {
 TYPED_TEST(FileSetTest, OrderedListsOfConsecutiveIndicesStayAsTheyAre) {
   TypeParam set(this->base_, 10);
   for (const std::vector<int>& order :
-       {std::vector<int>{5}, std::vector<int>{997, 998, 999, 0, 1},
-        std::vector<int>{998, 999, 0}, std::vector<int>{10, 11, 12}}) {
+       {std::vector<int>{5}, std::vector<int>{997, 998, 999, 0, 1}, std::vector<int>{998, 999, 0},
+        std::vector<int>{10, 11, 12}}) {
     std::vector<std::string> list;
     for (int index : order) list.push_back(SetName(this->base_, index, "20240101-000000"));
     set.AdjustFileVecOrder(list);
@@ -402,8 +400,7 @@ TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
 
 // The 1000 names of a set that holds every index, in writing order: the
 // oldest has the index after the newest's. perSecond files share a stamp.
-std::vector<std::string> FullSetInWritingOrder(const std::string& base, int newest,
-                                               int perSecond) {
+std::vector<std::string> FullSetInWritingOrder(const std::string& base, int newest, int perSecond) {
   std::vector<std::string> names;
   for (int k = 0; k < 1000; ++k) {
     names.push_back(SetName(base, (newest + 1 + k) % 1000, StampAfter(k / perSecond)));
@@ -431,7 +428,8 @@ TYPED_TEST(FileSetTest, FullSetOfEveryIndexIsOrderedByItsStamps) {
   TypeParam set(this->base_, 0);
   for (const FullSetRow& row : kFullSets) {
     SCOPED_TRACE(row.what);
-    std::vector<std::string> written = FullSetInWritingOrder(this->base_, row.newest, row.perSecond);
+    std::vector<std::string> written =
+        FullSetInWritingOrder(this->base_, row.newest, row.perSecond);
     std::vector<std::string> list = written;
     std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
     set.AdjustFileVecOrder(list);
@@ -554,13 +552,15 @@ TYPED_TEST(FileSetTest, ScanMatchesTheSetsOwnNamesNotTheFolder) {
     std::string collected;
   };
   const std::vector<Row> rows = {
-      {"/data/log", "log",
+      {"/data/log",
+       "log",
        {"applog.I001.20240105-081502.gz", "applog-3.tar.gz", "kmsg.gz",
         "abc.I001.20240105-081502.gz", "logcat.I001.20240105-081502.gz",
         "log-kernel.I001.20240105-081502.gz", "log-kernel-0.tar.gz", "log.gz"},
        {"log.I01.20240105-081502.gz", "log-12.tar.gz"},
        "log.I001.20240105-081502.gz"},
-      {"/data/log/charge-log", "charge-log",
+      {"/data/log/charge-log",
+       "charge-log",
        {"kernel.I001.20240105-081502.gz", "bugreport.tar.gz", "charge-log_old.gz",
         "charge-log-x.tar.gz", "xxxxxxxxxx.I001.20240105-081502.gz"},
        {"charge-log.I1.20240105-081502.gz", "charge-log-5.tar.gz"},

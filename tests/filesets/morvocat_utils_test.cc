@@ -1,6 +1,7 @@
 // The reader's rotating writer over the real memory-mapped writer: start-up
 // over an existing folder, rotation, restarts, wrap-around and pruning.
 
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <unistd.h>
 
@@ -8,11 +9,9 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "set_owners.h"
-#include "support/planted.h"
 #include "support/gzip_text.h"
+#include "support/planted.h"
 
 namespace {
 
@@ -256,8 +255,8 @@ TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {
 TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
   const std::string victim = root_.Under("/victim");
   int set = 0;
-  for (morvotest::Plant plant : {morvotest::Plant::HARD_LINK, morvotest::Plant::SYMLINK,
-                                 morvotest::Plant::FIFO}) {
+  for (morvotest::Plant plant :
+       {morvotest::Plant::HARD_LINK, morvotest::Plant::SYMLINK, morvotest::Plant::FIFO}) {
     SCOPED_TRACE(morvotest::NameOf(plant));
     morvotest::MakeVictim(victim);
     const std::string base = dir_ + "/planted" + std::to_string(set++);

@@ -2,10 +2,10 @@
 // differ: old-style names and their sweep, continuing an empty newest file,
 // forming and pruning in the numbered scheme, and the 1000-file cap.
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "set_owners.h"
 #include "support/planted.h"

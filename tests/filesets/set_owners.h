@@ -4,6 +4,7 @@
 // The owners of a file set as the tests see them: each opens up the set's
 // fields. The shared tests run once per owner listed in SetOwners.
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -13,8 +14,6 @@
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"

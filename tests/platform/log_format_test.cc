@@ -1,3 +1,6 @@
+#include "platform/log_format.h"
+
+#include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdint.h>
@@ -8,10 +11,6 @@
 
 #include <string>
 #include <thread>
-
-#include <gtest/gtest.h>
-
-#include "platform/log_format.h"
 
 namespace {
 
@@ -98,8 +97,8 @@ TEST_F(FilterTest, LastRuleForATagWins) {
 
 TEST_F(FilterTest, MalformedExpressionsChangeNothing) {
   ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "*:E Foo:W"));
-  const char* bad[] = {":V", "Foo:", "Foo:X", "Foo:VV", "Foo:V:", "Foo::V", "a:b:c",
-                       ":",  "*:",   "*:Q",   "Bar:1",  "ok:V Foo:V *:V bad:"};
+  const char* bad[] = {":V",    "Foo:", "Foo:X", "Foo:VV", "Foo:V:", "Foo::V",
+                       "a:b:c", ":",    "*:",    "*:Q",    "Bar:1",  "ok:V Foo:V *:V bad:"};
   for (const char* text : bad) {
     EXPECT_LT(qdlogging_log_addFilterString(format_, text), 0) << text;
     EXPECT_LT(qdlogging_log_addFilterRule(format_, text), 0) << text;

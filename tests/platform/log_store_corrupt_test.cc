@@ -3,6 +3,7 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,8 +14,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/log_ring.h"
 #include "platform/logger.h"
@@ -45,9 +44,8 @@ bool OpensAsReader(log_id_t id) { return OpenList(kDrain, 0, 0, {id}) != nullptr
 // Writes from a child process, so that this process keeps no mapping of a
 // file that the test then cuts short under it.
 bool WriteInChild(log_id_t id, const char* message) {
-  pid_t child = morvotest::RunChild([id, message] {
-    return qd_log_write(id, QD_LOG_INFO, "t", message) > 0 ? 0 : 1;
-  });
+  pid_t child = morvotest::RunChild(
+      [id, message] { return qd_log_write(id, QD_LOG_INFO, "t", message) > 0 ? 0 : 1; });
   return morvotest::WaitChild(child) == 0;
 }
 
@@ -190,7 +188,7 @@ struct DamageCase {
   long capacity;  // 0: the default ring
   int size;       // of every record
   int count;
-  int first;      // the oldest record the ring still holds
+  int first;  // the oldest record the ring still holds
   std::vector<int> damaged;
   RecordDamage damage;
   int reports;
@@ -201,12 +199,19 @@ std::vector<DamageCase> DamageCases() {
   for (const RecordDamage& damage : kRecordDamages) {
     cases.push_back({"one in the middle", 0, 100, 10, 0, {4}, damage, 1});
   }
-  cases.push_back({"two side by side and one more", 0, 100, 12, 0, {2, 3, 8}, kLengthBeyondLimit, 2});
+  cases.push_back(
+      {"two side by side and one more", 0, 100, 12, 0, {2, 3, 8}, kLengthBeyondLimit, 2});
   cases.push_back({"the first", 0, 100, 5, 0, {0}, kLengthBeyondLimit, 1});
   cases.push_back({"the last", 0, 100, 5, 0, {4}, kLengthBeyondLimit, 1});
   cases.push_back({"header across the ring's end", 4096, 102, 50, 10, {40}, kLengthBeyondLimit, 1});
-  cases.push_back({"terminator across the ring's end", 4096, 100, 50, 10, {40},
-                   {"unterminated message", 99, {'z'}}, 1});
+  cases.push_back({"terminator across the ring's end",
+                   4096,
+                   100,
+                   50,
+                   10,
+                   {40},
+                   {"unterminated message", 99, {'z'}},
+                   1});
   return cases;
 }
 
@@ -274,7 +279,8 @@ TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
   morvotest::TempRoot root;
   // Three records of 28 + 100 bytes: the head is at 384.
   std::string text(100 - 5, 'p');
-  for (int i = 0; i < 3; ++i) ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "pp", text.c_str()), 0);
+  for (int i = 0; i < 3; ++i)
+    ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "pp", text.c_str()), 0);
   morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_CRASH});
   ASSERT_TRUE(list);
   qd_logger* crash = qd_logger_open(list.get(), LOG_ID_CRASH);
@@ -398,12 +404,12 @@ struct WildMarks {
 };
 
 const WildMarks kWildMarks[] = {
-    {"random words", [](uint64_t, std::mt19937* random) {
+    {"random words",
+     [](uint64_t, std::mt19937* random) {
        return (static_cast<uint64_t>((*random)()) << 32) | (*random)();
      }},
-    {"inside a record of their stretch", [](uint64_t stretch, std::mt19937* random) {
-       return stretch * 4096 + 1 + (*random)() % 50;
-     }},
+    {"inside a record of their stretch",
+     [](uint64_t stretch, std::mt19937* random) { return stretch * 4096 + 1 + (*random)() % 50; }},
     {"the stretch's first byte", [](uint64_t stretch, std::mt19937*) { return stretch * 4096; }},
     {"zero", [](uint64_t, std::mt19937*) { return uint64_t{0}; }},
 };
@@ -433,7 +439,8 @@ TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
       size_t expected = std::min<size_t>(tail, whole.size());
       ASSERT_EQ(expected, read.size()) << c.what << ", tail " << tail;
       for (size_t i = 0; i < expected; ++i) {
-        EXPECT_EQ(whole[whole.size() - expected + i].message, read[i].message) << c.what << ", tail " << tail;
+        EXPECT_EQ(whole[whole.size() - expected + i].message, read[i].message)
+            << c.what << ", tail " << tail;
       }
     }
   }

@@ -3,6 +3,7 @@
 // killed while it holds the lock, and the morvo-log tool.
 
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -17,8 +18,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/log_ring.h"
 #include "platform/logger.h"
@@ -35,7 +34,9 @@ using morvotest::WaitChild;
 
 constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
 
-std::string Filler(int writer, int n) { return std::string(n % 50, static_cast<char>('a' + writer)); }
+std::string Filler(int writer, int n) {
+  return std::string(n % 50, static_cast<char>('a' + writer));
+}
 
 // A one-shot "I am ready" between a child and the test.
 struct Gate {
@@ -95,8 +96,8 @@ TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
       for (int n = 0; n < kPerWriter; ++n) {
         // Even numbers to main, odd ones to system.
         log_id_t id = n % 2 == 0 ? LOG_ID_MAIN : LOG_ID_SYSTEM;
-        std::string message = "w" + std::to_string(w) + " " + std::to_string(n) + " " +
-                              Filler(w, n);
+        std::string message =
+            "w" + std::to_string(w) + " " + std::to_string(n) + " " + Filler(w, n);
         if (qd_log_write(id, QD_LOG_INFO, "mp", message.c_str()) <= 0) return 1;
       }
       return 0;
@@ -154,7 +155,8 @@ TEST(LogStoreProcessTest, BlockedReaderIsWokenByAWriterInAnotherProcess) {
   });
   ASSERT_TRUE(gate.AwaitOpen());
   usleep(50 * 1000);  // let it go to sleep first
-  pid_t writer = RunChild([] { return qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "t", "wake up") > 0 ? 0 : 1; });
+  pid_t writer =
+      RunChild([] { return qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "t", "wake up") > 0 ? 0 : 1; });
   EXPECT_EQ(0, WaitChild(writer));
   EXPECT_EQ(0, WaitChild(reader));
 }
@@ -179,14 +181,16 @@ TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
     return end == -EAGAIN && count >= (kRing - QD_LOGGER_ENTRY_MAX_LEN) / 128 ? 0 : 3;
   });
   ASSERT_TRUE(gate.AwaitOpen());
-  for (int i = 0; i < 40; ++i) ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
+  for (int i = 0; i < 40; ++i)
+    ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
   usleep(100 * 1000);
   // A third full: the reader still waits.
   int status = 0;
   EXPECT_EQ(0, waitpid(reader, &status, WNOHANG));
   // Past the point where a largest record would no longer fit, not so far
   // that anything is dropped.
-  for (int i = 0; i < 50; ++i) ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
+  for (int i = 0; i < 50; ++i)
+    ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
   EXPECT_EQ(0, WaitChild(reader));
 }
 
@@ -195,7 +199,8 @@ TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
   morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
   qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
-  for (int i = 0; i < 5; ++i) ASSERT_EQ(5, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()));
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(5, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()));
   Gate gate;
   pid_t blocked = RunChild([&gate] {
     morvotest::ListPtr mine = OpenList(0, 0, 0, {LOG_ID_MAIN});
@@ -211,7 +216,9 @@ TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
   ASSERT_TRUE(gate.AwaitOpen());
   pid_t resizer = RunChild([] {
     morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-    return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0 ? 0 : 1;
+    return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0
+               ? 0
+               : 1;
   });
   ASSERT_EQ(0, WaitChild(resizer));
   EXPECT_EQ(65536, qd_logger_get_log_size(main));
@@ -236,7 +243,8 @@ TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) 
   for (int round = 0; round < 10; ++round) {
     pid_t writer = fork();
     if (writer == 0) {
-      for (int n = 0;; ++n) qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "kill", std::to_string(n).c_str());
+      for (int n = 0;; ++n)
+        qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "kill", std::to_string(n).c_str());
     }
     usleep(2000 + round * 700);
     kill(writer, SIGKILL);
@@ -354,7 +362,9 @@ TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord
     pid_t resizer = RunChild([] {
       platform::SetResizeHook(KillAtStep);
       morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-      return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0 ? 0 : 1;
+      return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0
+                 ? 0
+                 : 1;
     });
     ASSERT_EQ(-1, WaitChild(resizer)) << c.step;
     // A writer that opens the store now, then this process's writer, which
@@ -458,7 +468,8 @@ TEST(LogStoreProcessTest, ThreadsWriteTogetherAndForkingWhileTheyWriteIsSafe) {
   }
   // Children forked while the threads hold the writer's locks can write.
   for (int i = 0; i < 20; ++i) {
-    pid_t child = RunChild([] { return qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "fk", "x") > 0 ? 0 : 1; });
+    pid_t child =
+        RunChild([] { return qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "fk", "x") > 0 ? 0 : 1; });
     EXPECT_EQ(0, WaitChild(child));
   }
   for (std::thread& thread : threads) thread.join();

@@ -1,5 +1,6 @@
 #include <dirent.h>
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -9,8 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "platform/log_format.h"
 #include "platform/logger.h"
 #include "support/temp_root.h"
@@ -18,12 +17,12 @@
 
 namespace {
 
+using morvotest::kNobody;
 using morvotest::OpenList;
 using morvotest::ReadAll;
 using morvotest::Record;
 using morvotest::RunChild;
 using morvotest::WaitChild;
-using morvotest::kNobody;
 
 constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
 
@@ -76,10 +75,10 @@ TEST(LogStoreTest, WritesAreCheckedAndOverlongTextIsCutToThePayload) {
   EXPECT_EQ(-EINVAL, qd_log_write(-1, QD_LOG_INFO, "t", "m"));
   EXPECT_EQ(-EINVAL, qd_log_write(LOG_ID_MAIN, 9, "t", "m"));
   std::string longText(6000, 'x');
-  EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "tag",
-                                                      longText.c_str()));
-  EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO,
-                                                      longText.c_str(), "m"));
+  EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD,
+            qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "tag", longText.c_str()));
+  EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD,
+            qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, longText.c_str(), "m"));
   morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
   std::vector<Record> records = ReadAll(list.get());
@@ -108,7 +107,7 @@ TEST(LogStoreTest, OpenRefusesBadIdsAndReadNeedsAnOpenBuffer) {
 
 TEST(LogStoreTest, BuffersMergeInTimeOrderAndOnlyOpenedOnesAreRead) {
   morvotest::TempRoot root;
-  const log_id_t order[] = {LOG_ID_SYSTEM, LOG_ID_MAIN, LOG_ID_CRASH, LOG_ID_MAIN,
+  const log_id_t order[] = {LOG_ID_SYSTEM, LOG_ID_MAIN,   LOG_ID_CRASH, LOG_ID_MAIN,
                             LOG_ID_RADIO,  LOG_ID_SYSTEM, LOG_ID_CRASH};
   for (size_t i = 0; i < sizeof(order) / sizeof(order[0]); ++i) {
     ASSERT_GT(qd_log_write(order[i], QD_LOG_INFO, "t", std::to_string(i).c_str()), 0);
@@ -144,17 +143,19 @@ const MidRead kMidReads[] = {
     {"a record", [] {}},
     {"a resize by another list, then a record", ResizeSystem},
     {"a resize in another process, then a record",
-     [] { ASSERT_EQ(0, morvotest::WaitChild(morvotest::RunChild([] {
-                      ResizeSystem();
-                      return 0;
-                    })));
+     [] {
+       ASSERT_EQ(0, morvotest::WaitChild(morvotest::RunChild([] {
+                   ResizeSystem();
+                   return 0;
+                 })));
      }},
 };
 
 TEST(LogStoreTest, AQuietBufferThatGetsARecordMidReadIsMergedInTimeOrder) {
   for (const MidRead& c : kMidReads) {
     morvotest::TempRoot root;
-    for (int i = 0; i < 4; ++i) ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()), 0);
+    for (int i = 0; i < 4; ++i)
+      ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()), 0);
     ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "t", "crash"), 0);
     morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH});
     ASSERT_TRUE(list);
@@ -203,8 +204,7 @@ TEST(LogStoreTest, PidFilterKeepsOnlyThatProcessesRecordsAlsoInTheTail) {
   ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "parent before"), 0);
   pid_t child = RunChild([] {
     for (int i = 0; i < 3; ++i) {
-      if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", ("child " + std::to_string(i)).c_str()) <
-          0) {
+      if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", ("child " + std::to_string(i)).c_str()) < 0) {
         return 1;
       }
     }

@@ -1,12 +1,11 @@
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "platform/properties.h"
 #include "platform/root_path.h"

@@ -1,13 +1,13 @@
+#include "platform/safe_file.h"
+
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
-#include <gtest/gtest.h>
-
-#include "platform/safe_file.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -32,12 +32,12 @@ struct PlantCase {
 const PlantCase kPlants[] = {
     {"nothing", [](const std::string&) {}, 0},
     {"a regular file", [](const std::string& d) { close(creat((d + "/out").c_str(), 0664)); }, 0},
-    {"a link to a victim", [](const std::string& d) { symlink((d + "/victim").c_str(), (d + "/out").c_str()); },
-     -ELOOP},
-    {"a dangling link", [](const std::string& d) { symlink((d + "/none").c_str(), (d + "/out").c_str()); },
-     -ELOOP},
-    {"a hard link to a victim", [](const std::string& d) { link((d + "/victim").c_str(), (d + "/out").c_str()); },
-     -EMLINK},
+    {"a link to a victim",
+     [](const std::string& d) { symlink((d + "/victim").c_str(), (d + "/out").c_str()); }, -ELOOP},
+    {"a dangling link",
+     [](const std::string& d) { symlink((d + "/none").c_str(), (d + "/out").c_str()); }, -ELOOP},
+    {"a hard link to a victim",
+     [](const std::string& d) { link((d + "/victim").c_str(), (d + "/out").c_str()); }, -EMLINK},
     {"a FIFO", [](const std::string& d) { mkfifo((d + "/out").c_str(), 0666); }, -ENXIO},
     {"a folder", [](const std::string& d) { mkdir((d + "/out").c_str(), 0775); }, -EISDIR},
 };
@@ -73,7 +73,8 @@ TEST(SafeFileTest, TruncationNeverReachesAFileUnderASecondName) {
   ASSERT_EQ(6, write(victim, "intact", 6));
   close(victim);
   ASSERT_EQ(0, link((dir + "/victim").c_str(), (dir + "/out").c_str()));
-  EXPECT_EQ(-EMLINK, platform::OpenFile((dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664));
+  EXPECT_EQ(-EMLINK,
+            platform::OpenFile((dir + "/out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664));
   EXPECT_EQ("intact", ReadAll(dir + "/victim"));
   unlink((dir + "/out").c_str());
   close(creat((dir + "/out").c_str(), 0664));
@@ -107,7 +108,7 @@ TEST(SafeFileTest, SplitsPathsAtTheLastSlash) {
     const char* folder;
     const char* name;
   } const kCases[] = {
-      {"/data/log/x", true, "/data/log", "x"}, {"/x", true, "/", "x"},  {"x", false, "", ""},
+      {"/data/log/x", true, "/data/log", "x"}, {"/x", true, "/", "x"},   {"x", false, "", ""},
       {"/data/log/", false, "", ""},           {nullptr, false, "", ""},
   };
   for (const auto& c : kCases) {

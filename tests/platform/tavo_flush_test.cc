@@ -4,6 +4,7 @@
 // go on several threads without a race, a leak or a thread left behind.
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -19,8 +20,6 @@
 #include <thread>
 #include <utility>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
@@ -44,12 +43,16 @@ class ScopedBound {
     const char* old = getenv(platform::kFlushBoundEnv);
     hadOld_ = old != nullptr;
     if (hadOld_) old_ = old;
-    if (value != nullptr) setenv(platform::kFlushBoundEnv, value, 1);
-    else unsetenv(platform::kFlushBoundEnv);
+    if (value != nullptr)
+      setenv(platform::kFlushBoundEnv, value, 1);
+    else
+      unsetenv(platform::kFlushBoundEnv);
   }
   ~ScopedBound() {
-    if (hadOld_) setenv(platform::kFlushBoundEnv, old_.c_str(), 1);
-    else unsetenv(platform::kFlushBoundEnv);
+    if (hadOld_)
+      setenv(platform::kFlushBoundEnv, old_.c_str(), 1);
+    else
+      unsetenv(platform::kFlushBoundEnv);
   }
 
  private:
@@ -109,8 +112,9 @@ std::string TextOf(const std::vector<Decoded>& copy) {
   return text;
 }
 
-std::string Record(long i) { return "11-23 09:00:00.000  100  101 I flush: seq " +
-                                   std::to_string(i) + "\n"; }
+std::string Record(long i) {
+  return "11-23 09:00:00.000  100  101 I flush: seq " + std::to_string(i) + "\n";
+}
 
 // The tids of the flusher threads of this program's own platform layer
 // (the shipped library's flusher has the same name: none runs here unless a
@@ -166,10 +170,8 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
     Writer writer;
     bool flushed;
   } const kCases[] = {
-      {"direct03", "0.3", Writer::kDirect, true},
-      {"directDefault", nullptr, Writer::kDirect, true},
-      {"directOff", "0", Writer::kDirect, false},
-      {"reader03", "0.3", Writer::kReader, true},
+      {"direct03", "0.3", Writer::kDirect, true}, {"directDefault", nullptr, Writer::kDirect, true},
+      {"directOff", "0", Writer::kDirect, false}, {"reader03", "0.3", Writer::kReader, true},
       {"readerOff", "0", Writer::kReader, false},
   };
   constexpr long kRecords = 3;
@@ -181,7 +183,8 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
     if (c.writer == Writer::kDirect) {
       tavo = NewTavo();
       ASSERT_TRUE(tavo->SetOutputPath(File(c.name, 0).c_str()));
-      for (long i = 0; i < kRecords; i++) ASSERT_TRUE(tavo->Write(Record(i).data(), Record(i).size()));
+      for (long i = 0; i < kRecords; i++)
+        ASSERT_TRUE(tavo->Write(Record(i).data(), Record(i).size()));
     } else {
       ctx = CreateAndroidLogcat();
       std::string path = dir_ + "/" + c.name;
@@ -226,7 +229,8 @@ TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBou
   std::thread writer([&] {
     int64_t end = platform::MonotonicNs() + kStreamNs;
     for (long i = 0; platform::MonotonicNs() < end; i++) {
-      if (i > 0 && i % kPerFile == 0) tavo->SetOutputPath(File("s", static_cast<int>(i / kPerFile)).c_str());
+      if (i > 0 && i % kPerFile == 0)
+        tavo->SetOutputPath(File("s", static_cast<int>(i / kPerFile)).c_str());
       std::string r = Record(i);
       if (!tavo->Write(r.data(), r.size())) break;
       written.store(i + 1);
@@ -346,7 +350,8 @@ TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
     if (pid == 0) {
       Tavo* t = new (std::nothrow) Tavo();
       t->InitTavo();
-      bool ok = t->SetOutputPath(path.c_str()) && t->Write(Record(round).data(), Record(round).size());
+      bool ok =
+          t->SetOutputPath(path.c_str()) && t->Write(Record(round).data(), Record(round).size());
       ok = ok && FlusherTasks().empty();
       delete t;
       _exit(ok ? 0 : 1);
@@ -369,10 +374,23 @@ TEST(FlushBoundTest, TextGivesMillisecondsAndAnythingOddTheDefault) {
     const char* text;
     int64_t ms;
   } const kCases[] = {
-      {"2", 2000},      {"0", 0},         {"0.5", 500},     {"1.25", 1250},  {"10", 10000},
-      {"0.001", 1},     {"3.", 3000},     {"86400", 86400000},
-      {nullptr, 2000},  {"", 2000},       {"-1", 2000},     {"abc", 2000},   {"1e3", 2000},
-      {" 1", 2000},     {"1s", 2000},     {"86401", 2000},  {"99999999999999999999", 2000},
+      {"2", 2000},
+      {"0", 0},
+      {"0.5", 500},
+      {"1.25", 1250},
+      {"10", 10000},
+      {"0.001", 1},
+      {"3.", 3000},
+      {"86400", 86400000},
+      {nullptr, 2000},
+      {"", 2000},
+      {"-1", 2000},
+      {"abc", 2000},
+      {"1e3", 2000},
+      {" 1", 2000},
+      {"1s", 2000},
+      {"86401", 2000},
+      {"99999999999999999999", 2000},
       {".5", 2000},
   };
   for (const Case& c : kCases) {

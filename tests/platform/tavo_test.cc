@@ -1,6 +1,7 @@
 #include "platform/tavo.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stddef.h>
 #include <stdio.h>
@@ -18,8 +19,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/tavo_cache.h"
 #include "platform/tavo_hook.h"
@@ -99,7 +98,10 @@ void ExpectIntact(const std::string& victim) {
 
 class TavoTest : public ::testing::Test {
  protected:
-  void SetUp() override { dir_ = root_.path() + "/log"; mkdir(dir_.c_str(), 0775); }
+  void SetUp() override {
+    dir_ = root_.path() + "/log";
+    mkdir(dir_.c_str(), 0775);
+  }
   // A fresh output folder for the next row of a table.
   void NewFolder() {
     dir_ = root_.path() + "/log" + std::to_string(++folders_);
@@ -404,8 +406,8 @@ void RunKilled(Body body) {
 }
 
 TEST_F(TavoTest, AWriterKilledAtAnyMomentLosesNoRecordAndDoublesNone) {
-  void* mem = mmap(nullptr, sizeof(SharedCount), PROT_READ | PROT_WRITE,
-                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  void* mem =
+      mmap(nullptr, sizeof(SharedCount), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(MAP_FAILED, mem);
   SharedCount* shared = new (mem) SharedCount();
   std::string path = File(0);
@@ -546,22 +548,26 @@ const CachePlant kCachePlants[] = {
      [](Path cache, Path, Path victim) {
        AimAt(cache, victim);
        chown(cache.c_str(), 65534, 65534);
-     }, 0},
+     },
+     0},
     {"that cache made writable by all", true,
      [](Path cache, Path, Path victim) {
        AimAt(cache, victim);
        chmod(cache.c_str(), 0666);
-     }, 0},
+     },
+     0},
     {"a header claiming a terabyte", true,
      [](Path cache, Path, Path) {
        Poke(cache, offsetof(Header, capacity), uint64_t{1} << 40);
        truncate(cache.c_str(), static_cast<off_t>(platform::TavoCache::kHeaderSize + (1ull << 40)));
-     }, 0},
+     },
+     0},
     {"a header with its end past everything", true,
      [](Path cache, Path, Path) {
        Poke(cache, offsetof(Header, end), ~uint64_t{0});
        Poke(cache, offsetof(Header, flushEnd), ~uint64_t{0} - 1);
-     }, 0},
+     },
+     0},
     {"a link to the victim", false,
      [](Path cache, Path, Path victim) { symlink(victim.c_str(), cache.c_str()); }, 0},
     {"a hard link to the victim", false,

@@ -5,19 +5,17 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <functional>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
@@ -45,9 +43,7 @@ bool IsOpen(int fd) { return fcntl(fd, F_GETFD) >= 0; }
 
 class EmbeddingTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", "a record");
-  }
+  void SetUp() override { qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", "a record"); }
   morvotest::TempRoot root_;
 };
 

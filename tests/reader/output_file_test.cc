@@ -2,6 +2,7 @@
 // once, rotation by size, recovery of what a killed run had accepted, and
 // the paths and folders a run as root must refuse rather than damage.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -13,8 +14,6 @@
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
@@ -187,13 +186,15 @@ TEST_F(OutputFileTest, OneFileWritingRunPerProcess) {
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
-  int fd = AndroidLogcatRunCommandThread(first, static_cast<int>(args.size()), argv.data(), nullptr);
+  int fd =
+      AndroidLogcatRunCommandThread(first, static_cast<int>(args.size()), argv.data(), nullptr);
   ASSERT_GE(fd, 0);
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "seq 0");
   usleep(100 * 1000);
   morvotest::RunResult second = RunCommand({"-d", "-b", "morvo_main", "-f", Dir() + "/two"});
   EXPECT_EQ(1, second.status);
-  EXPECT_NE(std::string::npos, second.err.find("another run of this process is writing output files\n"));
+  EXPECT_NE(std::string::npos,
+            second.err.find("another run of this process is writing output files\n"));
   EXPECT_FALSE(morvotest::Exists(Dir() + "/two"));
   morvotest::RunResult beside = RunCommand({"-d", "-b", "morvo_main"});
   EXPECT_NE(std::string::npos, beside.out.find("seq 0")) << beside.out;
@@ -242,19 +243,16 @@ struct Plant {
 };
 
 const Plant kPlants[] = {
-    {"fifo", [](const std::string& p, const std::string&) {
-       return mkfifo(p.c_str(), 0666) == 0;
-     }},
+    {"fifo", [](const std::string& p, const std::string&) { return mkfifo(p.c_str(), 0666) == 0; }},
     // The null device's numbers: what "-f /dev/null" would meet.
-    {"device", [](const std::string& p, const std::string&) {
+    {"device",
+     [](const std::string& p, const std::string&) {
        return mknod(p.c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
      }},
-    {"link", [](const std::string& p, const std::string& v) {
-       return symlink(v.c_str(), p.c_str()) == 0;
-     }},
-    {"folder", [](const std::string& p, const std::string&) {
-       return mkdir(p.c_str(), 0755) == 0;
-     }},
+    {"link",
+     [](const std::string& p, const std::string& v) { return symlink(v.c_str(), p.c_str()) == 0; }},
+    {"folder",
+     [](const std::string& p, const std::string&) { return mkdir(p.c_str(), 0755) == 0; }},
 };
 
 TEST_F(OutputFileTest, AnOutputPathThatIsNoRegularFileIsRefusedAndLeftAlone) {
@@ -339,8 +337,8 @@ TEST_F(OutputFileTest, TheOutputFolderIsTakenOverOnlyWhenItIsTheReadersToTake) {
     EXPECT_EQ(c.ownerAfter, st.st_uid);
     EXPECT_EQ(c.ownerAfter, st.st_gid);
     if (c.refusal != nullptr) {
-      EXPECT_NE(std::string::npos,
-                r.err.find("logFile folder [" + folder + "] " + c.refusal)) << r.err;
+      EXPECT_NE(std::string::npos, r.err.find("logFile folder [" + folder + "] " + c.refusal))
+          << r.err;
       EXPECT_TRUE(c.type == S_IFREG || morvotest::Entries(real).empty());
     } else {
       EXPECT_EQ(1u, SetFiles(folder, "p").size());

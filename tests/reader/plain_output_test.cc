@@ -2,6 +2,7 @@
 // cannot be allocated. This program makes exactly that allocation fail.
 
 #include <dirent.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,8 +10,6 @@
 #include <new>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "filesets/morvocat_utils.h"
 #include "platform/logger.h"
@@ -54,7 +53,8 @@ class PlainOutputTest : public ::testing::Test {
 
 TEST_F(PlainOutputTest, RotatedNamesArePaddedToTheDigitsOfTheCount) {
   WriteKilobyteRecords(40);
-  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "10"});
+  morvotest::RunResult r =
+      RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "10"});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_TRUE(Exists(base_));
   EXPECT_TRUE(Exists(base_ + ".01"));
@@ -164,7 +164,7 @@ TEST_F(PlainOutputTest, LinksAtTheNamesARotationWritesAreNeverFollowed) {
     morvotest::WriteFile(file, "precious\n");
     std::string at = folder + "/" + c.name;
     ASSERT_EQ(0, c.kind == PlantedName::kHardLink ? link(victim.c_str(), at.c_str())
-                                                   : symlink(victim.c_str(), at.c_str()));
+                                                  : symlink(victim.c_str(), at.c_str()));
     std::string base = folder + "/p";
     morvotest::RunResult r =
         RunCommand({"-d", "-b", "morvo_main", "-f", base, "-r", "2", "-n", "4", "-z", "1"});

@@ -2,6 +2,7 @@
 // filters, and the environment's filter.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -10,8 +11,6 @@
 #include <functional>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/log_format.h"
 #include "platform/logger.h"
@@ -122,11 +121,11 @@ TEST_F(ReadLoopTest, TailPrintsOnlyTheLastRecords) {
 TEST_F(ReadLoopTest, PidFilterKeepsOneProcessRecords) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "pid", "from the parent");
   pid_t child = fork();
-  if (child == 0) _exit(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "pid", "from the child") > 0 ? 0 : 1);
+  if (child == 0)
+    _exit(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "pid", "from the child") > 0 ? 0 : 1);
   int status = 0;
   waitpid(child, &status, 0);
-  std::string out =
-      RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(child)}).out;
+  std::string out = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(child)}).out;
   EXPECT_EQ(std::string::npos, out.find("from the parent"));
   EXPECT_NE(std::string::npos, out.find("from the child"));
 }
@@ -220,7 +219,8 @@ std::string Reference(const std::vector<log_id_t>& ids, size_t tail) {
   std::string text;
   std::vector<log_id_t> introduced;
   for (const Stored& r : merged) {
-    if (ids.size() > 1 && std::find(introduced.begin(), introduced.end(), r.id) == introduced.end()) {
+    if (ids.size() > 1 &&
+        std::find(introduced.begin(), introduced.end(), r.id) == introduced.end()) {
       text += std::string("--------- beginning of ") + qdlogging_log_id_to_name(r.id) + "\n";
       introduced.push_back(r.id);
     }
@@ -229,9 +229,10 @@ std::string Reference(const std::vector<log_id_t>& ids, size_t tail) {
     struct tm tm;
     localtime_r(&sec, &tm);
     char prefix[128];
-    snprintf(prefix, sizeof(prefix), "%02d-%02d %02d:%02d:%02d.%03u %5d %5u %c %-8s: ",
-             tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-             r.msg.entry.nsec / 1000000, f.pid, f.tid, "??VDIWEFS"[f.priority], f.tag.c_str());
+    snprintf(prefix, sizeof(prefix),
+             "%02d-%02d %02d:%02d:%02d.%03u %5d %5u %c %-8s: ", tm.tm_mon + 1, tm.tm_mday,
+             tm.tm_hour, tm.tm_min, tm.tm_sec, r.msg.entry.nsec / 1000000, f.pid, f.tid,
+             "??VDIWEFS"[f.priority], f.tag.c_str());
     std::string message = f.message;
     if (!message.empty() && message.back() == '\n') message.pop_back();
     for (size_t at = 0;;) {
@@ -285,16 +286,22 @@ const std::vector<log_id_t> kDefault = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH
 
 std::vector<ReferenceCase> ReferenceCases() {
   return {
-      {"one busy buffer beside two quiet ones", [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
-       {"-d"}, kDefault, 0},
+      {"one busy buffer beside two quiet ones",
+       [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
+       {"-d"},
+       kDefault,
+       0},
       {"three buffers interleaved",
        [](const morvotest::TempRoot&) {
          for (int i = 0; i < 900; ++i) {
            log_id_t id = i % 5 == 0 ? LOG_ID_SYSTEM : i % 11 == 0 ? LOG_ID_CRASH : LOG_ID_MAIN;
-           qd_log_write(id, i % 3 == 0 ? QD_LOG_WARN : QD_LOG_DEBUG, "mix", std::to_string(i).c_str());
+           qd_log_write(id, i % 3 == 0 ? QD_LOG_WARN : QD_LOG_DEBUG, "mix",
+                        std::to_string(i).c_str());
          }
        },
-       {"-d"}, kDefault, 0},
+       {"-d"},
+       kDefault,
+       0},
       {"quiet buffers that wake late",
        [](const morvotest::TempRoot&) {
          WriteMain(0, 1000);
@@ -302,7 +309,9 @@ std::vector<ReferenceCase> ReferenceCases() {
          WriteMain(1000, 1500);
          qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "late", "system at the end");
        },
-       {"-d"}, kDefault, 0},
+       {"-d"},
+       kDefault,
+       0},
       {"a damaged record among them",
        [](const morvotest::TempRoot& root) {
          WriteMain(0, 200);
@@ -311,12 +320,20 @@ std::vector<ReferenceCase> ReferenceCases() {
          WriteMain(200, 400);
          Unterminate(root, "morvo_system", "damaged-me");
        },
-       {"-d"}, kDefault, 0},
-      {"-t across stretches", [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
-       {"-t", "250", "-b", "morvo_main"}, {LOG_ID_MAIN}, 250},
+       {"-d"},
+       kDefault,
+       0},
+      {"-t across stretches",
+       [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
+       {"-t", "250", "-b", "morvo_main"},
+       {LOG_ID_MAIN},
+       250},
       {"-t of one", [](const morvotest::TempRoot&) { WriteMain(0, 50); }, {"-t", "1"}, kDefault, 1},
-      {"-t of more than there are", [](const morvotest::TempRoot&) { WriteMain(0, 50); },
-       {"-t", "80"}, kDefault, 80},
+      {"-t of more than there are",
+       [](const morvotest::TempRoot&) { WriteMain(0, 50); },
+       {"-t", "80"},
+       kDefault,
+       80},
       {"-t over a wrapped ring",
        [](const morvotest::TempRoot&) {
          RunCommand({"-b", "morvo_main", "-G", "64k"});
@@ -324,11 +341,19 @@ std::vector<ReferenceCase> ReferenceCases() {
          qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "one in system");
          WriteMain(5000, 5100);
        },
-       {"-t", "400"}, kDefault, 400},
-      {"-t over a wrapped ring with a damaged record before the tail", WrappedWithDamage,
-       {"-t", "30", "-b", "morvo_main"}, {LOG_ID_MAIN}, 30},
-      {"-t reaching over a damaged record", WrappedWithDamage,
-       {"-t", "300", "-b", "morvo_main"}, {LOG_ID_MAIN}, 300},
+       {"-t", "400"},
+       kDefault,
+       400},
+      {"-t over a wrapped ring with a damaged record before the tail",
+       WrappedWithDamage,
+       {"-t", "30", "-b", "morvo_main"},
+       {LOG_ID_MAIN},
+       30},
+      {"-t reaching over a damaged record",
+       WrappedWithDamage,
+       {"-t", "300", "-b", "morvo_main"},
+       {LOG_ID_MAIN},
+       300},
   };
 }
 
@@ -344,8 +369,8 @@ TEST(ReadLoopReferenceTest, RunsPrintWhatAStraightforwardReadGives) {
     testing::internal::GetCapturedStderr();
     ASSERT_FALSE(expected.empty()) << c.what;
     EXPECT_EQ(0, r.status) << c.what;
-    EXPECT_TRUE(expected == r.out) << c.what << ": " << Lines(expected).size() << " lines expected, "
-                                   << Lines(r.out).size() << " printed";
+    EXPECT_TRUE(expected == r.out) << c.what << ": " << Lines(expected).size()
+                                   << " lines expected, " << Lines(r.out).size() << " printed";
   }
 }
 

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -14,8 +15,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
@@ -156,7 +155,8 @@ TEST_F(ReaderApiTest, LibraryExportsExactlyTheEmbeddingInterface) {
   EXPECT_EQ(interface, morvotest::ExportedSymbols(info.dli_fname));
   void* library = dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD);
   ASSERT_NE(nullptr, library);
-  for (const std::string& name : interface) EXPECT_NE(nullptr, dlsym(library, name.c_str())) << name;
+  for (const std::string& name : interface)
+    EXPECT_NE(nullptr, dlsym(library, name.c_str())) << name;
   dlclose(library);
 }
 
@@ -177,11 +177,11 @@ TEST_F(ReaderApiTest, HostsWithFunctionsOfTheSameNamesRunTheLibraryNormally) {
       {MORVO_SAME_NAMES_HOST, "-g -b morvo_main", "morvo_main: ring buffer is 256Kb"},
   };
   for (const Case& c : cases) {
-    std::string out = morvotest::CommandOutput(std::string(c.host) + " " + c.args +
-                                               " 2>&1; echo status $?");
+    std::string out =
+        morvotest::CommandOutput(std::string(c.host) + " " + c.args + " 2>&1; echo status $?");
     EXPECT_NE(std::string::npos, out.find(c.line)) << c.host << " " << c.args << ":\n" << out;
     EXPECT_NE(std::string::npos, out.find("\nstatus 0\n")) << c.host << " " << c.args << ":\n"
-                                                            << out;
+                                                           << out;
   }
 }
 

@@ -1,12 +1,11 @@
 // The reader's command line as a host sees it: every rejected option ends
 // the run with its message and status 1; buffer operations act on the store.
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/logger.h"
 #include "reader/run_capture.h"
@@ -73,9 +72,17 @@ TEST_F(ReaderOptionsTest, EveryRejectedOptionEndsTheRunWithItsMessage) {
 TEST_F(ReaderOptionsTest, AcceptedOptionsWithoutEffectLeaveACleanRunOnAnEmptyStore) {
   // The store is empty: a dump prints nothing either.
   const std::vector<std::vector<std::string>> kCases = {
-      {"-d"}, {"-d", "--debug"}, {"-d", "--print"}, {"-d", "--id", "7"}, {"-d", "--tavo", "0"},
-      {"-d", "--tavo", "3"}, {"-d", "-z", "3abc"}, {"-d", "-x", ""},   {"-d", "--pid", "0x10"},
-      {"-d", "-b", "morvo_main morvo_radio"},      {"-d", "-s"},
+      {"-d"},
+      {"-d", "--debug"},
+      {"-d", "--print"},
+      {"-d", "--id", "7"},
+      {"-d", "--tavo", "0"},
+      {"-d", "--tavo", "3"},
+      {"-d", "-z", "3abc"},
+      {"-d", "-x", ""},
+      {"-d", "--pid", "0x10"},
+      {"-d", "-b", "morvo_main morvo_radio"},
+      {"-d", "-s"},
   };
   for (const auto& args : kCases) {
     RunResult r = RunCommand(args);
@@ -132,13 +139,15 @@ TEST_F(ReaderOptionsTest, DefaultBuffersOfAnOperationAreTheFiveKnownOnes) {
 
 TEST_F(ReaderOptionsTest, SetSizeAcceptsMultipliersAndBases) {
   EXPECT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "64k"}).status);
-  EXPECT_EQ("morvo_radio: ring buffer is 64Kb (0b consumed), max entry is 5120b, "
-            "max payload is 4068b\n",
-            RunCommand({"-b", "morvo_radio", "-g"}).out);
+  EXPECT_EQ(
+      "morvo_radio: ring buffer is 64Kb (0b consumed), max entry is 5120b, "
+      "max payload is 4068b\n",
+      RunCommand({"-b", "morvo_radio", "-g"}).out);
   EXPECT_EQ(0, RunCommand({"-b", "morvo_radio", "--buffer-size=0x2000"}).status);
-  EXPECT_EQ("morvo_radio: ring buffer is 8Kb (0b consumed), max entry is 5120b, "
-            "max payload is 4068b\n",
-            RunCommand({"-b", "morvo_radio", "-g"}).out);
+  EXPECT_EQ(
+      "morvo_radio: ring buffer is 8Kb (0b consumed), max entry is 5120b, "
+      "max payload is 4068b\n",
+      RunCommand({"-b", "morvo_radio", "-g"}).out);
 }
 
 TEST_F(ReaderOptionsTest, ClearEmptiesTheSelectedBuffersOnly) {

@@ -2,6 +2,7 @@
 // out of space and gets it back, and links planted at its output paths
 // point outside the log tree.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,8 +11,6 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "stress/collector_stress.h"
 #include "support/small_fs.h"
 
@@ -19,8 +18,8 @@ namespace {
 
 using morvotest::Holds;
 using stresstest::CollectorRoot;
-using stresstest::Lines;
 using stresstest::EndedBySigusr;
+using stresstest::Lines;
 using stresstest::Numbers;
 
 class CollectorFault : public ::testing::TestWithParam<bool> {

@@ -52,13 +52,18 @@ class CollectorRoot {
     // Made here so a test can mount over it or plant links in it.
     root_.MakeDirs(kDir);
     root_.MakeDirs("/system/etc");
-    morvotest::WriteFile(
-        root_.Under("/system/etc/tavocat_config.xml"),
-        "<config><tavocat name=\"" + std::string(kName) + "\" platform=\"Qcom\">"
-            "<logRotateSizeKBytes value=\"" + std::to_string(settings.rotateKbytes) + "\"/>"
-            "<maxCompressdFiles value=\"" + std::to_string(settings.maxCompressd) + "\"/>"
-            "<writeMode value=\"" + (settings.factory ? "factory" : "mmap") + "\"/>" +
-            groups + "</tavocat></config>");
+    morvotest::WriteFile(root_.Under("/system/etc/tavocat_config.xml"),
+                         "<config><tavocat name=\"" + std::string(kName) +
+                             "\" platform=\"Qcom\">"
+                             "<logRotateSizeKBytes value=\"" +
+                             std::to_string(settings.rotateKbytes) +
+                             "\"/>"
+                             "<maxCompressdFiles value=\"" +
+                             std::to_string(settings.maxCompressd) +
+                             "\"/>"
+                             "<writeMode value=\"" +
+                             (settings.factory ? "factory" : "mmap") + "\"/>" + groups +
+                             "</tavocat></config>");
     morvotest::WriteFile(Kmsg(), "");
     // Every new file runs chown; the stock one looks up the group "system"
     // each time, which would make a thousand rotations crawl.
@@ -92,8 +97,8 @@ class CollectorRoot {
   std::string MmapText() const {
     std::string text;
     std::string base = Dir() + "/" + kBase;
-    for (const std::string& f : morvotest::WritingOrder(morvotest::SetFiles(Dir(), kBase),
-                                                        base.size())) {
+    for (const std::string& f :
+         morvotest::WritingOrder(morvotest::SetFiles(Dir(), kBase), base.size())) {
       text += morvotest::Zcat(f);
     }
     return text;
@@ -115,8 +120,8 @@ class CollectorRoot {
     std::string base = Dir() + "/" + kBase;
     for (const std::string& archive : Archives()) {
       for (int n = 5; n >= 1; --n) {
-        text += morvotest::CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase + "." +
-                              std::to_string(n) + "' 2>/dev/null");
+        text += morvotest::CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase +
+                                         "." + std::to_string(n) + "' 2>/dev/null");
       }
     }
     // Members an archive could not take wait in the work folder.
@@ -158,7 +163,9 @@ class Collector : private SearchPathFirst, public e2etest::CollectorProcess {
 
 inline std::string KmsgGroup() {
   return "<tavocatGroup><logStyle value=\"monitor_node\"/>"
-         "<outputFilePath value=\"" + CollectorRoot::Output() + "\"/>"
+         "<outputFilePath value=\"" +
+         CollectorRoot::Output() +
+         "\"/>"
          "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet></tavocatGroup>";
 }
 

@@ -2,6 +2,9 @@
 // rotations, and kills at random points followed by restarts; and its end
 // on SIGUSR2 from every wait a group can be in.
 
+#include "stress/collector_stress.h"
+
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -11,10 +14,7 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "collector/data_src_reader.h"
-#include "stress/collector_stress.h"
 
 namespace {
 
@@ -180,9 +180,10 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
        [](const CollectorRoot& root) { PlantFifo(root, "/proc/reboot_watchdog"); }, nullptr,
        Nothing},
       {"a polled FIFO without a writer", true,
-       PollGroup("poll_node", "<inputNodeSet><dataPath value=\"/sys/ok\"/></inputNodeSet>"
-                              "<inputNodeSet><dataPath value=\"/sys/fifo\"/>"
-                              "<width value=\"10\"/></inputNodeSet>"),
+       PollGroup("poll_node",
+                 "<inputNodeSet><dataPath value=\"/sys/ok\"/></inputNodeSet>"
+                 "<inputNodeSet><dataPath value=\"/sys/fifo\"/>"
+                 "<width value=\"10\"/></inputNodeSet>"),
        [](const CollectorRoot& root) {
          root.root().MakeDirs("/sys");
          morvotest::WriteFile(root.root().Under("/sys/ok"), "ok");
@@ -200,8 +201,8 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
        },
        "started\n",
        [](const CollectorRoot& root) {
-         EXPECT_TRUE(grouptest::WaitFor(
-             [&] { return grouptest::ProcessesWith(root.root().path()) == 0; }));
+         EXPECT_TRUE(
+             grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.root().path()) == 0; }));
        }},
       {"a stream line without its end yet", true, stresstest::KmsgGroup(),
        [](const CollectorRoot& root) { root.Append("whole\nno end yet"); }, "whole\n",

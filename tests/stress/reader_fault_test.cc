@@ -1,13 +1,12 @@
 // The reader's output files under faults: a file system that runs full and
 // gets space back, and links planted where the set is written.
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/logger.h"
 #include "reader/run_capture.h"

@@ -1,6 +1,7 @@
 // The reader's output files under load: more than a thousand rotations with
 // the index wrapping, and runs killed at random points.
 
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,8 +10,6 @@
 #include <random>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "platform/logger.h"
 #include "reader/run_capture.h"

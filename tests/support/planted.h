@@ -5,6 +5,7 @@
 // outside it: links, FIFOs and a "chown" early on PATH, and the files and
 // folders outside the tree that must stay as they were.
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -14,8 +15,6 @@
 #include <algorithm>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/file_tree.h"
 #include "support/temp_root.h"
@@ -62,10 +61,14 @@ enum class Plant { SYMLINK, HARD_LINK, FIFO, DANGLING_LINK };
 
 inline const char* NameOf(Plant plant) {
   switch (plant) {
-    case Plant::SYMLINK: return "link to a file outside";
-    case Plant::HARD_LINK: return "hard link to a file outside";
-    case Plant::FIFO: return "FIFO";
-    case Plant::DANGLING_LINK: return "link to a missing file outside";
+    case Plant::SYMLINK:
+      return "link to a file outside";
+    case Plant::HARD_LINK:
+      return "hard link to a file outside";
+    case Plant::FIFO:
+      return "FIFO";
+    case Plant::DANGLING_LINK:
+      return "link to a missing file outside";
   }
   return "";
 }
@@ -75,10 +78,18 @@ inline const char* NameOf(Plant plant) {
 inline void PlantAt(const std::string& path, Plant plant, const std::string& victim) {
   int rc = 0;
   switch (plant) {
-    case Plant::SYMLINK: rc = symlink(victim.c_str(), path.c_str()); break;
-    case Plant::HARD_LINK: rc = link(victim.c_str(), path.c_str()); break;
-    case Plant::FIFO: rc = mkfifo(path.c_str(), 0666); break;
-    case Plant::DANGLING_LINK: rc = symlink((victim + ".new").c_str(), path.c_str()); break;
+    case Plant::SYMLINK:
+      rc = symlink(victim.c_str(), path.c_str());
+      break;
+    case Plant::HARD_LINK:
+      rc = link(victim.c_str(), path.c_str());
+      break;
+    case Plant::FIFO:
+      rc = mkfifo(path.c_str(), 0666);
+      break;
+    case Plant::DANGLING_LINK:
+      rc = symlink((victim + ".new").c_str(), path.c_str());
+      break;
   }
   ASSERT_EQ(rc, 0) << path;
 }

@@ -1,11 +1,10 @@
 // The pieces of morvo-view that read one line or one name: the line
 // formats, the year a line is given, file names, tar headers.
 
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <string>
-
-#include <gtest/gtest.h>
 
 #include "tools/view/line_parser.h"
 #include "tools/view/set_clock.h"
@@ -59,12 +58,12 @@ TEST(LineFormat, EachFormatTheSystemWrites) {
        "12:34:56.000", 0, 0, 0, "", "[1706704496.123456] KEY_POWER DOWN    "},
       {" 01-31 12:34:57 [1706704496.140122] S 00000000\trate 60", LineKind::kEvent, 1, 31,
        "12:34:57.000", 0, 0, 0, "", "[1706704496.140122] S 00000000\trate 60"},
-      {"2024-01-05 08:15:02 > 42    7", LineKind::kDated, 0, 0, "2024-01-05 08:15:02.000", 0, 0,
-       0, "", "2024-01-05 08:15:02 > 42    7"},
-      {"current time: <battery>2024-1-5 8:15:2", LineKind::kDated, 0, 0,
-       "2024-01-05 08:15:02.000", 0, 0, 0, "", "current time: <battery>2024-1-5 8:15:2"},
-      {"current time: <a>b>2023-12-31 23:59:59", LineKind::kDated, 0, 0,
-       "2023-12-31 23:59:59.000", 0, 0, 0, "", "current time: <a>b>2023-12-31 23:59:59"},
+      {"2024-01-05 08:15:02 > 42    7", LineKind::kDated, 0, 0, "2024-01-05 08:15:02.000", 0, 0, 0,
+       "", "2024-01-05 08:15:02 > 42    7"},
+      {"current time: <battery>2024-1-5 8:15:2", LineKind::kDated, 0, 0, "2024-01-05 08:15:02.000",
+       0, 0, 0, "", "current time: <battery>2024-1-5 8:15:2"},
+      {"current time: <a>b>2023-12-31 23:59:59", LineKind::kDated, 0, 0, "2023-12-31 23:59:59.000",
+       0, 0, 0, "", "current time: <a>b>2023-12-31 23:59:59"},
       {"current time: 2024-2-29 0:0:0", LineKind::kDated, 0, 0, "2024-02-29 00:00:00.000", 0, 0, 0,
        "", "current time: 2024-2-29 0:0:0"},
       {"--------- beginning of morvo_main", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
@@ -115,28 +114,34 @@ struct ClockCase {
 TEST(SetClock, YearFromTheFileAndTheLineBefore) {
   const ClockCase cases[] = {
       // A set file opened on Dec 31 that runs into the new year.
-      {"2023-12-31 23:59:58", true,
+      {"2023-12-31 23:59:58",
+       true,
        {"12-31 23:59:59.000 a", "01-01 00:00:01.000 b", "title row", "01-01 00:00:02.000 c"},
        {"2023-12-31 23:59:59", "2024-01-01 00:00:01", "2024-01-01 00:00:01",
         "2024-01-01 00:00:02"}},
       // A file opened on Jan 1 holding records dumped from Dec 31.
-      {"2024-01-01 00:00:05", true,
+      {"2024-01-01 00:00:05",
+       true,
        {"12-31 23:59:50.000 old", "01-01 00:00:06.000 new"},
        {"2023-12-31 23:59:50", "2024-01-01 00:00:06"}},
       // A plain file last written on Jan 1: lines before it.
-      {"2024-01-01 00:10:00", false,
+      {"2024-01-01 00:10:00",
+       false,
        {"12-30 10:00:00.000 a", "12-31 23:00:00.000 b", "01-01 00:05:00.000 c"},
        {"2023-12-30 10:00:00", "2023-12-31 23:00:00", "2024-01-01 00:05:00"}},
       // Lines with their year set it; the lines after follow it.
-      {"2020-06-01 00:00:00", false,
+      {"2020-06-01 00:00:00",
+       false,
        {"current time: <x>2024-12-31 23:59:59", "01-01 00:00:01.000 a", "output"},
        {"2024-12-31 23:59:59", "2025-01-01 00:00:01", "2025-01-01 00:00:01"}},
       // Feb 29 of a leap year.
-      {"2024-02-28 12:00:00", true,
+      {"2024-02-28 12:00:00",
+       true,
        {"02-29 01:00:00.000 leap", "03-01 01:00:00.000 after"},
        {"2024-02-29 01:00:00", "2024-03-01 01:00:00"}},
       // Threads a little out of order stay in their year.
-      {"2023-12-31 23:59:59", true,
+      {"2023-12-31 23:59:59",
+       true,
        {"01-01 00:00:00.100 a", "12-31 23:59:59.900 b"},
        {"2024-01-01 00:00:00", "2023-12-31 23:59:59"}},
   };

@@ -2,12 +2,11 @@
 // reader capture, a .gz set file and a collector stream, lnav finds each
 // line's time, level, pid, tid and tag.
 
+#include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "filesets/morvocat_utils.h"
 #include "support/command_output.h"
@@ -16,8 +15,8 @@
 
 namespace {
 
-using viewtest::Lines;
 using morvotest::Quoted;
+using viewtest::Lines;
 
 class LnavFormatTest : public ::testing::Test {
  protected:
@@ -38,8 +37,8 @@ class LnavFormatTest : public ::testing::Test {
 
   // The rows of a query that selects one column named row, each trimmed.
   std::vector<std::string> Query(const std::string& sql, const std::string& file) {
-    std::string command = "HOME=" + Quoted(home_) + " lnav -n -c " + Quoted(";" + sql) + " " +
-                          Quoted(file) + " 2>&1";
+    std::string command =
+        "HOME=" + Quoted(home_) + " lnav -n -c " + Quoted(";" + sql) + " " + Quoted(file) + " 2>&1";
     std::vector<std::string> rows;
     for (std::string line : Lines(morvotest::CommandOutput(command))) {
       line.erase(0, line.find_first_not_of(' '));
@@ -102,10 +101,9 @@ TEST_F(LnavFormatTest, CollectorStreamAndInputEvents) {
       "11-16 15:52:05.000|KEY_POWER DOWN",
       "11-16 15:52:06.000|S 00000000\xe2\x87\xa5rate 60",
   };
-  EXPECT_EQ(expected,
-            Query("SELECT strftime('%m-%d %H:%M:%f', log_time) || '|' || log_body AS row "
-                  "FROM morvocat_stream",
-                  stream));
+  EXPECT_EQ(expected, Query("SELECT strftime('%m-%d %H:%M:%f', log_time) || '|' || log_body AS row "
+                            "FROM morvocat_stream",
+                            stream));
 }
 
 }  // namespace

@@ -1,10 +1,10 @@
 // morvo-view's filters, output forms and command line, over a small tree:
 // a reader capture and a collector stream.
 
+#include <gtest/gtest.h>
+
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "support/temp_root.h"
 #include "view/view_run.h"
@@ -41,7 +41,8 @@ class ViewFilterTest : public ::testing::Test {
     viewtest::ViewRun run = RunView(root_.path(), full);
     EXPECT_EQ(0, run.status) << run.err;
     std::vector<std::string> words;
-    for (const std::string& line : Lines(run.out)) words.push_back(line.substr(line.rfind(' ') + 1));
+    for (const std::string& line : Lines(run.out))
+      words.push_back(line.substr(line.rfind(' ') + 1));
     return words;
   }
 

@@ -4,6 +4,7 @@
 // short, and files that cannot be read.
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -12,8 +13,6 @@
 
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
 
 #include "collector/sink_support.h"
 #include "filesets/morvocat_utils.h"
@@ -86,8 +85,8 @@ class ViewTreeTest : public sinktest::SinkTest {
         morvotest::WritingOrder(morvotest::SetFiles(Dir(base), Leaf(base)), base.size());
     ASSERT_EQ(opened.size(), files.size());
     for (size_t i = 0; i < files.size(); ++i) {
-      std::string renamed = files[i].substr(0, base.size() + 6) +
-                            Format(opened[i], "%Y%m%d-%H%M%S") + ".gz";
+      std::string renamed =
+          files[i].substr(0, base.size() + 6) + Format(opened[i], "%Y%m%d-%H%M%S") + ".gz";
       ASSERT_EQ(0, rename(files[i].c_str(), renamed.c_str()));
     }
   }
@@ -302,7 +301,8 @@ TEST_F(ViewTreeTest, UnreadableFilesAreReportedAndTheRestGoesOn) {
     morvotest::WriteFile(secret, "03-01 09:00:01.000 root only\n");
     chmod(secret.c_str(), 0600);
     chmod(root_.path().c_str(), 0755);
-    cases.push_back({{root_.Under("/data/log/a/kmsg"), secret}, secret,
+    cases.push_back({{root_.Under("/data/log/a/kmsg"), secret},
+                     secret,
                      "setpriv --reuid=65534 --regid=65534 --clear-groups "});
   } else {
     printf("not root or no setpriv: the permission row is skipped\n");

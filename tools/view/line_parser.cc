@@ -8,7 +8,7 @@ namespace view {
 
 namespace {
 
-constexpr size_t kShortStamp = 14;  // "MM-DD HH:MM:SS"
+constexpr size_t kShortStamp = 14;   // "MM-DD HH:MM:SS"
 constexpr size_t kMillisStamp = 18;  // "MM-DD HH:MM:SS.mmm"
 constexpr size_t kRowStamp = 19;     // "YYYY-MM-DD HH:MM:SS"
 constexpr char kCurrentTime[] = "current time: ";
@@ -136,7 +136,7 @@ void ParseLine(const char* line, size_t length, ParsedLine* out) {
         IsDigit(line[17]) && line[18] == ' ') {
       out->dayMs += (line[15] - '0') * 100 + Two(line + 16);
       out->kind = ThreadTimeFields(line + kMillisStamp + 1, end, out) ? LineKind::kThreadTime
-                                                                       : LineKind::kStream;
+                                                                      : LineKind::kStream;
       if (out->kind == LineKind::kStream) out->message = line + kMillisStamp + 1;
       out->messageLength = static_cast<size_t>(end - out->message);
       return;

@@ -134,8 +134,8 @@ bool Output::PutJson(const Record& record) {
   AppendJsonString(file.data(), file.size());
   if (p.kind == LineKind::kThreadTime) {
     char ids[64];
-    int n = snprintf(ids, sizeof(ids), ",\"pid\":%d,\"tid\":%d,\"priority\":\"%c\",\"tag\":",
-                     p.pid, p.tid, p.priority);
+    int n = snprintf(ids, sizeof(ids), ",\"pid\":%d,\"tid\":%d,\"priority\":\"%c\",\"tag\":", p.pid,
+                     p.tid, p.priority);
     Append(ids, static_cast<size_t>(n));
     AppendJsonString(p.tag, p.tagLength);
   } else {

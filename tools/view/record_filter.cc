@@ -6,14 +6,22 @@ namespace {
 
 qd_LogPriority PriorityOf(char letter) {
   switch (letter) {
-    case 'V': return QD_LOG_VERBOSE;
-    case 'D': return QD_LOG_DEBUG;
-    case 'I': return QD_LOG_INFO;
-    case 'W': return QD_LOG_WARN;
-    case 'E': return QD_LOG_ERROR;
-    case 'F': return QD_LOG_FATAL;
-    case 'S': return QD_LOG_SILENT;
-    default: return QD_LOG_UNKNOWN;
+    case 'V':
+      return QD_LOG_VERBOSE;
+    case 'D':
+      return QD_LOG_DEBUG;
+    case 'I':
+      return QD_LOG_INFO;
+    case 'W':
+      return QD_LOG_WARN;
+    case 'E':
+      return QD_LOG_ERROR;
+    case 'F':
+      return QD_LOG_FATAL;
+    case 'S':
+      return QD_LOG_SILENT;
+    default:
+      return QD_LOG_UNKNOWN;
   }
 }
 

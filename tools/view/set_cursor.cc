@@ -60,8 +60,8 @@ bool SetCursor::NextPiece() {
 bool SetCursor::NextLine(const char** line, size_t* length) {
   for (;;) {
     const char* start = buffer_ + begin_;
-    const char* nl = end_ > begin_ ? static_cast<const char*>(memchr(start, '\n', end_ - begin_))
-                                   : nullptr;
+    const char* nl =
+        end_ > begin_ ? static_cast<const char*>(memchr(start, '\n', end_ - begin_)) : nullptr;
     if (nl != nullptr) {
       *line = start;
       *length = static_cast<size_t>(nl - start);

@@ -18,9 +18,9 @@
 namespace view {
 
 struct Record {
-  int64_t ms = 0;               // wall time (see wall_time.h)
-  const char* line = nullptr;   // without its line end; valid until the next
-  size_t length = 0;            // record of the same set
+  int64_t ms = 0;              // wall time (see wall_time.h)
+  const char* line = nullptr;  // without its line end; valid until the next
+  size_t length = 0;           // record of the same set
   ParsedLine parsed;
   const ViewSet* set = nullptr;
   const std::string* file = nullptr;  // the file, or "archive:member"

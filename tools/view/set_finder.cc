@@ -130,8 +130,8 @@ void AddArgument(std::string path, Collector* collector) {
   bool exists = stat(path.c_str(), &st) == 0;
   int savedErrno = errno;
   struct stat folderSt;
-  if (!exists && (stat(folder.empty() ? "/" : folder.c_str(), &folderSt) != 0 ||
-                  !S_ISDIR(folderSt.st_mode))) {
+  if (!exists &&
+      (stat(folder.empty() ? "/" : folder.c_str(), &folderSt) != 0 || !S_ISDIR(folderSt.st_mode))) {
     Fail(path, strerror(savedErrno));
     return;
   }
@@ -193,9 +193,7 @@ ViewFile MakeFile(const Found& found) {
 
 }  // namespace
 
-const char* SetKindName(SetKind kind) {
-  return kind == SetKind::kIndexed ? "indexed" : "numbered";
-}
+const char* SetKindName(SetKind kind) { return kind == SetKind::kIndexed ? "indexed" : "numbered"; }
 
 NameParts ClassifyName(const std::string& name) {
   NameParts parts;
@@ -209,8 +207,8 @@ NameParts ClassifyName(const std::string& name) {
     parts.number = atol(name.c_str() + n - tail + 2);
     return parts;
   }
-  if (n > kArchiveSuffixLength && name.compare(n - kArchiveSuffixLength, kArchiveSuffixLength,
-                                               kArchiveSuffix) == 0) {
+  if (n > kArchiveSuffixLength &&
+      name.compare(n - kArchiveSuffixLength, kArchiveSuffixLength, kArchiveSuffix) == 0) {
     size_t dash = name.rfind('-', n - kArchiveSuffixLength);
     size_t digits = n - kArchiveSuffixLength - (dash + 1);
     if (dash != std::string::npos && dash > 0 && digits <= 9 && AllDigits(name, dash + 1, digits)) {
@@ -221,7 +219,8 @@ NameParts ClassifyName(const std::string& name) {
     }
   }
   size_t dot = name.rfind('.');
-  if (dot != std::string::npos && dot > 0 && n - dot - 1 <= 9 && AllDigits(name, dot + 1, n - dot - 1)) {
+  if (dot != std::string::npos && dot > 0 && n - dot - 1 <= 9 &&
+      AllDigits(name, dot + 1, n - dot - 1)) {
     parts.kind = NameParts::kNumbered;
     parts.base = name.substr(0, dot);
     parts.number = atol(name.c_str() + dot + 1);

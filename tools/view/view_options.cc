@@ -57,12 +57,15 @@ bool ParsePid(const char* text, int32_t* pid) {
 }  // namespace
 
 bool ParseViewOptions(int argc, char** argv, ViewOptions* options, std::string* error) {
-  static const struct option kLong[] = {
-      {"format", required_argument, nullptr, 'o'}, {"regex", required_argument, nullptr, 'e'},
-      {"file", required_argument, nullptr, 'f'},   {"help", no_argument, nullptr, 'h'},
-      {"pid", required_argument, nullptr, kPid},   {"since", required_argument, nullptr, kSince},
-      {"until", required_argument, nullptr, kUntil}, {"list", no_argument, nullptr, kList},
-      {nullptr, 0, nullptr, 0}};
+  static const struct option kLong[] = {{"format", required_argument, nullptr, 'o'},
+                                        {"regex", required_argument, nullptr, 'e'},
+                                        {"file", required_argument, nullptr, 'f'},
+                                        {"help", no_argument, nullptr, 'h'},
+                                        {"pid", required_argument, nullptr, kPid},
+                                        {"since", required_argument, nullptr, kSince},
+                                        {"until", required_argument, nullptr, kUntil},
+                                        {"list", no_argument, nullptr, kList},
+                                        {nullptr, 0, nullptr, 0}};
   optind = 1;
   opterr = 0;
   FilterOptions& filter = options->filter;

@@ -53,7 +53,8 @@ void Put2(char* out, int v) {
 }  // namespace
 
 int64_t ToWallMs(const CivilTime& t) {
-  int64_t days = DaysFromCivil(t.year, static_cast<unsigned>(t.month), static_cast<unsigned>(t.day));
+  int64_t days =
+      DaysFromCivil(t.year, static_cast<unsigned>(t.month), static_cast<unsigned>(t.day));
   return days * kMsPerDay + ((t.hour * 60 + t.minute) * 60 + t.second) * 1000LL + t.millis;
 }
 
