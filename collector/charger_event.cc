@@ -19,24 +19,21 @@ constexpr int kUnknownType = -1;
 // Between failed tries at the event node, so a node that is missing, cannot
 // be seeked or read, or wakes without an event is waited on, never spun on.
 constexpr unsigned kRetrySeconds = 1;
-constexpr size_t kPathSize = 4096;
 
 int chargeEventFd = -1;
 bool chargeEventOpen = false;
 bool chargerPlugged = false;
 
 // Non-blocking, so a FIFO planted at a node cannot hold the thread in open.
-int OpenNode(const char* devicePath) {
-  char path[kPathSize];
-  if (!platform::ResolvePath(devicePath, path, sizeof(path))) return -1;
-  return open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+int OpenNode(const platform::DevicePath& path) {
+  return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
 }
 
 void PauseBeforeRetry() { WaitPoint::Sleep(kRetrySeconds); }
 
 bool OpenChargeEvent() {
   if (chargeEventOpen) return true;
-  chargeEventFd = OpenNode(kChargeEventNode);
+  chargeEventFd = OpenNode(platform::ResolvePath(kChargeEventNode));
   if (chargeEventFd < 0) {
     PauseBeforeRetry();
     return false;
@@ -85,7 +82,7 @@ bool ChargerEventChanged() {
 }
 
 bool ChargerTypeChanged() {
-  int fd = OpenNode(kChargerTypeNode);
+  int fd = OpenNode(platform::ResolvePath(kChargerTypeNode));
   if (fd < 0) return false;
   char text[16] = {0};
   ssize_t n = read(fd, text, sizeof(text) - 1);

@@ -49,12 +49,14 @@ bool CommandChild::Find(const char* name, char* out, size_t size) {
   while (*dir != '\0') {
     size_t length = strcspn(dir, ":");
     char devicePath[kPathSize];
-    struct stat st;
     if (snprintf_s(devicePath, sizeof(devicePath), sizeof(devicePath) - 1, "%.*s/%s",
-                   static_cast<int>(length), dir, name) >= 0 &&
-        platform::ResolvePath(devicePath, out, size) && stat(out, &st) == 0 &&
-        S_ISREG(st.st_mode) && (st.st_mode & 0111) != 0) {
-      return true;
+                   static_cast<int>(length), dir, name) >= 0) {
+      platform::DevicePath program = platform::ResolvePath(devicePath);
+      struct stat st;
+      if (stat(program.c_str(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 0111) != 0 &&
+          strcpy_s(out, size, program.c_str()) == 0) {
+        return true;
+      }
     }
     dir += length;
     if (*dir == ':') ++dir;

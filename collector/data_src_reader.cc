@@ -14,7 +14,6 @@
 #include <new>
 
 #include "collector/command_child.h"
-#include "collector/node_path.h"
 #include "collector/wait_point.h"
 #include "platform/properties.h"
 #include "platform/root_path.h"
@@ -35,12 +34,9 @@ using FdHolder = std::unique_ptr<int, void (*)(int*)>;
 
 // Opens a node of the configuration; the holder owns the result. A node is
 // read whole at each poll, so a FIFO without a writer must not block here.
-FdHolder OpenNode(const char* devicePath) {
+FdHolder OpenNode(const platform::DevicePath& path) {
   FdHolder holder(new (std::nothrow) int(-1), &Tavobase::ReleaseFD);
-  char path[kPathSize];
-  if (holder && ResolveNodePath(devicePath, path, sizeof(path))) {
-    *holder = open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  }
+  if (holder) *holder = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   return holder;
 }
 
@@ -74,7 +70,7 @@ bool DataSrcReader::FailureLimitReached() {
 
 int DataSrcReader::NodeCatOnce(const char* path, size_t width, bool endsRecord) {
   if (path == nullptr) return 1;
-  FdHolder fd = OpenNode(path);
+  FdHolder fd = OpenNode(platform::ResolveNodePath(path));
   if (!fd) return 1;
   if (*fd < 0) return LogcatWriteStr(kReadFail, width, endsRecord);
   char data[kReadBufSize];
@@ -99,7 +95,7 @@ int DataSrcReader::NodeCatAlterOnce(const TavoCommon::TavocatStrListT* list, siz
   if (list == nullptr) return 1;
   FdHolder fd(nullptr, &Tavobase::ReleaseFD);
   for (; list != nullptr && list->str != nullptr; list = list->next) {
-    fd = OpenNode(list->str);
+    fd = OpenNode(platform::ResolveNodePath(list->str));
     if (!fd) return 1;
     if (*fd >= 0) break;
   }
@@ -118,9 +114,8 @@ int DataSrcReader::OpenDataSrc(const char* path, int* fd, bool* cshell) {
     fprintf(stderr, "failed to create realDataSrc buffer\n");
     return 1;
   }
-  char devicePath[kPathSize];
-  if (!ResolveNodePath(path, devicePath, sizeof(devicePath)) ||
-      realpath(devicePath, realDataSrc.get()) == nullptr) {
+  platform::DevicePath devicePath = platform::ResolveNodePath(path);
+  if (!devicePath.ok() || realpath(devicePath.c_str(), realDataSrc.get()) == nullptr) {
     // Said once while the stream stays away, not at every retry.
     if (!openFailReported) {
       fprintf(stderr, "failed to translate path[%s] to absolute path\n", path);
@@ -128,9 +123,8 @@ int DataSrcReader::OpenDataSrc(const char* path, int* fd, bool* cshell) {
     openFailReported = true;
     return 1;
   }
-  char cshellPath[kPathSize];
-  if (platform::ResolvePath(kCshellDevice, cshellPath, sizeof(cshellPath)) &&
-      strcmp(realDataSrc.get(), cshellPath) == 0) {
+  platform::DevicePath cshellPath = platform::ResolvePath(kCshellDevice);
+  if (cshellPath.ok() && strcmp(realDataSrc.get(), cshellPath.c_str()) == 0) {
     *cshell = true;
   }
   {
@@ -189,11 +183,11 @@ int DataSrcReader::OpenStreamWaiting(const char* path, bool* cshell) {
 }
 
 bool DataSrcReader::StreamReplaced(const char* path) const {
-  char host[kPathSize];
+  platform::DevicePath host = platform::ResolveNodePath(path);
   struct stat named;
   struct stat opened;
-  if (!ResolveNodePath(path, host, sizeof(host)) || fstat(streamFd, &opened) != 0) return false;
-  if (stat(host, &named) != 0) return true;
+  if (!host.ok() || fstat(streamFd, &opened) != 0) return false;
+  if (stat(host.c_str(), &named) != 0) return true;
   return named.st_dev != opened.st_dev || named.st_ino != opened.st_ino;
 }
 

@@ -1,7 +1,6 @@
 #include "collector/monitor_dir.h"
 
 #include <errno.h>
-#include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -79,8 +78,8 @@ void MonitorDir::Run() {
     fprintf(stderr, "could not get file descriptor.\n");
     return;
   }
-  char ksvLog[PATH_MAX];
-  if (!platform::ResolvePath(kKsvLogDir, ksvLog, sizeof(ksvLog))) {
+  platform::DevicePath ksvLog = platform::ResolvePath(kKsvLogDir);
+  if (!ksvLog.ok()) {
     fprintf(stderr, "could not add watch for %s\n", kKsvLogDir);
     return;
   }
@@ -89,7 +88,7 @@ void MonitorDir::Run() {
     fprintf(stderr, "could not add watch for %s\n", dir);
     return;
   }
-  WatchTarget targets[kTargets] = {{dir}, {ksvLog}};
+  WatchTarget targets[kTargets] = {{dir}, {ksvLog.c_str()}};
   Watch(targets);
 }
 

@@ -8,7 +8,6 @@
 
 #include "collector/charger_event.h"
 #include "collector/group_threads.h"
-#include "collector/node_path.h"
 #include "collector/wait_point.h"
 #include "platform/root_path.h"
 #include "platform/safe_string.h"
@@ -26,7 +25,6 @@ using TavoCommon::TypeWrite;
 
 namespace {
 
-constexpr size_t kPathSize = 4096;
 constexpr size_t kDateTimeSize = 128;
 constexpr char kDateTimeNode[] = "DateTime";
 constexpr char kCurrentTimeNode[] = "CurrentTime";
@@ -37,22 +35,23 @@ constexpr char kCurrentTimeFormat[] = "\ncurrent time: %d-%d-%d %d:%d:%d\r\n";
 // prefix. Lives for the sink's constructor, which copies the path.
 class ResolvedGroup {
  public:
-  explicit ResolvedGroup(const TavocatGroupT* group) {
+  explicit ResolvedGroup(const TavocatGroupT* group)
+      : path(platform::ResolveNodePath(group != nullptr ? group->outputFilePath : nullptr)) {
     if (group == nullptr) return;
     copy = *group;
     valid = true;
-    const char* configured = group->outputFilePath;
-    if (configured != nullptr && configured[0] == '/' &&
-        platform::ResolvePath(configured, path, sizeof(path))) {
-      copy.outputFilePath = path;
-    }
+    if (group->outputFilePath == nullptr) return;
+    // Never the configured path as written: under a root it is the device's.
+    if (!path.ok()) fprintf(stderr, "group %s: output path too long\n", group->outputFilePath);
+    // The sink only reads the path; it copies it.
+    copy.outputFilePath = const_cast<char*>(path.c_str());
   }
   const TavocatGroupT* get() const { return valid ? &copy : nullptr; }
 
  private:
   TavocatGroupT copy{};
   bool valid = false;
-  char path[kPathSize];
+  platform::DevicePath path;
 };
 
 bool StartsWith(const char* text, const char* prefix) {
@@ -131,9 +130,9 @@ int Tavocat::MonitorNode() {
 void Tavocat::MonitorDir() {
   auto* dirSet = static_cast<TavocatInputDirSetT*>(group->inputSet);
   if (dirSet == nullptr || dirSet->inputDirPath == nullptr) return;
-  char dir[kPathSize];
-  if (!ResolveNodePath(dirSet->inputDirPath, dir, sizeof(dir))) return;
-  inputMonitor.Run(dir, dirSet->pickNode);
+  platform::DevicePath dir = platform::ResolveNodePath(dirSet->inputDirPath);
+  if (!dir.ok()) return;
+  inputMonitor.Run(dir.c_str(), dirSet->pickNode);
 }
 
 void Tavocat::PollingDateTime(const char* format, char* out, size_t size) {

@@ -30,7 +30,6 @@ namespace {
 
 constexpr unsigned long kCollectorKind = 2;
 constexpr size_t kNameSize = 256;
-constexpr size_t kPathSize = 4096;
 constexpr size_t kPidTextSize = 128;
 constexpr char kRebootWatchdog[] = "/proc/reboot_watchdog";
 // How long the teardown waits for the groups' threads to stop at their next
@@ -92,10 +91,9 @@ void RenameProcess(const char* name, int argc, char** argv) {
 }
 
 void TellWatchdog() {
-  char path[kPathSize];
-  if (!platform::ResolvePath(kRebootWatchdog, path, sizeof(path))) return;
+  platform::DevicePath path = platform::ResolvePath(kRebootWatchdog);
   // Non-blocking: a FIFO at the node must not hold the main thread.
-  int fd = open(path, O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return;
   char pid[kPidTextSize];
   int length = snprintf_s(pid, sizeof(pid), sizeof(pid) - 1, "%d", static_cast<int>(getpid()));

@@ -1,6 +1,5 @@
 #include "config/config_parser.h"
 
-#include <limits.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -17,17 +16,17 @@
 namespace TavoConfig {
 
 using TavoCommon::FACTORY_WRITE;
+using TavoCommon::kConfigFilePath;
+using TavoCommon::kInstanceNameMax;
 using TavoCommon::MMAP_WRITE;
 using TavoCommon::TavocatInfoT;
 using TavoCommon::TavocatStrListT;
-using TavoCommon::kConfigFilePath;
-using TavoCommon::kInstanceNameMax;
 
 int ParseConfigFile(const char* name, TavocatInfoT* info) {
   if (name == nullptr || info == nullptr) return 1;
-  char path[PATH_MAX];
-  if (!platform::ResolvePath(kConfigFilePath, path, sizeof(path))) return 1;
-  return ParseConfigFileAt(path, name, info);
+  platform::DevicePath path = platform::ResolvePath(kConfigFilePath);
+  if (!path.ok()) return 1;
+  return ParseConfigFileAt(path.c_str(), name, info);
 }
 
 int ParseConfigFileAt(const char* path, const char* name, TavocatInfoT* info) {

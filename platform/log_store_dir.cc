@@ -18,7 +18,6 @@
 
 #include "platform/log_lock.h"
 #include "platform/logger.h"
-#include "platform/root_path.h"
 #include "platform/safe_file.h"
 #include "platform/safe_string.h"
 
@@ -152,11 +151,7 @@ int Publish(int dirFd, const char* temp, const char* name, bool replace) {
 
 }  // namespace
 
-bool LogStoreDir(char* out, size_t size) {
-  const char* override = getenv(MORVO_LOG_STORE_ENV);
-  if (override != nullptr && override[0] != '\0') return strcpy_s(out, size, override) == 0;
-  return ResolvePath(MORVO_LOG_STORE_DIR, out, size);
-}
+DevicePath LogStoreDir() { return ResolveOverridable(MORVO_LOG_STORE_ENV, MORVO_LOG_STORE_DIR); }
 
 int OpenStoreDir(const char* dir) {
   char path[PATH_MAX];

@@ -14,6 +14,8 @@
 #include <stddef.h>
 #include <sys/types.h>
 
+#include "platform/root_path.h"
+
 namespace platform {
 
 // Modes of what the store makes: its folder, a ring, the signal page (the
@@ -22,10 +24,9 @@ constexpr mode_t kStoreDirMode = 0750;
 constexpr mode_t kRingFileMode = 0640;
 constexpr mode_t kSignalFileMode = 0660;
 
-// Writes the store folder into out: $MORVOCAT_LOG_STORE when set and not
-// empty, else the root-prefixed MORVO_LOG_STORE_DIR. False when it does not
-// fit.
-bool LogStoreDir(char* out, size_t size);
+// The store folder: $MORVOCAT_LOG_STORE when set and not empty, else the
+// root-prefixed MORVO_LOG_STORE_DIR.
+DevicePath LogStoreDir();
 
 // Opens the store folder dir, making it (kStoreDirMode) and its missing
 // parents (0755) when absent. A folder that is a link, is owned by another

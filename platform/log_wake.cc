@@ -1,16 +1,14 @@
 #include "platform/log_wake.h"
 
-#include <limits.h>
-
 #include "platform/log_signal.h"
 #include "platform/log_store_dir.h"
 
 namespace platform {
 
 void WakeLogReaders() {
-  char dir[PATH_MAX];
+  DevicePath dir = LogStoreDir();
   StoreSignal signal;
-  if (LogStoreDir(dir, sizeof(dir)) && signal.Open(dir)) signal.NotifyAll();
+  if (dir.ok() && signal.Open(dir.c_str())) signal.NotifyAll();
 }
 
 }  // namespace platform

@@ -124,11 +124,11 @@ int qd_log_write(int id, int priority, const char* tag, const char* message) {
   entry.hdr_size = platform::kRecordHeaderSize;
   entry.lid = static_cast<uint32_t>(id);
   StampCaller(&entry);
-  char dir[PATH_MAX];
-  if (!platform::LogStoreDir(dir, sizeof(dir))) return -ENAMETOOLONG;
+  platform::DevicePath dir = platform::LogStoreDir();
+  if (!dir.ok()) return dir.error();
   WriterSlot* slot = &gSlots[id];
   std::lock_guard<std::mutex> guard(slot->mutex);
-  int rc = AppendLocked(slot, static_cast<log_id_t>(id), dir, &entry, payload);
+  int rc = AppendLocked(slot, static_cast<log_id_t>(id), dir.c_str(), &entry, payload);
   return rc == 0 ? entry.len : rc;
 }
 

@@ -15,6 +15,7 @@
 #include "platform/log_ring.h"
 #include "platform/log_store_dir.h"
 #include "platform/logger.h"
+#include "platform/safe_string.h"
 #include "platform/thread_cancel.h"
 
 using platform::LogRing;
@@ -420,8 +421,9 @@ qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
   if (list == nullptr || id < LOG_ID_MIN || id >= LOG_ID_MAX) return nullptr;
   if (list->loggers[id] != nullptr) return list->loggers[id];
   // Every buffer of a list comes from the store the first one came from.
-  if (list->dir[0] == '\0' && !platform::LogStoreDir(list->dir, sizeof(list->dir))) {
-    return nullptr;
+  if (list->dir[0] == '\0') {
+    platform::DevicePath dir = platform::LogStoreDir();
+    if (!dir.ok() || strcpy_s(list->dir, sizeof(list->dir), dir.c_str()) != 0) return nullptr;
   }
   if (!list->signal.IsOpen() && !list->signal.Open(list->dir)) return nullptr;
   qd_logger* logger = new (std::nothrow) qd_logger;

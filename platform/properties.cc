@@ -23,15 +23,13 @@ namespace {
 constexpr size_t kLineMax = PROPERTY_KEY_MAX + PROPERTY_VALUE_MAX + 2;
 constexpr size_t kStoreMax = 64 * 1024;
 
-bool StorePath(char* out, size_t size) {
-  const char* override = getenv(MORVO_PROPERTY_FILE_ENV);
-  if (override != nullptr && override[0] != '\0') return strcpy_s(out, size, override) == 0;
-  return platform::ResolvePath(MORVO_PROPERTY_FILE, out, size);
+platform::DevicePath StorePath() {
+  return platform::ResolveOverridable(MORVO_PROPERTY_FILE_ENV, MORVO_PROPERTY_FILE);
 }
 
 // Reads the whole store; a missing file is an empty store.
-bool ReadStore(const char* path, std::string* text) {
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+bool ReadStore(const platform::DevicePath& path, std::string* text) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return true;
   char buf[4096];
   ssize_t n;
@@ -81,9 +79,8 @@ extern "C" {
 int property_get(const char* key, char* value, const char* default_value) {
   if (value == nullptr) return 0;
   value[0] = '\0';
-  char path[PATH_MAX];
   std::string text;
-  if (ValidText(key, PROPERTY_KEY_MAX) && StorePath(path, sizeof(path)) && ReadStore(path, &text)) {
+  if (ValidText(key, PROPERTY_KEY_MAX) && ReadStore(StorePath(), &text)) {
     size_t pos = FindKey(text, key);
     if (pos != std::string::npos) {
       size_t start = pos + strlen(key) + 1;
@@ -104,8 +101,10 @@ int property_set(const char* key, const char* value) {
       !ValidText(value, PROPERTY_VALUE_MAX)) {
     return -1;
   }
-  char path[PATH_MAX], lockPath[PATH_MAX], tmpPath[PATH_MAX];
-  if (!StorePath(path, sizeof(path)) ||
+  platform::DevicePath store = StorePath();
+  const char* path = store.c_str();
+  char lockPath[PATH_MAX], tmpPath[PATH_MAX];
+  if (!store.ok() ||
       snprintf_s(lockPath, sizeof(lockPath), sizeof(lockPath) - 1, "%s.lock", path) < 0 ||
       snprintf_s(tmpPath, sizeof(tmpPath), sizeof(tmpPath) - 1, "%s.%d", path, getpid()) < 0 ||
       !MakeParentDir(path)) {
@@ -115,7 +114,7 @@ int property_set(const char* key, const char* value) {
   if (lockFd < 0) return -1;
   int result = -1;
   std::string text;
-  if (flock(lockFd, LOCK_EX) == 0 && ReadStore(path, &text)) {
+  if (flock(lockFd, LOCK_EX) == 0 && ReadStore(store, &text)) {
     size_t pos = FindKey(text, key);
     if (pos != std::string::npos) {
       size_t end = text.find('\n', pos);

@@ -4,7 +4,6 @@
 // $MORVOCAT_ROOT) or on a file given on the command line, and prints the
 // dump and messages on standard error and the verdict on standard output.
 
-#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -64,14 +63,14 @@ int main(int argc, char** argv) {
             TavoCommon::kInstanceNameMax);
     return kExitUsage;
   }
-  char installed[PATH_MAX];
+  platform::DevicePath installed = platform::ResolvePath(TavoCommon::kConfigFilePath);
   const char* path = argv[2];
   if (path == nullptr) {
-    if (!platform::ResolvePath(TavoCommon::kConfigFilePath, installed, sizeof(installed))) {
+    if (!installed.ok()) {
       fprintf(stderr, "tavocat-config: the configuration path is too long\n");
       return kExitUsage;
     }
-    path = installed;
+    path = installed.c_str();
   } else if (access(path, F_OK) != 0) {
     fprintf(stderr, "tavocat-config: %s: no such file\n", path);
     return kExitUsage;

@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <string.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -16,17 +17,60 @@
 
 namespace {
 
-TEST(RootPathTest, PrefixesDevicePathsAndRefusesWhatDoesNotFit) {
-  char out[64];
-  unsetenv(platform::kRootEnv);
-  ASSERT_TRUE(platform::ResolvePath("/data/log/x", out, sizeof(out)));
-  EXPECT_STREQ("/data/log/x", out);
-  setenv(platform::kRootEnv, "/tmp/r/", 1);
-  ASSERT_TRUE(platform::ResolvePath("/data/log/x", out, sizeof(out)));
-  EXPECT_STREQ("/tmp/r/data/log/x", out);
-  char small[8];
-  EXPECT_FALSE(platform::ResolvePath("/data/log/x", small, sizeof(small)));
-  EXPECT_STREQ("", small);
+// A root that leaves room for exactly `left` more characters in PATH_MAX.
+std::string RootLeaving(size_t left) { return "/tmp/" + std::string(PATH_MAX - 1 - 5 - left, 'r'); }
+
+TEST(RootPathTest, ResolvesEveryDevicePathUnderTheRootOrNotAtAll) {
+  const std::string kLong = RootLeaving(strlen("/data/log/x") - 1);
+  const std::string kFits = RootLeaving(strlen("/data/log/x"));
+  enum Resolver { kDevice, kNode, kOverridable };
+  const struct {
+    const char* root;  // null: unset
+    Resolver resolver;
+    const char* path;
+    const char* override;  // MORVOCAT_PROPERTIES for kOverridable
+    std::string expected;
+    int error;
+  } kCases[] = {
+      {nullptr, kDevice, "/data/log/x", nullptr, "/data/log/x", 0},
+      {"", kDevice, "/data/log/x", nullptr, "/data/log/x", 0},
+      {"/tmp/r", kDevice, "/data/log/x", nullptr, "/tmp/r/data/log/x", 0},
+      {"/tmp/r/", kDevice, "/data/log/x", nullptr, "/tmp/r/data/log/x", 0},
+      {"/tmp/r//", kDevice, "/data/log/x", nullptr, "/tmp/r/data/log/x", 0},
+      {"/", kDevice, "/proc/kmsg", nullptr, "/proc/kmsg", 0},
+      // A relative path is appended to the root as it stands.
+      {"/tmp/r", kDevice, "data/x", nullptr, "/tmp/rdata/x", 0},
+      {kFits.c_str(), kDevice, "/data/log/x", nullptr, kFits + "/data/log/x", 0},
+      {kLong.c_str(), kDevice, "/data/log/x", nullptr, "", -ENAMETOOLONG},
+      {"/tmp/r", kDevice, nullptr, nullptr, "", -EINVAL},
+      // Configured paths: absolute ones under the root, relative ones as written.
+      {"/tmp/r", kNode, "/dev/input", nullptr, "/tmp/r/dev/input", 0},
+      {"/tmp/r", kNode, "logs/out", nullptr, "logs/out", 0},
+      {kLong.c_str(), kNode, "/data/log/x", nullptr, "", -ENAMETOOLONG},
+      {kLong.c_str(), kNode, "data/log/x", nullptr, "data/log/x", 0},
+      {"/tmp/r", kNode, nullptr, nullptr, "", -EINVAL},
+      {"/tmp/r", kOverridable, "/data/p", nullptr, "/tmp/r/data/p", 0},
+      {"/tmp/r", kOverridable, "/data/p", "", "/tmp/r/data/p", 0},
+      {"/tmp/r", kOverridable, "/data/p", "/tmp/q/props", "/tmp/q/props", 0},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.root != nullptr ? c.root : "(unset)").substr(0, 16) + " " +
+                 (c.path != nullptr ? c.path : "(null)"));
+    if (c.root != nullptr) {
+      setenv(platform::kRootEnv, c.root, 1);
+    } else {
+      unsetenv(platform::kRootEnv);
+    }
+    if (c.override != nullptr) setenv(MORVO_PROPERTY_FILE_ENV, c.override, 1);
+    platform::DevicePath path = c.resolver == kDevice ? platform::ResolvePath(c.path)
+                                : c.resolver == kNode
+                                    ? platform::ResolveNodePath(c.path)
+                                    : platform::ResolveOverridable(MORVO_PROPERTY_FILE_ENV, c.path);
+    unsetenv(MORVO_PROPERTY_FILE_ENV);
+    EXPECT_EQ(c.error, path.error());
+    EXPECT_EQ(c.error == 0, path.ok());
+    EXPECT_EQ(c.expected, path.c_str());
+  }
   unsetenv(platform::kRootEnv);
 }
 
