@@ -86,7 +86,7 @@ namespace archive {
 void CompressLogsFactory(const std::string& logFilePath, int32_t maxFiles) {
   std::string folder;
   std::string base;
-  if (!platform::SplitPath(logFilePath.c_str(), &folder, &base)) return;
+  if (platform::SplitPath(logFilePath.c_str(), &folder, &base) != 0) return;
   Folder dir(platform::OpenFolder(folder.c_str()));
   if (!dir.ok()) {
     errno = -dir.fd();

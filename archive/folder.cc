@@ -13,7 +13,7 @@ constexpr mode_t kWorkFolderMode = 0775;
 
 int OpenParentFolder(const char* path, std::string* name) {
   std::string folder;
-  if (!platform::SplitPath(path, &folder, name)) {
+  if (platform::SplitPath(path, &folder, name) != 0) {
     if (path == nullptr || path[0] == '\0' || path[strlen(path) - 1] == '/') return -EINVAL;
     folder = ".";
     name->assign(path);

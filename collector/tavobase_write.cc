@@ -125,10 +125,11 @@ bool Tavobase::WriteNow(const char* text, size_t length, bool endsRecord) {
 bool Tavobase::WriteFactoryNow(const char* text, size_t length) {
   if (length == 0) return true;
   if (logFd < 0) return false;
-  size_t done = platform::WriteFully(logFd, text, length);
+  size_t done = 0;
+  ssize_t rc = platform::WriteFully(logFd, text, length, &done);
   curFileSize += done;
-  if (done == length) return true;
-  lastError_ = errno;
+  if (rc >= 0) return true;
+  lastError_ = static_cast<int>(-rc);
   Say("%s: write fail\n", logFilePath.c_str());
   // Take back the part that went in, so the refused record leaves no trace
   // and is not doubled when it is written again.

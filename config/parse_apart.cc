@@ -69,7 +69,7 @@ bool BoundChild(pid_t parent, const ApartLimits& limits) {
   TavocatInfoT built{};
   WireBuffer wire;
   bool sent = build(arg, &built) == 0 && EncodeTavocatInfo(built, &wire);
-  if (sent && platform::WriteFully(fd, wire.data, wire.size) != wire.size) {
+  if (sent && platform::WriteFully(fd, wire.data, wire.size) < 0) {
     fprintf(stderr, "Config parser process cannot send the configuration: %s\n", strerror(errno));
     sent = false;
   }

@@ -39,8 +39,7 @@ constexpr unsigned char kEmptyMember[] = {0x1f, 0x8b, 8, 0, 0, 0, 0, 0, 0, 3,
 void GiveEmptyMember(int fd) {
   struct stat st;
   if (fstat(fd, &st) != 0 || st.st_size != 0) return;
-  if (platform::WriteFully(fd, kEmptyMember, sizeof(kEmptyMember)) != sizeof(kEmptyMember) &&
-      ftruncate(fd, 0) != 0) {
+  if (platform::WriteFully(fd, kEmptyMember, sizeof(kEmptyMember)) < 0 && ftruncate(fd, 0) != 0) {
     fprintf(stderr, "empty member: truncate fail %s\n", strerror(errno));
   }
 }
@@ -312,7 +311,7 @@ bool FileSet::AddNewFile(uint32_t index, std::string* path) {
 
 int FileSet::OpenFolderOf(const std::string& path, std::string* name) {
   std::string folder;
-  if (!platform::SplitPath(path.c_str(), &folder, name)) return -EINVAL;
+  if (platform::SplitPath(path.c_str(), &folder, name) != 0) return -EINVAL;
   return platform::OpenFolder(folder.c_str());
 }
 

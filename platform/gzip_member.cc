@@ -1,5 +1,6 @@
 #include "platform/gzip_member.h"
 
+#include <errno.h>
 #include <stdlib.h>
 #include <zlib.h>
 
@@ -37,9 +38,9 @@ bool PrepareLocked() {
 
 }  // namespace
 
-bool AppendGzipMember(int fd, const unsigned char* data, size_t length) {
+int AppendGzipMember(int fd, const unsigned char* data, size_t length) {
   std::lock_guard<std::mutex> lock(gMutex);
-  if (!PrepareLocked()) return false;
+  if (!PrepareLocked()) return -ENOMEM;
   gStream.next_in = const_cast<unsigned char*>(data);
   gStream.avail_in = static_cast<uInt>(length);
   int rc = Z_OK;
@@ -47,11 +48,11 @@ bool AppendGzipMember(int fd, const unsigned char* data, size_t length) {
     gStream.next_out = gOut;
     gStream.avail_out = kOutChunk;
     rc = deflate(&gStream, Z_FINISH);
-    if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) return false;
-    size_t produced = kOutChunk - gStream.avail_out;
-    if (WriteFully(fd, gOut, produced) != produced) return false;
+    if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) return -ENOMEM;
+    ssize_t written = WriteFully(fd, gOut, kOutChunk - gStream.avail_out);
+    if (written < 0) return static_cast<int>(written);
   }
-  return true;
+  return 0;
 }
 
 }  // namespace platform

@@ -12,9 +12,10 @@
 
 namespace platform {
 
-// Writes data to fd as one gzip member. False when the compressor cannot
-// be made or a write fails; fd may then hold part of the member.
-bool AppendGzipMember(int fd, const unsigned char* data, size_t length);
+// Writes data to fd as one gzip member. 0, or a negated errno: -ENOMEM when
+// the compressor cannot be made or fails, the write's error when a write
+// fails; fd may then hold part of the member.
+int AppendGzipMember(int fd, const unsigned char* data, size_t length);
 
 }  // namespace platform
 

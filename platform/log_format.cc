@@ -26,7 +26,7 @@ constexpr size_t kPrintBufferSize = 1024;
 
 // Writes all of text; the length or a negated errno.
 int WriteAll(int fd, const char* text, size_t length) {
-  return platform::WriteFully(fd, text, length) == length ? static_cast<int>(length) : -errno;
+  return static_cast<int>(platform::WriteFully(fd, text, length));
 }
 
 }  // namespace

@@ -162,7 +162,7 @@ LogRing* LogRing::Open(const char* dir, log_id_t id, bool writer) {
   ring->repair_ = writer;
   ring->name_ = qdlogging_log_id_to_name(id);
   ring->dirFd_ = OpenStoreDir(dir);
-  if (ring->dirFd_ < 0 || !ring->signal_.Open(ring->dirFd_) || ring->Map() != 0) {
+  if (ring->dirFd_ < 0 || ring->signal_.Open(ring->dirFd_) != 0 || ring->Map() != 0) {
     delete ring;
     return nullptr;
   }
@@ -257,7 +257,7 @@ int LogRing::LockFresh() {
   return -ESTALE;
 }
 
-bool LogRing::Reopen() { return Map() == 0; }
+int LogRing::Reopen() { return Map(); }
 
 bool LogRing::Settled() const { return RingLockSettled(header_->lock); }
 

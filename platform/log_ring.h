@@ -87,9 +87,10 @@ class LogRing {
 
   // True once another process replaced the file (resize), or when the
   // mapped header no longer reads as this ring's (overwritten in place);
-  // Reopen then maps what is at the path now. Positions carry over.
+  // Reopen then maps what is at the path now (0 or a negated errno).
+  // Positions carry over.
   bool Stale() const;
-  bool Reopen();
+  int Reopen();
 
   // Appends header (stamped with the time here, under the lock) and
   // header->len payload bytes, dropping the oldest records to make room.

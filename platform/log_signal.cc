@@ -61,41 +61,42 @@ long Futex(std::atomic<uint32_t>* word, int op, uint32_t value, const struct tim
 
 StoreSignal::~StoreSignal() { UnmapShared(&mapping_); }
 
-bool StoreSignal::Open(int dirFd) {
+int StoreSignal::Open(int dirFd) {
   UnmapShared(&mapping_);
   page_ = nullptr;
   readOnly_ = false;
+  int rc = 0;
   for (int attempt = 0; attempt < 4; ++attempt) {
-    int rc = MapPage(dirFd, true, &mapping_);
+    rc = MapPage(dirFd, true, &mapping_);
     if (rc == -EACCES) {
       readOnly_ = true;
       rc = MapPage(dirFd, false, &mapping_);
     }
     if (rc == 0 && ValidPage(mapping_)) {
       page_ = static_cast<Page*>(mapping_.addr);
-      return true;
+      return 0;
     }
     UnmapShared(&mapping_);
     readOnly_ = false;
-    if (rc != 0 && rc != -ENOENT && rc != -EINVAL) return false;
+    if (rc != 0 && rc != -ENOENT && rc != -EINVAL) return rc;
     // Missing: make it, unless another process is quicker. Malformed: replace.
     rc = PublishSharedFile(dirFd, kSignalFileName, kSignalFileSize, kSignalFileMode, rc != -ENOENT,
                            InitPage, nullptr, &mapping_);
     if (rc == 0) {
       page_ = static_cast<Page*>(mapping_.addr);
-      return true;
+      return 0;
     }
-    if (rc != -EEXIST) return false;
+    if (rc != -EEXIST) return rc;
   }
-  return false;
+  return rc;
 }
 
-bool StoreSignal::Open(const char* dir) {
+int StoreSignal::Open(const char* dir) {
   int dirFd = OpenStoreDir(dir);
-  if (dirFd < 0) return false;
-  bool opened = Open(dirFd);
+  if (dirFd < 0) return dirFd;
+  int rc = Open(dirFd);
   close(dirFd);
-  return opened;
+  return rc;
 }
 
 uint32_t StoreSignal::PrepareWait() {

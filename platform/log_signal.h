@@ -21,10 +21,10 @@ class StoreSignal {
   // Maps the signal page of the store folder dirFd, making it when missing
   // or malformed (it holds no log data). A reader that may only read it
   // maps it read-only and cannot ask to be woken: it looks for records
-  // every kReadOnlyPollMs instead. False on failure.
-  bool Open(int dirFd);
+  // every kReadOnlyPollMs instead. 0 or a negated errno.
+  int Open(int dirFd);
   // Open on the store folder dir, opened and checked as OpenStoreDir does.
-  bool Open(const char* dir);
+  int Open(const char* dir);
   bool IsOpen() const { return page_ != nullptr; }
 
   // Announces a reader about to sleep; check for records after this call

@@ -8,7 +8,7 @@ namespace platform {
 void WakeLogReaders() {
   DevicePath dir = LogStoreDir();
   StoreSignal signal;
-  if (dir.ok() && signal.Open(dir.c_str())) signal.NotifyAll();
+  if (dir.ok() && signal.Open(dir.c_str()) == 0) signal.NotifyAll();
 }
 
 }  // namespace platform

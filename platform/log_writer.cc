@@ -101,7 +101,7 @@ int AppendLocked(WriterSlot* slot, log_id_t id, const char* dir, qd_logger_entry
   for (int attempt = 0; attempt < kStaleRetries; ++attempt) {
     int rc = slot->ring->Append(entry, payload);
     if (rc != -ESTALE) return rc;
-    if (!slot->ring->Reopen()) break;
+    if (slot->ring->Reopen() != 0) break;
   }
   delete slot->ring;
   slot->ring = nullptr;

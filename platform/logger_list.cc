@@ -69,7 +69,7 @@ uint64_t StampOf(const qd_logger_entry& entry) {
 
 // Follows a resize made by another process. False when the file now at the
 // path cannot be mapped.
-bool Refresh(LogRing* ring) { return !ring->Stale() || ring->Reopen(); }
+bool Refresh(LogRing* ring) { return !ring->Stale() || ring->Reopen() == 0; }
 
 // Runs op on the logger's ring, again on the new file while the ring it
 // held was replaced under it.
@@ -425,7 +425,7 @@ qd_logger* qd_logger_open(qd_logger_list* list, log_id_t id) {
     platform::DevicePath dir = platform::LogStoreDir();
     if (!dir.ok() || strcpy_s(list->dir, sizeof(list->dir), dir.c_str()) != 0) return nullptr;
   }
-  if (!list->signal.IsOpen() && !list->signal.Open(list->dir)) return nullptr;
+  if (!list->signal.IsOpen() && list->signal.Open(list->dir) != 0) return nullptr;
   qd_logger* logger = new (std::nothrow) qd_logger;
   if (logger == nullptr) return nullptr;
   logger->ring = LogRing::Open(list->dir, id, false);

@@ -126,8 +126,7 @@ int property_set(const char* key, const char* value) {
       text.append(line);
       int fd = platform::OpenFile(tmpPath, O_WRONLY | O_CREAT | O_TRUNC, 0664);
       if (fd >= 0) {
-        bool ok =
-            platform::WriteFully(fd, text.data(), text.size()) == text.size() && fsync(fd) == 0;
+        bool ok = platform::WriteFully(fd, text.data(), text.size()) >= 0 && fsync(fd) == 0;
         close(fd);
         if (ok && rename(tmpPath, path) == 0)
           result = 0;

@@ -64,13 +64,13 @@ int Close(int fd, int rc) {
 
 }  // namespace
 
-bool SplitPath(const char* path, std::string* folder, std::string* name) {
+int SplitPath(const char* path, std::string* folder, std::string* name) {
   const char* slash = path != nullptr ? strrchr(path, '/') : nullptr;
-  if (slash == nullptr || slash[1] == '\0') return false;
+  if (slash == nullptr || slash[1] == '\0') return -EINVAL;
   // "/name" lives in the root folder.
   folder->assign(path, slash == path ? 1 : static_cast<size_t>(slash - path));
   name->assign(slash + 1);
-  return true;
+  return 0;
 }
 
 int OpenFolder(const char* folder) {
@@ -106,7 +106,8 @@ int OpenFileAt(int dirFd, const char* name, int flags, mode_t mode) {
 int OpenFile(const char* path, int flags, mode_t mode) {
   std::string folder;
   std::string name;
-  if (!SplitPath(path, &folder, &name)) return -EINVAL;
+  int rc = SplitPath(path, &folder, &name);
+  if (rc != 0) return rc;
   int dirFd = OpenFolder(folder.c_str());
   if (dirFd < 0) return dirFd;
   int fd = OpenFileAt(dirFd, name.c_str(), flags, mode);

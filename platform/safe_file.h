@@ -16,9 +16,9 @@
 
 namespace platform {
 
-// The last "/" splits path into folder and name. False when path holds no
-// "/" or ends in one.
-bool SplitPath(const char* path, std::string* folder, std::string* name);
+// The last "/" splits path into folder and name. 0, or -EINVAL when path
+// holds no "/" or ends in one.
+int SplitPath(const char* path, std::string* folder, std::string* name);
 
 // Opens a folder for *at calls; a link at its last component is refused
 // (-ELOOP or -ENOTDIR), a non-folder gives -ENOTDIR.

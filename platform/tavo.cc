@@ -103,7 +103,7 @@ bool CacheNameFor(const char* base, int slot, char* out, size_t size) {
 // output's name in it; a bare name lives in the working folder.
 int OpenOutputFolder(const char* path, std::string* name) {
   std::string folder;
-  if (!platform::SplitPath(path, &folder, name)) {
+  if (platform::SplitPath(path, &folder, name) != 0) {
     if (strchr(path, '/') != nullptr) return -EINVAL;
     folder = ".";
     name->assign(path);
@@ -190,7 +190,7 @@ bool Tavo::Impl::FlushCache(TavoCache* c) {
   bool ok = UndoInterrupted(c, fd, &st, &size);
   if (ok) {
     c->BeginFlush(size, st);
-    ok = platform::AppendGzipMember(fd, data, length);
+    ok = platform::AppendGzipMember(fd, data, length) == 0;
     if (ok) {
       RunHook(platform::TavoFlushStage::kAppended);
       c->CommitFlush();
@@ -289,7 +289,7 @@ bool Tavo::Impl::Retarget(TavoCache* c, int dirFd, const char* name) {
     if (fd < 0 || !UndoInterrupted(c, fd, &st, &size)) c->AbortFlush();
     if (fd >= 0) close(fd);
   }
-  return c->SetTarget(dirFd, name);
+  return c->SetTarget(dirFd, name) == 0;
 }
 
 // The first free cache file for the output name in dirFd, or one on the heap.
@@ -298,11 +298,12 @@ TavoCache* Tavo::Impl::OpenCache(int dirFd, const char* name) {
   if (c == nullptr) return nullptr;
   char file[NAME_MAX + 1];
   for (int slot = 0; slot < kCacheSlots; slot++) {
-    if (CacheNameFor(name, slot, file, sizeof(file)) && c->OpenFile(dirFd, file, kCacheCapacity)) {
+    if (CacheNameFor(name, slot, file, sizeof(file)) &&
+        c->OpenFile(dirFd, file, kCacheCapacity) == 0) {
       return c;
     }
   }
-  if (c->OpenMemory(kCacheCapacity)) return c;
+  if (c->OpenMemory(kCacheCapacity) == 0) return c;
   delete c;
   return nullptr;
 }

@@ -50,31 +50,33 @@ bool SameFile(const struct stat& a, const struct stat& b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+// Closes fd and passes rc on.
+int CloseWith(int fd, int rc) {
+  close(fd);
+  return rc;
+}
+
 }  // namespace
 
 TavoCache::~TavoCache() { Close(false); }
 
-bool TavoCache::OpenFile(int dirFd, const char* name, size_t capacity) {
+int TavoCache::OpenFile(int dirFd, const char* name, size_t capacity) {
   Close(false);
-  if (capacity == 0 || capacity > kMaxCapacity) return false;
-  if (strcpy_s(name_, sizeof(name_), name) != 0) return false;
+  if (capacity == 0 || capacity > kMaxCapacity) return -EINVAL;
+  if (strcpy_s(name_, sizeof(name_), name) != 0) return -ENAMETOOLONG;
   int fd = OpenFileAt(dirFd, name, O_RDWR, 0);
   if (fd == -ENOENT) return Create(dirFd, capacity);
-  if (fd < 0 && !IsInTheWay(fd)) return false;
+  if (fd < 0 && !IsInTheWay(fd)) return fd;
   struct stat st;
   if (fd >= 0 && fstat(fd, &st) == 0 && IsOwnFile(st)) {
     // A live writer holds the lock for as long as it maps the file; a dead
     // one has lost it, which is what lets its successor recover the data.
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-      close(fd);
-      return false;
-    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) return CloseWith(fd, -errno);
     TavoCacheHeader header;
     if (pread(fd, &header, sizeof(header), 0) == static_cast<ssize_t>(sizeof(header)) &&
         IsWellFormed(header, st.st_size)) {
-      if (Adopt(fd, dirFd, header)) return true;
-      close(fd);
-      return false;
+      int rc = Adopt(fd, dirFd, header);
+      return rc == 0 ? 0 : CloseWith(fd, rc);
     }
   }
   if (fd >= 0) close(fd);
@@ -82,31 +84,30 @@ bool TavoCache::OpenFile(int dirFd, const char* name, size_t capacity) {
   return Create(dirFd, capacity);
 }
 
-bool TavoCache::Create(int dirFd, size_t capacity) {
+int TavoCache::Create(int dirFd, size_t capacity) {
   int fd = OpenFileAt(dirFd, name_, O_RDWR | O_CREAT | O_EXCL, 0600);
-  if (fd < 0) return false;
-  bool ok = fchmod(fd, 0600) == 0 && flock(fd, LOCK_EX | LOCK_NB) == 0;
+  if (fd < 0) return fd;
+  int rc = fchmod(fd, 0600) == 0 && flock(fd, LOCK_EX | LOCK_NB) == 0 ? 0 : -errno;
   // Without reserved blocks a store into the mapping could fault on a full
   // disk; better no file cache at all.
-  if (ok && posix_fallocate(fd, 0, static_cast<off_t>(kHeaderSize + capacity)) != 0) {
-    unlinkat(dirFd, name_, 0);
-    ok = false;
+  if (rc == 0) {
+    rc = -posix_fallocate(fd, 0, static_cast<off_t>(kHeaderSize + capacity));
+    if (rc != 0) unlinkat(dirFd, name_, 0);
   }
-  if (!ok || !MapFile(fd, dirFd, capacity)) {
-    close(fd);
-    return false;
-  }
+  if (rc == 0) rc = MapFile(fd, dirFd, capacity);
+  if (rc != 0) return CloseWith(fd, rc);
   capacity_ = capacity;
   header_->headerSize = kHeaderSize;
   header_->capacity = capacity;
   memcpy(header_->magic, kMagic, sizeof(kMagic));
-  return true;
+  return 0;
 }
 
 // Takes over a dead writer's cache from a header checked by IsWellFormed;
 // anything but pending data and a begun flush is cleared.
-bool TavoCache::Adopt(int fd, int dirFd, const TavoCacheHeader& h) {
-  if (!MapFile(fd, dirFd, h.capacity)) return false;
+int TavoCache::Adopt(int fd, int dirFd, const TavoCacheHeader& h) {
+  int rc = MapFile(fd, dirFd, h.capacity);
+  if (rc != 0) return rc;
   capacity_ = h.capacity;
   bool pending = h.flushed < h.end;
   bool begun = pending && h.flushEnd > h.flushed;
@@ -116,32 +117,29 @@ bool TavoCache::Adopt(int fd, int dirFd, const TavoCacheHeader& h) {
   Store(&TavoCacheHeader::flushEnd, &flushEnd_, begun ? h.flushEnd : 0);
   Store(&TavoCacheHeader::end, &end_, pending ? h.end : 0);
   Store(&TavoCacheHeader::flushed, &flushed_, pending ? h.flushed : 0);
-  return true;
+  return 0;
 }
 
-bool TavoCache::MapFile(int fd, int dirFd, size_t capacity) {
+int TavoCache::MapFile(int fd, int dirFd, size_t capacity) {
   int dir = fcntl(dirFd, F_DUPFD_CLOEXEC, 0);
-  if (dir < 0) return false;
+  if (dir < 0) return -errno;
   size_t size = kHeaderSize + capacity;
   void* map = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  if (map == MAP_FAILED) {
-    close(dir);
-    return false;
-  }
+  if (map == MAP_FAILED) return CloseWith(dir, -errno);
   fd_ = fd;
   dirFd_ = dir;
   mapSize_ = size;
   header_ = static_cast<TavoCacheHeader*>(map);
   data_ = static_cast<unsigned char*>(map) + kHeaderSize;
-  return true;
+  return 0;
 }
 
-bool TavoCache::OpenMemory(size_t capacity) {
+int TavoCache::OpenMemory(size_t capacity) {
   Close(false);
   data_ = static_cast<unsigned char*>(malloc(capacity));
-  if (data_ == nullptr) return false;
+  if (data_ == nullptr) return -ENOMEM;
   capacity_ = capacity;
-  return true;
+  return 0;
 }
 
 void TavoCache::Close(bool removeIfEmpty) {
@@ -185,14 +183,14 @@ void TavoCache::Append(const void* data, size_t length) {
   Store(&TavoCacheHeader::end, &end_, end_ + length);
 }
 
-bool TavoCache::SetTarget(int dirFd, const char* name) {
-  if (strlen(name) >= sizeof(target_)) return false;
+int TavoCache::SetTarget(int dirFd, const char* name) {
+  if (strlen(name) >= sizeof(target_)) return -ENAMETOOLONG;
   int dir = fcntl(dirFd, F_DUPFD_CLOEXEC, 0);
-  if (dir < 0) return false;
+  if (dir < 0) return -errno;
   if (dirFd_ >= 0) close(dirFd_);
   dirFd_ = dir;
   strcpy_s(target_, sizeof(target_), name);
-  return true;
+  return 0;
 }
 
 bool TavoCache::Interrupted(const struct stat& output, uint64_t* base) {

@@ -56,9 +56,10 @@ class TavoCache {
   // Maps the cache called name in the folder dirFd, creating it with
   // capacity data bytes when absent; what is there and is not this user's
   // well-formed cache is removed first. Fails when the file is locked by a
-  // live writer or cannot be created with its blocks reserved.
-  bool OpenFile(int dirFd, const char* name, size_t capacity);
-  bool OpenMemory(size_t capacity);
+  // live writer (-EWOULDBLOCK) or cannot be created with its blocks
+  // reserved. 0 or a negated errno, as every call here.
+  int OpenFile(int dirFd, const char* name, size_t capacity);
+  int OpenMemory(size_t capacity);
   // Unmaps; the file is removed first when removeIfEmpty and nothing is
   // pending in it.
   void Close(bool removeIfEmpty);
@@ -80,7 +81,7 @@ class TavoCache {
   int Folder() const { return dirFd_; }
   const char* Target() const { return target_; }
   // dirFd must be the cache file's own folder; it is duplicated.
-  bool SetTarget(int dirFd, const char* name);
+  int SetTarget(int dirFd, const char* name);
 
   // True when a flush was begun and not committed.
   bool FlushBegun() const { return flushEnd_ > flushed_; }
@@ -100,9 +101,9 @@ class TavoCache {
   void AbortFlush();
 
  private:
-  bool Create(int dirFd, size_t capacity);
-  bool Adopt(int fd, int dirFd, const TavoCacheHeader& header);
-  bool MapFile(int fd, int dirFd, size_t capacity);
+  int Create(int dirFd, size_t capacity);
+  int Adopt(int fd, int dirFd, const TavoCacheHeader& header);
+  int MapFile(int fd, int dirFd, size_t capacity);
   void Store(uint64_t TavoCacheHeader::*field, uint64_t* copy, uint64_t value);
 
   int fd_ = -1;

@@ -24,14 +24,14 @@ long LineBatch::Add(QdLogFormat* format, const QdLogEntry& entry) {
 
 bool LineBatch::Append(const char* text, size_t length) {
   if (kSize - used_ < length && !Flush()) return false;
-  if (length > kSize) return platform::WriteFully(fd_, text, length) == length;
+  if (length > kSize) return platform::WriteFully(fd_, text, length) >= 0;
   memcpy(buffer_ + used_, text, length);
   used_ += length;
   return true;
 }
 
 bool LineBatch::Flush() {
-  bool ok = platform::WriteFully(fd_, buffer_, used_) == used_;
+  bool ok = platform::WriteFully(fd_, buffer_, used_) >= 0;
   used_ = 0;
   return ok;
 }

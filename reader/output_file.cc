@@ -147,7 +147,7 @@ int PrepareLogFolder(const char* path, std::string* refusal) {
   }
   std::string folder;
   std::string name;
-  if (!platform::SplitPath(path, &folder, &name)) {
+  if (platform::SplitPath(path, &folder, &name) != 0) {
     fprintf(stderr, "logFile path [%s] is invalid.\n", path != nullptr ? path : "");
     return -1;
   }

@@ -80,7 +80,7 @@ void MaybePrintStart(android_logcat_context_internal* ctx, LogDevice* device, Li
     if (batch != nullptr && !batch->Flush()) OutputError(ctx, errno);
     if (writer != nullptr) {
       writer->Write(divider, strnlen(divider, sizeof(divider)));
-    } else if (platform::WriteFully(ctx->output_fd, divider, strlen(divider)) != strlen(divider)) {
+    } else if (platform::WriteFully(ctx->output_fd, divider, strlen(divider)) < 0) {
       LogcatPanic(ctx, HELP_NONE, "output error");
       return;
     }

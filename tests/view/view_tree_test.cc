@@ -106,8 +106,8 @@ TEST_F(ViewTreeTest, ReaderSetThroughTheWrapIntoANewYear) {
     std::string old = base + ".I996." + Format(earlier, "%Y%m%d-%H%M%S") + ".gz";
     int fd = open(old.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664);
     std::string line = ThreadTimeLine(earlier, 0);
-    ASSERT_TRUE(platform::AppendGzipMember(fd, reinterpret_cast<const unsigned char*>(line.data()),
-                                           line.size()));
+    ASSERT_EQ(0, platform::AppendGzipMember(fd, reinterpret_cast<const unsigned char*>(line.data()),
+                                            line.size()));
     close(fd);
   }
   const long kRecords = 50;

@@ -41,7 +41,7 @@ Output::~Output() {
 
 bool Output::Flush() {
   if (used_ > 0 && !broken_) {
-    broken_ = platform::WriteFully(fd_, buffer_, used_) != used_;
+    broken_ = platform::WriteFully(fd_, buffer_, used_) < 0;
   }
   used_ = 0;
   return !broken_;
