@@ -4,8 +4,9 @@
 // Every fixed device path ("/data/log/...", "/proc/reboot_watchdog", a
 // configured node or output path) is opened through a DevicePath, and only
 // the resolvers below make one: no code can reach the device's own "/data"
-// by forgetting to apply the root prefix. A path is resolved once, when the
-// run or group that uses it is built.
+// by forgetting to apply the root prefix, and a path that does not resolve
+// opens nothing. Resolve where the user is built (a group's output path with
+// the group, the watchdog and configuration paths with the run) and keep it.
 
 #include <limits.h>
 #include <stddef.h>
