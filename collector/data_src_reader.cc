@@ -182,12 +182,11 @@ int DataSrcReader::OpenStreamWaiting(const char* path, bool* cshell) {
   }
 }
 
-bool DataSrcReader::StreamReplaced(const char* path) const {
-  platform::DevicePath host = platform::ResolveNodePath(path);
+bool DataSrcReader::StreamReplaced(const platform::DevicePath& path) const {
   struct stat named;
   struct stat opened;
-  if (!host.ok() || fstat(streamFd, &opened) != 0) return false;
-  if (stat(host.c_str(), &named) != 0) return true;
+  if (!path.ok() || fstat(streamFd, &opened) != 0) return false;
+  if (stat(path.c_str(), &named) != 0) return true;
   return named.st_dev != opened.st_dev || named.st_ino != opened.st_ino;
 }
 
@@ -204,6 +203,8 @@ bool DataSrcReader::RetryRead(bool cshell, size_t room) {
 
 int DataSrcReader::NodeCatStream(const char* path) {
   if (path == nullptr) return 1;
+  // Looked at after every idle read: resolved once for the stream's life.
+  const platform::DevicePath source = platform::ResolveNodePath(path);
   bool cshell = false;
   CloseStream();
   streamCarry = 0;
@@ -215,7 +216,7 @@ int DataSrcReader::NodeCatStream(const char* path) {
       // A line the sink refused is the sink's to count; the stream goes on.
       ParseLines(streamBuf, streamCarry + static_cast<size_t>(n), streamBuf, &streamCarry);
     } else if (n == 0) {
-      if (StreamReplaced(path)) {
+      if (StreamReplaced(source)) {
         CloseStream();
       } else {
         // Lines held through a write fault go out while the source is idle,

@@ -10,6 +10,7 @@
 
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"
+#include "platform/root_path.h"
 
 class DataSrcReader : public Tavobase {
  public:
@@ -57,7 +58,7 @@ class DataSrcReader : public Tavobase {
   // Opens the stream, retrying every second until it opens.
   int OpenStreamWaiting(const char* path, bool* cshell);
   // Whether path names another file than the open stream (or none) now.
-  bool StreamReplaced(const char* path) const;
+  bool StreamReplaced(const platform::DevicePath& path) const;
   void CloseStream();
   // Reads the rest of the carried line, byte by byte, as far as it is there.
   void CompleteCarriedLine();
