@@ -1,17 +1,23 @@
-// Which file a group writes and when it moves on: indexed names with the
-// links P and P.1 in mmap mode, numbered renames and archives in factory
-// mode, and the directories they live in.
+// Which file a group writes and when it moves on: the directory and the
+// set, indexed names with the links P and P.1 in mmap mode, numbered renames
+// and archives in factory mode. This is the file layer under the write
+// paths: it writes no record and never calls the group; a file it opens is
+// only marked (fileOpened_), and the write layer tells the group once the
+// step has returned.
 
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "archive/factory_compress.h"
+#include "collector/monitor_dir.h"
 #include "collector/tavobase.h"
 #include "filesets/file_name.h"
 #include "platform/safe_file.h"
+#include "platform/tavo.h"
 
 namespace {
 
@@ -119,18 +125,18 @@ bool Tavobase::RotationDue(uint64_t length) const {
   return rotateSizeKbytes != 0 && rotateSizeKbytes <= ((curFileSize + length) >> 10);
 }
 
-void Tavobase::RotateLog(uint64_t length) {
+void Tavobase::RotateFiles(uint64_t length) {
   if (!RotationDue(length)) return;
   DeleteOldStyleFiles();
   if (IsFactoryWrite()) {
-    RotateLogsFactory();
+    ShiftFactoryFiles();
     return;
   }
-  OpenLogFile();
+  OpenNextFile();
   RemoveRedundancy();
 }
 
-void Tavobase::RotateLogsFactory() {
+void Tavobase::ShiftFactoryFiles() {
   if (logFilePath.empty()) return;
   FactoryClose();
   std::string name;
@@ -148,11 +154,11 @@ void Tavobase::RotateLogsFactory() {
       dirFd >= 0 && fstatat(dirFd, filesets::NameInFolder(last), &st, AT_SYMLINK_NOFOLLOW) == 0;
   if (dirFd >= 0) close(dirFd);
   if (setFull && maxFiles != 0) CompressLogsFactory();
-  OpenLogFileFactory();
+  OpenFactoryFile();
   if (logFd < 0) SayError("couldn't open output file");
 }
 
-void Tavobase::OpenLogFileFactory() {
+void Tavobase::OpenFactoryFile() {
   if (outputFilePath.empty()) return;
   if (logFilePath.empty()) logFilePath = outputFilePath;
   // Links left by an mmap run of the same group: factory files are plain.
@@ -173,7 +179,7 @@ void Tavobase::OpenLogFileFactory() {
   if (platform::GiveToRootSystem(logFd) != 0) {
     Say("chown file[%s] err\n", logFilePath.c_str());
   }
-  openLogFilePost();
+  fileOpened_ = true;
 }
 
 int Tavobase::MkdirP(const char* path, uint32_t mode) const {
@@ -219,4 +225,93 @@ void Tavobase::CompressLogsFactory() const {
 
 void Tavobase::CompressRunFactory(const std::string& workDir) const {
   archive::CompressRunFactory(logFilePath, static_cast<int32_t>(maxFiles), workDir);
+}
+
+int Tavobase::SetupFiles() {
+  if (outputFilePath.empty()) {
+    logFd = STDOUT_FILENO;
+    return 0;
+  }
+  if (CreateBugreportsDir(outputFilePath.c_str()) == 1) {
+    Say("create bugreports dir error!!\n");
+    return 1;
+  }
+  // The monitor starts once the folder it watches exists: on a fresh device
+  // a watch added before would fail and end the monitor for good.
+  if (dirMonitor != nullptr) dirMonitor->Start();
+  FormFileVectors();
+  OpenNextFile();
+  if (IsMMapWrite()) return 0;
+  if (logFd < 0) {
+    Say("couldn't open output file!!\n");
+    return 1;
+  }
+  struct stat st;
+  if (fstat(logFd, &st) != 0) {
+    Say("fstat file %s err\n", logFilePath.c_str());
+  } else {
+    curFileSize = static_cast<size_t>(st.st_size);
+  }
+  return 0;
+}
+
+int Tavobase::CreateBugreportsDir(const char* path) const {
+  if (path == nullptr || path[0] == '\0') {
+    Say("bugreport dir is invalide.\n");
+    return 1;
+  }
+  const char* slash = strrchr(path, '/');
+  if (slash == nullptr) {
+    Say("pend is invalide.\n");
+    return 1;
+  }
+  std::string dir(path, static_cast<size_t>(slash - path));
+  CreateDir(dir.c_str());
+  // On the folder itself, in this process: no program found through PATH
+  // runs as root, and a link put in place of the folder is not followed.
+  int dirFd = platform::OpenFolder(dir.c_str());
+  if (dirFd < 0 || platform::GiveToRootSystem(dirFd) != 0) {
+    Say("chown [%s] err\n", dir.c_str());
+  }
+  if (dirFd >= 0) close(dirFd);
+  return 0;
+}
+
+void Tavobase::OpenNextFile() {
+  if (outputFilePath.empty()) return;
+  if (IsFactoryWrite()) {
+    FactoryClose();
+    OpenFactoryFile();
+    return;
+  }
+  MmapClose();
+  if (ChooseFileName() != 0) return;
+  std::string name;
+  int dirFd = OpenFolderOf(logFilePath, &name);
+  if (tavoWriter != nullptr) {
+    // Made before the writer opens it, so that the writer finds our own
+    // file at the name and never what someone put there.
+    logFd = OpenOwnFileAt(dirFd, name, O_WRONLY, kLogFileMode);
+    if (logFd >= 0 && !tavoWriter->SetOutputPath(logFilePath.c_str())) {
+      Say("error while set mmap output path\n");
+    }
+  }
+  curFileSize = 0;
+  if (logFd < 0) {
+    lastError_ = dirFd < 0 ? -dirFd : -logFd;
+    logFd = -1;
+    if (dirFd >= 0) close(dirFd);
+    Say("open or mmap file[%s] err \n", logFilePath.c_str());
+    BeginFault(lastError_);
+    return;
+  }
+  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
+  if (platform::GiveToRootSystem(logFd) != 0) {
+    Say("chown [%s] err\n", logFilePath.c_str());
+  }
+  RefreshSymlinkAt(dirFd);
+  close(dirFd);
+  close(logFd);
+  logFd = -1;
+  fileOpened_ = true;
 }

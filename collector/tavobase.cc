@@ -1,11 +1,15 @@
+// The core of the group sink, under the file layer (group_rotation.cc) and
+// the write paths (tavobase_write.cc): construction, the modes, closing, the
+// clocks and the fault reports. It calls neither of them.
+
 #include "collector/tavobase.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,7 +18,6 @@
 #include "archive/factory_compress.h"
 #include "collector/monitor_dir.h"
 #include "filesets/file_name.h"
-#include "platform/safe_file.h"
 #include "platform/tavo.h"
 
 using TavoCommon::FACTORY_WRITE;
@@ -101,93 +104,27 @@ void Tavobase::ReleaseFD(int* holder) {
   delete holder;
 }
 
-int Tavobase::SetupOutput() {
-  if (outputFilePath.empty()) {
-    logFd = STDOUT_FILENO;
-    return 0;
-  }
-  if (CreateBugreportsDir(outputFilePath.c_str()) == 1) {
-    Say("create bugreports dir error!!\n");
-    return 1;
-  }
-  // The monitor starts once the folder it watches exists: on a fresh device
-  // a watch added before would fail and end the monitor for good.
-  if (dirMonitor != nullptr) dirMonitor->Start();
-  FormFileVectors();
-  OpenLogFile();
-  if (IsMMapWrite()) return 0;
-  if (logFd < 0) {
-    Say("couldn't open output file!!\n");
-    return 1;
-  }
-  struct stat st;
-  if (fstat(logFd, &st) != 0) {
-    Say("fstat file %s err\n", logFilePath.c_str());
-  } else {
-    curFileSize = static_cast<size_t>(st.st_size);
-  }
-  return 0;
+void Tavobase::WallClock(struct timeval* now) const { gettimeofday(now, nullptr); }
+
+int64_t Tavobase::MonotonicMillis() const {
+  // Read at every record: the coarse clock is a memory read where the fine
+  // one may have to ask the processor (a trap under some hypervisors), and
+  // its tick of a few milliseconds is fine enough for checks and retries.
+  struct timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-int Tavobase::CreateBugreportsDir(const char* path) const {
-  if (path == nullptr || path[0] == '\0') {
-    Say("bugreport dir is invalide.\n");
-    return 1;
-  }
-  const char* slash = strrchr(path, '/');
-  if (slash == nullptr) {
-    Say("pend is invalide.\n");
-    return 1;
-  }
-  std::string dir(path, static_cast<size_t>(slash - path));
-  CreateDir(dir.c_str());
-  // On the folder itself, in this process: no program found through PATH
-  // runs as root, and a link put in place of the folder is not followed.
-  int dirFd = platform::OpenFolder(dir.c_str());
-  if (dirFd < 0 || platform::GiveToRootSystem(dirFd) != 0) {
-    Say("chown [%s] err\n", dir.c_str());
-  }
-  if (dirFd >= 0) close(dirFd);
-  return 0;
-}
-
-void Tavobase::OpenLogFile() {
-  if (outputFilePath.empty()) return;
-  if (IsFactoryWrite()) {
-    FactoryClose();
-    OpenLogFileFactory();
-    return;
-  }
-  MmapClose();
-  if (ChooseFileName() != 0) return;
-  std::string name;
-  int dirFd = OpenFolderOf(logFilePath, &name);
-  if (tavoWriter != nullptr) {
-    // Made before the writer opens it, so that the writer finds our own
-    // file at the name and never what someone put there.
-    logFd = OpenOwnFileAt(dirFd, name, O_WRONLY, kLogFileMode);
-    if (logFd >= 0 && !tavoWriter->SetOutputPath(logFilePath.c_str())) {
-      Say("error while set mmap output path\n");
-    }
-  }
-  curFileSize = 0;
-  if (logFd < 0) {
-    lastError_ = dirFd < 0 ? -dirFd : -logFd;
-    logFd = -1;
-    if (dirFd >= 0) close(dirFd);
-    Say("open or mmap file[%s] err \n", logFilePath.c_str());
-    BeginFault(lastError_);
-    return;
-  }
-  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
-  if (platform::GiveToRootSystem(logFd) != 0) {
-    Say("chown [%s] err\n", logFilePath.c_str());
-  }
-  RefreshSymlinkAt(dirFd);
-  close(dirFd);
-  close(logFd);
-  logFd = -1;
-  openLogFilePost();
+void Tavobase::BeginFault(int error) {
+  if (failing_) return;
+  failing_ = true;
+  retryAtMillis_ = MonotonicMillis() + kRetryMillis;
+  // A retry that fails is the same fault.
+  if (resuming_) return;
+  char buffer[128];
+  const std::string& file = logFilePath.empty() ? outputFilePath : logFilePath;
+  Say("group %s: cannot write %s: %s\n", outputFilePath.c_str(), file.c_str(),
+      strerror_r(error != 0 ? error : EIO, buffer, sizeof(buffer)));
 }
 
 void Tavobase::Say(const char* format, ...) const {

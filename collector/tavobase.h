@@ -22,8 +22,20 @@
 // kRetryMillis, quietly, and writes what it holds once that works, saying
 // how many records it had to drop.
 //
-// Threads: one group thread does all writing; the directory monitor only
-// calls LogcatClose, which in mmap mode only flushes the writer.
+// Layers, each calling only those below it: the write paths
+// (tavobase_write.cc) over the file layer (group_rotation.cc: directory,
+// set, names, links, rotation, compression) over the core (tavobase.cc:
+// construction, modes, closing, fault reports). The file layer never writes
+// a record and never calls the derived group: it marks a file it opened, and
+// the opening operation tells the group through openLogFilePost once the
+// step has returned.
+//
+// Threads: not thread-safe. REQUIRES: every operation runs on the group's
+// one thread (or, before that thread starts and after it ends, on the
+// thread that owns the sink), except LogcatClose and MmapClose in mmap mode,
+// which the directory monitor calls from its own thread: they only flush
+// the writer, whose Flush is safe beside a Write. The FileSet part (fileVec,
+// the scans and pruning) and every field are the group thread's alone.
 
 #include <stddef.h>
 #include <stdint.h>
@@ -56,24 +68,33 @@ class Tavobase : public FileSet {
   // Stops and joins the monitor before the writer it flushes is destroyed;
   // closes the factory descriptor. Records still held are counted as lost
   // ("group %s: stopped, %zu lines lost"): the open that could take them
-  // needs the runner, which is gone by now.
+  // needs the runner, which is gone by now. REQUIRES: the group's thread
+  // has ended.
   ~Tavobase() override;
 
   bool IsMMapWrite() const;
   bool IsFactoryWrite() const;
   // Factory mode: closes the descriptor; mmap mode: flushes the writer.
+  // REQUIRES: the group's thread in factory mode; any thread in mmap mode.
   void LogcatClose();
   void MmapClose();
   void FactoryClose();
   // Closes the descriptor a heap-held int holds and frees the holder.
   static void ReleaseFD(int* holder);
 
-  // Makes the directory, forms the set and opens the current file. 0 or 1.
+  // The operations below run on the group's thread only.
+
+  // Opening (tavobase_write.cc, over the steps of group_rotation.cc): each
+  // tells the group of a file it opened (openLogFilePost) after its step.
+  // Makes the directory, forms the set and opens the current file; starts
+  // the directory monitor's thread in mmap mode. 0 or 1.
   int SetupOutput();
-  // Makes the directory part of path and gives it to root:system. 1 only
-  // for a path that has no directory part.
-  int CreateBugreportsDir(const char* path) const;
   void OpenLogFile();
+  // Starts the next file before a write of length that would reach the
+  // size threshold.
+  void RotateLog(uint64_t length);
+  void RotateLogsFactory();
+  void OpenLogFileFactory();
 
   // Each returns 0 when the text was accepted (written, or held while the
   // output fails), 1 otherwise. endsRecord says whether the text finishes a
@@ -94,7 +115,10 @@ class Tavobase : public FileSet {
   // call it so that held records do not wait for the next one.
   void RetryHeld();
 
-  // Rotation (group_rotation.cc).
+  // Files (group_rotation.cc).
+  // Makes the directory part of path and gives it to root:system. 1 only
+  // for a path that has no directory part.
+  int CreateBugreportsDir(const char* path) const;
   // Names the next indexed file and appends it to the set; 1 when the index
   // cannot be formatted.
   int ChooseFileName();
@@ -102,12 +126,7 @@ class Tavobase : public FileSet {
   // Removes path when it is a symbolic link, one whose target is gone
   // included: the group never writes through a link.
   void ReleaseSymlink(const char* path) const;
-  // Starts the next file before a write of length that would reach the
-  // size threshold.
-  void RotateLog(uint64_t length);
   bool RotationDue(uint64_t length) const;
-  void RotateLogsFactory();
-  void OpenLogFileFactory();
   // Makes path and its missing parents with mode. 0 or 1; 1 also when a
   // link stands where one of them should be.
   int MkdirP(const char* path, uint32_t mode) const;
@@ -118,7 +137,8 @@ class Tavobase : public FileSet {
   void CompressRunFactory(const std::string& workDir) const;
 
  protected:
-  // Called each time a new current file has been opened.
+  // Called each time a new current file has been opened, by the opening
+  // operation once the file layer's step has returned; it may write.
   virtual void openLogFilePost() = 0;
   // The clocks of the time stamps and of the checks and retries; tests
   // put their own in.
@@ -140,6 +160,16 @@ class Tavobase : public FileSet {
  private:
   static constexpr mode_t kLogFileMode = 0664;
   static constexpr size_t kStampBuffer = 32;
+
+  // The file layer's steps behind the opening operations: they open, and
+  // set fileOpened_ for a file opened, but tell no one.
+  int SetupFiles();
+  void OpenNextFile();
+  void RotateFiles(uint64_t length);
+  void ShiftFactoryFiles();
+  void OpenFactoryFile();
+  // openLogFilePost once for a file the last step opened.
+  void TellFileOpened();
 
   // What every write does first: rebuild a vanished file, rotate where a
   // record ended, remember whether this one does.
@@ -174,6 +204,7 @@ class Tavobase : public FileSet {
   // A retry is opening the file: title rows it cannot write are written
   // again at the next open, and are not held.
   bool reopening_ = false;
+  bool fileOpened_ = false;
   int64_t fileCheckAtMillis_ = 0;
   time_t stampSecond_ = 0;
   bool stampMade_ = false;

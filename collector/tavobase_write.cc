@@ -1,8 +1,9 @@
-// The group's write paths. Every write first rebuilds a current file that
-// has vanished (looked for now and then, and before every rotation), then
-// rotates when the previous write ended a record and this one would reach
-// the size threshold. While the output fails, writes are held and the
-// output is retried now and then.
+// The group's write paths, the top of the sink: they call the file layer
+// (group_rotation.cc) and the core (tavobase.cc), which never call back.
+// Every write first rebuilds a current file that has vanished (looked for
+// now and then, and before every rotation), then rotates when the previous
+// write ended a record and this one would reach the size threshold. While
+// the output fails, writes are held and the output is retried now and then.
 
 #include <errno.h>
 #include <stdio.h>
@@ -40,15 +41,40 @@ char* PutMillis(char* at, long millis) {
 
 }  // namespace
 
-void Tavobase::WallClock(struct timeval* now) const { gettimeofday(now, nullptr); }
+// The opening steps as the group sees them: the step opens, and once it has
+// returned the group is told, so that its title rows go through the write
+// path like any record and the file layer never writes.
+int Tavobase::SetupOutput() {
+  int result = SetupFiles();
+  TellFileOpened();
+  return result;
+}
 
-int64_t Tavobase::MonotonicMillis() const {
-  // Read at every record: the coarse clock is a memory read where the fine
-  // one may have to ask the processor (a trap under some hypervisors), and
-  // its tick of a few milliseconds is fine enough for checks and retries.
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-  return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+void Tavobase::OpenLogFile() {
+  OpenNextFile();
+  TellFileOpened();
+}
+
+void Tavobase::RotateLog(uint64_t length) {
+  RotateFiles(length);
+  TellFileOpened();
+}
+
+void Tavobase::RotateLogsFactory() {
+  ShiftFactoryFiles();
+  TellFileOpened();
+}
+
+void Tavobase::OpenLogFileFactory() {
+  OpenFactoryFile();
+  TellFileOpened();
+}
+
+void Tavobase::TellFileOpened() {
+  if (!fileOpened_) return;
+  // Cleared first: a title write may itself open the next file.
+  fileOpened_ = false;
+  openLogFilePost();
 }
 
 int Tavobase::LogcatWrite(const char* text, size_t length, bool endsRecord) {
@@ -139,18 +165,6 @@ bool Tavobase::WriteFactoryNow(const char* text, size_t length) {
   }
   FactoryClose();
   return false;
-}
-
-void Tavobase::BeginFault(int error) {
-  if (failing_) return;
-  failing_ = true;
-  retryAtMillis_ = MonotonicMillis() + kRetryMillis;
-  // A retry that fails is the same fault.
-  if (resuming_) return;
-  char buffer[128];
-  const std::string& file = logFilePath.empty() ? outputFilePath : logFilePath;
-  Say("group %s: cannot write %s: %s\n", outputFilePath.c_str(), file.c_str(),
-      strerror_r(error != 0 ? error : EIO, buffer, sizeof(buffer)));
 }
 
 bool Tavobase::Reopen() {
