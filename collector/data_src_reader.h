@@ -5,6 +5,11 @@
 // a stream read line by line for ever, and the output of "dumpsys". A silent
 // or failing source is retried until failureCount reaches failureRetry.
 // Every fixed path is taken under the root prefix.
+//
+// The sources sit on the sink's public writes (LogcatWrite and its
+// formatted and stamped forms, RetryHeld) and call nothing under them: a
+// rotation or a new file is the sink's business. REQUIRES: the group's
+// thread, as every write does.
 
 #include <stddef.h>
 

@@ -4,6 +4,11 @@
 // One collector group: its sink and sources, and the thread that copies the
 // sources into the sink in the group's style (a stream, input devices,
 // polled rows, dumpsys commands, rows on charger changes).
+//
+// The group drives its sources, which write into the sink; the sink tells
+// the group of each new file through openLogFilePost, on the group's thread
+// and after the sink's file step has returned, so the title row goes
+// through the sink's write path like any other row.
 
 #include <stddef.h>
 
@@ -19,7 +24,7 @@ class Tavocat : public DataSrcReader, public ThreadBase {
   // Prepares the group's output; the group's files are taken under the
   // root prefix. group is not owned and must outlive the object.
   Tavocat(TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite mode);
-  // Does not stop the thread: it must have ended (see RunEnded).
+  // Does not stop the thread. REQUIRES: it has ended (see RunEnded).
   ~Tavocat() override;
 
   void Run() override;
@@ -28,8 +33,8 @@ class Tavocat : public DataSrcReader, public ThreadBase {
   bool RunEnded() const { return runEnded; }
   void Cancel();
   // Hands over the input text gathered so far and the stream's partial
-  // last line, and flushes or closes the sink; for a group whose thread has
-  // ended.
+  // last line, and flushes or closes the sink. REQUIRES: the group's thread
+  // has ended.
   void FlushAll();
 
   int MonitorNode();
@@ -47,6 +52,7 @@ class Tavocat : public DataSrcReader, public ThreadBase {
   void WriteTitleLine();
 
  protected:
+  // A polled or charger-triggered group's new file begins with its title row.
   void openLogFilePost() override;
 
  private:
