@@ -168,17 +168,7 @@ void Tavobase::OpenFactoryFile() {
   int dirFd = OpenFolderOf(logFilePath, &name);
   logFd = OpenOwnFileAt(dirFd, name, O_WRONLY | O_APPEND, kFactoryCreateMode);
   if (dirFd >= 0) close(dirFd);
-  if (logFd < 0) {
-    lastError_ = dirFd < 0 ? -dirFd : -logFd;
-    logFd = -1;
-    Say("open file[%s] err\n", logFilePath.c_str());
-    BeginFault(lastError_);
-    return;
-  }
-  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
-  if (platform::GiveToRootSystem(logFd) != 0) {
-    Say("chown file[%s] err\n", logFilePath.c_str());
-  }
+  if (!TakeOpenedFile(dirFd, "open file[%s] err\n", "chown file[%s] err\n")) return;
   fileOpened_ = true;
 }
 
@@ -297,21 +287,26 @@ void Tavobase::OpenNextFile() {
     }
   }
   curFileSize = 0;
-  if (logFd < 0) {
-    lastError_ = dirFd < 0 ? -dirFd : -logFd;
-    logFd = -1;
+  if (!TakeOpenedFile(dirFd, "open or mmap file[%s] err \n", "chown [%s] err\n")) {
     if (dirFd >= 0) close(dirFd);
-    Say("open or mmap file[%s] err \n", logFilePath.c_str());
-    BeginFault(lastError_);
     return;
-  }
-  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
-  if (platform::GiveToRootSystem(logFd) != 0) {
-    Say("chown [%s] err\n", logFilePath.c_str());
   }
   RefreshSymlinkAt(dirFd);
   close(dirFd);
   close(logFd);
   logFd = -1;
   fileOpened_ = true;
+}
+
+bool Tavobase::TakeOpenedFile(int dirFd, const char* openFailed, const char* chownFailed) {
+  if (logFd < 0) {
+    lastError_ = dirFd < 0 ? -dirFd : -logFd;
+    logFd = -1;
+    Say(openFailed, logFilePath.c_str());
+    BeginFault(lastError_);
+    return false;
+  }
+  if (fchmod(logFd, kLogFileMode) != 0) Say("fchmod file[%s] err\n", logFilePath.c_str());
+  if (platform::GiveToRootSystem(logFd) != 0) Say(chownFailed, logFilePath.c_str());
+  return true;
 }

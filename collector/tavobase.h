@@ -170,6 +170,11 @@ class Tavobase : public FileSet {
   void OpenFactoryFile();
   // openLogFilePost once for a file the last step opened.
   void TellFileOpened();
+  // After an open of logFilePath into logFd in the folder dirFd (or the
+  // negated errno of either): false, the fault begun, when it failed;
+  // otherwise sets the file's mode and gives it to root:system. The two
+  // messages take logFilePath.
+  bool TakeOpenedFile(int dirFd, const char* openFailed, const char* chownFailed);
 
   // What every write does first: rebuild a vanished file, rotate where a
   // record ended, remember whether this one does.
