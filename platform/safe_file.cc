@@ -115,6 +115,14 @@ int OpenFile(const char* path, int flags, mode_t mode) {
   return fd;
 }
 
+int OpenHostTarget(const char* path) {
+  int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
+  if (fd < 0) return -errno;
+  int fl = fcntl(fd, F_GETFL);
+  if (fl < 0 || fcntl(fd, F_SETFL, fl & ~O_NONBLOCK) != 0) return Close(fd, -errno);
+  return fd;
+}
+
 int GiveToRootSystem(int fd) {
   static const Owner owner = LookUpRootSystem();
   return fchown(fd, 0, owner.found ? owner.gid : static_cast<gid_t>(-1)) == 0 ? 0 : -errno;

@@ -39,6 +39,13 @@ int OpenFileAt(int dirFd, const char* name, int flags, mode_t mode);
 // OpenFileAt on the folder of path.
 int OpenFile(const char* path, int flags, mode_t mode);
 
+// The host's own ">" target, opened as a shell redirection would (links
+// followed, devices such as "/dev/null" taken, a file truncated): the host
+// wrote the path and the run has the host's rights. Never blocks: a FIFO
+// nobody reads gives -ENXIO instead of hanging the host. Mode 0666 less the
+// umask; the descriptor is blocking and close-on-exec.
+int OpenHostTarget(const char* path);
+
 // Gives fd to owner root and group "system". The group is looked up once per
 // process; where it does not exist one line says so on standard error and
 // files keep their group. Returns 0 or a negated errno.

@@ -5,6 +5,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include "platform/safe_file.h"
+
 namespace qdlogging {
 namespace {
 
@@ -80,9 +82,21 @@ bool WrapErrorDescriptor(android_logcat_context_internal* ctx) {
   return true;
 }
 
+// The ">" target as a stream; null, errno set, when it cannot be opened.
+FILE* OpenTarget(const char* target) {
+  int fd = platform::OpenHostTarget(target);
+  if (fd < 0) {
+    errno = -fd;
+    return nullptr;
+  }
+  FILE* stream = fdopen(fd, "we");
+  if (stream == nullptr) close(fd);
+  return stream;
+}
+
 bool WrapOutputDescriptor(android_logcat_context_internal* ctx, const char* target) {
   if (ctx->output_fd < 0) {
-    if (target != nullptr) ctx->outputStream = fopen(target, "web");
+    if (target != nullptr) ctx->outputStream = OpenTarget(target);
     return true;
   }
   int given = ctx->output_fd;
@@ -93,7 +107,7 @@ bool WrapOutputDescriptor(android_logcat_context_internal* ctx, const char* targ
       ctx->pipeFds[1] = -1;
     }
     ctx->output_fd = -1;
-    ctx->outputStream = fopen(target, "web");
+    ctx->outputStream = OpenTarget(target);
   } else if (given == ctx->pipeFds[1]) {
     ctx->outputStream = fdopen(given, "we");
     if (ctx->outputStream != nullptr) setvbuf(ctx->outputStream, nullptr, _IONBF, 0);
