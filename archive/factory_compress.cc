@@ -8,7 +8,7 @@
 
 #include "archive/folder.h"
 #include "archive/tarzip.h"
-#include "filesets/file_name.h"
+#include "platform/log_file_names.h"
 #include "platform/safe_file.h"
 
 namespace {
@@ -18,7 +18,7 @@ using archive::kFactoryArchiveMembers;
 
 bool HoldsMembers(int workFd, const std::string& base) {
   for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
-    std::string member = filesets::NumberedName(base, n);
+    std::string member = platform::NumberedName(base, n);
     if (faccessat(workFd, member.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return true;
   }
   return false;
@@ -26,8 +26,8 @@ bool HoldsMembers(int workFd, const std::string& base) {
 
 void ShiftArchives(int dirFd, const std::string& base, int32_t maxFiles) {
   for (int32_t k = maxFiles - 1; k >= 1; --k) {
-    std::string from = filesets::ArchiveName(base, k - 1);
-    if (renameat(dirFd, from.c_str(), dirFd, filesets::ArchiveName(base, k).c_str()) != 0 &&
+    std::string from = platform::ArchiveName(base, k - 1);
+    if (renameat(dirFd, from.c_str(), dirFd, platform::ArchiveName(base, k).c_str()) != 0 &&
         errno != ENOENT) {
       perror("while rename compressed files");
     }
@@ -44,19 +44,19 @@ bool PackMembers(const std::string& logFilePath, int dirFd, const std::string& b
   std::string members[kFactoryArchiveMembers];
   const char* paths[kFactoryArchiveMembers];
   for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
-    members[n - 1] = filesets::NumberedName(workDir + "/" + base, n);
+    members[n - 1] = platform::NumberedName(workDir + "/" + base, n);
     paths[n - 1] = members[n - 1].c_str();
   }
-  const std::string archive = filesets::ArchiveName(logFilePath, 0);
+  const std::string archive = platform::ArchiveName(logFilePath, 0);
   if (!work.ok() || !TarzipFilesComplete(kFactoryArchiveMembers, paths, archive.c_str(), 0)) {
     // Keep the members for the next run to pack; a cut archive would only
     // hold part of them.
     fprintf(stderr, "compress [%s] failed, files kept in %s\n", archive.c_str(), workDir.c_str());
-    unlinkat(dirFd, filesets::ArchiveName(base, 0).c_str(), 0);
+    unlinkat(dirFd, platform::ArchiveName(base, 0).c_str(), 0);
     return false;
   }
   for (int n = 1; n <= kFactoryArchiveMembers; ++n) {
-    if (unlinkat(work.fd(), filesets::NumberedName(base, n).c_str(), 0) != 0) {
+    if (unlinkat(work.fd(), platform::NumberedName(base, n).c_str(), 0) != 0) {
       perror("unlink failed");
     }
   }
@@ -93,7 +93,7 @@ void CompressLogsFactory(const std::string& logFilePath, int32_t maxFiles) {
     perror("couldn't create compress dir");
     return;
   }
-  const std::string workDir = logFilePath + "_tmp";
+  const std::string workDir = platform::WorkFolderName(logFilePath);
   int workFd = archive::MakeWorkFolder(workDir);
   if (workFd >= 0 && HoldsMembers(workFd, base)) {
     // Moving this set in would overwrite them: they go first, and while
@@ -104,7 +104,7 @@ void CompressLogsFactory(const std::string& logFilePath, int32_t maxFiles) {
   Folder work(workFd);
   if (!work.ok()) return;
   for (int n = kFactoryArchiveMembers; n >= 1; --n) {
-    std::string name = filesets::NumberedName(base, n);
+    std::string name = platform::NumberedName(base, n);
     if (renameat(dir.fd(), name.c_str(), work.fd(), name.c_str()) != 0) {
       perror("while rename log files");
     }

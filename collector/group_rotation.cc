@@ -16,6 +16,7 @@
 #include "collector/monitor_dir.h"
 #include "collector/tavobase.h"
 #include "filesets/file_name.h"
+#include "platform/log_file_names.h"
 #include "platform/safe_file.h"
 #include "platform/tavo.h"
 
@@ -27,9 +28,7 @@ constexpr mode_t kFactoryCreateMode = 0640;
 constexpr mode_t kDirMode = 0775;
 constexpr size_t kPathLimit = 254;
 
-std::string Numbered(const std::string& path, int n) {
-  return n == 0 ? path : filesets::NumberedName(path, n);
-}
+std::string Numbered(const std::string& path, int n) { return platform::NumberedName(path, n); }
 
 // A link named link in the folder dirFd, pointing at target as given.
 int SymlinkIn(int dirFd, const std::string& target, const std::string& link) {

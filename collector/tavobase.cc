@@ -52,7 +52,7 @@ Tavobase::Tavobase(const TavoCommon::TavocatGroupT* group, TavoCommon::TypeWrite
     : FileSet(PathOf(group), MaxFilesOf(group, mode), kCollectorSetRules, SchemeOf(mode)),
       writeMode(mode) {
   if (group == nullptr) return;
-  prevLinkPath = outputFilePath + ".1";
+  prevLinkPath = platform::NumberedName(outputFilePath, 1);
   failureRetry = group->failureRetry;
   if (group->info != nullptr) rotateSizeKbytes = group->info->rotateSizeKbytes;
   if (writeMode != MMAP_WRITE) return;

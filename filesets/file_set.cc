@@ -74,22 +74,22 @@ FileSet::~FileSet() = default;
 
 std::string FileSet::GetInterger(const std::string& name, uint32_t total, uint32_t start,
                                  uint32_t count) const {
-  return filesets::NameField(name, total, start, count);
+  return platform::NameField(name, total, start, count);
 }
 
 std::string FileSet::GetIndex(const std::string& name) const {
-  return filesets::IndexField(name, outputFilePath);
+  return platform::SetIndexField(name, outputFilePath);
 }
 
 std::string FileSet::GetTimestamp(const std::string& name) const {
-  return filesets::StampField(name, outputFilePath);
+  return platform::SetStampField(name, outputFilePath);
 }
 
 uint32_t FileSet::ConvertStringToIndex(const std::string& text) const {
-  return filesets::IndexAfter(text);
+  return platform::IndexAfter(text);
 }
 
-std::string FileSet::GetTimeStamp() const { return filesets::LocalTimeStamp(); }
+std::string FileSet::GetTimeStamp() const { return platform::LocalStamp(); }
 
 bool FileSet::SortByEarlyTime(const std::string& a, const std::string& b) {
   return filesets::ByteOrderBefore(a, b);
@@ -106,7 +106,7 @@ int FileSet::ScanDir(int mode, const std::string& directory, const std::string& 
     fprintf(stderr, "open pdir error.\n");
     return 1;
   }
-  const size_t nameLength = outputFilePath.size() + filesets::kNameTail;
+  const size_t nameLength = outputFilePath.size() + platform::kSetNameTail;
   std::string full;
   while (struct dirent* entry = readdir(dir)) {
     // Links (such as the collector's current-file links) and anything of
@@ -116,8 +116,8 @@ int FileSet::ScanDir(int mode, const std::string& directory, const std::string& 
     if (DetectOldStyleFiles(full.c_str())) continue;
     // The entry's own name only: the base name found in the folder's path
     // (a group at .../log/log) would take in every other group's files.
-    bool setName = filesets::IsSetEntryName(entry->d_name, baseName);
-    if (!setName && !filesets::IsArchiveEntryName(entry->d_name, baseName)) continue;
+    bool setName = platform::IsSetEntryName(entry->d_name, baseName);
+    if (!setName && !platform::IsArchiveEntryName(entry->d_name, baseName)) continue;
     if (mode == kCollect && setName && full.size() == nameLength) {
       fileVec.push_back(full);
     } else if (mode == kPurge && full.size() != nameLength &&
@@ -138,7 +138,7 @@ void FileSet::ProcessMmapFileVec(int mode) {
 
 bool FileSet::DetectOldStyleFiles(const char* path) const {
   if (!oldStyleCheck || path == nullptr) return false;
-  return filesets::IsOldStyleName(path, outputFilePath);
+  return platform::IsOldStyleName(path, outputFilePath, filesets::kOldStyleCount);
 }
 
 void FileSet::DeleteOldStyleFiles() {
@@ -158,10 +158,10 @@ void FileSet::SweepNamesSilently() {
   // The indexed scheme never writes the base path itself either. Missing
   // names are no news here.
   for (int n = 0; n < filesets::kOldStyleCount; ++n) {
-    UnlinkIn(dirFd, n == 0 ? outputFilePath : filesets::NumberedName(outputFilePath, n));
+    UnlinkIn(dirFd, platform::NumberedName(outputFilePath, n));
   }
   for (int n = 0; n < kReaderArchiveCount; ++n) {
-    UnlinkIn(dirFd, filesets::ArchiveName(outputFilePath, n));
+    UnlinkIn(dirFd, platform::ArchiveName(outputFilePath, n));
   }
   close(dirFd);
 }
@@ -175,8 +175,8 @@ void FileSet::SweepOnce() {
     std::string base;
     int dirFd = OpenFolderOf(outputFilePath, &base);
     for (int n = 0; n < filesets::kOldStyleCount; ++n) {
-      for (const std::string& name :
-           {filesets::NumberedName(outputFilePath, n), filesets::ArchiveName(outputFilePath, n)}) {
+      for (const std::string& name : {platform::OldStyleNumberedName(outputFilePath, n),
+                                      platform::ArchiveName(outputFilePath, n)}) {
         if (UnlinkIn(dirFd, name) != 0) fprintf(stderr, "unlink [%s] fail\n", name.c_str());
       }
     }
@@ -282,10 +282,8 @@ void FileSet::DropOldest(size_t count, const std::string& keep) {
 }
 
 bool FileSet::MakeLogFileName(uint32_t index, std::string* name) const {
-  char tag[40];
-  if (!filesets::FormatIndexTag(index, tag, sizeof(tag))) return false;
-  *name = outputFilePath + tag + GetTimeStamp() + ".gz";
-  return true;
+  *name = platform::SetFileName(outputFilePath, index, GetTimeStamp());
+  return !name->empty();
 }
 
 bool FileSet::AddNewFile(uint32_t index, std::string* path) {

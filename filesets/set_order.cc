@@ -1,7 +1,5 @@
 #include "filesets/set_order.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <utility>
 
@@ -17,12 +15,12 @@ std::string NewestOfFullRun(const std::vector<std::string>& list, const std::str
   // the last of them in the run's cyclic order.
   std::string latest;
   for (const std::string& entry : list) {
-    std::string stamp = StampField(entry, basePath);
+    std::string stamp = platform::SetStampField(entry, basePath);
     if (ByteOrderBefore(latest, stamp)) latest = std::move(stamp);
   }
   for (size_t i = 0; i < list.size(); ++i) {
-    if (StampField(list[i], basePath) == latest &&
-        StampField(list[(i + 1) % list.size()], basePath) != latest) {
+    if (platform::SetStampField(list[i], basePath) == latest &&
+        platform::SetStampField(list[(i + 1) % list.size()], basePath) != latest) {
       return list[i];
     }
   }
@@ -30,25 +28,6 @@ std::string NewestOfFullRun(const std::vector<std::string>& list, const std::str
 }
 
 }  // namespace
-
-std::string NameField(const std::string& name, uint32_t total, uint32_t start, uint32_t count) {
-  if (name.size() != total || start + count - 1 > total || start > name.size()) {
-    return std::string();
-  }
-  return name.substr(start, count);
-}
-
-std::string IndexField(const std::string& name, const std::string& basePath) {
-  if (basePath.empty()) return std::string();
-  uint32_t length = static_cast<uint32_t>(basePath.size());
-  return NameField(name, length + kNameTail, length + kIndexOffset, kIndexWidth);
-}
-
-std::string StampField(const std::string& name, const std::string& basePath) {
-  if (basePath.empty()) return std::string();
-  uint32_t length = static_cast<uint32_t>(basePath.size());
-  return NameField(name, length + kNameTail, length + kStampOffset, kStampWidth);
-}
 
 void RotateToBack(std::vector<std::string>& list, const std::string& pivot) {
   if (pivot.empty()) return;
@@ -65,7 +44,7 @@ std::string NewestByStamp(const std::vector<std::string>& list, const std::strin
   std::string result;
   std::string best;
   for (const std::string& entry : list) {
-    std::string stamp = StampField(entry, basePath);
+    std::string stamp = platform::SetStampField(entry, basePath);
     if (ByteOrderBefore(best, stamp)) {
       best = std::move(stamp);
       result = entry;
@@ -83,9 +62,9 @@ void OrderAsWritten(std::vector<std::string>& list, const std::string& basePath)
   std::vector<std::string> runEnds;
   size_t kept = 0;
   for (size_t i = 0; i < list.size(); ++i) {
-    // Read as atoi reads it: a non-numeric field is 0, a negative one is
-    // dropped from the list (the file stays on disk).
-    int index = atoi(IndexField(list[i], basePath).c_str());
+    // A non-numeric field reads as 0, a negative one is dropped from the
+    // list (the file stays on disk).
+    int index = platform::SetIndexValue(list[i], basePath);
     if (static_cast<uint32_t>(index) >= kIndexCount) continue;
     if (kept != i) list[kept] = std::move(list[i]);
     bool continuesRun = previous < 0 || index == previous + 1 ||

@@ -14,15 +14,6 @@
 
 namespace filesets {
 
-// count characters of name from start, when name is total bytes long and
-// the field ends within it; empty otherwise.
-std::string NameField(const std::string& name, uint32_t total, uint32_t start, uint32_t count);
-
-// The index and time-stamp fields of a set name of basePath; empty when
-// basePath is empty or name is not of a set name's length.
-std::string IndexField(const std::string& name, const std::string& basePath);
-std::string StampField(const std::string& name, const std::string& basePath);
-
 // Moves the entries after the first pivot to the front, keeping order.
 void RotateToBack(std::vector<std::string>& list, const std::string& pivot);
 

@@ -46,6 +46,7 @@
 #include <string>
 
 #include "platform/gzip_member.h"
+#include "platform/log_file_names.h"
 #include "platform/safe_file.h"
 #include "platform/safe_string.h"
 #include "platform/tavo_cache.h"
@@ -62,7 +63,6 @@ constexpr size_t kCacheCapacity = 512 << 10;
 // Bytes accepted before the first SetOutputPath.
 constexpr size_t kEarlyLimit = 16 << 20;
 constexpr int kCacheSlots = 4;
-constexpr size_t kStampedEnding = 21;  // ".Iddd.YYYYMMDD-HHMMSS"
 
 std::atomic<platform::TavoFlushHook> gFlushHook{nullptr};
 
@@ -71,22 +71,13 @@ void RunHook(platform::TavoFlushStage stage) {
   if (hook != nullptr) hook(stage);
 }
 
-bool IsStampedEnding(const char* s) {
-  const char* shape = ".Iddd.dddddddd-dddddd";
-  for (size_t i = 0; i < kStampedEnding; i++) {
-    bool ok = shape[i] == 'd' ? (s[i] >= '0' && s[i] <= '9') : s[i] == shape[i];
-    if (!ok) return false;
-  }
-  return true;
-}
-
 // The cache's name for the output called base in slot slot: see the top of
 // this file.
 bool CacheNameFor(const char* base, int slot, char* out, size_t size) {
   size_t stemLen = strlen(base);
-  if (stemLen > 3 && strcmp(base + stemLen - 3, ".gz") == 0) stemLen -= 3;
-  if (stemLen > kStampedEnding && IsStampedEnding(base + stemLen - kStampedEnding)) {
-    stemLen -= kStampedEnding;
+  if (!platform::ParseSetFileName(base, &stemLen, nullptr, nullptr) && stemLen > 3 &&
+      strcmp(base + stemLen - 3, ".gz") == 0) {
+    stemLen -= 3;
   }
   int rc = slot == 0
                ? snprintf_s(out, size, size - 1, ".%.*s.tavocache", static_cast<int>(stemLen), base)

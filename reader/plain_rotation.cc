@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -12,8 +11,8 @@
 
 #include "archive/folder.h"
 #include "archive/tarzip.h"
+#include "platform/log_file_names.h"
 #include "platform/safe_file.h"
-#include "platform/safe_string.h"
 #include "reader/logcat_channels.h"
 #include "reader/output_file.h"
 
@@ -21,24 +20,6 @@ namespace qdlogging {
 namespace {
 
 constexpr mode_t kArchiveMode = 0664;
-
-// A rotated file's name inside the work folder while it is packed.
-std::string MemberName(const std::string& base, uint64_t k) {
-  char name[PATH_MAX];
-  if (snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s.%zu", base.c_str(),
-                 static_cast<size_t>(k)) < 0) {
-    return std::string();
-  }
-  return name;
-}
-
-std::string ArchiveName(const char* path, size_t j) {
-  char name[PATH_MAX];
-  if (snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s-%zu.tar.gz", path, j) < 0) {
-    return std::string();
-  }
-  return name;
-}
 
 void ShiftRotatedFiles(int dirFd, const std::string& base, uint64_t count) {
   int digits = RotationDigits(count);
@@ -57,8 +38,8 @@ void ShiftRotatedFiles(int dirFd, const std::string& base, uint64_t count) {
 
 void ShiftArchives(int dirFd, const std::string& base, uint64_t count) {
   for (uint64_t j = count > 0 ? count - 1 : 0; j > 0; --j) {
-    std::string from = ArchiveName(base.c_str(), j - 1);
-    std::string to = ArchiveName(base.c_str(), j);
+    std::string from = platform::ArchiveName(base, j - 1);
+    std::string to = platform::ArchiveName(base, j);
     if (renameat(dirFd, from.c_str(), dirFd, to.c_str()) != 0 && errno != ENOENT) {
       perror("while rename compressed files");
     }
@@ -71,7 +52,7 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
                          const std::string& base) {
   const char* path = ctx->outputFileName;
   uint64_t count = ctx->rotateCount;
-  std::string folder = std::string(path) + "_tmp";
+  std::string folder = platform::WorkFolderName(path);
   archive::Folder work(archive::MakeWorkFolder(folder));
   if (!work.ok()) return;
   if (strchr(path, '/') == nullptr) {
@@ -80,7 +61,7 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   }
   int digits = RotationDigits(count);
   for (uint64_t k = count; k > 0; --k) {
-    std::string member = MemberName(base, k);
+    std::string member = platform::NumberedName(base, k);
     if (renameat(dirFd, RotatedName(base.c_str(), digits, k).c_str(), work.fd(), member.c_str()) !=
         0) {
       perror("while rename log files");
@@ -88,10 +69,11 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   }
   ShiftArchives(dirFd, base, ctx->compressCount);
   std::vector<std::string> members;
-  for (uint64_t k = 1; k <= count; ++k) members.push_back(folder + "/" + MemberName(base, k));
+  for (uint64_t k = 1; k <= count; ++k)
+    members.push_back(platform::NumberedName(folder + "/" + base, k));
   std::vector<const char*> names;
   for (const std::string& m : members) names.push_back(m.c_str());
-  std::string archive = ArchiveName(path, 0);
+  std::string archive = platform::ArchiveName(path, 0);
   int modeError = 0;
   bool complete = TarzipFilesComplete(static_cast<int>(names.size()), names.data(), archive.c_str(),
                                       0, kArchiveMode, &modeError);
@@ -100,9 +82,11 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   }
   if (!complete) return;
   for (uint64_t k = 1; k <= count; ++k) {
-    if (unlinkat(work.fd(), MemberName(base, k).c_str(), 0) != 0) perror("unlink failed");
+    if (unlinkat(work.fd(), platform::NumberedName(base, k).c_str(), 0) != 0)
+      perror("unlink failed");
   }
-  if (unlinkat(dirFd, (base + "_tmp").c_str(), AT_REMOVEDIR) != 0) perror("unlink failed");
+  if (unlinkat(dirFd, platform::WorkFolderName(base).c_str(), AT_REMOVEDIR) != 0)
+    perror("unlink failed");
 }
 
 }  // namespace
@@ -114,13 +98,7 @@ int RotationDigits(uint64_t count) {
 }
 
 std::string RotatedName(const char* path, int digits, uint64_t i) {
-  if (i == 0) return path;
-  char name[PATH_MAX];
-  if (snprintf_s(name, sizeof(name), sizeof(name) - 1, "%s.%.*llu", path, digits,
-                 static_cast<unsigned long long>(i)) < 0) {
-    return std::string();
-  }
-  return name;
+  return platform::NumberedName(path, i, digits);
 }
 
 void RotateLogs(android_logcat_context_internal* ctx) {

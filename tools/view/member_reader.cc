@@ -2,7 +2,6 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <algorithm>
 #include <new>
 
+#include "platform/log_file_names.h"
 #include "tools/view/diagnostics.h"
 #include "tools/view/wall_time.h"
 
@@ -19,11 +19,8 @@ namespace {
 
 // The n of a member named B.n; -1 for other names.
 long MemberNumber(const std::string& name) {
-  size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot + 1 == name.size()) return -1;
-  char* end = nullptr;
-  long n = strtol(name.c_str() + dot + 1, &end, 10);
-  return *end == '\0' && n >= 0 ? n : -1;
+  uint64_t n = 0;
+  return platform::ParseNumberedName(name, nullptr, &n) ? static_cast<long>(n) : -1;
 }
 
 bool IsGzip(int fd) {

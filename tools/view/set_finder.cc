@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <string.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,8 +11,8 @@
 #include <map>
 #include <utility>
 
-#include "filesets/file_name.h"
 #include "filesets/set_order.h"
+#include "platform/log_file_names.h"
 #include "tools/view/diagnostics.h"
 #include "tools/view/wall_time.h"
 
@@ -21,18 +20,8 @@ namespace view {
 
 namespace {
 
-constexpr char kArchiveSuffix[] = ".tar.gz";
-constexpr size_t kArchiveSuffixLength = sizeof(kArchiveSuffix) - 1;
 // Deeper than any log tree; stops a loop of bind mounts.
 constexpr int kMaxDepth = 32;
-
-bool AllDigits(const std::string& s, size_t from, size_t count) {
-  if (count == 0 || from + count > s.size()) return false;
-  for (size_t i = from; i < from + count; ++i) {
-    if (s[i] < '0' || s[i] > '9') return false;
-  }
-  return true;
-}
 
 struct Found {
   std::string path;
@@ -197,36 +186,24 @@ const char* SetKindName(SetKind kind) { return kind == SetKind::kIndexed ? "inde
 
 NameParts ClassifyName(const std::string& name) {
   NameParts parts;
-  size_t n = name.size();
-  size_t tail = filesets::kNameTail;
-  if (n > tail && name.compare(n - tail, 2, ".I") == 0 && AllDigits(name, n - tail + 2, 3) &&
-      name[n - tail + 5] == '.' && name.compare(n - 3, 3, ".gz") == 0 &&
-      ParseCompactStamp(name.c_str() + n - tail + 6, 15, &parts.stampMs)) {
+  size_t baseLength = 0;
+  uint32_t index = 0;
+  uint64_t n = 0;
+  std::string stamp;
+  if (platform::ParseSetFileName(name, &baseLength, &index, &stamp) &&
+      ParseCompactStamp(stamp.c_str(), stamp.size(), &parts.stampMs)) {
     parts.kind = NameParts::kIndexed;
-    parts.base = name.substr(0, n - tail);
-    parts.number = atol(name.c_str() + n - tail + 2);
-    return parts;
-  }
-  if (n > kArchiveSuffixLength &&
-      name.compare(n - kArchiveSuffixLength, kArchiveSuffixLength, kArchiveSuffix) == 0) {
-    size_t dash = name.rfind('-', n - kArchiveSuffixLength);
-    size_t digits = n - kArchiveSuffixLength - (dash + 1);
-    if (dash != std::string::npos && dash > 0 && digits <= 9 && AllDigits(name, dash + 1, digits)) {
-      parts.kind = NameParts::kArchive;
-      parts.base = name.substr(0, dash);
-      parts.number = atol(name.c_str() + dash + 1);
-      return parts;
-    }
-  }
-  size_t dot = name.rfind('.');
-  if (dot != std::string::npos && dot > 0 && n - dot - 1 <= 9 &&
-      AllDigits(name, dot + 1, n - dot - 1)) {
+    parts.number = static_cast<long>(index);
+  } else if (platform::ParseArchiveName(name, &baseLength, &n)) {
+    parts.kind = NameParts::kArchive;
+    parts.number = static_cast<long>(n);
+  } else if (platform::ParseNumberedName(name, &baseLength, &n)) {
     parts.kind = NameParts::kNumbered;
-    parts.base = name.substr(0, dot);
-    parts.number = atol(name.c_str() + dot + 1);
-    return parts;
+    parts.number = static_cast<long>(n);
+  } else {
+    baseLength = name.size();
   }
-  parts.base = name;
+  parts.base = name.substr(0, baseLength);
   return parts;
 }
 

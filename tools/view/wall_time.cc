@@ -2,6 +2,8 @@
 
 #include <string.h>
 
+#include "platform/log_file_names.h"
+
 namespace view {
 
 namespace {
@@ -85,12 +87,15 @@ int64_t WallMsOfSystemTime(time_t when) {
 }
 
 bool ParseCompactStamp(const char* s, size_t length, int64_t* ms) {
+  platform::StampFields f;
+  if (!platform::ParseStamp(s, length, &f)) return false;
   CivilTime t;
-  if (length != 15 || s[8] != '-' || !Digits(s, 4, &t.year) || !Digits(s + 4, 2, &t.month) ||
-      !Digits(s + 6, 2, &t.day) || !Digits(s + 9, 2, &t.hour) || !Digits(s + 11, 2, &t.minute) ||
-      !Digits(s + 13, 2, &t.second) || !Plausible(t)) {
-    return false;
-  }
+  t.year = f.year;
+  t.month = f.month;
+  t.day = f.day;
+  t.hour = f.hour;
+  t.minute = f.minute;
+  t.second = f.second;
   *ms = ToWallMs(t);
   return true;
 }
