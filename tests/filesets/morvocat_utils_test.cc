@@ -15,6 +15,7 @@
 
 namespace {
 
+using morvotest::SetFiles;
 using settest::Indices;
 using settest::MakeSetFile;
 using settest::ReaderOwner;
@@ -30,99 +31,101 @@ class MorvocatUtilsTest : public settest::SetDirTest {
   }
 };
 
-TEST_F(MorvocatUtilsTest, EmptyPathChoosesNoFile) {
-  ReaderOwner writer("", 10);
-  EXPECT_TRUE(writer.IsMMapWriteMode());
-  writer.Write("text", 4);
-  writer.Flush();
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  EXPECT_EQ(1, writer.GetNewLogFileName());
-  EXPECT_TRUE(writer.logFilePath.empty());
-  EXPECT_TRUE(writer.fileVec.empty());
-  EXPECT_FALSE(writer.IsLogFileAccess());
-}
-
-TEST_F(MorvocatUtilsTest, OtherModesAreNotMemoryMappedAndChooseNoFile) {
+// A writer that is not memory-mapped or has no path chooses no file.
+TEST_F(MorvocatUtilsTest, OtherModesAndEmptyPathsChooseNoFile) {
+  ReaderOwner unnamed("", 10);
   MorvocatUtils plain(base_, 0, 10);
+  EXPECT_TRUE(unnamed.IsMMapWriteMode());
   EXPECT_FALSE(plain.IsMMapWriteMode());
-  plain.Write("text", 4);
-  EXPECT_EQ(1, plain.GetNewLogFileName());
-  EXPECT_FALSE(plain.IsLogFileAccess());
+  for (MorvocatUtils* writer : {static_cast<MorvocatUtils*>(&unnamed), &plain}) {
+    writer->Write("text", 4);
+    writer->Flush();
+    writer->InitLogFiles();
+    writer->GetNewLog();
+    EXPECT_EQ(1, writer->GetNewLogFileName());
+    EXPECT_FALSE(writer->IsLogFileAccess());
+  }
+  EXPECT_TRUE(unnamed.logFilePath.empty());
+  EXPECT_TRUE(unnamed.fileVec.empty());
   EXPECT_EQ(0u, SetFilesOnDisk());
 }
 
-TEST_F(MorvocatUtilsTest, StartRemovesThePlainSchemeAndKeepsTheSet) {
-  std::vector<std::string> plain = {base_};
-  for (int n = 1; n < 5; ++n) plain.push_back(base_ + "." + std::to_string(n));
-  for (int n = 0; n < 10; ++n) plain.push_back(base_ + "-" + std::to_string(n) + ".tar.gz");
-  for (const auto& name : plain) morvotest::WriteFile(name, "old");
-  std::string kept = MakeSetFile(base_, 0);
-  ReaderOwner writer(base_, 10);
-  writer.InitLogFiles();
-  for (const auto& name : plain) EXPECT_FALSE(morvotest::Exists(name)) << name;
-  EXPECT_EQ(std::vector<std::string>{kept}, writer.fileVec);
-  EXPECT_FALSE(writer.IsLogFileAccess());  // no file chosen yet
-}
-
-TEST_F(MorvocatUtilsTest, LimitThreeOverFiveFilesPrunesOnStartAndAfterEachNewFile) {
-  std::vector<std::string> files;
-  for (int index = 0; index < 5; ++index) files.push_back(MakeSetFile(base_, index));
-  ReaderOwner writer(base_, 3);
-  writer.InitLogFiles();
-  EXPECT_FALSE(morvotest::Exists(files[0]));
-  EXPECT_FALSE(morvotest::Exists(files[1]));
-  EXPECT_EQ((std::vector<int>{2, 3, 4}), Indices(writer, writer.fileVec));
-
-  writer.GetNewLog();
-  EXPECT_EQ((std::vector<int>{3, 4, 5}), Indices(writer, writer.fileVec));
-  EXPECT_EQ(writer.fileVec.back(), writer.logFilePath);
-  EXPECT_FALSE(morvotest::Exists(files[2]));
-  EXPECT_TRUE(writer.IsLogFileAccess());
-  EXPECT_EQ(0664u, settest::ModeOf(writer.logFilePath));
-}
-
-TEST_F(MorvocatUtilsTest, RestartContinuesInAnEmptyNewestFileAsItIs) {
-  MakeSetFile(base_, 0);
-  std::string empty = SetName(base_, 1, "20240105-081502");
-  morvotest::WriteFile(empty, "");
-  ReaderOwner writer(base_, 10);
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  EXPECT_EQ(empty, writer.logFilePath);
-  EXPECT_EQ(2u, writer.fileVec.size());
-
-  writer.Write("continued\n", 64);
-  writer.Flush();
-  EXPECT_EQ("continued\n", morvotest::Gunzip(empty));
-}
-
-TEST_F(MorvocatUtilsTest, RestartOpensTheIndexAfterTheNewest) {
-  MakeSetFile(base_, 3, "20240101-000000");
-  MakeSetFile(base_, 4, "20240301-000000");
-  MakeSetFile(base_, 10, "20240101-000000");
-  MakeSetFile(base_, 11, "20240101-000000");
-  ReaderOwner writer(base_, 10);
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  EXPECT_EQ((std::vector<int>{10, 11, 3, 4, 5}), Indices(writer, writer.fileVec));
-  EXPECT_EQ("005", writer.GetIndex(writer.logFilePath));
-}
-
-TEST_F(MorvocatUtilsTest, RestartAfterIndex999WrapsTo000) {
-  for (int index : {997, 998, 999}) MakeSetFile(base_, index);
-  ReaderOwner writer(base_, 10);
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  EXPECT_EQ((std::vector<int>{997, 998, 999, 0}), Indices(writer, writer.fileVec));
-
-  // The same set found again after the wrap keeps its order.
-  writer.Write("x\n", 2);
-  writer.Flush();
-  ReaderOwner again(base_, 10);
-  again.InitLogFiles();
-  again.GetNewLog();
-  EXPECT_EQ((std::vector<int>{997, 998, 999, 0, 1}), Indices(again, again.fileVec));
+// Start over what is in the folder, open a file, write, restart: "e" marks
+// an empty file, "@L" the later stamp; the other files hold a record.
+TEST_F(MorvocatUtilsTest, StartNewFileAndRestartTable) {
+  struct Row {
+    const char* what;
+    std::vector<std::string> files;
+    uint64_t limit;
+    std::vector<int> started, opened, restarted;
+    bool plainScheme = false;  // the base path, .1 to .4, -0 to -9.tar.gz: removed
+  };
+  const std::vector<Row> rows = {
+      {"limit 3 over 5 prunes on start and after each new file",
+       {"0", "1", "2", "3", "4"},
+       3,
+       {2, 3, 4},
+       {3, 4, 5},
+       {4, 5, 6}},
+      {"limit 0 prunes nothing below the cap",
+       {"0", "1", "2", "3", "4"},
+       0,
+       {0, 1, 2, 3, 4},
+       {0, 1, 2, 3, 4, 5},
+       {0, 1, 2, 3, 4, 5, 6}},
+      {"an empty newest file is continued as it is", {"0", "1e"}, 10, {0, 1}, {0, 1}, {0, 1, 2}},
+      {"the index after the newest",
+       {"3", "4@L", "10", "11"},
+       10,
+       {10, 11, 3, 4},
+       {10, 11, 3, 4, 5},
+       {10, 11, 3, 4, 5, 6}},
+      {"999 wraps to 000",
+       {"997", "998", "999"},
+       10,
+       {997, 998, 999},
+       {997, 998, 999, 0},
+       {997, 998, 999, 0, 1}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    for (const std::string& name : SetFiles(dir_, "applog")) unlink(name.c_str());
+    std::vector<std::string> files;
+    for (std::string code : row.files) {
+      bool empty = code.back() == 'e';
+      if (empty) code.pop_back();
+      files.push_back(settest::Coded(base_, code));
+      morvotest::WriteFile(files.back(), empty ? "" : "data\n");
+    }
+    std::vector<std::string> plain = {base_};
+    for (int n = 1; n < 5; ++n) plain.push_back(platform::NumberedName(base_, n));
+    for (int n = 0; n < 10; ++n) plain.push_back(platform::ArchiveName(base_, n));
+    for (const auto& name : plain) {
+      if (row.plainScheme) morvotest::WriteFile(name, "old");
+    }
+    ReaderOwner writer(base_, row.limit);
+    writer.InitLogFiles();
+    for (const auto& name : plain) EXPECT_FALSE(morvotest::Exists(name)) << name;
+    EXPECT_FALSE(writer.IsLogFileAccess());  // no file chosen yet
+    EXPECT_EQ(row.started, Indices(writer, writer.fileVec));
+    writer.GetNewLog();
+    EXPECT_EQ(row.opened, Indices(writer, writer.fileVec));
+    EXPECT_EQ(writer.fileVec.back(), writer.logFilePath);
+    EXPECT_TRUE(writer.IsLogFileAccess());
+    EXPECT_EQ(0664u, settest::ModeOf(writer.logFilePath));
+    for (size_t i = 0; i < files.size(); ++i) {
+      int index = Indices(writer, {files[i]})[0];
+      bool kept = std::find(row.opened.begin(), row.opened.end(), index) != row.opened.end();
+      EXPECT_EQ(kept, morvotest::Exists(files[i])) << files[i];
+    }
+    writer.Write("continued\n", 64);
+    writer.Flush();
+    EXPECT_EQ("continued\n", morvotest::Gunzip(writer.logFilePath));
+    ReaderOwner again(base_, row.limit);
+    again.InitLogFiles();
+    again.GetNewLog();
+    EXPECT_EQ(row.restarted, Indices(again, again.fileVec));
+  }
 }
 
 TEST_F(MorvocatUtilsTest, TwoNewFilesInOneSecondDifferOnlyInTheIndex) {
@@ -183,64 +186,48 @@ TEST_F(MorvocatUtilsTest, DeletedCurrentFileIsNoticedAndReplaced) {
   EXPECT_EQ("after\n", morvotest::Gunzip(writer.logFilePath));
 }
 
-TEST_F(MorvocatUtilsTest, LimitZeroPrunesNothingBelowTheCap) {
-  std::vector<std::string> files;
-  for (int index = 0; index < 5; ++index) files.push_back(MakeSetFile(base_, index));
-  ReaderOwner writer(base_, 0);
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  EXPECT_EQ(6u, writer.fileVec.size());
-  for (const auto& name : files) EXPECT_TRUE(morvotest::Exists(name)) << name;
-  EXPECT_TRUE(writer.IsLogFileAccess());
-}
-
-TEST_F(MorvocatUtilsTest, SetThatWrappedSeveralTimesStaysBoundedAndOrdered) {
-  constexpr int kFiles = 2345;
-  ReaderOwner writer(base_, 4);
-  writer.InitLogFiles();
-  for (int i = 0; i < kFiles; ++i) {
-    writer.GetNewLog();
-    writer.Write((std::to_string(i) + "\n").c_str(), 16);
-    writer.Flush();
-    ASSERT_EQ(writer.fileVec.back(), writer.logFilePath) << i;
-    std::vector<int> indices = Indices(writer, writer.fileVec);
-    ASSERT_LE(indices.size(), 4u);
-    for (size_t k = 1; k < indices.size(); ++k) {
-      ASSERT_EQ((indices[k - 1] + 1) % 1000, indices[k]) << i;
+// Many files written in one run, then a restart: the set stays bounded and
+// in order, and the restart goes on after the file that was really newest
+// (without a limit the set keeps as many files as it can name).
+TEST_F(MorvocatUtilsTest, WrappedSetsStayBoundedOrderedAndRestartAfterTheNewest) {
+  struct Row {
+    int files;
+    uint64_t limit;
+    size_t kept;
+    int front, back;  // the restarted set's first and last index
+  };
+  for (const Row& row : {Row{2345, 4, 4, 342, 345}, Row{1300, 0, 999, 302, 300}}) {
+    SCOPED_TRACE(row.files);
+    for (const std::string& name : SetFiles(dir_, "applog")) unlink(name.c_str());
+    ReaderOwner writer(base_, row.limit);
+    writer.InitLogFiles();
+    for (int i = 0; i < row.files; ++i) {
+      writer.GetNewLog();
+      writer.Write((std::to_string(i) + "\n").c_str(), 16);
+      writer.Flush();
+      ASSERT_EQ(writer.fileVec.back(), writer.logFilePath) << i;
+      std::vector<int> indices = Indices(writer, writer.fileVec);
+      ASSERT_LE(indices.size(), row.kept);
+      for (size_t k = 1; k < indices.size(); ++k) {
+        ASSERT_EQ((indices[k - 1] + 1) % 1000, indices[k]) << i;
+      }
     }
-  }
-  writer.Write("last\n", 16);
-  writer.Flush();
-  EXPECT_EQ((std::vector<int>{341, 342, 343, 344}), Indices(writer, writer.fileVec));
-  EXPECT_EQ("2342\n", morvotest::Gunzip(writer.fileVec[1]));
-  EXPECT_EQ("2344\nlast\n", morvotest::Gunzip(writer.fileVec[3]));
-  EXPECT_EQ(4u, SetFilesOnDisk());
-
-  ReaderOwner restarted(base_, 4);
-  restarted.InitLogFiles();
-  restarted.GetNewLog();
-  EXPECT_EQ((std::vector<int>{342, 343, 344, 345}), Indices(restarted, restarted.fileVec));
-}
-
-// Without a limit the set keeps as many files as it can name; a restart
-// must still go on after the file that was really the newest.
-TEST_F(MorvocatUtilsTest, RestartOverAFullWrappedSetContinuesAfterTheNewest) {
-  constexpr int kFiles = 1300;
-  ReaderOwner writer(base_, 0);
-  writer.InitLogFiles();
-  for (int i = 0; i < kFiles; ++i) {
-    writer.GetNewLog();
-    writer.Write((std::to_string(i) + "\n").c_str(), 16);
+    writer.Write("last\n", 16);
     writer.Flush();
+    ASSERT_EQ(row.kept, writer.fileVec.size());
+    EXPECT_EQ((row.back + 999) % 1000, Indices(writer, {writer.fileVec.back()})[0]);
+    EXPECT_EQ(std::to_string(row.files - static_cast<int>(row.kept) + 1) + "\n",
+              morvotest::Gunzip(writer.fileVec[1]));
+    EXPECT_EQ(std::to_string(row.files - 1) + "\nlast\n", morvotest::Gunzip(writer.fileVec.back()));
+    EXPECT_EQ(row.kept, SetFilesOnDisk());
+    ReaderOwner restarted(base_, row.limit);
+    restarted.InitLogFiles();
+    restarted.GetNewLog();
+    std::vector<int> indices = Indices(restarted, restarted.fileVec);
+    ASSERT_EQ(row.kept, indices.size());
+    EXPECT_EQ(row.front, indices.front());
+    EXPECT_EQ(row.back, indices.back());
   }
-  EXPECT_EQ(999u, SetFilesOnDisk());
-  ReaderOwner restarted(base_, 0);
-  restarted.InitLogFiles();
-  restarted.GetNewLog();
-  std::vector<int> indices = Indices(restarted, restarted.fileVec);
-  ASSERT_EQ(999u, indices.size());
-  EXPECT_EQ(302, indices.front());
-  EXPECT_EQ(300, indices.back());
 }
 
 TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {

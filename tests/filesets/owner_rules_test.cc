@@ -16,16 +16,14 @@ using settest::CollectorOwner;
 using settest::Indices;
 using settest::MakeSetFile;
 using settest::ReaderOwner;
-using settest::SetFilesIn;
 using settest::TavobaseOwner;
-using settest::WholeGzip;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 class OwnerRulesTest : public settest::SetDirTest {
  protected:
-  std::string Numbered(int n) const { return base_ + "." + std::to_string(n); }
-  std::string Archive(int n) const { return base_ + "-" + std::to_string(n) + ".tar.gz"; }
+  std::string Numbered(int n) const { return platform::OldStyleNumberedName(base_, n); }
+  std::string Archive(int n) const { return platform::ArchiveName(base_, n); }
   // The base path, B.0 to B.5 and B-0.tar.gz to B-10.tar.gz.
   void MakeOldStyleFiles() const {
     morvotest::WriteFile(base_, "x");
@@ -33,24 +31,6 @@ class OwnerRulesTest : public settest::SetDirTest {
     for (int n = 0; n <= 10; ++n) morvotest::WriteFile(Archive(n), "x");
   }
 };
-
-TEST_F(OwnerRulesTest, OldStyleNamesAreTheTenPlainSchemeNames) {
-  ReaderOwner reader(base_, 10);
-  CollectorOwner sink(base_, 10);
-  const std::vector<const FileSet*> owners = {&reader, &sink};
-  for (const FileSet* set : owners) {
-    for (int n = 0; n < 5; ++n) {
-      EXPECT_TRUE(set->DetectOldStyleFiles(Numbered(n).c_str())) << n;
-      EXPECT_TRUE(set->DetectOldStyleFiles(Archive(n).c_str())) << n;
-    }
-    for (const std::string& other :
-         {Numbered(5), Archive(5), base_, base_ + ".01", base_ + "-0.tar.gzx", base_ + "x.1",
-          dir_ + "/applo.1", base_ + "-0.tar.g"}) {
-      EXPECT_FALSE(set->DetectOldStyleFiles(other.c_str())) << other;
-    }
-    EXPECT_FALSE(set->DetectOldStyleFiles(nullptr));
-  }
-}
 
 TEST_F(OwnerRulesTest, ReaderSweepsSilentlyEveryTimeAndLeavesFormingToTheCaller) {
   MakeOldStyleFiles();
@@ -157,8 +137,7 @@ TEST_F(OwnerRulesTest, OnlyTheReaderContinuesAnEmptyNewestFile) {
   ReaderOwner reader(base_, 10);
   reader.FormFileVectors();
   // Forming gave the empty file its empty member; it still holds no record.
-  std::string text;
-  EXPECT_TRUE(WholeGzip(empty, &text));
+  EXPECT_EQ("", morvotest::Zcat(empty));
   EXPECT_EQ(filesets::kContinueNewest, reader.GetNewLogFileIndex());
   EXPECT_EQ(filesets::kContinueNewest, reader.GetNewLogFileIndex(reader.fileVec));
   CollectorOwner sink(base_, 10);
@@ -221,19 +200,14 @@ TEST_F(OwnerRulesTest, EachOwnersNewFileIsAWholeGzipStreamFromTheStart) {
   sink.OpenLogFile();
   ASSERT_EQ(1u, sink.fileVec.size());
   for (const std::string& name : {reader.logFilePath, sink.fileVec.back()}) {
-    std::string text = "unread";
-    EXPECT_TRUE(WholeGzip(name, &text)) << name;
-    EXPECT_EQ("", text);
+    EXPECT_EQ("", morvotest::Zcat(name)) << name;
   }
   reader.Write("one\n", 16);
   reader.Flush();
   sink.MmapWrite("two\n", 4, true);
   sink.MmapClose();
-  std::string text;
-  EXPECT_TRUE(WholeGzip(reader.logFilePath, &text));
-  EXPECT_EQ("one\n", text);
-  EXPECT_TRUE(WholeGzip(sink.fileVec.back(), &text));
-  EXPECT_EQ("two\n", text);
+  EXPECT_EQ("one\n", morvotest::Zcat(reader.logFilePath));
+  EXPECT_EQ("two\n", morvotest::Zcat(sink.fileVec.back()));
 }
 
 // A group with the default limit restarted over a set holding all 1000
@@ -242,7 +216,7 @@ TEST_F(OwnerRulesTest, EachOwnersNewFileIsAWholeGzipStreamFromTheStart) {
 TEST_F(OwnerRulesTest, GroupRestartOverAFullSetKeepsTheNewestThroughItsFirstRotation) {
   for (uint64_t limit : {uint64_t{0}, uint64_t{999}}) {
     SCOPED_TRACE(limit);
-    for (const std::string& name : SetFilesIn(dir_, "applog")) unlink(name.c_str());
+    for (const std::string& name : morvotest::SetFiles(dir_, "applog")) unlink(name.c_str());
     std::vector<std::string> written;
     for (int k = 0; k < 1000; ++k) {
       written.push_back(settest::SetName(base_, (301 + k) % 1000, settest::StampAfter(k)));
@@ -251,11 +225,11 @@ TEST_F(OwnerRulesTest, GroupRestartOverAFullSetKeepsTheNewestThroughItsFirstRota
     TavobaseOwner sink(base_, limit);
     sink.FormFileVectors();
     sink.OpenLogFile();
-    EXPECT_LE(SetFilesIn(dir_, "applog").size(), 999u);
+    EXPECT_LE(morvotest::SetFiles(dir_, "applog").size(), 999u);
     testing::internal::CaptureStderr();
     sink.RotateLog(uint64_t{4096} << 10);
     testing::internal::GetCapturedStderr();
-    EXPECT_EQ(999u, SetFilesIn(dir_, "applog").size());
+    EXPECT_EQ(999u, morvotest::SetFiles(dir_, "applog").size());
     ASSERT_EQ(999u, sink.fileVec.size());
     EXPECT_EQ((std::vector<int>{300, 301, 302}),
               Indices(sink, {sink.fileVec.end() - 3, sink.fileVec.end()}));

@@ -2,15 +2,14 @@
 #define MORVOCAT_TESTS_FILESETS_SET_OWNERS_H_
 
 // The owners of a file set as the tests see them: each opens up the set's
-// fields. The shared tests run once per owner listed in SetOwners.
+// fields. The shared tests run once per owner listed in SetOwners. A set
+// file is whole when zcat reads it without complaint (morvotest::Zcat).
 
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <string>
 #include <vector>
@@ -19,7 +18,10 @@
 #include "config/tavo_common.h"
 #include "filesets/file_set.h"
 #include "filesets/morvocat_utils.h"
+#include "platform/log_file_names.h"
 #include "support/file_tree.h"
+#include "support/gzip_text.h"
+#include "support/log_set.h"
 #include "support/shell_file.h"
 #include "support/temp_root.h"
 
@@ -84,11 +86,8 @@ class TavobaseOwner : public Tavobase {
 
 using SetOwners = ::testing::Types<ReaderOwner, CollectorOwner, TavobaseOwner>;
 
-// base.Innn.stamp.gz
 inline std::string SetName(const std::string& base, int index, const std::string& stamp) {
-  char tag[16];
-  snprintf(tag, sizeof(tag), ".I%03d.", index);
-  return base + tag + stamp + ".gz";
+  return platform::SetFileName(base, static_cast<uint32_t>(index), stamp);
 }
 
 // A set file with some content (an empty newest file is continued by the
@@ -98,6 +97,27 @@ inline std::string MakeSetFile(const std::string& base, int index,
   std::string name = SetName(base, index, stamp);
   morvotest::WriteFile(name, "data\n");
   return name;
+}
+
+// Set names written short, for tables: "7" is index 007, "abc" or "-12"
+// the index field as given, "7@L" the same with the later stamp
+// 20240301-000000 (else 20240101-000000); a code holding a "." is a suffix
+// of the base ("-0.tar.gz", ".1").
+inline std::string Coded(const std::string& base, const std::string& code) {
+  if (code.find('.') != std::string::npos) return base + code;
+  size_t at = code.find('@');
+  std::string index = code.substr(0, at);
+  if (index.find_first_not_of("0123456789") == std::string::npos) {
+    index = std::string(3 - std::min<size_t>(3, index.size()), '0') + index;
+  }
+  const char* stamp = at == std::string::npos ? "20240101-000000" : "20240301-000000";
+  return base + ".I" + index + "." + stamp + ".gz";
+}
+inline std::vector<std::string> Coded(const std::string& base,
+                                      const std::vector<std::string>& codes) {
+  std::vector<std::string> out;
+  for (const std::string& code : codes) out.push_back(Coded(base, code));
+  return out;
 }
 
 // The index fields of list as numbers (-1 for a field that is not).
@@ -118,41 +138,6 @@ inline std::string StampAfter(long seconds) {
   char stamp[32];
   strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M%S", &utc);
   return stamp;
-}
-
-// The text of a file made of one or more whole gzip members and nothing
-// else, as "gzip -t" wants it; false for anything else (an empty file, a
-// member cut short, bytes after the last member).
-inline bool WholeGzip(const std::string& path, std::string* text) {
-  std::string raw = morvotest::ReadFile(path);
-  char buf[65536];
-  text->clear();
-  if (raw.empty()) return false;
-  z_stream zs{};
-  if (inflateInit2(&zs, 16 + MAX_WBITS) != Z_OK) return false;
-  zs.next_in = reinterpret_cast<Bytef*>(&raw[0]);
-  zs.avail_in = static_cast<uInt>(raw.size());
-  int rc = Z_OK;
-  while (rc == Z_OK || (rc == Z_STREAM_END && zs.avail_in > 0)) {
-    if (rc == Z_STREAM_END) inflateReset(&zs);  // the next member
-    zs.next_out = reinterpret_cast<Bytef*>(buf);
-    zs.avail_out = sizeof(buf);
-    rc = inflate(&zs, Z_NO_FLUSH);
-    text->append(buf, sizeof(buf) - zs.avail_out);
-    if (rc == Z_BUF_ERROR && zs.avail_in == 0) break;  // cut short
-  }
-  inflateEnd(&zs);
-  return rc == Z_STREAM_END && zs.avail_in == 0;
-}
-
-// The set files in folder whose names begin with prefix (the base name), in
-// no particular order.
-inline std::vector<std::string> SetFilesIn(const std::string& folder, const std::string& prefix) {
-  std::vector<std::string> out;
-  for (const std::string& name : morvotest::Entries(folder)) {
-    if (name.compare(0, prefix.size() + 2, prefix + ".I") == 0) out.push_back(folder + "/" + name);
-  }
-  return out;
 }
 
 using morvotest::ModeOf;
