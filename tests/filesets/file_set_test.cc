@@ -146,24 +146,29 @@ TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
   EXPECT_TRUE(morvotest::Exists(newest));
 }
 
-TYPED_TEST(FileSetTest, LimitZeroLeavesOneIndexFreeAndNeverTheCurrentFile) {
+// Whatever the limit (none, or above the cap), one index stays free and the
+// current file is never pruned.
+TYPED_TEST(FileSetTest, OneIndexStaysFreeWhateverTheLimitAndNeverTheCurrentFile) {
   const std::string& b = this->base_;
-  TypeParam set(b, 0);
   std::vector<std::string> names;
-  for (int index = 0; index < 1000; ++index) names.push_back(MakeSetFile(b, index));
   std::string current = MakeSetFile(b, 0, "20240301-000000");
-  set.fileVec = names;
-  set.fileVec.push_back(current);
-  set.RemoveRedundancy();
-  ASSERT_EQ(999u, set.fileVec.size());
-  EXPECT_EQ(names[2], set.fileVec.front());
-  EXPECT_EQ(current, set.fileVec.back());
-  EXPECT_FALSE(morvotest::Exists(names[1]));
-  EXPECT_TRUE(morvotest::Exists(current));
-
+  for (uint64_t limit : {uint64_t{0}, uint64_t{1000}, uint64_t{5000}}) {
+    SCOPED_TRACE(limit);
+    names.clear();
+    for (int index = 0; index < 1000; ++index) names.push_back(MakeSetFile(b, index));
+    TypeParam set(b, limit);
+    set.fileVec = names;
+    set.fileVec.push_back(current);
+    set.RemoveRedundancy();
+    ASSERT_EQ(999u, set.fileVec.size());
+    EXPECT_EQ(names[2], set.fileVec.front());
+    EXPECT_EQ(current, set.fileVec.back());
+    EXPECT_FALSE(morvotest::Exists(names[1]));
+    EXPECT_TRUE(morvotest::Exists(current));
+  }
   // Index 0 came round within the same second: the oldest name is the
   // current file's, and only the entry goes.
-  set.maxFiles = 2;
+  TypeParam set(b, 2);
   set.fileVec = {current, names[5], current};
   set.RemoveRedundancy();
   EXPECT_EQ((std::vector<std::string>{names[5], current}), set.fileVec);

@@ -166,26 +166,6 @@ TEST_F(MorvocatUtilsTest, WriteStopsAtTheFirstNulOrTheMaximumLength) {
   EXPECT_EQ("abcxy", morvotest::Gunzip(writer.logFilePath));
 }
 
-TEST_F(MorvocatUtilsTest, DeletedCurrentFileIsNoticedAndReplaced) {
-  MakeSetFile(base_, 6);
-  ReaderOwner writer(base_, 10);
-  EXPECT_FALSE(writer.IsLogFileAccess());
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  ASSERT_TRUE(writer.IsLogFileAccess());
-  std::string lost = writer.logFilePath;
-  ASSERT_EQ(0, unlink(lost.c_str()));
-  EXPECT_FALSE(writer.IsLogFileAccess());
-
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  EXPECT_TRUE(writer.IsLogFileAccess());
-  EXPECT_EQ((std::vector<int>{6, 7}), Indices(writer, writer.fileVec));
-  writer.Write("after\n", 6);
-  writer.Flush();
-  EXPECT_EQ("after\n", morvotest::Gunzip(writer.logFilePath));
-}
-
 // Many files written in one run, then a restart: the set stays bounded and
 // in order, and the restart goes on after the file that was really newest
 // (without a limit the set keeps as many files as it can name).
@@ -261,31 +241,43 @@ TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
   }
 }
 
-// The current file counts as there only as a regular file of one name: a
-// link, a FIFO or a second name put in its place makes the caller open a
-// new file of its own.
+// The current file counts as there only as a regular file of one name:
+// deleted, or a link, a FIFO or a second name put in its place, makes the
+// caller open a new file of its own and go on there.
 TEST_F(MorvocatUtilsTest, CurrentFileIsThereOnlyAsItsOwnRegularFile) {
   const std::string victim = root_.Under("/victim");
   morvotest::MakeVictim(victim);
-  for (morvotest::Plant plant : {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK,
-                                 morvotest::Plant::FIFO, morvotest::Plant::DANGLING_LINK}) {
-    SCOPED_TRACE(morvotest::NameOf(plant));
+  MakeSetFile(base_, 6);
+  const std::vector<const char*> breaks = {"deleted", "link",          "hard link",
+                                           "FIFO",    "dangling link", "second name"};
+  const morvotest::Plant plants[] = {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK,
+                                     morvotest::Plant::FIFO, morvotest::Plant::DANGLING_LINK};
+  for (size_t k = 0; k < breaks.size(); ++k) {
+    SCOPED_TRACE(breaks[k]);
     ReaderOwner writer(base_, 0);
     writer.InitLogFiles();
     writer.GetNewLog();
     ASSERT_TRUE(writer.IsLogFileAccess());
-    ASSERT_EQ(0, unlink(writer.logFilePath.c_str()));
-    morvotest::PlantAt(writer.logFilePath, plant, victim);
+    const std::string lost = writer.logFilePath;
+    if (k + 1 == breaks.size()) {
+      ASSERT_EQ(0, link(lost.c_str(), (dir_ + "/second").c_str()));
+    } else {
+      ASSERT_EQ(0, unlink(lost.c_str()));
+      if (k > 0) morvotest::PlantAt(lost, plants[k - 1], victim);
+    }
     EXPECT_FALSE(writer.IsLogFileAccess());
-    unlink(writer.logFilePath.c_str());
+    writer.InitLogFiles();
+    writer.GetNewLog();
+    EXPECT_TRUE(writer.IsLogFileAccess());
+    if (k == 0) {
+      EXPECT_EQ((std::vector<int>{6, 7}), Indices(writer, writer.fileVec));
+    }
+    writer.Write("after\n", 6);
+    writer.Flush();
+    EXPECT_EQ("after\n", morvotest::Gunzip(writer.logFilePath));
+    morvotest::ExpectOwnFile(writer.logFilePath, 0664);
+    morvotest::ExpectUntouched(victim);
   }
-  // The own file given a second name elsewhere.
-  ReaderOwner writer(base_, 0);
-  writer.InitLogFiles();
-  writer.GetNewLog();
-  ASSERT_EQ(0, link(writer.logFilePath.c_str(), (dir_ + "/second").c_str()));
-  EXPECT_FALSE(writer.IsLogFileAccess());
-  morvotest::ExpectUntouched(victim);
 }
 
 }  // namespace

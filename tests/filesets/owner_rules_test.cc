@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -23,86 +24,80 @@ using testing::internal::GetCapturedStderr;
 class OwnerRulesTest : public settest::SetDirTest {
  protected:
   std::string Numbered(int n) const { return platform::OldStyleNumberedName(base_, n); }
-  std::string Archive(int n) const { return platform::ArchiveName(base_, n); }
-  // The base path, B.0 to B.5 and B-0.tar.gz to B-10.tar.gz.
-  void MakeOldStyleFiles() const {
-    morvotest::WriteFile(base_, "x");
-    for (int n = 0; n <= 5; ++n) morvotest::WriteFile(Numbered(n), "x");
-    for (int n = 0; n <= 10; ++n) morvotest::WriteFile(Archive(n), "x");
+  // "" is the base path itself, other codes as settest::Coded reads them.
+  std::string Path(const std::string& code) const {
+    return code.empty() ? base_ : settest::Coded(base_, code);
   }
 };
 
-TEST_F(OwnerRulesTest, ReaderSweepsSilentlyEveryTimeAndLeavesFormingToTheCaller) {
-  MakeOldStyleFiles();
-  std::string kept = MakeSetFile(base_, 3);
-  std::string wrongLength = base_ + ".I03.20240105-081502.gz";
-  morvotest::WriteFile(wrongLength, "x");
-  ReaderOwner reader(base_, 10);
-  reader.fileVec = {kept};
-  CaptureStderr();
-  reader.DeleteOldStyleFiles();
-  EXPECT_EQ("", GetCapturedStderr());
-  EXPECT_TRUE(reader.fileVec.empty());
-  EXPECT_FALSE(morvotest::Exists(base_));
-  for (int n = 1; n < 5; ++n) EXPECT_FALSE(morvotest::Exists(Numbered(n))) << n;
-  for (int n = 0; n < 10; ++n) EXPECT_FALSE(morvotest::Exists(Archive(n))) << n;
-  EXPECT_TRUE(morvotest::Exists(Numbered(0)));
-  EXPECT_TRUE(morvotest::Exists(Numbered(5)));
-  EXPECT_TRUE(morvotest::Exists(Archive(10)));
-  EXPECT_TRUE(morvotest::Exists(kept));
-  EXPECT_TRUE(morvotest::Exists(wrongLength));  // no purge
-
-  // Still recognised afterwards, and swept again on the next call.
-  EXPECT_TRUE(reader.DetectOldStyleFiles(Numbered(1).c_str()));
-  morvotest::WriteFile(Numbered(2), "x");
-  reader.DeleteOldStyleFiles();
-  EXPECT_FALSE(morvotest::Exists(Numbered(2)));
-}
-
-TEST_F(OwnerRulesTest, ReaderSweepsOnlyInMemoryMappedModeWithABasePath) {
-  MakeOldStyleFiles();
+// The old-style sweep. The reader's is silent, runs every time, only in
+// memory-mapped mode with a path, and leaves forming to the caller. The
+// collector's runs once, reports every name it cannot delete (a missing
+// one too), purges the set's names of other lengths and forms the set.
+TEST_F(OwnerRulesTest, OldStyleSweepTable) {
+  ReaderOwner reader(base_, 10), unnamed("", 10);
   MorvocatUtils plain(base_, 0, 10);
-  plain.DeleteOldStyleFiles();
-  MorvocatUtils unnamed("", MorvocatUtils::kMMapWriteMode, 10);
-  unnamed.DeleteOldStyleFiles();
-  EXPECT_TRUE(morvotest::Exists(base_));
-  EXPECT_TRUE(morvotest::Exists(Numbered(1)));
-  EXPECT_TRUE(morvotest::Exists(Archive(9)));
-}
-
-TEST_F(OwnerRulesTest, CollectorSweepsOnceLoudlyThenPurgesAndForms) {
-  for (int n = 0; n < 3; ++n) {
-    morvotest::WriteFile(Numbered(n), "x");
-    morvotest::WriteFile(Archive(n), "x");
-  }
-  morvotest::WriteFile(Archive(7), "x");
-  std::string kept = MakeSetFile(base_, 3);
-  std::string wrongLength = base_ + ".I03.20240105-081502.gz";
-  morvotest::WriteFile(wrongLength, "x");
-
   CollectorOwner sink(base_, 10);
-  CaptureStderr();
-  sink.DeleteOldStyleFiles();
-  std::string messages = GetCapturedStderr();
+  std::vector<std::string> allOld = {"", "-10.tar.gz"};
+  for (int n = 0; n <= 5; ++n) allOld.push_back("." + std::to_string(n));
+  for (int n = 0; n < 10; ++n) allOld.push_back("-" + std::to_string(n) + ".tar.gz");
   std::string missing;
   for (int n = 3; n < 5; ++n) {
-    missing += "unlink [" + Numbered(n) + "] fail\n";
-    missing += "unlink [" + Archive(n) + "] fail\n";
+    missing += "unlink [" + Path("." + std::to_string(n)) + "] fail\n";
+    missing += "unlink [" + Path("-" + std::to_string(n) + ".tar.gz") + "] fail\n";
   }
-  EXPECT_EQ(missing, messages);
-  for (int n = 0; n < 3; ++n) EXPECT_FALSE(morvotest::Exists(Numbered(n))) << n;
-  EXPECT_FALSE(morvotest::Exists(wrongLength));
-  EXPECT_FALSE(morvotest::Exists(Archive(7)));  // not an old name: purged by its length
+  const std::string odd = ".I03.20240105-081502.gz";
+  struct Row {
+    const char* what;
+    FileSet* set;
+    std::vector<std::string>* list;
+    std::vector<std::string> made, gone;
+    std::string messages;
+    std::vector<std::string> formed;
+    bool detectsAfter, sweepsAgain;
+  };
+  std::vector<std::string> gone = {"", ".1", ".2", ".3", ".4"};
+  for (int n = 0; n < 10; ++n) gone.push_back("-" + std::to_string(n) + ".tar.gz");
+  const std::vector<Row> rows = {
+      {"reader", &reader, &reader.fileVec, allOld, gone, "", {}, true, true},
+      {"reader not memory-mapped", &plain, nullptr, allOld, {}, "", {}, true, false},
+      {"reader without a path", &unnamed, nullptr, allOld, {}, "", {}, false, false},
+      {"collector",
+       &sink,
+       &sink.fileVec,
+       {".0", ".1", ".2", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-7.tar.gz"},
+       {".0", ".1", ".2", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-7.tar.gz", odd},
+       missing,
+       {Path("3")},
+       false,
+       false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.what);
+    for (const std::string& name : morvotest::Entries(dir_)) unlink((dir_ + "/" + name).c_str());
+    std::vector<std::string> made = row.made;
+    made.insert(made.end(), {"3", odd});
+    for (const std::string& code : made) morvotest::WriteFile(Path(code), "data\n");
+    if (row.list != nullptr) *row.list = {Path("3")};
+    CaptureStderr();
+    row.set->DeleteOldStyleFiles();
+    EXPECT_EQ(row.messages, GetCapturedStderr());
+    for (const std::string& code : made) {
+      bool goes = std::find(row.gone.begin(), row.gone.end(), code) != row.gone.end();
+      EXPECT_NE(goes, morvotest::Exists(Path(code))) << code;
+    }
+    if (row.list != nullptr) {
+      EXPECT_EQ(row.formed, *row.list);
+    }
+    // Once per set for the collector: old names are plain names afterwards.
+    EXPECT_EQ(row.detectsAfter, row.set->DetectOldStyleFiles(Numbered(1).c_str()));
+    morvotest::WriteFile(Numbered(2), "x");
+    CaptureStderr();
+    row.set->DeleteOldStyleFiles();
+    EXPECT_EQ("", GetCapturedStderr());
+    EXPECT_NE(row.sweepsAgain, morvotest::Exists(Numbered(2)));
+  }
   EXPECT_FALSE(sink.oldStyleCheck);
-  EXPECT_EQ(std::vector<std::string>{kept}, sink.fileVec);
-
-  // Once per set: old names are now plain names, and a second call is idle.
-  EXPECT_FALSE(sink.DetectOldStyleFiles(Numbered(1).c_str()));
-  morvotest::WriteFile(Numbered(1), "x");
-  CaptureStderr();
-  sink.DeleteOldStyleFiles();
-  EXPECT_EQ("", GetCapturedStderr());
-  EXPECT_TRUE(morvotest::Exists(Numbered(1)));
 }
 
 TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
@@ -147,24 +142,6 @@ TEST_F(OwnerRulesTest, OnlyTheReaderContinuesAnEmptyNewestFile) {
   // A newest entry whose status cannot be read is not an empty file.
   reader.fileVec.push_back(settest::SetName(base_, 2, "20240105-081502"));
   EXPECT_EQ(3u, reader.GetNewLogFileIndex());
-}
-
-TEST_F(OwnerRulesTest, BothOwnersKeepOneIndexFreeWhateverTheLimit) {
-  std::vector<std::string> names;
-  for (int index = 0; index < 1000; ++index) names.push_back(MakeSetFile(base_, index));
-  names.push_back(MakeSetFile(base_, 0, "20240301-000000"));
-  ReaderOwner reader(base_, 5000);
-  reader.fileVec = names;
-  reader.RemoveRedundancy();
-  EXPECT_EQ(999u, reader.fileVec.size());
-  EXPECT_FALSE(morvotest::Exists(names[1]));
-
-  CollectorOwner sink(base_, 1000);
-  sink.fileVec = std::vector<std::string>(names.begin() + 2, names.end());
-  sink.fileVec.push_back(MakeSetFile(base_, 1, "20240301-000000"));
-  sink.RemoveRedundancy();
-  EXPECT_EQ(999u, sink.fileVec.size());
-  EXPECT_FALSE(morvotest::Exists(names[2]));
 }
 
 // What stands at the newest name instead of the reader's own empty file (a

@@ -34,8 +34,6 @@ class ReaderOwner : public MorvocatUtils {
       : MorvocatUtils(base, MorvocatUtils::kMMapWriteMode, limit) {}
   using FileSet::AddNewFile;
   using FileSet::fileVec;
-  using FileSet::maxFiles;
-  using FileSet::oldStyleCheck;
   using MorvocatUtils::logFilePath;
 };
 
@@ -46,8 +44,6 @@ class CollectorOwner : public FileSet {
       : FileSet(base, limit, kCollectorSetRules, scheme) {}
   using FileSet::AddNewFile;
   using FileSet::fileVec;
-  using FileSet::MakeLogFileName;
-  using FileSet::maxFiles;
   using FileSet::oldStyleCheck;
 };
 
@@ -59,8 +55,6 @@ class TavobaseOwner : public Tavobase {
       : Tavobase(Config(base, limit).Group(), TavoCommon::MMAP_WRITE) {}
   using FileSet::AddNewFile;
   using FileSet::fileVec;
-  using FileSet::MakeLogFileName;
-  using FileSet::maxFiles;
   using FileSet::oldStyleCheck;
 
  protected:
