@@ -69,8 +69,9 @@ void ArchiveRotatedFiles(const android_logcat_context_internal* ctx, int dirFd,
   }
   ShiftArchives(dirFd, base, ctx->compressCount);
   std::vector<std::string> members;
-  for (uint64_t k = 1; k <= count; ++k)
+  for (uint64_t k = 1; k <= count; ++k) {
     members.push_back(platform::NumberedName(folder + "/" + base, k));
+  }
   std::vector<const char*> names;
   for (const std::string& m : members) names.push_back(m.c_str());
   std::string archive = platform::ArchiveName(path, 0);
