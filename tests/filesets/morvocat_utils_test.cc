@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "set_owners.h"
-#include "support/gzip_text.h"
 #include "support/planted.h"
 
 namespace {
@@ -19,17 +18,8 @@ using morvotest::SetFiles;
 using settest::Indices;
 using settest::MakeSetFile;
 using settest::ReaderOwner;
-using settest::SetName;
 
-class MorvocatUtilsTest : public settest::SetDirTest {
- protected:
-  // The set files now in the folder, in no particular order.
-  size_t SetFilesOnDisk() const {
-    ReaderOwner scan(base_, 0);
-    scan.ProcessMmapFileVec(0);
-    return scan.fileVec.size();
-  }
-};
+class MorvocatUtilsTest : public settest::SetDirTest {};
 
 // A writer that is not memory-mapped or has no path chooses no file.
 TEST_F(MorvocatUtilsTest, OtherModesAndEmptyPathsChooseNoFile) {
@@ -47,7 +37,7 @@ TEST_F(MorvocatUtilsTest, OtherModesAndEmptyPathsChooseNoFile) {
   }
   EXPECT_TRUE(unnamed.logFilePath.empty());
   EXPECT_TRUE(unnamed.fileVec.empty());
-  EXPECT_EQ(0u, SetFilesOnDisk());
+  EXPECT_EQ(0u, SetFiles(dir_, "applog").size());
 }
 
 // Start over what is in the folder, open a file, write, restart: "e" marks
@@ -199,7 +189,7 @@ TEST_F(MorvocatUtilsTest, WrappedSetsStayBoundedOrderedAndRestartAfterTheNewest)
     EXPECT_EQ(std::to_string(row.files - static_cast<int>(row.kept) + 1) + "\n",
               morvotest::Gunzip(writer.fileVec[1]));
     EXPECT_EQ(std::to_string(row.files - 1) + "\nlast\n", morvotest::Gunzip(writer.fileVec.back()));
-    EXPECT_EQ(row.kept, SetFilesOnDisk());
+    EXPECT_EQ(row.kept, SetFiles(dir_, "applog").size());
     ReaderOwner restarted(base_, row.limit);
     restarted.InitLogFiles();
     restarted.GetNewLog();
