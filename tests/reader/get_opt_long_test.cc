@@ -6,19 +6,27 @@
 #include <string.h>
 
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 namespace {
 
+using Words = std::vector<std::string>;
+
+Words Split(const std::string& text) {
+  Words words;
+  std::istringstream in(text);
+  for (std::string w; in >> w;) words.push_back(w);
+  return words;
+}
+
 // An argument vector the parser may reorder, a context reporting to a
 // memory stream, and the messages written so far.
 class Args {
  public:
-  explicit Args(std::vector<std::string> words) : words_(std::move(words)) {
-    for (std::string& word : words_) {
-      argv_.push_back(&word[0]);
-    }
+  explicit Args(Words words) : words_(std::move(words)) {
+    for (std::string& word : words_) argv_.push_back(&word[0]);
     argv_.push_back(nullptr);
     out_ = open_memstream(&buf_, &len_);
     InitGetOptContext(&ctx_, out_);
@@ -31,12 +39,10 @@ class Args {
   Args& operator=(const Args&) = delete;
 
   int Next(const char* letters, const option* longopts = nullptr, int* longindex = nullptr) {
-    return getopt_long_r(Argc(), argv_.data(), letters, longopts, longindex, &ctx_);
+    int argc = static_cast<int>(argv_.size()) - 1;
+    return getopt_long_r(argc, argv_.data(), letters, longopts, longindex, &ctx_);
   }
-  int Argc() const { return static_cast<int>(argv_.size()) - 1; }
-  std::vector<std::string> Current() const {
-    return std::vector<std::string>(argv_.begin(), argv_.end() - 1);
-  }
+  Words Current() const { return Words(argv_.begin(), argv_.end() - 1); }
   std::string Messages() {
     fflush(out_);
     return std::string(buf_, len_);
@@ -45,15 +51,13 @@ class Args {
   GetOptContext& ctx() { return ctx_; }
 
  private:
-  std::vector<std::string> words_;
+  Words words_;
   std::vector<char*> argv_;
   GetOptContext ctx_;
   char* buf_ = nullptr;
   size_t len_ = 0;
   FILE* out_ = nullptr;
 };
-
-using Words = std::vector<std::string>;
 
 TEST(GetOptContextTest, StartsWithTheReadersValues) {
   GetOptContext ctx;
@@ -106,9 +110,7 @@ Expected Reorder(const Words& words) {
       if (w[k] == 'f') {
         bool attached = k + 1 < w.size();
         want.values.push_back(attached ? w.substr(k + 1) : words[i + 1]);
-        if (!attached) {
-          opts.push_back(words[++i]);
-        }
+        if (!attached) opts.push_back(words[++i]);
         break;
       }
     }
@@ -130,21 +132,15 @@ Words RandomWords(std::mt19937* rng) {
     int pick = std::uniform_int_distribution<int>(0, 8)(*rng);
     std::string tag = std::to_string(i);
     if (pick == 8) {
-      if (!dashed) {
-        words.push_back("--");
-        dashed = true;
-      }
+      if (!dashed) words.push_back("--");
+      dashed = true;
       continue;
     }
     std::string unit = kUnits[pick];
-    if (unit == "n" || unit == "-fv") {
-      unit += tag;
-    }
+    if (unit == "n" || unit == "-fv") unit += tag;
     words.push_back(unit);
-    if (unit == "-f" || unit == "-bf") {
-      // The value may itself look like an option.
-      words.push_back(pick % 2 == 0 ? "val" + tag : "-d");
-    }
+    // The value may itself look like an option.
+    if (unit == "-f" || unit == "-bf") words.push_back(pick % 2 == 0 ? "val" + tag : "-d");
   }
   return words;
 }
@@ -157,13 +153,10 @@ TEST(GetOptPermuteTest, MatchesAReferenceReorderingOverRandomVectors) {
     Args args(words);
     std::string letters;
     Words values;
-    int c;
-    while ((c = args.Next("bdf:")) != -1) {
+    for (int c; (c = args.Next("bdf:")) != -1;) {
       ASSERT_NE('?', c);
       letters += static_cast<char>(c);
-      if (c == 'f') {
-        values.push_back(args.Optarg());
-      }
+      if (c == 'f') values.push_back(args.Optarg());
     }
     SCOPED_TRACE(::testing::PrintToString(words));
     ASSERT_EQ(want.letters, letters);
@@ -199,6 +192,13 @@ const option kLong[] = {
     {nullptr, 0, nullptr, 0},
 };
 
+const option kWrapNames[] = {
+    {"wrapper", required_argument, nullptr, 'w'},
+    {"wrap-all", no_argument, nullptr, 'a'},
+    {"wrap", no_argument, nullptr, 'W'},
+    {nullptr, 0, nullptr, 0},
+};
+
 // One parse to its end: a token per call, "<returned>[=optarg][!optopt]
 // [#longindex]@optind", where the returned value is a letter, or a number
 // when it is not one.
@@ -221,185 +221,80 @@ std::string Trace(Args* args, const char* letters, const option* longopts, bool 
   return trace;
 }
 
-const option kWrapNames[] = {
-    {"wrapper", required_argument, nullptr, 'w'},
-    {"wrap-all", no_argument, nullptr, 'a'},
-    {"wrap", no_argument, nullptr, 'W'},
-    {nullptr, 0, nullptr, 0},
-};
-
+// Words and arrays are written space-separated.
 struct ParseCase {
-  const char* what;
-  Words words;
+  const char* words;
   const char* letters;
   const option* longopts;
-  std::string trace;
-  Words after;  // the array at the end; empty: as given
-  std::string messages;
+  const char* trace;
+  const char* after;  // the array at the end; "": as given
+  const char* messages;
   int flag = 0;          // what --debug left in gFlag
   bool indexed = false;  // the index of the long option found is asked for
 };
 
 const ParseCase kParses[] = {
-    {"non-options move behind the options",
-     {"cmd", "a", "-b", "c", "-d"},
-     "bd",
-     nullptr,
-     "b@3 d@5 -1@3",
-     {"cmd", "-b", "-d", "a", "c"},
-     ""},
-    {"-- ends the options after the skipped ones move",
-     {"cmd", "x", "-b", "y", "-d", "--", "-b", "z"},
-     "bd",
-     nullptr,
-     "b@3 d@5 -1@4",
-     {"cmd", "-b", "-d", "--", "x", "y", "-b", "z"},
-     ""},
-    {"trailing non-options stay", {"cmd", "-b", "x", "-", "y"}, "bd", nullptr, "b@2 -1@2", {}, ""},
-    {"- mode returns non-options in order as option 1",
-     {"cmd", "a", "-b", "-", "c"},
-     "-bd",
-     nullptr,
-     "1=a@2 b@3 1=-@4 1=c@5 -1@5",
-     {},
-     ""},
-    {"+ mode stops at the first non-option",
-     {"cmd", "-b", "a", "-d"},
-     "+bd",
-     nullptr,
-     "b@2 -1@2",
-     {},
-     ""},
-    {"null letters end at once", {"cmd", "-b"}, nullptr, nullptr, "-1@1", {}, ""},
-    {"clusters and arguments",
-     {"cmd", "-bd", "-fone", "-f", "two", "-bftail", "-o", "-oval", "x"},
-     "bdf:o::",
-     nullptr,
-     "b@1 d@2 f=one@3 f=two@5 b@5 f=tail@6 o@7 o=val@8 -1@8",
-     {},
-     ""},
-    {"a missing argument",
-     {"cmd", "-f"},
-     "bf:",
-     nullptr,
-     "?!f@2 -1@2",
-     {},
-     "option requires an argument -- f"},
-    {"a leading colon takes the next word",
-     {"cmd", "-bf", "-x"},
-     ":bf:",
-     nullptr,
-     "b@1 f=-x@3 -1@3",
-     {},
-     ""},
-    {"a leading colon silences and returns colon",
-     {"cmd", "-x", "-f"},
-     "+:bf:",
-     nullptr,
-     "?!x@2 :!f@3 -1@3",
-     {},
-     ""},
-    {"invalid options inside a cluster",
-     {"cmd", "-xb", "-:"},
-     "b",
-     nullptr,
-     "?!x@1 b@2 ?!:@3 -1@3",
-     {},
+    // Non-options move behind the options; "--" ends them after the skipped ones move.
+    {"cmd a -b c -d", "bd", nullptr, "b@3 d@5 -1@3", "cmd -b -d a c", ""},
+    {"cmd x -b y -d -- -b z", "bd", nullptr, "b@3 d@5 -1@4", "cmd -b -d -- x y -b z", ""},
+    {"cmd -b x - y", "bd", nullptr, "b@2 -1@2", "", ""},
+    // "-" returns non-options in order as option 1, "+" stops at the first.
+    {"cmd a -b - c", "-bd", nullptr, "1=a@2 b@3 1=-@4 1=c@5 -1@5", "", ""},
+    {"cmd -b a -d", "+bd", nullptr, "b@2 -1@2", "", ""},
+    {"cmd -b", nullptr, nullptr, "-1@1", "", ""},
+    {"cmd -bd -fone -f two -bftail -o -oval x", "bdf:o::", nullptr,
+     "b@1 d@2 f=one@3 f=two@5 b@5 f=tail@6 o@7 o=val@8 -1@8", "", ""},
+    {"cmd -f", "bf:", nullptr, "?!f@2 -1@2", "", "option requires an argument -- f"},
+    // A leading colon takes the next word, silences and returns colon.
+    {"cmd -bf -x", ":bf:", nullptr, "b@1 f=-x@3 -1@3", "", ""},
+    {"cmd -x -f", "+:bf:", nullptr, "?!x@2 :!f@3 -1@3", "", ""},
+    {"cmd -xb -:", "b", nullptr, "?!x@1 b@2 ?!:@3 -1@3", "",
      "invalid option -- xinvalid option -- :"},
-    {"a dash inside a cluster without long options",
-     {"cmd", "--x", "-b-", "a"},
-     "b",
-     nullptr,
-     "?!-@1 ?!x@2 b@2 -1@2",
-     {},
+    // A dash inside a cluster without long options.
+    {"cmd --x -b- a", "b", nullptr, "?!-@1 ?!x@2 b@2 -1@2", "",
      "invalid option -- -invalid option -- x"},
     // "buf" is a prefix of "buffer" and "buffer-size", which act differently.
-    {"exact, abbreviated, ambiguous and flag long options",
-     {"cmd", "--buffer", "main", "--buffer=sys", "--buf", "x", "--clear", "--deb"},
-     "b:",
-     kLong,
+    {"cmd --buffer main --buffer=sys --buf x --clear --deb", "b:", kLong,
      "b=main#0@3 b=sys#0@4 ?!0#-1@5 c#2@7 0#4@8 -1@7",
-     {"cmd", "--buffer", "main", "--buffer=sys", "--buf", "--clear", "--deb", "x"},
-     "option `--buf' is ambiguous",
-     7,
+     "cmd --buffer main --buffer=sys --buf --clear --deb x", "option `--buf' is ambiguous", 7,
      true},
-    {"an abbreviation of equivalent records takes the first",
-     {"cmd", "--ver", "--c"},
-     "",
-     kLong,
-     "v#6@2 ?!0#-1@3 -1@3",
-     {},
-     "option `--c' is ambiguous",
-     0,
-     true},
-    {"an exact name wins over earlier longer ones",
-     {"cmd", "--wrap"},
-     "",
-     kWrapNames,
-     "W#2@2 -1@2",
-     {},
-     "",
-     0,
-     true},
+    // An abbreviation of equivalent records takes the first.
+    {"cmd --ver --c", "", kLong, "v#6@2 ?!0#-1@3 -1@3", "", "option `--c' is ambiguous", 0, true},
+    // An exact name wins over earlier longer ones.
+    {"cmd --wrap", "", kWrapNames, "W#2@2 -1@2", "", "", 0, true},
     // A flag option has no character for optopt; a missing argument at the
     // end gives back the taken end of the array.
-    {"argument errors",
-     {"cmd", "--clear=yes", "--debug=1", "--nope=2", "--buffer"},
-     "",
-     kLong,
-     "?!c@2 ?!0@3 ?!0@4 ?!b@5 -1@5",
-     {},
+    {"cmd --clear=yes --debug=1 --nope=2 --buffer", "", kLong, "?!c@2 ?!0@3 ?!0@4 ?!b@5 -1@5", "",
      "option `--clear' doesn't allow an argument"
      "option `--debug' doesn't allow an argument"
      "unrecognized option `--nope=2'"
      "option `--buffer' requires an argument"},
-    {"a silent missing argument", {"cmd", "--buffer"}, ":", kLong, ":!b@2 -1@2", {}, ""},
-    {"an optional argument only after =",
-     {"cmd", "--wrap=5", "--buffer-size", "9", "--wrap="},
-     "",
-     kLong,
-     "0=5#5@2 g#1@3 0=#5@5 -1@4",
-     {"cmd", "--wrap=5", "--buffer-size", "--wrap=", "9"},
-     "",
-     0,
-     true},
-    {"a single dash is a short cluster",
-     {"cmd", "-clear"},
-     "cl",
-     kLong,
-     "c@1 l@1 ?!e@1 ?!a@1 ?!r@2 -1@2",
-     {},
+    {"cmd --buffer", ":", kLong, ":!b@2 -1@2", "", ""},
+    // An optional argument only after "=".
+    {"cmd --wrap=5 --buffer-size 9 --wrap=", "", kLong, "0=5#5@2 g#1@3 0=#5@5 -1@4",
+     "cmd --wrap=5 --buffer-size --wrap= 9", "", 0, true},
+    // A single dash is a short cluster; "-W;" introduces a long option.
+    {"cmd -clear", "cl", kLong, "c@1 l@1 ?!e@1 ?!a@1 ?!r@2 -1@2", "",
      "invalid option -- einvalid option -- ainvalid option -- r"},
-    {"-W; introduces a long option",
-     {"cmd", "-W", "clear", "-Wbuffer=main", "-Wnope", "-W"},
-     "W;",
-     kLong,
-     "c@3 b=main@4 ?!0@5 ?!W@6 -1@6",
-     {},
+    {"cmd -W clear -Wbuffer=main -Wnope -W", "W;", kLong, "c@3 b=main@4 ?!0@5 ?!W@6 -1@6", "",
      "unrecognized option `-W nope'option requires an argument -- W"},
-    {"without long options W; is a plain letter",
-     {"cmd", "-Wx"},
-     "W;x",
-     nullptr,
-     "W@1 x@2 -1@2",
-     {},
-     ""},
+    {"cmd -Wx", "W;x", nullptr, "W@1 x@2 -1@2", "", ""},
 };
 
 TEST(GetOptParseTest, EachParseReturnsReordersAndReportsAsExpected) {
   for (const ParseCase& c : kParses) {
-    SCOPED_TRACE(c.what);
-    Args args(c.words);
+    SCOPED_TRACE(c.words);
+    Args args(Split(c.words));
     gFlag = 0;
     EXPECT_EQ(c.trace, Trace(&args, c.letters, c.longopts, c.indexed));
-    EXPECT_EQ(c.after.empty() ? c.words : c.after, args.Current());
+    EXPECT_EQ(Split(*c.after != '\0' ? c.after : c.words), args.Current());
     EXPECT_EQ(c.messages, args.Messages());
     EXPECT_EQ(c.flag, gFlag);
   }
 }
 
 TEST(GetOptParseTest, TheEndStaysTheEnd) {
-  Args args({"cmd", "a", "-b", "c", "-d"});
+  Args args(Split("cmd a -b c -d"));
   EXPECT_EQ("b@3 d@5 -1@3", Trace(&args, "bd", nullptr, false));
   EXPECT_EQ("-1@3", Trace(&args, "bd", nullptr, false));
 }
@@ -407,25 +302,22 @@ TEST(GetOptParseTest, TheEndStaysTheEnd) {
 // --- Restarts and reentrancy -----------------------------------------------------
 
 TEST(GetOptRestartTest, OptindZeroAndOptresetStartOver) {
-  Args args({"cmd", "x", "-bd", "y"});
+  Args args(Split("cmd x -bd y"));
   EXPECT_EQ('b', args.Next("bd"));
   args.ctx().optind = 0;
   EXPECT_EQ('b', args.Next("bd"));  // the cluster is scanned again from its start
   EXPECT_EQ('d', args.Next("bd"));
   EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ(Words({"cmd", "-bd", "x", "y"}), args.Current());
+  EXPECT_EQ(Split("cmd -bd x y"), args.Current());
   EXPECT_EQ(2, args.ctx().optind);
   args.ctx().optind = 1;
   args.ctx().optreset = 1;
-  EXPECT_EQ('b', args.Next("bd"));
-  EXPECT_EQ('d', args.Next("bd"));
-  EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ(2, args.ctx().optind);
+  EXPECT_EQ("b@1 d@2 -1@2", Trace(&args, "bd", nullptr, false));
 }
 
 TEST(GetOptRestartTest, TwoContextsParseInterleaved) {
-  Args first({"cmd", "a", "-bd", "-fone", "b"});
-  Args second({"cmd", "-x", "p", "-f", "two", "q", "--clear"});
+  Args first(Split("cmd a -bd -fone b"));
+  Args second(Split("cmd -x p -f two q --clear"));
   EXPECT_EQ('b', first.Next("bdf:"));
   EXPECT_EQ('?', second.Next("bf:", kLong));
   EXPECT_EQ('d', first.Next("bdf:"));
@@ -435,8 +327,8 @@ TEST(GetOptRestartTest, TwoContextsParseInterleaved) {
   EXPECT_EQ("one", first.Optarg());
   EXPECT_EQ(-1, first.Next("bdf:"));
   EXPECT_EQ(-1, second.Next("bf:", kLong));
-  EXPECT_EQ(Words({"cmd", "-bd", "-fone", "a", "b"}), first.Current());
-  EXPECT_EQ(Words({"cmd", "-x", "-f", "two", "--clear", "p", "q"}), second.Current());
+  EXPECT_EQ(Split("cmd -bd -fone a b"), first.Current());
+  EXPECT_EQ(Split("cmd -x -f two --clear p q"), second.Current());
   EXPECT_EQ(3, first.ctx().optind);
   EXPECT_EQ(5, second.ctx().optind);
   EXPECT_EQ("", first.Messages());
