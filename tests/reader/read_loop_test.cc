@@ -1,5 +1,5 @@
-// What a reading run prints: threadtime lines, dividers, tails, pid and tag
-// filters, and the environment's filter.
+// What a reading run prints: threadtime lines, the pid filter, and every
+// line, divider and tail as a plain reading of the same records gives them.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,13 +8,14 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/log_format.h"
 #include "platform/logger.h"
 #include "reader/run_capture.h"
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 #include "tests/platform/log_store_support.h"
 
@@ -23,28 +24,21 @@ namespace {
 using morvotest::RunCommand;
 using morvotest::RunResult;
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t pos = 0;
-  while (pos < text.size()) {
-    size_t end = text.find('\n', pos);
-    lines.push_back(text.substr(pos, end - pos));
-    pos = end + 1;
-  }
-  return lines;
-}
+using morvotest::Lines;
 
-// The part of a threadtime line after the priority letter.
-std::string Body(const std::string& line) { return line.size() > 33 ? line.substr(33) : line; }
-
-class ReadLoopTest : public ::testing::Test {
- protected:
-  morvotest::TempRoot root_;
-};
-
-TEST_F(ReadLoopTest, ThreadtimeLinesCarryPidTidPriorityAndTag) {
+// The writer's pid and tid, its priority and tag on each line of a
+// message; --pid keeps one process's records.
+TEST(ReadLoopTest, ThreadtimeLinesCarryPidTidPriorityAndTag) {
+  morvotest::TempRoot root;
   qd_log_write(LOG_ID_MAIN, QD_LOG_DEBUG, "shape", "first\nsecond");
-  RunResult r = RunCommand({"-d", "-b", "morvo_main"});
+  pid_t child = fork();
+  if (child == 0)
+    _exit(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "pid", "from the child") > 0 ? 0 : 1);
+  waitpid(child, nullptr, 0);
+  std::string out = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(child)}).out;
+  ASSERT_EQ(1u, Lines(out).size()) << out;
+  EXPECT_NE(std::string::npos, out.find("from the child"));
+  RunResult r = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(getpid())});
   std::vector<std::string> lines = Lines(r.out);
   ASSERT_EQ(2u, lines.size()) << r.out;
   char prefix[32];
@@ -59,119 +53,6 @@ TEST_F(ReadLoopTest, ThreadtimeLinesCarryPidTidPriorityAndTag) {
   }
   EXPECT_EQ("first", lines[0].substr(18 + strlen(prefix)));
   EXPECT_EQ("second", lines[1].substr(18 + strlen(prefix)));
-}
-
-TEST_F(ReadLoopTest, DefaultBuffersGetOneDividerEachOnlyWhenSeveralAreSelected) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "a", "m1");
-  qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "a", "s1");
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "a", "m2");
-  qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "a", "c1");
-  qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "a", "not selected by default");
-  std::vector<std::string> lines = Lines(RunCommand({"-d"}).out);
-  ASSERT_EQ(7u, lines.size());
-  EXPECT_EQ("--------- beginning of morvo_main", lines[0]);
-  EXPECT_EQ("a       : m1", Body(lines[1]));
-  EXPECT_EQ("--------- beginning of morvo_system", lines[2]);
-  EXPECT_EQ("a       : s1", Body(lines[3]));
-  EXPECT_EQ("a       : m2", Body(lines[4]));
-  EXPECT_EQ("--------- beginning of morvo_crash", lines[5]);
-  EXPECT_EQ("a       : c1", Body(lines[6]));
-
-  std::vector<std::string> single = Lines(RunCommand({"-d", "-b", "morvo_main"}).out);
-  ASSERT_EQ(2u, single.size());
-  EXPECT_EQ("a       : m2", Body(single[1]));
-}
-
-// A dump is written in blocks: many blocks' worth of lines, long lines and
-// dividers between them must come out whole and in order.
-TEST_F(ReadLoopTest, LargeDumpComesOutWholeAndInOrder) {
-  ASSERT_EQ(0, RunCommand({"-b", "morvo_main,morvo_system", "-G", "8192k"}).status);
-  constexpr int kRecords = 20000;
-  std::string longText(3000, 'L');
-  for (int i = 0; i < kRecords; ++i) {
-    log_id_t id = i % 1000 == 999 ? LOG_ID_SYSTEM : LOG_ID_MAIN;
-    std::string msg = std::to_string(i) + (i % 97 == 0 ? longText : "");
-    ASSERT_GT(qd_log_write(id, QD_LOG_INFO, "bulk", msg.c_str()), 0);
-  }
-  RunResult r = RunCommand({"-d", "-b", "morvo_main,morvo_system"});
-  EXPECT_EQ(0, r.status);
-  std::vector<std::string> lines = Lines(r.out);
-  ASSERT_EQ(static_cast<size_t>(kRecords + 2), lines.size());
-  EXPECT_EQ("--------- beginning of morvo_main", lines[0]);
-  EXPECT_EQ("--------- beginning of morvo_system", lines[1000]);
-  int expected = 0;
-  for (const std::string& line : lines) {
-    if (line.rfind("---------", 0) == 0) continue;
-    std::string msg = std::to_string(expected) + (expected % 97 == 0 ? longText : "");
-    ASSERT_EQ("bulk    : " + msg, Body(line)) << "record " << expected;
-    expected++;
-  }
-}
-
-TEST_F(ReadLoopTest, TailPrintsOnlyTheLastRecords) {
-  for (int i = 0; i < 10; ++i) {
-    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "tail", std::to_string(i).c_str());
-  }
-  std::vector<std::string> lines = Lines(RunCommand({"-t", "3", "-b", "morvo_main"}).out);
-  ASSERT_EQ(3u, lines.size());
-  EXPECT_EQ("tail    : 7", Body(lines[0]));
-  EXPECT_EQ("tail    : 9", Body(lines[2]));
-}
-
-TEST_F(ReadLoopTest, PidFilterKeepsOneProcessRecords) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "pid", "from the parent");
-  pid_t child = fork();
-  if (child == 0)
-    _exit(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "pid", "from the child") > 0 ? 0 : 1);
-  int status = 0;
-  waitpid(child, &status, 0);
-  std::string out = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(child)}).out;
-  EXPECT_EQ(std::string::npos, out.find("from the parent"));
-  EXPECT_NE(std::string::npos, out.find("from the child"));
-}
-
-TEST_F(ReadLoopTest, FilterArgumentsAndTheEnvironment) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_DEBUG, "keep", "debug kept");
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "drop", "info dropped");
-  qd_log_write(LOG_ID_MAIN, QD_LOG_ERROR, "drop", "error of drop");
-  std::string filtered = RunCommand({"-d", "-b", "morvo_main", "-s", "keep:D", "drop:E"}).out;
-  EXPECT_EQ(2u, Lines(filtered).size()) << filtered;
-  EXPECT_EQ(std::string::npos, filtered.find("info dropped"));
-
-  std::string fromEnv = RunCommand({"-d", "-b", "morvo_main"}, {"ANDROID_LOG_TAGS=*:e"}).out;
-  ASSERT_EQ(1u, Lines(fromEnv).size()) << fromEnv;
-  EXPECT_NE(std::string::npos, fromEnv.find("error of drop"));
-
-  // With a filter argument the environment is not read at all.
-  RunResult ignored = RunCommand({"-d", "-b", "morvo_main", "*:V"}, {"ANDROID_LOG_TAGS=bad:Q"});
-  EXPECT_EQ(0, ignored.status);
-  EXPECT_EQ(3u, Lines(ignored.out).size());
-
-  RunResult bad = RunCommand({"-d"}, {"ANDROID_LOG_TAGS=bad:Q"});
-  EXPECT_EQ(1, bad.status);
-  EXPECT_EQ("Invalid filter expression in ANDROID_LOG_TAGS\n", bad.err);
-}
-
-TEST_F(ReadLoopTest, RedirectionArgumentsAreNotFilters) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "r", "visible");
-  RunResult r = RunCommand({"-d", "-b", "morvo_main", "2>&1"});
-  EXPECT_EQ(0, r.status);
-  EXPECT_NE(std::string::npos, r.out.find("visible"));
-}
-
-TEST_F(ReadLoopTest, WrapWaitsForTheBufferToFillThenReadsItAll) {
-  ASSERT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "8k"}).status);
-  pid_t child = fork();
-  if (child == 0) {
-    usleep(100 * 1000);
-    std::string text(200, 'w');
-    for (int i = 0; i < 100; ++i) qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "wrap", text.c_str());
-    _exit(0);
-  }
-  RunResult r = RunCommand({"-b", "morvo_radio", "--wrap"});
-  waitpid(child, nullptr, 0);
-  EXPECT_EQ(0, r.status);
-  EXPECT_GT(Lines(r.out).size(), 10u);
 }
 
 // A record as a straightforward reader sees it: read from its buffer alone,
@@ -258,15 +139,54 @@ bool Unterminate(const morvotest::TempRoot& root, const char* name, const std::s
   return done;
 }
 
-void WriteMain(int from, int to, const char* tag = "busy") {
+void WriteMain(int from, int to) {
   for (int i = from; i < to; ++i) {
     std::string msg = "record " + std::to_string(i) + (i % 7 == 0 ? "\nsecond line" : "");
-    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, tag, msg.c_str());
+    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", msg.c_str());
   }
 }
 
+using Root = morvotest::TempRoot;
+
+void Interleaved(const Root&) {
+  for (int i = 0; i < 900; ++i) {
+    log_id_t id = i % 5 == 0 ? LOG_ID_SYSTEM : i % 11 == 0 ? LOG_ID_CRASH : LOG_ID_MAIN;
+    qd_log_write(id, i % 3 == 0 ? QD_LOG_WARN : QD_LOG_DEBUG, "mix", std::to_string(i).c_str());
+  }
+  qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "mix", "not selected by default");
+}
+
+// Many blocks' worth of lines, long lines and dividers between them.
+void LargeDump(const Root&) {
+  RunCommand({"-b", "morvo_main,morvo_system", "-G", "8192k"});
+  for (int i = 0; i < 20000; ++i) {
+    std::string msg = std::to_string(i) + (i % 97 == 0 ? std::string(3000, 'L') : "");
+    qd_log_write(i % 1000 == 999 ? LOG_ID_SYSTEM : LOG_ID_MAIN, QD_LOG_INFO, "bulk", msg.c_str());
+  }
+}
+
+void QuietWakeLate(const Root&) {
+  qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "late", "crash after a thousand");
+  WriteMain(1000, 1500);
+  qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "late", "system at the end");
+}
+
+void DamagedAmong(const Root& root) {
+  qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "damaged-me");
+  qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "sound after it");
+  WriteMain(200, 400);
+  Unterminate(root, "morvo_system", "damaged-me");
+}
+
+void Wrapped(const Root&) {
+  RunCommand({"-b", "morvo_main", "-G", "64k"});
+  WriteMain(0, 5000);
+  qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "one in system");
+  WriteMain(5000, 5100);
+}
+
 // A wrapped main ring with a damaged record 50 records before its head.
-void WrappedWithDamage(const morvotest::TempRoot& root) {
+void WrappedWithDamage(const Root& root) {
   RunCommand({"-b", "morvo_main", "-G", "64k"});
   WriteMain(0, 5000);
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "busy", "damaged-me");
@@ -274,103 +194,55 @@ void WrappedWithDamage(const morvotest::TempRoot& root) {
   Unterminate(root, "morvo_main", "damaged-me");
 }
 
+// The buffers a run reads (-b) and its tail (-t) come from its arguments.
 struct ReferenceCase {
-  const char* what;
-  std::function<void(const morvotest::TempRoot&)> write;
-  std::vector<std::string> args;
-  std::vector<log_id_t> ids;
-  size_t tail;
+  const char* args;  // space-separated
+  int busy;          // records written to main first
+  void (*more)(const Root&);
 };
 
-const std::vector<log_id_t> kDefault = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH};
-
-std::vector<ReferenceCase> ReferenceCases() {
-  return {
-      {"one busy buffer beside two quiet ones",
-       [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
-       {"-d"},
-       kDefault,
-       0},
-      {"three buffers interleaved",
-       [](const morvotest::TempRoot&) {
-         for (int i = 0; i < 900; ++i) {
-           log_id_t id = i % 5 == 0 ? LOG_ID_SYSTEM : i % 11 == 0 ? LOG_ID_CRASH : LOG_ID_MAIN;
-           qd_log_write(id, i % 3 == 0 ? QD_LOG_WARN : QD_LOG_DEBUG, "mix",
-                        std::to_string(i).c_str());
-         }
-       },
-       {"-d"},
-       kDefault,
-       0},
-      {"quiet buffers that wake late",
-       [](const morvotest::TempRoot&) {
-         WriteMain(0, 1000);
-         qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "late", "crash after a thousand");
-         WriteMain(1000, 1500);
-         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "late", "system at the end");
-       },
-       {"-d"},
-       kDefault,
-       0},
-      {"a damaged record among them",
-       [](const morvotest::TempRoot& root) {
-         WriteMain(0, 200);
-         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "damaged-me");
-         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "sound after it");
-         WriteMain(200, 400);
-         Unterminate(root, "morvo_system", "damaged-me");
-       },
-       {"-d"},
-       kDefault,
-       0},
-      {"-t across stretches",
-       [](const morvotest::TempRoot&) { WriteMain(0, 3000); },
-       {"-t", "250", "-b", "morvo_main"},
-       {LOG_ID_MAIN},
-       250},
-      {"-t of one", [](const morvotest::TempRoot&) { WriteMain(0, 50); }, {"-t", "1"}, kDefault, 1},
-      {"-t of more than there are",
-       [](const morvotest::TempRoot&) { WriteMain(0, 50); },
-       {"-t", "80"},
-       kDefault,
-       80},
-      {"-t over a wrapped ring",
-       [](const morvotest::TempRoot&) {
-         RunCommand({"-b", "morvo_main", "-G", "64k"});
-         WriteMain(0, 5000);
-         qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "s", "one in system");
-         WriteMain(5000, 5100);
-       },
-       {"-t", "400"},
-       kDefault,
-       400},
-      {"-t over a wrapped ring with a damaged record before the tail",
-       WrappedWithDamage,
-       {"-t", "30", "-b", "morvo_main"},
-       {LOG_ID_MAIN},
-       30},
-      {"-t reaching over a damaged record",
-       WrappedWithDamage,
-       {"-t", "300", "-b", "morvo_main"},
-       {LOG_ID_MAIN},
-       300},
-  };
-}
+const ReferenceCase kReferenceCases[] = {
+    {"-d", 3000, nullptr},  // one busy buffer beside two quiet ones
+    {"-d", 0, Interleaved},
+    {"-d -b morvo_main,morvo_system", 0, LargeDump},
+    {"-d", 1000, QuietWakeLate},
+    {"-d", 200, DamagedAmong},
+    {"-t 250 -b morvo_main", 3000, nullptr},  // across stretches
+    {"-t 1", 50, nullptr},
+    {"-t 80", 50, nullptr},  // more than there are
+    {"-t 400", 0, Wrapped},
+    {"-t 30 -b morvo_main", 0, WrappedWithDamage},  // the damage is before the tail
+    {"-t 300 -b morvo_main", 0, WrappedWithDamage},
+};
 
 // The runs print what the plain reading of the same records gives, byte
 // for byte.
 TEST(ReadLoopReferenceTest, RunsPrintWhatAStraightforwardReadGives) {
-  for (const ReferenceCase& c : ReferenceCases()) {
-    morvotest::TempRoot root;
-    c.write(root);
+  for (const ReferenceCase& c : kReferenceCases) {
+    SCOPED_TRACE(c.args);
+    Root root;
+    WriteMain(0, c.busy);
+    if (c.more != nullptr) c.more(root);
+    std::vector<std::string> args;
+    std::istringstream in(c.args);
+    for (std::string a; in >> a;) args.push_back(a);
+    std::vector<log_id_t> ids = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH};
+    size_t tail = args[0] == "-t" ? std::stoul(args[1]) : 0;
+    if (args.size() > 2 && args[args.size() - 2] == "-b") {
+      ids.clear();
+      std::istringstream names(args.back());
+      for (std::string n; std::getline(names, n, ',');) {
+        ids.push_back(qdlogging_name_to_log_id(n.c_str()));
+      }
+    }
     testing::internal::CaptureStderr();
-    std::string expected = Reference(c.ids, c.tail);
-    RunResult r = RunCommand(c.args);
+    std::string expected = Reference(ids, tail);
+    RunResult r = RunCommand(args);
     testing::internal::GetCapturedStderr();
-    ASSERT_FALSE(expected.empty()) << c.what;
-    EXPECT_EQ(0, r.status) << c.what;
-    EXPECT_TRUE(expected == r.out) << c.what << ": " << Lines(expected).size()
-                                   << " lines expected, " << Lines(r.out).size() << " printed";
+    ASSERT_FALSE(expected.empty());
+    EXPECT_EQ(0, r.status);
+    EXPECT_TRUE(expected == r.out)
+        << Lines(expected).size() << " lines expected, " << Lines(r.out).size() << " printed";
   }
 }
 

@@ -80,34 +80,6 @@ TEST_F(ReaderApiTest, DestroyReportsTheLastRunOrRefusesNull) {
   EXPECT_EQ(-EBADF, AndroidLogcatDestroy(&ctx));
 }
 
-TEST_F(ReaderApiTest, OutputAndErrorsFollowTheRedirectionsWrittenAsArguments) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_WARN, "redir", "into a file");
-  std::string target = root_.Under("/out.txt");
-  struct Case {
-    std::vector<std::string> args;
-    int status;
-    const char* out;
-    const char* err;
-    const char* inTarget;  // a line the target file holds; null: none made
-  } const kCases[] = {
-      {{"-S", "2>&1"}, 1, "Unrecognized Option S\n", "", nullptr},
-      {{"-S", "2>/dev/null"}, 1, "", "", nullptr},
-      {{"-S", "2>/tmp/somewhere"}, 1, "", "Unrecognized Option S\n", nullptr},
-      {{"-d", "-b", "morvo_main", ">" + target}, 0, "", "", "W redir   : into a file\n"},
-  };
-  for (const Case& c : kCases) {
-    SCOPED_TRACE(c.args.back());
-    morvotest::RunResult r = RunCommand(c.args);
-    EXPECT_EQ(c.status, r.status);
-    EXPECT_EQ(c.out, r.out);
-    if (c.inTarget == nullptr) {
-      EXPECT_EQ(c.err, r.err);
-    } else {
-      EXPECT_NE(std::string::npos, morvotest::ReadFile(target).find(c.inTarget));
-    }
-  }
-}
-
 TEST_F(ReaderApiTest, SameDescriptorForOutputAndErrorCarriesBoth) {
   int fd = memfd_create("both", 0);
   android_logcat_context ctx = CreateAndroidLogcat();

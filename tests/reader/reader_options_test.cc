@@ -1,14 +1,18 @@
-// The reader's command line as a host sees it: every rejected option ends
-// the run with its message and status 1; buffer operations act on the store.
+// The reader's command line as a host sees it: a table of command lines
+// over one store of records, each with its status and what it prints on
+// each channel; buffer operations act on the store.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
 
 #include "platform/logger.h"
 #include "reader/run_capture.h"
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -16,152 +20,161 @@ namespace {
 using morvotest::RunCommand;
 using morvotest::RunResult;
 
-struct Rejection {
+// Threadtime lines from the priority letter on: the time, pid and tid vary.
+std::string Plain(const std::string& out) {
+  std::string plain;
+  for (const std::string& line : morvotest::Lines(out)) {
+    bool stamped = line.size() > 31 && line[2] == '-' && line[5] == ' ' && line[14] == '.';
+    plain += (stamped ? line.substr(31) : line) + "\n";
+  }
+  return plain;
+}
+
+const std::string kMain = "--------- beginning of morvo_main\n";
+const std::string kDebug = "D keep    : debug kept\n";
+const std::string kInfo = "I drop    : info dropped\n";
+const std::string kError = "E drop    : error of drop\n";
+const std::string kAll = kDebug + kInfo + kError;
+const std::string kShort = "Unrecognized Option S\n";
+
+// "@" in an argument stands for the temporary root; an argument
+// "ANDROID_LOG_TAGS=..." goes into the run's environment instead.
+struct Case {
   std::vector<std::string> args;
-  std::string message;
+  int status;
+  std::string out;  // after Plain()
+  std::string err;
 };
 
-class ReaderOptionsTest : public ::testing::Test {
- protected:
-  morvotest::TempRoot root_;
+const Case kCases[] = {
+    // Every rejected option ends the run with its message.
+    {{"-t", "12x"}, 1, "", "Invalid parameter \"12x\" to -t\n"},
+    {{"-G", "0"}, 1, "", "ERROR: -G <num><multiplier>\n"},
+    {{"-G", "10M"}, 1, "", "ERROR: -G <num><multiplier>\n"},
+    {{"-G", "-5"}, 1, "", "ERROR: -G <num><multiplier>\n"},
+    {{"--buffer-size=3q"}, 1, "", "ERROR: -G <num><multiplier>\n"},
+    {{"-b", "morvo_main,nosuch"}, 1, "", "unknown buffer nosuch\n"},
+    {{"-b", "main"}, 1, "", "unknown buffer main\n"},
+    {{"-r", "0", "-f", "@/x"}, 1, "", "Invalid parameter \"0\" to -r\n"},
+    {{"-r", "1k", "-f", "@/x"}, 1, "", "Invalid parameter \"1k\" to -r\n"},
+    {{"-r", "-1", "-f", "@/x"}, 1, "", "Invalid parameter \"-1\" to -r\n"},
+    {{"-n", "0"}, 1, "", "Invalid parameter \"0\" to -n\n"},
+    {{"-n", "-1"}, 1, "", "Invalid parameter \"-1\" to -n\n"},
+    {{"--nosuch"}, 1, "", "Unrecognized Option --nosuch\n"},
+    {{"--rotate-count", "two"}, 1, "", "Invalid parameter \"two\" to -n\n"},
+    {{"-z", "x1"}, 1, "", "Invalid parameter to -z\n"},
+    {{"--pid", "0"}, 1, "", "pid 0 out of range\n"},
+    {{"--pid", "12abc"}, 1, "", "pid 12abc out of range\n"},
+    {{"--wrap=0"}, 1, "", "wrap 0 out of range\n"},
+    {{"--tavo", "4"}, 1, "", "tavo 4 out of range\n"},
+    {{"--tavo", "-1"}, 1, "", "tavo -1 out of range\n"},
+    {{"-r", "100"}, 1, "", "-r requires -f as well\n"},
+    {{"-v"}, 1, "", "Unrecognized Option v\n"},
+    {{"-v", "brief"}, 1, "", "Unrecognized Option v\n"},
+    {{"-S"}, 1, "", kShort},
+    {{"--statistics"}, 1, "", kShort},
+    {{"-e", "x"}, 1, "", "Unrecognized Option e\n"},
+    {{"-T", "5"}, 1, "", "Unrecognized Option T\n"},
+    {{"-t"}, 1, "", "Unrecognized Option t\n"},
+    {{"-d", "tag:Q"}, 1, "", "Invalid filter expression 'tag:Q'\n"},
+    {{"-d", "ANDROID_LOG_TAGS=bad:Q"}, 1, "", "Invalid filter expression in ANDROID_LOG_TAGS\n"},
+    // Accepted options without effect.
+    {{"-d"}, 0, kMain + kAll, ""},
+    {{"-d", "--debug"}, 0, kMain + kAll, ""},
+    {{"-d", "--print"}, 0, kMain + kAll, ""},
+    {{"-d", "--id", "7"}, 0, kMain + kAll, ""},
+    {{"-d", "--tavo", "0"}, 0, kMain + kAll, ""},
+    {{"-d", "--tavo", "3"}, 0, kMain + kAll, ""},
+    {{"-d", "-z", "3abc"}, 0, kMain + kAll, ""},
+    {{"-d", "-x", ""}, 0, kMain + kAll, ""},
+    {{"-d", "-b", "morvo_main morvo_radio"}, 0, kMain + kAll, ""},
+    {{"-d", "--pid", "0x10"}, 0, "", ""},
+    {{"-d", "-s"}, 0, kMain, ""},
+    // A refused collector ends the run before reading.
+    {{"--tavo", "1", "-x", "kmsglogcat", "-d"}, 0, "", ""},
+    // Filters as arguments and from the environment, which a filter
+    // argument keeps from being read at all.
+    {{"-d", "-b", "morvo_main", "-s", "keep:D", "drop:E"}, 0, kDebug + kError, ""},
+    {{"-d", "-b", "morvo_main", "ANDROID_LOG_TAGS=*:e"}, 0, kError, ""},
+    {{"-d", "-b", "morvo_main", "*:V", "ANDROID_LOG_TAGS=bad:Q"}, 0, kAll, ""},
+    {{"-t", "1", "-b", "morvo_main"}, 0, kError, ""},
+    // Redirections written as arguments are no filters.
+    {{"-d", "-b", "morvo_main", "2>&1"}, 0, kAll, ""},
+    {{"-S", "2>&1"}, 1, kShort, ""},
+    {{"-S", "2>/dev/null"}, 1, "", ""},
+    {{"-S", "2>/tmp/somewhere"}, 1, "", kShort},
+    {{"-d", "-b", "morvo_main", ">@/out.txt"}, 0, "", ""},
 };
 
-TEST_F(ReaderOptionsTest, EveryRejectedOptionEndsTheRunWithItsMessage) {
-  const Rejection kCases[] = {
-      {{"-t", "12x"}, "Invalid parameter \"12x\" to -t\n"},
-      {{"-G", "0"}, "ERROR: -G <num><multiplier>\n"},
-      {{"-G", "10M"}, "ERROR: -G <num><multiplier>\n"},
-      {{"-G", "-5"}, "ERROR: -G <num><multiplier>\n"},
-      {{"--buffer-size=3q"}, "ERROR: -G <num><multiplier>\n"},
-      {{"-b", "morvo_main,nosuch"}, "unknown buffer nosuch\n"},
-      {{"-b", "main"}, "unknown buffer main\n"},
-      {{"-r", "0", "-f", "/tmp/x"}, "Invalid parameter \"0\" to -r\n"},
-      {{"-r", "1k", "-f", "/tmp/x"}, "Invalid parameter \"1k\" to -r\n"},
-      {{"-n", "0"}, "Invalid parameter \"0\" to -n\n"},
-      {{"-n", "-1"}, "Invalid parameter \"-1\" to -n\n"},
-      {{"-r", "-1", "-f", "/tmp/x"}, "Invalid parameter \"-1\" to -r\n"},
-      {{"--nosuch"}, "Unrecognized Option --nosuch\n"},
-      {{"--rotate-count", "two"}, "Invalid parameter \"two\" to -n\n"},
-      {{"-z", "x1"}, "Invalid parameter to -z\n"},
-      {{"--pid", "0"}, "pid 0 out of range\n"},
-      {{"--pid", "12abc"}, "pid 12abc out of range\n"},
-      {{"--wrap=0"}, "wrap 0 out of range\n"},
-      {{"--tavo", "4"}, "tavo 4 out of range\n"},
-      {{"--tavo", "-1"}, "tavo -1 out of range\n"},
-      {{"-r", "100"}, "-r requires -f as well\n"},
-      {{"-v"}, "Unrecognized Option v\n"},
-      {{"-v", "brief"}, "Unrecognized Option v\n"},
-      {{"-S"}, "Unrecognized Option S\n"},
-      {{"--statistics"}, "Unrecognized Option S\n"},
-      {{"-e", "x"}, "Unrecognized Option e\n"},
-      {{"-T", "5"}, "Unrecognized Option T\n"},
-      {{"-t"}, "Unrecognized Option t\n"},
-      {{"-d", "tag:Q"}, "Invalid filter expression 'tag:Q'\n"},
-  };
-  for (const Rejection& c : kCases) {
-    RunResult r = RunCommand(c.args);
+TEST(ReaderOptionsTest, EachCommandLineEndsWithItsStatusAndItsOutput) {
+  morvotest::TempRoot root;
+  qd_log_write(LOG_ID_MAIN, QD_LOG_DEBUG, "keep", "debug kept");
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "drop", "info dropped");
+  qd_log_write(LOG_ID_MAIN, QD_LOG_ERROR, "drop", "error of drop");
+  for (const Case& c : kCases) {
+    std::vector<std::string> args, env;
     std::string shown;
-    for (const std::string& a : c.args) shown += a + " ";
-    EXPECT_EQ(1, r.status) << shown;
-    EXPECT_EQ(1, r.destroyStatus) << shown;
-    EXPECT_EQ(c.message, r.err) << shown;
-    EXPECT_EQ("", r.out) << shown;
+    for (std::string a : c.args) {
+      shown += a + " ";
+      if (a.find('@') != std::string::npos) a.replace(a.find('@'), 1, root.path());
+      (a.rfind("ANDROID_LOG_TAGS=", 0) == 0 ? env : args).push_back(a);
+    }
+    SCOPED_TRACE(shown);
+    RunResult r = RunCommand(args, env);
+    EXPECT_EQ(c.status, r.status);
+    EXPECT_EQ(c.status, r.destroyStatus);
+    EXPECT_EQ(c.out, Plain(r.out));
+    EXPECT_EQ(c.err, r.err);
   }
+  EXPECT_EQ(kAll, Plain(morvotest::ReadFile(root.path() + "/out.txt")));
 }
 
-TEST_F(ReaderOptionsTest, AcceptedOptionsWithoutEffectLeaveACleanRunOnAnEmptyStore) {
-  // The store is empty: a dump prints nothing either.
-  const std::vector<std::vector<std::string>> kCases = {
-      {"-d"},
-      {"-d", "--debug"},
-      {"-d", "--print"},
-      {"-d", "--id", "7"},
-      {"-d", "--tavo", "0"},
-      {"-d", "--tavo", "3"},
-      {"-d", "-z", "3abc"},
-      {"-d", "-x", ""},
-      {"-d", "--pid", "0x10"},
-      {"-d", "-b", "morvo_main morvo_radio"},
-      {"-d", "-s"},
-  };
-  for (const auto& args : kCases) {
-    RunResult r = RunCommand(args);
-    EXPECT_EQ(0, r.status) << args.back();
-    EXPECT_EQ("", r.err) << args.back();
-    EXPECT_EQ("", r.out) << args.back();
-  }
+std::string Report(const char* buffer, const char* size, long used) {
+  return std::string(buffer) + ": ring buffer is " + size + " (" + std::to_string(used) +
+         "b consumed), max entry is 5120b, max payload is 4068b\n";
 }
 
-TEST_F(ReaderOptionsTest, WrapWithAnotherTimeWarnsAndStillReads) {
-  ASSERT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "8k"}).status);
-  std::string text(200, 'w');
-  for (int i = 0; i < 100; ++i) qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "wrap", text.c_str());
-  RunResult r = RunCommand({"-b", "morvo_radio", "--wrap=3600"});
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ("WARNING: wrap 7200 seconds, ignoring 3600\n", r.err);
-  EXPECT_NE(std::string::npos, r.out.find("I wrap    : www"));
-}
-
-TEST_F(ReaderOptionsTest, RefusedCollectorEndsTheRunBeforeReading) {
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "never printed");
-  RunResult r = RunCommand({"--tavo", "1", "-x", "kmsglogcat", "-d"});
-  EXPECT_EQ(0, r.status);
-  EXPECT_EQ("", r.out);
-  EXPECT_NE(std::string::npos, RunCommand({"-d"}).out.find("never printed"));
-}
-
-TEST_F(ReaderOptionsTest, SizeReportShowsEachBufferOnce) {
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "hello"), 0);
-  RunResult r = RunCommand({"-g", "-b", "morvo_main", "-b", "morvo_main,morvo_main"});
-  EXPECT_EQ(0, r.status);
-  qd_logger_list* list = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 0, 0);
-  qd_logger* main = qd_logger_open(list, LOG_ID_MAIN);
-  long used = qd_logger_get_log_readable_size(main);
-  qd_logger_list_free(list);
-  EXPECT_EQ("morvo_main: ring buffer is 256Kb (" + std::to_string(used) +
-                "b consumed), max entry is 5120b, max payload is 4068b\n",
-            r.out);
-}
-
-TEST_F(ReaderOptionsTest, DefaultBuffersOfAnOperationAreTheFiveKnownOnes) {
-  RunResult r = RunCommand({"-g"});
-  EXPECT_EQ(0, r.status);
-  std::vector<std::string> names;
-  for (size_t pos = 0; pos < r.out.size();) {
-    size_t colon = r.out.find(':', pos);
-    names.push_back(r.out.substr(pos, colon - pos));
-    pos = r.out.find('\n', pos) + 1;
-  }
-  EXPECT_EQ((std::vector<std::string>{"morvo_main", "morvo_system", "morvo_events", "morvo_radio",
-                                      "morvo_crash"}),
-            names);
-}
-
-TEST_F(ReaderOptionsTest, SetSizeAcceptsMultipliersAndBases) {
-  EXPECT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "64k"}).status);
-  EXPECT_EQ(
-      "morvo_radio: ring buffer is 64Kb (0b consumed), max entry is 5120b, "
-      "max payload is 4068b\n",
-      RunCommand({"-b", "morvo_radio", "-g"}).out);
-  EXPECT_EQ(0, RunCommand({"-b", "morvo_radio", "--buffer-size=0x2000"}).status);
-  EXPECT_EQ(
-      "morvo_radio: ring buffer is 8Kb (0b consumed), max entry is 5120b, "
-      "max payload is 4068b\n",
-      RunCommand({"-b", "morvo_radio", "-g"}).out);
-}
-
-TEST_F(ReaderOptionsTest, ClearEmptiesTheSelectedBuffersOnly) {
+// Rows run in order on one store.
+TEST(ReaderOptionsTest, BufferOperationsActOnTheStore) {
+  morvotest::TempRoot root;
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "main record");
   qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "t", "system record");
-  EXPECT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
-  RunResult r = RunCommand({"-d"});
-  EXPECT_EQ(std::string::npos, r.out.find("main record"));
-  EXPECT_NE(std::string::npos, r.out.find("system record"));
+  qd_logger_list* list = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 0, 0);
+  long used = qd_logger_get_log_readable_size(qd_logger_open(list, LOG_ID_MAIN));
+  qd_logger_list_free(list);
+  const Case kSteps[] = {
+      // A buffer named twice is reported once.
+      {{"-g", "-b", "morvo_main", "-b", "morvo_main,morvo_main"},
+       0,
+       Report("morvo_main", "256Kb", used),
+       ""},
+      {{"-b", "morvo_radio", "-G", "64k"}, 0, "", ""},
+      {{"-b", "morvo_radio", "-g"}, 0, Report("morvo_radio", "64Kb", 0), ""},
+      {{"-b", "morvo_radio", "--buffer-size=0x2000"}, 0, "", ""},
+      {{"-b", "morvo_radio", "-g"}, 0, Report("morvo_radio", "8Kb", 0), ""},
+      // Clear empties the selected buffers only.
+      {{"-c", "-b", "morvo_main"}, 0, "", ""},
+      {{"-d"}, 0, "--------- beginning of morvo_system\nI t       : system record\n", ""},
+  };
+  for (const Case& c : kSteps) {
+    SCOPED_TRACE(c.args.back());
+    RunResult r = RunCommand(c.args);
+    EXPECT_EQ(c.status, r.status);
+    EXPECT_EQ(c.out, Plain(r.out));
+    EXPECT_EQ(c.err, r.err);
+  }
+  // The default buffers of an operation are the five known ones.
+  std::string names;
+  for (const std::string& line : morvotest::Lines(RunCommand({"-g"}).out)) {
+    names += line.substr(0, line.find(':')) + " ";
+  }
+  EXPECT_EQ("morvo_main morvo_system morvo_events morvo_radio morvo_crash ", names);
 }
 
-TEST_F(ReaderOptionsTest, ClearWithAnOutputFileDeletesTheSetAndKeepsTheBuffers) {
-  root_.MakeDirs("/data/log");
-  std::string base = root_.Under("/data/log/x");
+TEST(ReaderOptionsTest, ClearWithAnOutputFileDeletesTheSetAndKeepsTheBuffers) {
+  morvotest::TempRoot root;
+  root.MakeDirs("/data/log");
+  std::string base = root.Under("/data/log/x");
   std::vector<std::string> files = {base, base + ".01", base + ".05", base + ".10"};
   for (const std::string& f : files) morvotest::WriteFile(f, "old");
   morvotest::WriteFile(base + ".11", "beyond the count");
@@ -182,12 +195,40 @@ TEST_F(ReaderOptionsTest, ClearWithAnOutputFileDeletesTheSetAndKeepsTheBuffers) 
   EXPECT_EQ(std::string::npos, told.find("while clearing log files", first + 1)) << told;
 }
 
-TEST_F(ReaderOptionsTest, OperationsOnAnUnusableStoreReportTheFirstBuffer) {
+TEST(ReaderOptionsTest, OperationsOnAnUnusableStoreReportTheFirstBuffer) {
+  morvotest::TempRoot root;
   setenv("MORVOCAT_LOG_STORE", "/proc/no/such/store", 1);
   RunResult r = RunCommand({"-g", "-b", "morvo_system,morvo_main"});
   unsetenv("MORVOCAT_LOG_STORE");
   EXPECT_EQ(1, r.status);
   EXPECT_EQ("Unable to open log device 'morvo_main'\n", r.err);
+}
+
+// --wrap waits for the buffer to fill, then reads it all; another time
+// than its own is warned about. Rows run in order on one store.
+TEST(ReaderOptionsTest, WrapWaitsForTheBufferToFillThenReadsItAll) {
+  morvotest::TempRoot root;
+  ASSERT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "8k"}).status);
+  const Case kSteps[] = {
+      {{"-b", "morvo_radio", "--wrap"}, 0, "", ""},
+      {{"-b", "morvo_radio", "--wrap=3600"}, 0, "", "WARNING: wrap 7200 seconds, ignoring 3600\n"},
+  };
+  for (const Case& c : kSteps) {
+    SCOPED_TRACE(c.args.back());
+    pid_t child = fork();
+    if (child == 0) {
+      usleep(100 * 1000);
+      std::string text(200, 'w');
+      for (int i = 0; i < 100; ++i) qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "wrap", text.c_str());
+      _exit(0);
+    }
+    RunResult r = RunCommand(c.args);
+    waitpid(child, nullptr, 0);
+    EXPECT_EQ(c.status, r.status);
+    EXPECT_EQ(c.err, r.err);
+    EXPECT_GT(morvotest::Lines(r.out).size(), 10u);
+    EXPECT_EQ(0u, Plain(r.out).find("I wrap    : www"));
+  }
 }
 
 }  // namespace
