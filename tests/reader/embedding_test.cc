@@ -195,34 +195,4 @@ TEST_F(EmbeddingTest, AWarningReachesTheHostBeforeTheHostDies) {
   EXPECT_NE(nullptr, strstr(buf, "WARNING: wrap 7200 seconds, ignoring 5")) << n;
 }
 
-// Ctrl-C or SIGTERM on the front end: the run ends normally, so every
-// record it took is in the set and its newest file is a complete gzip file
-// without a later run to recover it.
-TEST_F(EmbeddingTest, TheFrontEndFlushesItsFilesOnAStopSignal) {
-  const char* bin = getenv("MORVO_BIN_DIR");
-  ASSERT_NE(nullptr, bin);
-  std::string morvocat = std::string(bin) + "/morvocat";
-  for (int sig : {SIGINT, SIGTERM}) {
-    SCOPED_TRACE(sig);
-    std::string dir = root_.path() + "/out" + std::to_string(sig);
-    std::string base = dir + "/applog";
-    pid_t child = fork();
-    if (child == 0) {
-      execl(morvocat.c_str(), "morvocat", "-b", "morvo_main", "-f", base.c_str(), nullptr);
-      _exit(127);
-    }
-    for (int i = 0; i < 300; ++i) {
-      qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "k", ("seq " + std::to_string(i)).c_str());
-    }
-    usleep(300 * 1000);  // the run has taken the records and waits for more
-    kill(child, sig);
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << status;
-    std::string all;
-    for (const std::string& f : morvotest::SetFiles(dir, "applog")) all += morvotest::Zcat(f);
-    EXPECT_TRUE(morvotest::Holds(morvotest::Sequence(all), 0, 300)) << all.size();
-  }
-}
-
 }  // namespace
