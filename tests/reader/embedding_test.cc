@@ -1,31 +1,39 @@
-// The library from a host's side when the host does what hosts do: reuses a
-// context and its descriptors, hands in its standard descriptors, stops
-// reading, starts a second run too early, or dies right after a message.
-// Each host runs in a child process so that its descriptors are its own.
+// The library from a host's side: thread runs and their pipe, destroy
+// results, the symbols it offers, and what hosts do: reuse a context and
+// its descriptors, hand in their standard descriptors, stop reading, start
+// a second run too early, or die right after a message. Hosts whose
+// descriptors matter run in a child process so that they are their own.
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <functional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
+#include "reader/dynamic_symbols.h"
 #include "reader/run_capture.h"
-#include "support/gzip_text.h"
-#include "support/log_set.h"
+#include "support/command_output.h"
 #include "support/temp_root.h"
+#include "support/under_qemu.h"
 
 namespace {
 
+using morvotest::ReadAll;
+using morvotest::RunCommand;
 using morvotest::RunOn;
 using morvotest::StartThread;
 
@@ -132,42 +140,36 @@ TEST_F(EmbeddingTest, AnOutputNobodyReadsEndsTheRunInsteadOfTheHost) {
   }
 }
 
-TEST_F(EmbeddingTest, DestroyEndsARunWhoseHostStoppedReading) {
-  // More than a pipe holds, so the run is left waiting for room.
-  std::string text(200, 'x');
-  for (int i = 0; i < 2000; ++i) qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", text.c_str());
-  int code = InHost([] {
-    alarm(10);  // a destroy that hangs fails the case instead of the suite
-    android_logcat_context ctx = CreateAndroidLogcat();
-    int fd = StartThread(ctx, {"-d", "-b", "morvo_main"});
-    usleep(50 * 1000);
-    AndroidLogcatDestroy(&ctx);
-    return fcntl(fd, F_GETFD) < 0 ? 0 : 1;  // destroy closed the read end
-  });
-  EXPECT_EQ(0, code);
-}
-
-TEST_F(EmbeddingTest, DestroyWakesARunWaitingForRecords) {
+// Destroy ends a run that waits for records, on its thread or the host's,
+// and a run left waiting for room in a pipe nobody reads, whose read end it
+// closes.
+TEST_F(EmbeddingTest, DestroyEndsARunThatWaits) {
   struct Case {
     const char* what;
     bool thread;
-  } const kCases[] = {{"thread run", true}, {"run on another host thread", false}};
+    int records;  // more than a pipe holds: the run waits for room
+  } const kCases[] = {
+      {"thread run", true, 0}, {"run on another host thread", false, 0}, {"full pipe", true, 2000}};
   for (const Case& c : kCases) {
     SCOPED_TRACE(c.what);
+    std::string text(200, 'x');
+    for (int i = 0; i < c.records; ++i) qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "h", text.c_str());
     int code = InHost([&] {
-      alarm(10);
+      alarm(10);  // a destroy that hangs fails the case instead of the suite
       android_logcat_context ctx = CreateAndroidLogcat();
       std::thread host;
+      int fd = -1;
       if (c.thread) {
-        StartThread(ctx, {"-b", "morvo_main"});
+        fd = StartThread(ctx, {"-b", "morvo_main"});
       } else {
         int devnull = open("/dev/null", O_WRONLY);
         host = std::thread([ctx, devnull] { RunOn(ctx, devnull, -1, {"-b", "morvo_main"}); });
       }
-      usleep(100 * 1000);  // the run has read the one record and waits
+      usleep(100 * 1000);  // the run has read what there is and waits
       int status = AndroidLogcatDestroy(&ctx);
       if (host.joinable()) host.join();
-      return status == 0 ? 0 : 1;
+      if (c.thread && IsOpen(fd)) return 2;
+      return status == 0 || c.records != 0 ? 0 : 1;
     });
     EXPECT_EQ(0, code);
   }
@@ -193,6 +195,168 @@ TEST_F(EmbeddingTest, AWarningReachesTheHostBeforeTheHostDies) {
   ssize_t n = read(ends[0], buf, sizeof(buf) - 1);
   close(ends[0]);
   EXPECT_NE(nullptr, strstr(buf, "WARNING: wrap 7200 seconds, ignoring 5")) << n;
+}
+
+// The run works on its own copy of the host's array; its output comes
+// through the pipe until end of file, also when the run fails.
+TEST_F(EmbeddingTest, AThreadRunsPipeEndsWithTheRun) {
+  struct Case {
+    std::vector<std::string> args;
+    const char* text;
+  } const kCases[] = {{{"-d", "-b", "morvo_main"}, "I host    : a record\n"},
+                      {{"-b", "nosuch"}, ""}};
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.args.back());
+    android_logcat_context ctx = CreateAndroidLogcat();
+    ASSERT_NE(nullptr, ctx);
+    int fd = StartThread(ctx, c.args);
+    ASSERT_GE(fd, 0);
+    std::string text = ReadAll(fd);
+    // One line, from its priority letter on.
+    EXPECT_EQ(c.text, text.substr(text.empty() ? 0 : 31)) << text;
+    while (AndroidLogcatRunCommandThreadRunning(ctx)) sched_yield();
+    // The first pipe is still open: a second thread run is refused.
+    errno = 0;
+    EXPECT_EQ(-1, StartThread(ctx, {"-d"}));
+    EXPECT_EQ(EBUSY, errno);
+    EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
+    EXPECT_EQ(nullptr, ctx);
+  }
+}
+
+TEST_F(EmbeddingTest, DestroyReportsTheLastRunOrRefusesNull) {
+  android_logcat_context none = nullptr;
+  EXPECT_EQ(-9, AndroidLogcatDestroy(&none));
+  android_logcat_context neverRun = CreateAndroidLogcat();
+  EXPECT_EQ(0, AndroidLogcatRunCommandThreadRunning(neverRun));
+  EXPECT_EQ(0, AndroidLogcatDestroy(&neverRun));
+
+  EXPECT_EQ(0, RunCommand({"-d"}).destroyStatus);
+  EXPECT_EQ(1, RunCommand({"-S"}).destroyStatus);
+
+  android_logcat_context ctx = CreateAndroidLogcat();
+  int closedFd = memfd_create("gone", 0);
+  close(closedFd);
+  EXPECT_EQ(-EBADF, RunOn(ctx, closedFd, -1, {"-d"}));
+  EXPECT_EQ(-EBADF, AndroidLogcatDestroy(&ctx));
+}
+
+TEST_F(EmbeddingTest, SameDescriptorForOutputAndErrorCarriesBoth) {
+  int fd = memfd_create("both", 0);
+  android_logcat_context ctx = CreateAndroidLogcat();
+  int shared = dup(fd);
+  EXPECT_EQ(1, RunOn(ctx, shared, shared, {"-d", "-b", "nosuch"}));
+  EXPECT_EQ(1, AndroidLogcatDestroy(&ctx));
+  EXPECT_EQ("unknown buffer nosuch\n", ReadAll(fd));
+  close(fd);
+}
+
+TEST_F(EmbeddingTest, AContextRunsAgainAfterAFailedRunAndOnTheSameDescriptors) {
+  android_logcat_context ctx = CreateAndroidLogcat();
+  int out = memfd_create("out", 0);
+  int err = memfd_create("err", 0);
+  EXPECT_EQ(1, RunOn(ctx, -1, err, {"-S"}));
+  EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
+  EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
+  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+  std::string text = ReadAll(out);
+  EXPECT_EQ(text.substr(0, text.size() / 2), text.substr(text.size() / 2));
+  EXPECT_EQ(31u, text.find("I host    : a record\n")) << text;
+  EXPECT_EQ("Unrecognized Option S\n", ReadAll(err));
+  close(out);
+  close(err);
+}
+
+// The embedding interface and nothing else: the platform layer, the C++
+// runtime and every subsystem stay inside, where a host cannot displace them.
+TEST_F(EmbeddingTest, LibraryExportsExactlyTheEmbeddingInterface) {
+  const std::set<std::string> interface = {
+      "CreateAndroidLogcat",
+      "AndroidLogcatRunCommand",
+      "AndroidLogcatRunCommandThread",
+      "AndroidLogcatRunCommandThreadRunning",
+      "AndroidLogcatDestroy",
+      "ReportErrorName",
+      "_ZN9qdlogging6GetEnvEP31android_logcat_context_internalPKc",
+      "_Z13getopt_long_riPKPcPKcPK6optionPiP13GetOptContext",
+      "_Z10GetOptLongiPKPcPKcPK6optionPiP13GetOptContext",
+  };
+  Dl_info info = {};
+  ASSERT_NE(0, dladdr(reinterpret_cast<void*>(&CreateAndroidLogcat), &info));
+  EXPECT_EQ(interface, morvotest::ExportedSymbols(info.dli_fname));
+  void* library = dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(nullptr, library);
+  for (const std::string& name : interface)
+    EXPECT_NE(nullptr, dlsym(library, name.c_str())) << name;
+  dlclose(library);
+}
+
+// Hosts carrying functions under the names the library uses inside; each
+// ends with status 3 as soon as the library calls one of them.
+TEST_F(EmbeddingTest, HostsWithFunctionsOfTheSameNamesRunTheLibraryNormally) {
+  if (morvotest::UnderQemu()) GTEST_SKIP() << "qemu-user: a test cannot exec the AArch64 hosts";
+  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", "seen by the host");
+  struct Case {
+    const char* host;
+    const char* args;
+    const char* line;  // a line the run prints
+  };
+  const Case cases[] = {
+      {MORVO_SAFE_STRING_HOST, "-d -b morvo_main", "I host    : seen by the host\n"},
+      {MORVO_SAFE_STRING_HOST, "-g -b morvo_main", "morvo_main: ring buffer is 256Kb"},
+      {MORVO_SAME_NAMES_HOST, "-d -b morvo_main", "I host    : seen by the host\n"},
+      {MORVO_SAME_NAMES_HOST, "-g -b morvo_main", "morvo_main: ring buffer is 256Kb"},
+  };
+  for (const Case& c : cases) {
+    std::string out =
+        morvotest::CommandOutput(std::string(c.host) + " " + c.args + " 2>&1; echo status $?");
+    EXPECT_NE(std::string::npos, out.find(c.line)) << c.host << " " << c.args << ":\n" << out;
+    EXPECT_NE(std::string::npos, out.find("\nstatus 0\n")) << c.host << " " << c.args << ":\n"
+                                                           << out;
+  }
+}
+
+TEST_F(EmbeddingTest, EnvironmentLookupTakesTheFirstExactName) {
+  android_logcat_context ctx = CreateAndroidLogcat();
+  EXPECT_EQ(nullptr, qdlogging::GetEnv(ctx, "A"));
+  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+  const char* slot = nullptr;
+  ReportErrorName(&slot, "first");
+  ReportErrorName(&slot, "second");
+  EXPECT_STREQ("first", slot);
+}
+
+TEST_F(EmbeddingTest, BlockingReaderIsWokenByAWriterInAnotherProcess) {
+  android_logcat_context ctx = CreateAndroidLogcat();
+  int fd = StartThread(ctx, {"-b", "morvo_main"});
+  ASSERT_GE(fd, 0);
+  pid_t child = fork();
+  if (child == 0) {
+    usleep(50 * 1000);
+    _exit(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "other", "from another process") > 0 ? 0 : 1);
+  }
+  std::string text;
+  char buf[512];
+  while (text.find("I other   : from another process") == std::string::npos) {
+    pollfd p = {fd, POLLIN, 0};
+    ASSERT_EQ(1, poll(&p, 1, 10000)) << "no line arrived";
+    ssize_t n = read(fd, buf, sizeof(buf));
+    ASSERT_GT(n, 0);
+    text.append(buf, n);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(0, WEXITSTATUS(status));
+  EXPECT_EQ(1, AndroidLogcatRunCommandThreadRunning(ctx));
+  // The blocked run ends at the next record after the stop request.
+  std::atomic<int> destroyed{-100};
+  std::thread destroyer([&] { destroyed = AndroidLogcatDestroy(&ctx); });
+  while (destroyed == -100) {
+    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "other", "wake up");
+    usleep(10 * 1000);
+  }
+  destroyer.join();
+  EXPECT_EQ(0, destroyed);
 }
 
 }  // namespace
