@@ -6,20 +6,14 @@
 #include <string.h>
 
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
+
+#include "support/words.h"
 
 namespace {
 
 using Words = std::vector<std::string>;
-
-Words Split(const std::string& text) {
-  Words words;
-  std::istringstream in(text);
-  for (std::string w; in >> w;) words.push_back(w);
-  return words;
-}
 
 // An argument vector the parser may reorder, a context reporting to a
 // memory stream, and the messages written so far.
@@ -284,17 +278,17 @@ const ParseCase kParses[] = {
 TEST(GetOptParseTest, EachParseReturnsReordersAndReportsAsExpected) {
   for (const ParseCase& c : kParses) {
     SCOPED_TRACE(c.words);
-    Args args(Split(c.words));
+    Args args(morvotest::Words(c.words));
     gFlag = 0;
     EXPECT_EQ(c.trace, Trace(&args, c.letters, c.longopts, c.indexed));
-    EXPECT_EQ(Split(*c.after != '\0' ? c.after : c.words), args.Current());
+    EXPECT_EQ(morvotest::Words(*c.after != '\0' ? c.after : c.words), args.Current());
     EXPECT_EQ(c.messages, args.Messages());
     EXPECT_EQ(c.flag, gFlag);
   }
 }
 
 TEST(GetOptParseTest, TheEndStaysTheEnd) {
-  Args args(Split("cmd a -b c -d"));
+  Args args(morvotest::Words("cmd a -b c -d"));
   EXPECT_EQ("b@3 d@5 -1@3", Trace(&args, "bd", nullptr, false));
   EXPECT_EQ("-1@3", Trace(&args, "bd", nullptr, false));
 }
@@ -302,13 +296,13 @@ TEST(GetOptParseTest, TheEndStaysTheEnd) {
 // --- Restarts and reentrancy -----------------------------------------------------
 
 TEST(GetOptRestartTest, OptindZeroAndOptresetStartOver) {
-  Args args(Split("cmd x -bd y"));
+  Args args(morvotest::Words("cmd x -bd y"));
   EXPECT_EQ('b', args.Next("bd"));
   args.ctx().optind = 0;
   EXPECT_EQ('b', args.Next("bd"));  // the cluster is scanned again from its start
   EXPECT_EQ('d', args.Next("bd"));
   EXPECT_EQ(-1, args.Next("bd"));
-  EXPECT_EQ(Split("cmd -bd x y"), args.Current());
+  EXPECT_EQ(morvotest::Words("cmd -bd x y"), args.Current());
   EXPECT_EQ(2, args.ctx().optind);
   args.ctx().optind = 1;
   args.ctx().optreset = 1;
@@ -316,8 +310,8 @@ TEST(GetOptRestartTest, OptindZeroAndOptresetStartOver) {
 }
 
 TEST(GetOptRestartTest, TwoContextsParseInterleaved) {
-  Args first(Split("cmd a -bd -fone b"));
-  Args second(Split("cmd -x p -f two q --clear"));
+  Args first(morvotest::Words("cmd a -bd -fone b"));
+  Args second(morvotest::Words("cmd -x p -f two q --clear"));
   EXPECT_EQ('b', first.Next("bdf:"));
   EXPECT_EQ('?', second.Next("bf:", kLong));
   EXPECT_EQ('d', first.Next("bdf:"));
@@ -327,8 +321,8 @@ TEST(GetOptRestartTest, TwoContextsParseInterleaved) {
   EXPECT_EQ("one", first.Optarg());
   EXPECT_EQ(-1, first.Next("bdf:"));
   EXPECT_EQ(-1, second.Next("bf:", kLong));
-  EXPECT_EQ(Split("cmd -bd -fone a b"), first.Current());
-  EXPECT_EQ(Split("cmd -x -f two --clear p q"), second.Current());
+  EXPECT_EQ(morvotest::Words("cmd -bd -fone a b"), first.Current());
+  EXPECT_EQ(morvotest::Words("cmd -x -f two --clear p q"), second.Current());
   EXPECT_EQ(3, first.ctx().optind);
   EXPECT_EQ(5, second.ctx().optind);
   EXPECT_EQ("", first.Messages());

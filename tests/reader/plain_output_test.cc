@@ -19,6 +19,7 @@
 #include "support/tar_listing.h"
 #include "support/temp_root.h"
 #include "support/within.h"
+#include "support/words.h"
 
 namespace {
 
@@ -27,8 +28,10 @@ MorvocatUtils* NoWriter(const char*, uint32_t, uint64_t) { return nullptr; }
 using morvotest::Exists;
 using morvotest::ReadFile;
 using morvotest::RunCommand;
+using morvotest::RunResult;
 
 using morvotest::TarListing;
+using morvotest::Words;
 
 class PlainOutputTest : public ::testing::Test {
  protected:
@@ -51,52 +54,58 @@ class PlainOutputTest : public ::testing::Test {
   std::string base_;
 };
 
-TEST_F(PlainOutputTest, RotatedNamesArePaddedToTheDigitsOfTheCount) {
-  WriteKilobyteRecords(40);
-  morvotest::RunResult r =
-      RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "10"});
-  EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_TRUE(Exists(base_));
-  EXPECT_TRUE(Exists(base_ + ".01"));
-  EXPECT_TRUE(Exists(base_ + ".10"));
-  EXPECT_FALSE(Exists(base_ + ".1"));
-  EXPECT_FALSE(Exists(base_ + ".11"));
-  // Plain text, not the writer's compressed files.
-  EXPECT_NE(std::string::npos, morvotest::ReadFile(base_ + ".10").find("I plain   : "));
-}
+// Names in a row are space-separated, in the row's own folder.
+struct RotationCase {
+  int records;   // of about 1 KiB each
+  int existing;  // bytes already in P
+  const char* args;
+  const char* present;
+  const char* absent;
+  const char* archived;  // what P-0.tar.gz holds
+};
 
-TEST_F(PlainOutputTest, DefaultCountKeepsFourUnpaddedCopies) {
-  WriteKilobyteRecords(20);
-  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2"}).status);
-  EXPECT_TRUE(Exists(base_ + ".1"));
-  EXPECT_TRUE(Exists(base_ + ".4"));
-  EXPECT_FALSE(Exists(base_ + ".5"));
-}
+const RotationCase kRotations[] = {
+    // Rotated names are padded to the digits of the count...
+    {40, 0, "-r 2 -n 10", "p p.01 p.10", "p.1 p.11", ""},
+    // ...which is four by default.
+    {20, 0, "-r 2", "p.1 p.4", "p.5", ""},
+    // Full sets are packed into at most the given archives.
+    {120, 0, "-r 2 -n 4 -z 3", "p-0.tar.gz p-2.tar.gz", "p-3.tar.gz p_tmp", "p.1 p.2 p.3 p.4"},
+    // More than 32 rotated files are archived whole.
+    {90, 0, "-r 2 -n 40 -z 1", "", "p.40", "p.33 p.40"},
+    // Appending continues the count of an existing file: 1.5 KiB already
+    // there plus one record reach 2 KiB.
+    {1, 1500, "-r 2", "p.1", "", ""},
+};
 
-TEST_F(PlainOutputTest, FullSetsArePackedIntoAtMostTheGivenArchives) {
-  WriteKilobyteRecords(120);
-  morvotest::RunResult r =
-      RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "4", "-z", "3"});
-  EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_TRUE(Exists(base_ + "-0.tar.gz"));
-  EXPECT_TRUE(Exists(base_ + "-2.tar.gz"));
-  EXPECT_FALSE(Exists(base_ + "-3.tar.gz"));
-  EXPECT_FALSE(Exists(base_ + "_tmp"));
-  std::string listing = TarListing(base_ + "-0.tar.gz");
-  for (int k = 1; k <= 4; ++k) {
-    EXPECT_NE(std::string::npos, listing.find("p." + std::to_string(k))) << listing;
+TEST_F(PlainOutputTest, RotationNamesCountsAndArchives) {
+  for (const RotationCase& c : kRotations) {
+    SCOPED_TRACE(c.args);
+    ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
+    std::string folder = root_.Under("/data/log/") + std::to_string(&c - kRotations);
+    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    std::string existing(c.existing, 'e');
+    if (c.existing != 0) morvotest::WriteFile(folder + "/p", existing + "\n");
+    WriteKilobyteRecords(c.records);
+    std::vector<std::string> args = {"-d", "-b", "morvo_main", "-f", folder + "/p"};
+    for (const std::string& a : Words(c.args)) args.push_back(a);
+    RunResult r = RunCommand(args);
+    EXPECT_EQ(0, r.status) << r.err;
+    for (const std::string& name : Words(c.present)) {
+      EXPECT_TRUE(Exists(folder + "/" + name)) << name;
+      // Plain text, not the writer's compressed files.
+      if (name.find(".tar") == std::string::npos && name != "p") {
+        EXPECT_NE(std::string::npos, ReadFile(folder + "/" + name).find("I plain   : ")) << name;
+      }
+    }
+    for (const std::string& name : Words(c.absent))
+      EXPECT_FALSE(Exists(folder + "/" + name)) << name;
+    std::string listing = *c.archived != '\0' ? TarListing(folder + "/p-0.tar.gz") : "";
+    for (const std::string& name : Words(c.archived)) {
+      EXPECT_NE(std::string::npos, listing.find(name + "\n")) << listing;
+    }
+    EXPECT_TRUE(c.existing == 0 || ReadFile(folder + "/p.1").find(existing) == 0);
   }
-}
-
-TEST_F(PlainOutputTest, MoreThan32RotatedFilesAreArchivedWhole) {
-  WriteKilobyteRecords(90);
-  morvotest::RunResult r =
-      RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2", "-n", "40", "-z", "1"});
-  EXPECT_EQ(0, r.status) << r.err;
-  std::string listing = TarListing(base_ + "-0.tar.gz");
-  EXPECT_NE(std::string::npos, listing.find("p.40\n")) << listing;
-  EXPECT_NE(std::string::npos, listing.find("p.33\n")) << listing;
-  EXPECT_FALSE(Exists(base_ + ".40"));
 }
 
 TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
@@ -121,15 +130,6 @@ TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
   std::string text = morvotest::ReadFile(base_);
   EXPECT_EQ(std::string::npos, text.find("first"));
   EXPECT_NE(std::string::npos, text.find("third"));
-}
-
-TEST_F(PlainOutputTest, AppendingContinuesTheCountOfAnExistingFile) {
-  morvotest::WriteFile(base_, std::string(1500, 'e') + "\n");
-  WriteKilobyteRecords(1);
-  ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base_, "-r", "2"}).status);
-  // 1.5 KiB already there plus one record reach 2 KiB: the file rotated.
-  EXPECT_TRUE(Exists(base_ + ".1"));
-  EXPECT_EQ(0u, morvotest::ReadFile(base_ + ".1").find(std::string(1500, 'e')));
 }
 
 // Links planted at the names a rotation writes, pointing outside the log

@@ -17,6 +17,7 @@
 #include "reader/run_capture.h"
 #include "support/shell_file.h"
 #include "support/temp_root.h"
+#include "support/words.h"
 #include "tests/platform/log_store_support.h"
 
 namespace {
@@ -223,9 +224,7 @@ TEST(ReadLoopReferenceTest, RunsPrintWhatAStraightforwardReadGives) {
     Root root;
     WriteMain(0, c.busy);
     if (c.more != nullptr) c.more(root);
-    std::vector<std::string> args;
-    std::istringstream in(c.args);
-    for (std::string a; in >> a;) args.push_back(a);
+    std::vector<std::string> args = morvotest::Words(c.args);
     std::vector<log_id_t> ids = {LOG_ID_MAIN, LOG_ID_SYSTEM, LOG_ID_CRASH};
     size_t tail = args[0] == "-t" ? std::stoul(args[1]) : 0;
     if (args.size() > 2 && args[args.size() - 2] == "-b") {
