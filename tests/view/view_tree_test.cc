@@ -11,13 +11,14 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "collector/sink_support.h"
 #include "filesets/morvocat_utils.h"
 #include "platform/gzip_member.h"
-#include "support/log_set.h"
+#include "support/set_runs.h"
 #include "view/view_run.h"
 
 namespace {
@@ -68,10 +69,44 @@ bool NonDecreasing(const std::vector<std::string>& times) {
   return true;
 }
 
-std::vector<long> Counting(long first, long end) {
-  std::vector<long> numbers;
-  for (long n = first; n < end; ++n) numbers.push_back(n);
-  return numbers;
+using morvotest::Counting;
+
+// A group of the collector written through one sink: count records
+// "<prefix> seq N", with the title at the top of each file if one is given.
+void WriteGroup(const std::string& base, TavoCommon::TypeWrite mode, const std::string& prefix,
+                long count, const char* title = nullptr) {
+  sinktest::GroupConfig config(base, 1, 1000);
+  sinktest::TestSink sink(config, mode);
+  if (title != nullptr) sink.title = title;
+  ASSERT_EQ(0, sink.SetupOutput());
+  for (long seq = 0; seq < count; ++seq) {
+    ASSERT_EQ(0, sink.LogcatWriteWithTimestamp((prefix + " seq " + std::to_string(seq)).c_str()));
+  }
+  sink.LogcatClose();
+}
+
+// The reader's set: records from to end (not included), the one of seq
+// stamped start + seq, a flush after every perFlush records, each followed
+// by flushed() and, with newFiles, a new file.
+void WriteReaderSet(
+    const std::string& base, long from, long end, time_t start, long perFlush, bool newFiles,
+    const std::function<void()>& flushed = [] {}) {
+  MorvocatUtils writer(base, MorvocatUtils::kMMapWriteMode, 0);
+  writer.InitLogFiles();
+  for (long seq = from; seq < end; ++seq) {
+    std::string line = ThreadTimeLine(start + seq, seq);
+    writer.Write(line.c_str(), line.size());
+    if (!writer.IsLogFileAccess()) {
+      writer.InitLogFiles();
+      writer.GetNewLog();
+    }
+    if ((seq - from + 1) % perFlush == 0) {
+      writer.Flush();
+      flushed();
+      if (newFiles && seq + 1 < end) writer.GetNewLog();
+    }
+  }
+  writer.Flush();
 }
 
 class ViewTreeTest : public sinktest::SinkTest {
@@ -111,23 +146,7 @@ TEST_F(ViewTreeTest, ReaderSetThroughTheWrapIntoANewYear) {
     close(fd);
   }
   const long kRecords = 50;
-  {
-    MorvocatUtils writer(base, MorvocatUtils::kMMapWriteMode, 0);
-    writer.InitLogFiles();
-    for (long seq = 1; seq <= kRecords; ++seq) {
-      std::string line = ThreadTimeLine(start + seq, seq);
-      writer.Write(line.c_str(), line.size());
-      if (!writer.IsLogFileAccess()) {
-        writer.InitLogFiles();
-        writer.GetNewLog();
-      }
-      if (seq % 10 == 0 && seq < kRecords) {
-        writer.Flush();
-        writer.GetNewLog();
-      }
-    }
-    writer.Flush();
-  }
+  WriteReaderSet(base, 1, kRecords + 1, start, 10, true);
   std::vector<std::string> files = morvotest::SetFiles(Dir(base), Leaf(base));
   ASSERT_EQ(6u, files.size());
   EXPECT_EQ(0, morvotest::IndexOf(files.front(), base.size()));  // wrapped past 999
@@ -160,21 +179,8 @@ TEST_F(ViewTreeTest, CollectorGroupsInBothModesWithArchives) {
   const long kRecords = 600;
   std::string mmapBase = dir_ + "/mmaplog";
   std::string factoryBase = dir_ + "/factlog";
-  {
-    sinktest::GroupConfig mmapConfig(mmapBase, 1, 1000);
-    sinktest::GroupConfig factoryConfig(factoryBase, 1, 1000);
-    sinktest::TestSink mmap(mmapConfig, TavoCommon::MMAP_WRITE);
-    sinktest::TestSink factory(factoryConfig, TavoCommon::FACTORY_WRITE);
-    factory.title = "TITLE column1 column2\n";
-    ASSERT_EQ(0, mmap.SetupOutput());
-    ASSERT_EQ(0, factory.SetupOutput());
-    for (long seq = 0; seq < kRecords; ++seq) {
-      ASSERT_EQ(0, mmap.LogcatWriteWithTimestamp(("mmap seq " + std::to_string(seq)).c_str()));
-      ASSERT_EQ(0, factory.LogcatWriteWithTimestamp(("fact seq " + std::to_string(seq)).c_str()));
-    }
-    mmap.LogcatClose();
-    factory.LogcatClose();
-  }
+  WriteGroup(mmapBase, TavoCommon::MMAP_WRITE, "mmap", kRecords);
+  WriteGroup(factoryBase, TavoCommon::FACTORY_WRITE, "fact", kRecords, "TITLE column1 column2\n");
   ASSERT_TRUE(sinktest::IsLink(mmapBase));
   ASSERT_TRUE(sinktest::IsLink(mmapBase + ".1"));
   ASSERT_TRUE(morvotest::Exists(factoryBase + "-1.tar.gz"));
@@ -204,26 +210,12 @@ TEST_F(ViewTreeTest, LastMemberCutShort) {
   std::string base = root_.Under("/data/log/reader/out");
   const long kPerFlush = 200;
   off_t whole = 0, last = 0;
-  {
-    MorvocatUtils writer(base, MorvocatUtils::kMMapWriteMode, 0);
-    writer.InitLogFiles();
-    time_t start = Utc(2024, 3, 1, 10, 0, 0);
-    for (long seq = 0; seq < 3 * kPerFlush; ++seq) {
-      std::string line = ThreadTimeLine(start + seq, seq);
-      writer.Write(line.c_str(), line.size());
-      if (!writer.IsLogFileAccess()) {
-        writer.InitLogFiles();
-        writer.GetNewLog();
-      }
-      if ((seq + 1) % kPerFlush == 0) {
-        writer.Flush();
-        whole = last;
-        struct stat st;
-        ASSERT_EQ(0, stat(morvotest::SetFiles(Dir(base), Leaf(base)).back().c_str(), &st));
-        last = st.st_size;
-      }
-    }
-  }
+  WriteReaderSet(base, 0, 3 * kPerFlush, Utc(2024, 3, 1, 10, 0, 0), kPerFlush, false, [&] {
+    whole = last;
+    struct stat st;
+    ASSERT_EQ(0, stat(morvotest::SetFiles(Dir(base), Leaf(base)).back().c_str(), &st));
+    last = st.st_size;
+  });
   std::string file = morvotest::SetFiles(Dir(base), Leaf(base)).back();
   ASSERT_EQ(0, truncate(file.c_str(), whole + (last - whole) / 2));
   root_.MakeDirs("/data/log/other");
@@ -246,15 +238,7 @@ TEST_F(ViewTreeTest, LastMemberCutShort) {
 // not read again, and hidden files are left alone.
 TEST_F(ViewTreeTest, EachRecordOnceWhateverNamesPointAtIt) {
   std::string base = dir_ + "/applog";
-  {
-    sinktest::GroupConfig config(base, 1, 1000);
-    sinktest::TestSink sink(config, TavoCommon::MMAP_WRITE);
-    ASSERT_EQ(0, sink.SetupOutput());
-    for (long seq = 0; seq < 100; ++seq) {
-      ASSERT_EQ(0, sink.LogcatWriteWithTimestamp(("app seq " + std::to_string(seq)).c_str()));
-    }
-    sink.LogcatClose();
-  }
+  WriteGroup(base, TavoCommon::MMAP_WRITE, "app", 100);
   std::vector<std::string> files = morvotest::SetFiles(dir_, "applog");
   ASSERT_GE(files.size(), 2u);
   root_.MakeDirs("/data/log/elsewhere");
