@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <sstream>
 #include <string>
 
 #include "tools/view/line_parser.h"
@@ -15,17 +16,6 @@
 namespace {
 
 using view::LineKind;
-
-struct LineCase {
-  const char* line;
-  LineKind kind;
-  int month, day;
-  const char* time;  // HH:MM:SS.mmm of the day, or the dated line's full time
-  int pid, tid;
-  char priority;
-  const char* tag;
-  const char* message;
-};
 
 std::string DayTime(int dayMs) {
   char text[32];
@@ -40,62 +30,58 @@ std::string Long(int64_t ms) {
   return text;
 }
 
-TEST(LineFormat, EachFormatTheSystemWrites) {
-  const LineCase cases[] = {
-      {"01-05 08:15:02.042  1234  1240 I ActivityManager: Start proc", LineKind::kThreadTime, 1, 5,
-       "08:15:02.042", 1234, 1240, 'I', "ActivityManager", "Start proc"},
-      {"12-31 23:59:59.999    -1     7 W t       : a: b", LineKind::kThreadTime, 12, 31,
-       "23:59:59.999", -1, 7, 'W', "t", "a: b"},
-      {"02-29 00:00:00.000 123456 123457 ? a:b tag: x", LineKind::kThreadTime, 2, 29,
-       "00:00:00.000", 123456, 123457, '?', "a:b tag", "x"},
-      {"03-01 10:00:00.000  1  2 E empty   :", LineKind::kThreadTime, 3, 1, "10:00:00.000", 1, 2,
-       'E', "empty", ""},
-      {"11-16 15:52:03.042 <6>[ 1.5] kernel", LineKind::kStream, 11, 16, "15:52:03.042", 0, 0, 0,
-       "", "<6>[ 1.5] kernel"},
-      {"11-16 15:52:03.042 1 2 X not threadtime", LineKind::kStream, 11, 16, "15:52:03.042", 0, 0,
-       0, "", "1 2 X not threadtime"},
-      {"01-31 12:34:56 [1706704496.123456] KEY_POWER DOWN    ", LineKind::kEvent, 1, 31,
-       "12:34:56.000", 0, 0, 0, "", "[1706704496.123456] KEY_POWER DOWN    "},
-      {" 01-31 12:34:57 [1706704496.140122] S 00000000\trate 60", LineKind::kEvent, 1, 31,
-       "12:34:57.000", 0, 0, 0, "", "[1706704496.140122] S 00000000\trate 60"},
-      {"2024-01-05 08:15:02 > 42    7", LineKind::kDated, 0, 0, "2024-01-05 08:15:02.000", 0, 0, 0,
-       "", "2024-01-05 08:15:02 > 42    7"},
-      {"current time: <battery>2024-1-5 8:15:2", LineKind::kDated, 0, 0, "2024-01-05 08:15:02.000",
-       0, 0, 0, "", "current time: <battery>2024-1-5 8:15:2"},
-      {"current time: <a>b>2023-12-31 23:59:59", LineKind::kDated, 0, 0, "2023-12-31 23:59:59.000",
-       0, 0, 0, "", "current time: <a>b>2023-12-31 23:59:59"},
-      {"current time: 2024-2-29 0:0:0", LineKind::kDated, 0, 0, "2024-02-29 00:00:00.000", 0, 0, 0,
-       "", "current time: 2024-2-29 0:0:0"},
-      {"--------- beginning of morvo_main", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
-       "--------- beginning of morvo_main"},
-      {"13-01 00:00:00.000  1  2 I t: month 13", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
-       "13-01 00:00:00.000  1  2 I t: month 13"},
-      {"12-31 24:00:00.000 hour 24", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
-       "12-31 24:00:00.000 hour 24"},
-      {"current time: <cmd>2024-13-1 0:0:0", LineKind::kPlain, 0, 0, "", 0, 0, 0, "",
-       "current time: <cmd>2024-13-1 0:0:0"},
-      {"12-31", LineKind::kPlain, 0, 0, "", 0, 0, 0, "", "12-31"},
-  };
-  for (const LineCase& c : cases) {
-    SCOPED_TRACE(c.line);
-    view::ParsedLine p;
-    view::ParseLine(c.line, strlen(c.line), &p);
-    EXPECT_EQ(c.kind, p.kind);
-    EXPECT_EQ(c.message, std::string(p.message, p.messageLength));
-    if (c.kind == LineKind::kDated) {
-      EXPECT_EQ(c.time, Long(p.datedMs));
-    } else if (c.kind != LineKind::kPlain) {
-      EXPECT_EQ(c.month, p.month);
-      EXPECT_EQ(c.day, p.day);
-      EXPECT_EQ(c.time, DayTime(p.dayMs));
-    }
-    if (c.kind == LineKind::kThreadTime) {
-      EXPECT_EQ(c.pid, p.pid);
-      EXPECT_EQ(c.tid, p.tid);
-      EXPECT_EQ(c.priority, p.priority);
-      EXPECT_EQ(c.tag, std::string(p.tag, p.tagLength));
-    }
+// What the parser found, written as "<kind letter> <fields>|<message>",
+// the message as "*" when it is the whole line.
+std::string Parsed(const char* line) {
+  view::ParsedLine p;
+  view::ParseLine(line, strlen(line), &p);
+  char text[256];
+  std::string stamp = DayTime(p.dayMs);
+  switch (p.kind) {
+    case LineKind::kThreadTime:
+      snprintf(text, sizeof(text), "T %02d-%02d %s %d %d %c %.*s", p.month, p.day, stamp.c_str(),
+               p.pid, p.tid, p.priority, static_cast<int>(p.tagLength), p.tag);
+      break;
+    case LineKind::kStream:
+    case LineKind::kEvent:
+      snprintf(text, sizeof(text), "%c %02d-%02d %s", p.kind == LineKind::kStream ? 'S' : 'E',
+               p.month, p.day, stamp.c_str());
+      break;
+    case LineKind::kDated:
+      snprintf(text, sizeof(text), "D %s", Long(p.datedMs).c_str());
+      break;
+    default:
+      snprintf(text, sizeof(text), "P");
   }
+  std::string message(p.message, p.messageLength);
+  return std::string(text) + "|" + (message == line ? "*" : message);
+}
+
+TEST(LineFormat, EachFormatTheSystemWrites) {
+  const char* const kCases[][2] = {
+      {"01-05 08:15:02.042  1234  1240 I ActivityManager: Start proc",
+       "T 01-05 08:15:02.042 1234 1240 I ActivityManager|Start proc"},
+      {"12-31 23:59:59.999    -1     7 W t       : a: b", "T 12-31 23:59:59.999 -1 7 W t|a: b"},
+      {"02-29 00:00:00.000 123456 123457 ? a:b tag: x",
+       "T 02-29 00:00:00.000 123456 123457 ? a:b tag|x"},
+      {"03-01 10:00:00.000  1  2 E empty   :", "T 03-01 10:00:00.000 1 2 E empty|"},
+      {"11-16 15:52:03.042 <6>[ 1.5] kernel", "S 11-16 15:52:03.042|<6>[ 1.5] kernel"},
+      {"11-16 15:52:03.042 1 2 X not threadtime", "S 11-16 15:52:03.042|1 2 X not threadtime"},
+      {"01-31 12:34:56 [1706704496.123456] KEY_POWER DOWN    ",
+       "E 01-31 12:34:56.000|[1706704496.123456] KEY_POWER DOWN    "},
+      {" 01-31 12:34:57 [1706704496.140122] S 00000000\trate 60",
+       "E 01-31 12:34:57.000|[1706704496.140122] S 00000000\trate 60"},
+      {"2024-01-05 08:15:02 > 42    7", "D 2024-01-05 08:15:02.000|*"},
+      {"current time: <battery>2024-1-5 8:15:2", "D 2024-01-05 08:15:02.000|*"},
+      {"current time: <a>b>2023-12-31 23:59:59", "D 2023-12-31 23:59:59.000|*"},
+      {"current time: 2024-2-29 0:0:0", "D 2024-02-29 00:00:00.000|*"},
+      {"--------- beginning of morvo_main", "P|*"},
+      {"13-01 00:00:00.000  1  2 I t: month 13", "P|*"},
+      {"12-31 24:00:00.000 hour 24", "P|*"},
+      {"current time: <cmd>2024-13-1 0:0:0", "P|*"},
+      {"12-31", "P|*"},
+  };
+  for (const auto& c : kCases) EXPECT_EQ(c[1], Parsed(c[0])) << c[0];
 }
 
 int64_t At(const char* iso) {
@@ -104,57 +90,50 @@ int64_t At(const char* iso) {
   return ms;
 }
 
+// Lines and their full times (to the second) are joined by "|".
 struct ClockCase {
   const char* anchor;
   bool anchorIsStart;
-  std::vector<const char*> lines;
-  std::vector<const char*> times;  // full times, to the second
+  const char* lines;
+  const char* times;
 };
 
 TEST(SetClock, YearFromTheFileAndTheLineBefore) {
   const ClockCase cases[] = {
       // A set file opened on Dec 31 that runs into the new year.
-      {"2023-12-31 23:59:58",
-       true,
-       {"12-31 23:59:59.000 a", "01-01 00:00:01.000 b", "title row", "01-01 00:00:02.000 c"},
-       {"2023-12-31 23:59:59", "2024-01-01 00:00:01", "2024-01-01 00:00:01",
-        "2024-01-01 00:00:02"}},
+      {"2023-12-31 23:59:58", true,
+       "12-31 23:59:59.000 a|01-01 00:00:01.000 b|title row|01-01 00:00:02.000 c",
+       "2023-12-31 23:59:59|2024-01-01 00:00:01|2024-01-01 00:00:01|2024-01-01 00:00:02"},
       // A file opened on Jan 1 holding records dumped from Dec 31.
-      {"2024-01-01 00:00:05",
-       true,
-       {"12-31 23:59:50.000 old", "01-01 00:00:06.000 new"},
-       {"2023-12-31 23:59:50", "2024-01-01 00:00:06"}},
+      {"2024-01-01 00:00:05", true, "12-31 23:59:50.000 old|01-01 00:00:06.000 new",
+       "2023-12-31 23:59:50|2024-01-01 00:00:06"},
       // A plain file last written on Jan 1: lines before it.
-      {"2024-01-01 00:10:00",
-       false,
-       {"12-30 10:00:00.000 a", "12-31 23:00:00.000 b", "01-01 00:05:00.000 c"},
-       {"2023-12-30 10:00:00", "2023-12-31 23:00:00", "2024-01-01 00:05:00"}},
+      {"2024-01-01 00:10:00", false,
+       "12-30 10:00:00.000 a|12-31 23:00:00.000 b|01-01 00:05:00.000 c",
+       "2023-12-30 10:00:00|2023-12-31 23:00:00|2024-01-01 00:05:00"},
       // Lines with their year set it; the lines after follow it.
-      {"2020-06-01 00:00:00",
-       false,
-       {"current time: <x>2024-12-31 23:59:59", "01-01 00:00:01.000 a", "output"},
-       {"2024-12-31 23:59:59", "2025-01-01 00:00:01", "2025-01-01 00:00:01"}},
+      {"2020-06-01 00:00:00", false,
+       "current time: <x>2024-12-31 23:59:59|01-01 00:00:01.000 a|output",
+       "2024-12-31 23:59:59|2025-01-01 00:00:01|2025-01-01 00:00:01"},
       // Feb 29 of a leap year.
-      {"2024-02-28 12:00:00",
-       true,
-       {"02-29 01:00:00.000 leap", "03-01 01:00:00.000 after"},
-       {"2024-02-29 01:00:00", "2024-03-01 01:00:00"}},
+      {"2024-02-28 12:00:00", true, "02-29 01:00:00.000 leap|03-01 01:00:00.000 after",
+       "2024-02-29 01:00:00|2024-03-01 01:00:00"},
       // Threads a little out of order stay in their year.
-      {"2023-12-31 23:59:59",
-       true,
-       {"01-01 00:00:00.100 a", "12-31 23:59:59.900 b"},
-       {"2024-01-01 00:00:00", "2023-12-31 23:59:59"}},
+      {"2023-12-31 23:59:59", true, "01-01 00:00:00.100 a|12-31 23:59:59.900 b",
+       "2024-01-01 00:00:00|2023-12-31 23:59:59"},
   };
   for (const ClockCase& c : cases) {
-    SCOPED_TRACE(c.lines.front());
+    SCOPED_TRACE(c.lines);
     view::SetClock clock;
     clock.Anchor(At(c.anchor), c.anchorIsStart);
-    for (size_t i = 0; i < c.lines.size(); ++i) {
+    std::istringstream lines(c.lines);
+    std::string times;
+    for (std::string line; std::getline(lines, line, '|');) {
       view::ParsedLine p;
-      view::ParseLine(c.lines[i], strlen(c.lines[i]), &p);
-      std::string got = Long(clock.Place(p)).substr(0, 19);
-      EXPECT_EQ(c.times[i], got) << c.lines[i];
+      view::ParseLine(line.c_str(), line.size(), &p);
+      times += (times.empty() ? "" : "|") + Long(clock.Place(p)).substr(0, 19);
     }
+    EXPECT_EQ(c.times, times);
   }
 }
 
