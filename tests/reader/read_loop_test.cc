@@ -27,9 +27,9 @@ using morvotest::RunResult;
 
 using morvotest::Lines;
 
-// The writer's pid and tid, its priority and tag on each line of a
-// message; --pid keeps one process's records.
-TEST(ReadLoopTest, ThreadtimeLinesCarryPidTidPriorityAndTag) {
+// The writer's pid and tid on each line of a message (the reference
+// reading below takes them from the records); --pid keeps one process's.
+TEST(ReadLoopTest, LinesCarryTheWritersPidAndTid) {
   morvotest::TempRoot root;
   qd_log_write(LOG_ID_MAIN, QD_LOG_DEBUG, "shape", "first\nsecond");
   pid_t child = fork();
@@ -39,21 +39,13 @@ TEST(ReadLoopTest, ThreadtimeLinesCarryPidTidPriorityAndTag) {
   std::string out = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(child)}).out;
   ASSERT_EQ(1u, Lines(out).size()) << out;
   EXPECT_NE(std::string::npos, out.find("from the child"));
-  RunResult r = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(getpid())});
-  std::vector<std::string> lines = Lines(r.out);
-  ASSERT_EQ(2u, lines.size()) << r.out;
+  out = RunCommand({"-d", "-b", "morvo_main", "--pid", std::to_string(getpid())}).out;
   char prefix[32];
   snprintf(prefix, sizeof(prefix), " %5d %5d D shape   : ", getpid(), gettid());
-  for (const std::string& line : lines) {
-    // MM-DD HH:MM:SS.mmm
-    ASSERT_GE(line.size(), 18u);
-    EXPECT_EQ('-', line[2]);
-    EXPECT_EQ(':', line[8]);
-    EXPECT_EQ('.', line[14]);
-    EXPECT_EQ(prefix, line.substr(18, strlen(prefix)));
+  for (const char* text : {"first\n", "second\n"}) {
+    EXPECT_NE(std::string::npos, out.find(prefix + std::string(text))) << out;
   }
-  EXPECT_EQ("first", lines[0].substr(18 + strlen(prefix)));
-  EXPECT_EQ("second", lines[1].substr(18 + strlen(prefix)));
+  EXPECT_EQ(2u, Lines(out).size());
 }
 
 // A record as a straightforward reader sees it: read from its buffer alone,
