@@ -228,6 +228,12 @@ const Plant kPlants[] = {
      [](const std::string& p, const std::string& v) { return symlink(v.c_str(), p.c_str()) == 0; }},
     {"folder",
      [](const std::string& p, const std::string&) { return mkdir(p.c_str(), 0755) == 0; }},
+    {"socket", [](const std::string& p,
+                  const std::string&) { return mknod(p.c_str(), S_IFSOCK | 0666, 0) == 0; }},
+    // A regular file, but a second name of the victim: the run may take the
+    // name away, never write through it.
+    {"hard link",
+     [](const std::string& p, const std::string& v) { return link(v.c_str(), p.c_str()) == 0; }},
 };
 
 TEST_F(OutputFileTest, AnOutputPathThatIsNoRegularFileIsRefusedAndLeftAlone) {
@@ -245,6 +251,8 @@ TEST_F(OutputFileTest, AnOutputPathThatIsNoRegularFileIsRefusedAndLeftAlone) {
     }
     morvotest::Node before = NodeAt(path), folderBefore = NodeAt(folder);
     RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", path});
+    EXPECT_EQ("precious\n", morvotest::ReadFile(victim));
+    if (S_ISREG(before.mode)) continue;
     EXPECT_EQ(1, r.status);
     EXPECT_NE(std::string::npos, r.err.find("logFile [" + path + "] is not a regular file.\n"))
         << r.err;
