@@ -25,8 +25,8 @@
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
 #include "reader/dynamic_symbols.h"
-#include "reader/run_capture.h"
 #include "support/command_output.h"
+#include "support/reader_run.h"
 #include "support/temp_root.h"
 #include "support/under_qemu.h"
 

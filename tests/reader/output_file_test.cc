@@ -18,8 +18,8 @@
 
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
-#include "reader/run_capture.h"
 #include "support/file_tree.h"
+#include "support/reader_run.h"
 #include "support/set_runs.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"

@@ -14,7 +14,7 @@
 
 #include "platform/log_format.h"
 #include "platform/logger.h"
-#include "reader/run_capture.h"
+#include "support/reader_run.h"
 #include "support/shell_file.h"
 #include "support/temp_root.h"
 #include "support/words.h"

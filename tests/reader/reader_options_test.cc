@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/logger.h"
-#include "reader/run_capture.h"
+#include "support/reader_run.h"
 #include "support/shell_file.h"
 #include "support/temp_root.h"
 
