@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <vector>
@@ -36,14 +37,10 @@ std::string Format(time_t t, const char* format) {
   return text;
 }
 
-time_t Utc(int year, int month, int day, int hour, int minute, int second) {
+// "YYYY-MM-DD HH:MM:SS" of that UTC clock.
+time_t Utc(const char* text) {
   struct tm tm {};
-  tm.tm_year = year - 1900;
-  tm.tm_mon = month - 1;
-  tm.tm_mday = day;
-  tm.tm_hour = hour;
-  tm.tm_min = minute;
-  tm.tm_sec = second;
+  strptime(text, "%Y-%m-%d %H:%M:%S", &tm);
   return timegm(&tm);
 }
 
@@ -60,13 +57,6 @@ std::vector<std::string> JsonTimes(const std::string& out) {
     times.push_back(at == std::string::npos ? "" : line.substr(at + 8, 23));
   }
   return times;
-}
-
-bool NonDecreasing(const std::vector<std::string>& times) {
-  for (size_t i = 1; i < times.size(); ++i) {
-    if (times[i] < times[i - 1]) return false;
-  }
-  return true;
 }
 
 using morvotest::Counting;
@@ -135,8 +125,8 @@ class ViewTreeTest : public sinktest::SinkTest {
 TEST_F(ViewTreeTest, ReaderSetThroughTheWrapIntoANewYear) {
   root_.MakeDirs("/data/log/reader");
   std::string base = root_.Under("/data/log/reader/out");
-  time_t earlier = Utc(2023, 12, 31, 23, 50, 0);
-  time_t start = Utc(2023, 12, 31, 23, 59, 30);
+  time_t earlier = Utc("2023-12-31 23:50:00");
+  time_t start = Utc("2023-12-31 23:59:30");
   {
     std::string old = base + ".I996." + Format(earlier, "%Y%m%d-%H%M%S") + ".gz";
     int fd = open(old.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0664);
@@ -191,7 +181,8 @@ TEST_F(ViewTreeTest, CollectorGroupsInBothModesWithArchives) {
   EXPECT_EQ("", run.err);
   EXPECT_EQ(Counting(0, kRecords), morvotest::Sequence(run.out, "mmap seq "));
   EXPECT_EQ(Counting(0, kRecords), morvotest::Sequence(run.out, "fact seq "));
-  EXPECT_TRUE(NonDecreasing(JsonTimes(run.out)));
+  std::vector<std::string> times = JsonTimes(run.out);
+  EXPECT_TRUE(std::is_sorted(times.begin(), times.end()));
   EXPECT_NE(std::string::npos, run.out.find("\"message\":\"TITLE column1 column2\""));
 
   viewtest::ViewRun list = RunView(Scratch(), {"--list", dir_});
@@ -210,7 +201,7 @@ TEST_F(ViewTreeTest, LastMemberCutShort) {
   std::string base = root_.Under("/data/log/reader/out");
   const long kPerFlush = 200;
   off_t whole = 0, last = 0;
-  WriteReaderSet(base, 0, 3 * kPerFlush, Utc(2024, 3, 1, 10, 0, 0), kPerFlush, false, [&] {
+  WriteReaderSet(base, 0, 3 * kPerFlush, Utc("2024-03-01 10:00:00"), kPerFlush, false, [&] {
     whole = last;
     struct stat st;
     ASSERT_EQ(0, stat(morvotest::SetFiles(Dir(base), Leaf(base)).back().c_str(), &st));
