@@ -111,9 +111,7 @@ TEST_F(PlainOutputTest, RotationNamesCountsAndArchives) {
 TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
   morvotest::WriteFile(base_ + ".1", "older copy\n");
   android_logcat_context ctx = CreateAndroidLogcat();
-  char arg0[] = "morvocat", arg1[] = "-b", arg2[] = "morvo_main", arg3[] = "-f";
-  char* argv[] = {arg0, arg1, arg2, arg3, &base_[0], nullptr};
-  ASSERT_GE(AndroidLogcatRunCommandThread(ctx, 5, argv, nullptr), 0);
+  ASSERT_GE(morvotest::StartThread(ctx, {"-b", "morvo_main", "-f", base_}), 0);
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "first");
   morvotest::Within(5, [&] { return !ReadFile(base_).empty(); });
   ASSERT_EQ(0, unlink(base_.c_str()));
