@@ -89,7 +89,7 @@ const Case kCases[] = {
     {{"-d", "-x", ""}, 0, kMain + kAll, ""},
     {{"-d", "-b", "morvo_main morvo_radio"}, 0, kMain + kAll, ""},
     {{"-d", "--pid", "0x10"}, 0, "", ""},
-    {{"-d", "-s"}, 0, kMain, ""},
+    {{"-d", "-s", "-b", "morvo_main"}, 0, "", ""},
     // A refused collector ends the run before reading.
     {{"--tavo", "1", "-x", "kmsglogcat", "-d"}, 0, "", ""},
     // Filters as arguments and from the environment, which a filter
