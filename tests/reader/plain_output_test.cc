@@ -81,9 +81,9 @@ const RotationCase kRotations[] = {
 TEST_F(PlainOutputTest, RotationNamesCountsAndArchives) {
   for (const RotationCase& c : kRotations) {
     SCOPED_TRACE(c.args);
-    ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
-    std::string folder = root_.Under("/data/log/") + std::to_string(&c - kRotations);
-    ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
+    morvotest::TempRoot root;  // each row on a store of its own
+    root.MakeDirs("/data/log");
+    std::string folder = root.Under("/data/log");
     std::string existing(c.existing, 'e');
     if (c.existing != 0) morvotest::WriteFile(folder + "/p", existing + "\n");
     WriteKilobyteRecords(c.records);
