@@ -3,28 +3,97 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+
+#include "config/config_check.h"
 #include "config/config_parser.h"
 
 namespace configtest {
+
+namespace {
+
+std::string Quoted(const char* value) { return *value != '\0' ? value : "\"\""; }
+
+std::string Field(const char* key, const char* value) {
+  return value != nullptr ? std::string(" ") + key + "=" + Quoted(value) : "";
+}
+
+std::string Field(const char* key, size_t value) {
+  return value != 0 ? std::string(" ") + key + "=" + std::to_string(value) : "";
+}
+
+std::string Field(const char* key, const TavocatStrListT* list) {
+  std::string out;
+  for (; list != nullptr; list = list->next) {
+    out += (out.empty() ? "" : ",") + std::string(list->str != nullptr ? list->str : "(null)");
+  }
+  return !out.empty() ? std::string(" ") + key + "=" + out : "";
+}
+
+std::string Sources(const TavocatGroupT& group) {
+  std::string out;
+  if (TavoCommon::IsNodeStyle(group.style)) {
+    for (auto* node = static_cast<const TavocatInputNodeSetT*>(group.inputSet); node != nullptr;
+         node = node->next) {
+      std::string fields = Field("data", node->dataPath) + Field("titlePath", node->titlePath) +
+                           Field("title", node->title) + Field("width", node->width) +
+                           Field("alt", node->alterDataPath);
+      out += " node{" + (fields.empty() ? "" : fields.substr(1)) + "}";
+    }
+  } else if (group.style == MONITOR_DIR && group.inputSet != nullptr) {
+    auto* dir = static_cast<const TavocatInputDirSetT*>(group.inputSet);
+    std::string fields = Field("path", dir->inputDirPath) + Field("pick", dir->pickNode);
+    out += " dir{" + (fields.empty() ? "" : fields.substr(1)) + "}";
+  } else if (group.style == POLL_CMD) {
+    for (auto* cmd = static_cast<const TavocatInputCmdSetT*>(group.inputSet); cmd != nullptr;
+         cmd = cmd->next) {
+      out += " cmd{" + (cmd->command != nullptr ? Quoted(cmd->command) : "") + "}";
+    }
+  } else if (group.inputSet != nullptr) {
+    out += " sources?";
+  }
+  return out;
+}
+
+const char* const kStyleNames[] = {"none",      "monitor_node", "monitor_dir",
+                                   "poll_node", "poll_cmd",     "cond_trigger"};
+
+std::string Replace(std::string text, const std::string& from, const std::string& to) {
+  for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+    text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string Describe(const TavocatInfoT& info) {
+  std::string out = (info.name != nullptr ? " " + Quoted(info.name) : "") +
+                    Field("rotate", info.rotateSizeKbytes) +
+                    Field("files", info.maxCompressdFiles) +
+                    (info.writeMode == FACTORY_WRITE ? " factory" : Field("mode", info.writeMode));
+  for (const TavocatGroupT* group = info.groups; group != nullptr; group = group->next) {
+    out += " |";
+    out += group->style <= COND_TRIGGER ? std::string(" ") + kStyleNames[group->style]
+                                        : Field("style", group->style);
+    out += Field("every", group->pollingInterval) + Field("retry", group->failureRetry) +
+           Field("cond", group->condIndex) + Field("out", group->outputFilePath) + Sources(*group);
+    if (group->info != &info) out += " info?";
+  }
+  return out.empty() ? out : out.substr(1);
+}
+
+std::string Dump(const TavocatInfoT& info) {
+  testing::internal::CaptureStderr();
+  TavoConfig::PrintTavocatInfo(info);
+  return testing::internal::GetCapturedStderr();
+}
 
 int ConfigTest::Parse(const char* name) {
   testing::internal::CaptureStderr();
   int result = TavoConfig::ParseConfigFile(name, &info_);
   err_ = testing::internal::GetCapturedStderr();
   return result;
-}
-
-TavocatGroupT* ConfigTest::GroupAt(size_t index) const {
-  TavocatGroupT* group = info_.groups;
-  for (size_t i = 0; i < index && group != nullptr; ++i) group = group->next;
-  EXPECT_NE(nullptr, group) << "no group " << index;
-  return group;
-}
-
-size_t ConfigTest::GroupCount() const {
-  size_t count = 0;
-  for (TavocatGroupT* group = info_.groups; group != nullptr; group = group->next) ++count;
-  return count;
 }
 
 int ConfigTest::RunTool(const std::string& args, std::string* out, std::string* err) {
@@ -67,13 +136,39 @@ std::string Utf16(const std::string& text) {
   return out;
 }
 
-std::string Join(const TavocatStrListT* list) {
-  std::string out;
-  for (; list != nullptr; list = list->next) {
-    if (!out.empty()) out += ",";
-    out += list->str != nullptr ? list->str : "(null)";
+std::string RowName(const ::testing::TestParamInfo<ParseCase>& row) { return row.param.label; }
+
+// Sets the row's properties, parses its file, and compares.
+TEST_P(ParseTest, GivesItsTreeResultAndMessages) {
+  const ParseCase& c = GetParam();
+  for (size_t at = 0, end; at < c.props.size(); at = end + 1) {
+    end = std::min(c.props.find(';', at), c.props.size());
+    std::string pair = c.props.substr(at, end - at);
+    size_t eq = pair.find('=');
+    SetProp(pair.substr(0, eq).c_str(), pair.substr(eq + 1).c_str());
   }
-  return out;
+  // Files a hostile DOCTYPE may name.
+  morvotest::WriteFile(root_.Under("/secret"), "SECRET-TEXT");
+  morvotest::WriteFile(root_.Under("/defaults.dtd"),
+                       "<!ATTLIST outputFilePath value CDATA \"/from-dtd\">\n");
+  int result = c.xml == kNoFile ? Parse(c.name.c_str())
+                                : ParseXml(Replace(c.xml, "$ROOT", root_.path()), c.name.c_str());
+  EXPECT_EQ(c.result, result);
+  EXPECT_EQ(c.tree, Describe(info_));
+  if (c.err != kXmlErrors) {
+    EXPECT_EQ(Replace(Replace(c.err, "$PATH", ConfigPath()), "$DUMP", Dump(info_)), err_);
+  } else {
+    // One line per diagnostic, each naming the file, and no dump.
+    ASSERT_FALSE(err_.empty());
+    EXPECT_EQ('\n', err_.back());
+    for (size_t at = 0; at < err_.size(); at = err_.find('\n', at) + 1) {
+      EXPECT_EQ(0u, err_.compare(at, ConfigPath().size() + 1, ConfigPath() + ":")) << err_;
+    }
+  }
+  // Whatever the parse left, it frees to a zero-filled root, twice.
+  FreeConfigFile(&info_);
+  FreeConfigFile(&info_);
+  EXPECT_EQ("", Describe(info_));
 }
 
 }  // namespace configtest

@@ -2,8 +2,8 @@
 #define MORVOCAT_TESTS_CONFIG_CONFIG_TEST_SUPPORT_H_
 
 // A temporary device root with a configuration file and system properties,
-// a root record that is freed after each test, and the parser's standard
-// error captured.
+// a root record that is freed after each test, the parser's standard error
+// captured, and the table of parse cases that most tests are rows of.
 
 #include <gtest/gtest.h>
 
@@ -16,7 +16,24 @@
 
 namespace configtest {
 
-using namespace TavoCommon;
+using TavoCommon::COND_TRIGGER;
+using TavoCommon::FACTORY_WRITE;
+using TavoCommon::kConfigFilePath;
+using TavoCommon::LOG_STYLE_NONE;
+using TavoCommon::LogStyle;
+using TavoCommon::MMAP_WRITE;
+using TavoCommon::MONITOR_DIR;
+using TavoCommon::MONITOR_NODE;
+using TavoCommon::POLL_CMD;
+using TavoCommon::POLL_NODE;
+using TavoCommon::TavocatGroupT;
+using TavoCommon::TavocatInfoT;
+using TavoCommon::TavocatInputCmdSetT;
+using TavoCommon::TavocatInputDirSetT;
+using TavoCommon::TavocatInputNodeSetT;
+using TavoCommon::TavocatStrListT;
+using TavoConfig::CopyString;
+using TavoConfig::FreeConfigFile;
 
 // <config><tavocat ATTRS>BODY</tavocat></config>
 inline std::string Instance(const std::string& body,
@@ -28,12 +45,14 @@ inline std::string Group(const std::string& body) {
   return "<tavocatGroup>" + body + "</tavocatGroup>\n";
 }
 
-// A group that passes validation, for tests about the root's settings.
+// A group that passes validation, for tests about the root's settings, and
+// how Describe shows it.
 inline std::string KmsgGroup() {
   return Group(
       "<logStyle value=\"monitor_node\"/><outputFilePath value=\"/data/log/k\"/>"
       "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>");
 }
+constexpr const char kKmsgTree[] = " | monitor_node out=/data/log/k node{data=/proc/kmsg}";
 
 // The refusal of a file at path that declares a DOCTYPE.
 inline std::string DoctypeRefused(const std::string& path) {
@@ -47,9 +66,17 @@ std::string QuadraticBlowup();
 // text (ASCII) as UTF-16 with a byte-order mark.
 std::string Utf16(const std::string& text);
 
+// Every field of a tree on one line: the root, then per group its style,
+// numbers, path and sources. Zero numbers and null strings are left out; an
+// empty string shows as "". A group that does not point back at its root
+// says so.
+std::string Describe(const TavocatInfoT& info);
+// The dump PrintTavocatInfo gives of info.
+std::string Dump(const TavocatInfoT& info);
+
 class ConfigTest : public ::testing::Test {
  protected:
-  void TearDown() override { TavoConfig::FreeConfigFile(&info_); }
+  void TearDown() override { FreeConfigFile(&info_); }
 
   std::string ConfigPath() const { return root_.Under(kConfigFilePath); }
   void WriteConfig(const std::string& xml) {
@@ -66,12 +93,6 @@ class ConfigTest : public ::testing::Test {
     return Parse(name);
   }
 
-  TavocatGroupT* GroupAt(size_t index) const;
-  TavocatInputNodeSetT* NodesOf(size_t group) const {
-    return static_cast<TavocatInputNodeSetT*>(GroupAt(group)->inputSet);
-  }
-  size_t GroupCount() const;
-
   // Runs tavocat-config with args; its exit status, output and errors.
   int RunTool(const std::string& args, std::string* out, std::string* err);
 
@@ -82,9 +103,33 @@ class ConfigTest : public ::testing::Test {
 
 // The environment variable name, or fallback when it is unset.
 std::string EnvOr(const char* name, const char* fallback);
+// A file of the source tree.
+inline std::string SourceFile(const std::string& path) {
+  return EnvOr("MORVO_SOURCE_DIR", ".") + "/" + path;
+}
 
-// The strings of a list, in order.
-std::string Join(const TavocatStrListT* list);
+// Marks a row whose instance has no configuration file.
+constexpr const char kNoFile[] = "(no file)";
+// Marks a row whose errors are libxml2's: each line names the file.
+constexpr const char kXmlErrors[] = "(xml errors)";
+
+// One parse: the file (kNoFile for none; "$ROOT" stands for the temporary
+// root) read for an instance under some properties ("key=value;..."), and
+// the result, tree and standard error it must give. In err, "$PATH" stands
+// for the file's path and "$DUMP" for the tree's dump.
+struct ParseCase {
+  const char* label;
+  std::string xml;
+  int result;
+  std::string tree;
+  std::string err = "$DUMP";
+  std::string name = "kmsglogcat";
+  std::string props = "";
+};
+
+class ParseTest : public ConfigTest, public ::testing::WithParamInterface<ParseCase> {};
+
+std::string RowName(const ::testing::TestParamInfo<ParseCase>& row);
 
 }  // namespace configtest
 

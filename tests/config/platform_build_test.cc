@@ -9,176 +9,147 @@
 #include "config/config_test_support.h"
 #include "config/platform_check.h"
 
+namespace configtest {
 namespace {
 
-using namespace configtest;
 using TavoConfig::GetPlatformInfo;
+using TavoConfig::IsChipsetVendorVer;
+using TavoConfig::IsFactoryVer;
+using TavoConfig::IsRecoveryMode;
 using TavoConfig::IsRightPlatform;
 
-class PlatformTest : public ConfigTest {
- protected:
-  // A tavocat element with the platform attribute, or without one for null.
-  bool Accepts(const char* platforms) {
-    xmlNode* element = xmlNewNode(nullptr, BAD_CAST "tavocat");
-    if (platforms != nullptr) xmlNewProp(element, BAD_CAST "platform", BAD_CAST platforms);
-    bool accepted = IsRightPlatform(element);
-    xmlFreeNode(element);
-    return accepted;
-  }
-};
+class PlatformTest : public ConfigTest {};
 
-TEST_F(PlatformTest, HardwareNameGivesThePlatformFirstTestWins) {
-  struct Case {
+// Known platforms must occur in the attribute, case-sensitively; an unknown
+// platform accepts any attribute, but never none.
+TEST_F(PlatformTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
+  const struct {
     const char* hardware;
     const char* platform;
-  } cases[] = {{"qcom", "Qcom"}, {"qcom-mt6789", "Qcom"}, {"zuma-qcom", "Zeru"}, {"mt6789", "Mtk"},
-               {"zeus", "Zeru"}, {"kirin", ""},           {"QCOM", ""},          {"z", ""},
-               {"", ""}};
+    const char* attribute;  // null: none
+    bool accepted;
+  } cases[] = {
+      {"qcom", "Qcom", "Qcom", true},
+      {"qcom-mt6789", "Qcom", "Qcom,Mtk,Zeru", true},
+      {"qcom", "Qcom", "MtkQcom", true},
+      {"qcom", "Qcom", "qcom", false},
+      {"qcom", "Qcom", "", false},
+      {"qcom", "Qcom", nullptr, false},
+      {"mt6789", "Mtk", "Qcom", false},
+      {"mt6789", "Mtk", "Qcom,Mtk,Zeru", true},
+      {"zuma-qcom", "Zeru", "Qcom", false},
+      {"zeus", "Zeru", "Zeru,Qcom", true},
+      {"kirin", "", "Qcom", true},
+      {"QCOM", "", "", true},
+      {"z", "", nullptr, false},
+      {"", "", "Mtk", true},
+  };
   EXPECT_EQ("", GetPlatformInfo());
-  for (const Case& c : cases) {
-    SetProp("ro.hardware", c.hardware);
-    EXPECT_EQ(c.platform, GetPlatformInfo()) << "ro.hardware=" << c.hardware;
-  }
-}
-
-TEST_F(PlatformTest, UnknownPlatformAcceptsAnyPlatformAttributeButNeverNone) {
-  EXPECT_TRUE(Accepts("Qcom"));
-  EXPECT_TRUE(Accepts(""));
-  EXPECT_FALSE(Accepts(nullptr));
   EXPECT_FALSE(IsRightPlatform(nullptr));
-}
-
-TEST_F(PlatformTest, KnownPlatformMustOccurCaseSensitively) {
-  SetProp("ro.hardware", "qcom");
-  EXPECT_TRUE(Accepts("Qcom"));
-  EXPECT_TRUE(Accepts("Qcom,Mtk,Zeru"));
-  EXPECT_TRUE(Accepts("MtkQcom"));
-  EXPECT_FALSE(Accepts("qcom"));
-  EXPECT_FALSE(Accepts(""));
-  EXPECT_FALSE(Accepts(nullptr));
-  SetProp("ro.hardware", "mt6789");
-  EXPECT_FALSE(Accepts("Qcom"));
-  EXPECT_TRUE(Accepts("Qcom,Mtk,Zeru"));
-}
-
-TEST_F(PlatformTest, FileKeepsTheEntryOfThisPlatform) {
-  std::string xml =
-      "<config>"
-      "<tavocat name=\"kmsglogcat\"><maxCompressdFiles value=\"1\"/>" +
-      KmsgGroup() +
-      "</tavocat>"
-      "<tavocat name=\"kmsglogcat\" platform=\"Mtk\"><maxCompressdFiles value=\"2\"/>" +
-      KmsgGroup() +
-      "</tavocat>"
-      "<tavocat name=\"kmsglogcat\" platform=\"Zeru,Qcom\"><maxCompressdFiles value=\"3\"/>" +
-      KmsgGroup() + "</tavocat></config>";
-  struct Case {
-    const char* hardware;
-    size_t entry;
-  } cases[] = {{"", 2}, {"mt6789", 2}, {"qcom", 3}, {"zuma", 3}};
-  for (const Case& c : cases) {
-    TavoConfig::FreeConfigFile(&info_);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string("ro.hardware=") + c.hardware);
     SetProp("ro.hardware", c.hardware);
-    ASSERT_EQ(0, ParseXml(xml)) << c.hardware;
-    EXPECT_EQ(c.entry, info_.maxCompressdFiles) << c.hardware;
+    EXPECT_EQ(c.platform, GetPlatformInfo());
+    xmlNode* element = xmlNewNode(nullptr, BAD_CAST "tavocat");
+    if (c.attribute != nullptr) xmlNewProp(element, BAD_CAST "platform", BAD_CAST c.attribute);
+    EXPECT_EQ(c.accepted, IsRightPlatform(element)) << c.attribute;
+    xmlFreeNode(element);
   }
-  SetProp("ro.hardware", "kirin");
-  TavoConfig::FreeConfigFile(&info_);
-  EXPECT_EQ(0, ParseXml(xml)) << "an unknown platform takes the first entry with the attribute";
-  EXPECT_EQ(2u, info_.maxCompressdFiles);
 }
 
-TEST_F(PlatformTest, EntryWithoutPlatformOrOfAnotherPlatformFails) {
-  EXPECT_EQ(1, ParseXml(Instance(KmsgGroup(), "name=\"kmsglogcat\"")));
-  EXPECT_EQ("", err_) << "nothing is dumped when no entry is chosen";
-  SetProp("ro.hardware", "mt6789");
-  EXPECT_EQ(1, ParseXml(Instance(KmsgGroup(), "name=\"kmsglogcat\" platform=\"Qcom\"")));
-  EXPECT_EQ(nullptr, info_.name);
-}
-
-TEST_F(PlatformTest, InstanceNameMustMatchWhole) {
-  std::string xml = Instance(KmsgGroup());
-  EXPECT_EQ(1, ParseXml(xml, "kmsg"));
-  EXPECT_EQ(1, ParseXml(xml, "kmsglogcat2"));
-  EXPECT_EQ(1, ParseXml(xml, "Kmsglogcat"));
-  EXPECT_EQ(1, ParseXml(xml, ""));
-  EXPECT_EQ(0, ParseXml(xml, "kmsglogcat"));
-}
-
-class BuildProbeTest : public ConfigTest {};
-
-TEST_F(BuildProbeTest, FactoryBuildNeedsTheExactValue) {
-  EXPECT_FALSE(TavoConfig::IsFactoryVer());
-  SetProp("ro.runmode", "factory1");
-  EXPECT_FALSE(TavoConfig::IsFactoryVer());
-  SetProp("ro.runmode", "Factory");
-  EXPECT_FALSE(TavoConfig::IsFactoryVer());
-  SetProp("ro.runmode", "factory");
-  EXPECT_TRUE(TavoConfig::IsFactoryVer());
-}
-
-TEST_F(BuildProbeTest, ChipsetVendorBuildIsEngWithoutPlatformVersion) {
-  EXPECT_FALSE(TavoConfig::IsChipsetVendorVer());
-  SetProp("ro.build.type", "user");
-  EXPECT_FALSE(TavoConfig::IsChipsetVendorVer());
-  SetProp("ro.build.type", "eng");
-  EXPECT_TRUE(TavoConfig::IsChipsetVendorVer());
-  SetProp("ro.build.version.ovra", "12.0");
-  EXPECT_FALSE(TavoConfig::IsChipsetVendorVer());
-  SetProp("ro.build.version.ovra", "");
-  SetProp("ro.build.type", "engx");
-  EXPECT_FALSE(TavoConfig::IsChipsetVendorVer());
-}
-
-TEST_F(BuildProbeTest, RecoveryModeNeedsTheRunningService) {
-  EXPECT_FALSE(TavoConfig::IsRecoveryMode());
-  SetProp("init.svc.recovery", "stopped");
-  EXPECT_FALSE(TavoConfig::IsRecoveryMode());
-  SetProp("init.svc.recovery", "running ");
-  EXPECT_FALSE(TavoConfig::IsRecoveryMode());
-  SetProp("init.svc.recovery", "running");
-  EXPECT_TRUE(TavoConfig::IsRecoveryMode());
-}
-
-class WriteModeTest : public ConfigTest {
- protected:
-  // The write mode that a file with these elements gives.
-  TypeWrite ModeOf(const std::string& elements) {
-    TavoConfig::FreeConfigFile(&info_);
-    EXPECT_EQ(0, ParseXml(Instance(elements + KmsgGroup()))) << err_;
-    return info_.writeMode;
+// Each probe needs its exact value.
+TEST_F(PlatformTest, BuildProbesNeedTheExactValues) {
+  const struct {
+    const char* runmode;
+    const char* buildType;
+    const char* ovra;
+    const char* recovery;
+    bool factory, chipsetVendor, recoveryMode;
+  } cases[] = {
+      {"factory1", "user", "", "stopped", false, false, false},
+      {"Factory", "eng", "12.0", "running ", false, false, false},
+      {"factory", "eng", "", "running", true, true, true},
+      {"", "engx", "", "", false, false, false},
+  };
+  EXPECT_FALSE(IsFactoryVer() || IsChipsetVendorVer() || IsRecoveryMode());
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(c.runmode) + " " + c.buildType + " " + c.ovra + " " + c.recovery);
+    SetProp("ro.runmode", c.runmode);
+    SetProp("ro.build.type", c.buildType);
+    SetProp("ro.build.version.ovra", c.ovra);
+    SetProp("init.svc.recovery", c.recovery);
+    EXPECT_EQ(c.factory, IsFactoryVer());
+    EXPECT_EQ(c.chipsetVendor, IsChipsetVendorVer());
+    EXPECT_EQ(c.recoveryMode, IsRecoveryMode());
   }
+}
+
+// The same instance for no platform, Mtk, and Zeru or Qcom.
+const std::string kThreeEntries =
+    "<config><tavocat name=\"kmsglogcat\"><maxCompressdFiles value=\"1\"/>" + KmsgGroup() +
+    "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Mtk\"><maxCompressdFiles value=\"2\"/>" +
+    KmsgGroup() +
+    "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Zeru,Qcom\">"
+    "<maxCompressdFiles value=\"3\"/>" +
+    KmsgGroup() + "</tavocat></config>";
+
+ParseCase Entry(const char* label, const char* hardware, const char* files) {
+  return {label,
+          kThreeEntries,
+          0,
+          std::string("kmsglogcat files=") + files + kKmsgTree,
+          "$DUMP",
+          "kmsglogcat",
+          std::string("ro.hardware=") + hardware};
+}
+
+// The write mode a file with these root elements gives on a build.
+ParseCase Mode(const char* label, const char* props, const std::string& elements, bool factory) {
+  return {label,   Instance(elements + KmsgGroup()),
+          0,       std::string("kmsglogcat") + (factory ? " factory" : "") + kKmsgTree,
+          "$DUMP", "kmsglogcat",
+          props};
+}
+
+const char kUser[] = "ro.build.type=user";
+const char kMmap[] = "<writeMode value=\"mmap\"/>";
+
+const ParseCase kPlatformAndBuild[] = {
+    Entry("UnsetPlatformTakesTheFirstEntryWithTheAttribute", "", "2"),
+    Entry("MtkTakesItsEntry", "mt6789", "2"),
+    Entry("QcomTakesItsEntry", "qcom", "3"),
+    Entry("ZeruTakesItsEntry", "zuma", "3"),
+    Entry("UnknownPlatformTakesTheFirstEntryWithTheAttribute", "kirin", "2"),
+    {"EntryWithoutPlatformFailsWithoutDump", Instance(KmsgGroup(), "name=\"kmsglogcat\""), 1, "",
+     ""},
+    {"EntryOfAnotherPlatformFails", Instance(KmsgGroup()), 1, "", "", "kmsglogcat",
+     "ro.hardware=mt6789"},
+    {"ShorterNameDoesNotMatch", Instance(KmsgGroup()), 1, "", "", "kmsg"},
+    {"LongerNameDoesNotMatch", Instance(KmsgGroup()), 1, "", "", "kmsglogcat2"},
+    {"NameMatchesCaseSensitively", Instance(KmsgGroup()), 1, "", "", "Kmsglogcat"},
+    {"EmptyNameDoesNotMatch", Instance(KmsgGroup()), 1, "", "", ""},
+    // An ordinary build takes mmap only when asked exactly; the last element wins.
+    Mode("OrdinaryWithoutWriteMode", kUser, "", false),
+    Mode("OrdinaryMmap", kUser, kMmap, false),
+    Mode("OrdinaryFactory", kUser, "<writeMode value=\"factory\"/>", true),
+    Mode("OrdinaryUpperCaseMmap", kUser, "<writeMode value=\"MMAP\"/>", true),
+    Mode("OrdinaryMmapWithASpace", kUser, "<writeMode value=\"mmap \"/>", true),
+    Mode("OrdinaryWriteModeWithoutValue", kUser, "<writeMode/>", true),
+    Mode("OrdinaryLastMmapWins", kUser, "<writeMode value=\"factory\"/>" + std::string(kMmap),
+         false),
+    Mode("OrdinaryLastOtherWins", kUser, kMmap + std::string("<writeMode value=\"x\"/>"), true),
+    Mode("EngBuildWithPlatformVersionIsOrdinary", "ro.build.type=eng;ro.build.version.ovra=12.0",
+         kMmap, false),
+    // Factory and chipset vendor builds force factory wherever writeMode is
+    // given; no writeMode element keeps the zero-filled mode.
+    Mode("FactoryBuildForcesFactory", "ro.runmode=factory;ro.build.type=user", kMmap, true),
+    Mode("FactoryBuildWithoutWriteMode", "ro.runmode=factory;ro.build.type=user", "", false),
+    Mode("ChipsetVendorBuildForcesFactory", "ro.build.type=eng", kMmap, true),
+    Mode("ChipsetVendorBuildWithoutWriteMode", "ro.build.type=eng", "", false),
 };
 
-TEST_F(WriteModeTest, OrdinaryBuildTakesMmapOnlyWhenAskedExactly) {
-  SetProp("ro.build.type", "user");
-  EXPECT_EQ(MMAP_WRITE, ModeOf(""));
-  EXPECT_EQ(MMAP_WRITE, ModeOf("<writeMode value=\"mmap\"/>"));
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode value=\"factory\"/>"));
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode value=\"MMAP\"/>"));
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode value=\"mmap \"/>"));
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode/>"));
-  EXPECT_EQ(MMAP_WRITE, ModeOf("<writeMode value=\"factory\"/><writeMode value=\"mmap\"/>"));
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode value=\"mmap\"/><writeMode value=\"x\"/>"));
-}
-
-TEST_F(WriteModeTest, EngBuildWithPlatformVersionIsOrdinary) {
-  SetProp("ro.build.type", "eng");
-  SetProp("ro.build.version.ovra", "12.0");
-  EXPECT_EQ(MMAP_WRITE, ModeOf("<writeMode value=\"mmap\"/>"));
-}
-
-TEST_F(WriteModeTest, FactoryBuildForcesFactoryWhereverWriteModeIsGiven) {
-  SetProp("ro.runmode", "factory");
-  SetProp("ro.build.type", "user");
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode value=\"mmap\"/>"));
-  EXPECT_EQ(MMAP_WRITE, ModeOf("")) << "no writeMode element keeps the zero-filled mode";
-}
-
-TEST_F(WriteModeTest, ChipsetVendorBuildForcesFactoryWhereverWriteModeIsGiven) {
-  SetProp("ro.build.type", "eng");
-  EXPECT_EQ(FACTORY_WRITE, ModeOf("<writeMode value=\"mmap\"/>"));
-  EXPECT_EQ(MMAP_WRITE, ModeOf(""));
-}
+INSTANTIATE_TEST_SUITE_P(PlatformAndBuild, ParseTest, testing::ValuesIn(kPlatformAndBuild),
+                         RowName);
 
 }  // namespace
+}  // namespace configtest

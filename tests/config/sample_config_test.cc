@@ -1,16 +1,18 @@
 // The shipped sample configuration gives the tree it describes, and
-// tavocat-config prints that tree.
+// tavocat-config gives the collector's verdict on any file.
 
 #include <gtest/gtest.h>
+#include <string.h>
 
+#include <algorithm>
 #include <string>
 
-#include "config/config_parser.h"
+#include "config/config_check.h"
 #include "config/config_test_support.h"
+#include "config/parse_apart.h"
 
+namespace configtest {
 namespace {
-
-using namespace configtest;
 
 const char kSampleDump[] =
     "------------- printTavocatInfo begin -------------\n"
@@ -48,41 +50,81 @@ const char kSampleDump[] =
     "~~~~~~ TavocatGroup end ~~~~~~~~\n"
     "------------- printTavocatInfo end ---------------\n";
 
+const std::string kSample = SourceFile("etc/tavocat_config.xml");
+
 class SampleConfigTest : public ConfigTest {
  protected:
-  std::string SamplePath() const {
-    return EnvOr("MORVO_SOURCE_DIR", ".") + "/etc/tavocat_config.xml";
+  // What the collector does with the file at path: 0 when it would start
+  // its groups, 1 when it refuses the configuration; its messages in err.
+  int CollectorVerdict(const std::string& path, const char* name, std::string* err) {
+    TavocatInfoT info = {};
+    testing::internal::CaptureStderr();
+    int result = TavoConfig::ParseConfigFileApartAt(path.c_str(), name, &info) == 0 &&
+                         TavoConfig::IsRunnableConfig(info)
+                     ? 0
+                     : 1;
+    *err = testing::internal::GetCapturedStderr();
+    FreeConfigFile(&info);
+    return result;
   }
 };
 
-TEST_F(SampleConfigTest, SampleParsesIntoItsThreeGroups) {
+TEST_F(SampleConfigTest, InstalledSampleParsesIntoItsThreeGroups) {
   SetProp("ro.hardware", "mt6789");
-  testing::internal::CaptureStderr();
-  ASSERT_EQ(0, TavoConfig::ParseConfigFileAt(SamplePath().c_str(), "kmsglogcat", &info_));
-  EXPECT_EQ(kSampleDump, testing::internal::GetCapturedStderr());
-  ASSERT_EQ(3u, GroupCount());
-  EXPECT_EQ(MONITOR_NODE, GroupAt(0)->style);
-  EXPECT_EQ(MONITOR_DIR, GroupAt(1)->style);
-  EXPECT_EQ(POLL_CMD, GroupAt(2)->style);
-  for (size_t i = 0; i < 3; ++i) EXPECT_EQ(&info_, GroupAt(i)->info);
-}
-
-TEST_F(SampleConfigTest, InstalledSampleIsFoundUnderTheRoot) {
-  WriteConfig(morvotest::ReadFile(SamplePath()));
+  WriteConfig(morvotest::ReadFile(kSample));
   ASSERT_EQ(0, Parse("kmsglogcat"));
   EXPECT_EQ(kSampleDump, err_);
-  TavoConfig::FreeConfigFile(&info_);
+  EXPECT_EQ(
+      "kmsglogcat rotate=4096 files=25 | monitor_node retry=3 "
+      "out=/data/log/android_logs/kmsgcat-log node{data=/proc/kmsg} | monitor_dir "
+      "out=/data/log/android_logs/input-log dir{path=/dev/input pick=gpio-keys} | poll_cmd "
+      "every=60 out=/data/log/android_logs/battery-log cmd{battery}",
+      Describe(info_));
+  FreeConfigFile(&info_);
   EXPECT_EQ(1, Parse("chargelogcat")) << "the file exists, so there is no built-in fallback";
 }
 
-TEST_F(SampleConfigTest, ToolDumpsAFileAndGivesAVerdict) {
-  std::string out, err;
-  ASSERT_EQ(0, RunTool("kmsglogcat " + SamplePath(), &out, &err));
-  EXPECT_EQ(kSampleDump, err);
-  EXPECT_EQ("kmsglogcat: valid configuration in " + SamplePath() + "\n", out);
-  EXPECT_EQ(1, RunTool("chargelogcat " + SamplePath(), &out, &err));
-  EXPECT_EQ("", err);
-  EXPECT_EQ("chargelogcat: no valid configuration in " + SamplePath() + "\n", out);
+// The tool says what the collector would do, with the same messages.
+TEST_F(SampleConfigTest, CheckerAndCollectorAgreeOnEveryFile) {
+  SetProp("ro.hardware", "qcom");
+  std::string corpus = SourceFile("fuzz/corpus/config_fuzzer/");
+  std::string doctype = root_.Under("/doctype.xml");
+  morvotest::WriteFile(doctype, "<!DOCTYPE config>\n" + Instance(KmsgGroup()));
+  const int kAny = -1;
+  const struct {
+    std::string path;
+    const char* name;
+    int verdict;
+    const char* errEnd;  // null: any
+  } cases[] = {
+      {kSample, "kmsglogcat", 0, kSampleDump},
+      {kSample, "chargelogcat", 1, nullptr},
+      {corpus + "sample.xml", "kmsglogcat", 0, nullptr},
+      {corpus + "two_triggers.xml", "chargelogcat", 1,
+       "------------- printTavocatInfo end ---------------\n"
+       "Main:tavocat [chargelogcat] has more than one cond_trigger group, refused!\n"},
+      {corpus + "broken.xml", "kmsglogcat", 1, nullptr},
+      {corpus + "entities.xml", "kmsglogcat", 1, nullptr},
+      {corpus + "charge.xml", "chargelogcat", kAny, nullptr},
+      {corpus + "charge.xml", "kmsglogcat", kAny, nullptr},
+      {doctype, "kmsglogcat", 1, nullptr},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.path + " " + c.name);
+    std::string out, err, collectorErr;
+    int collector = CollectorVerdict(c.path, c.name, &collectorErr);
+    EXPECT_EQ(collector, RunTool(std::string(c.name) + " " + c.path, &out, &err));
+    EXPECT_EQ(collectorErr, err);
+    if (c.verdict != kAny) {
+      EXPECT_EQ(c.verdict, collector);
+    }
+    if (c.errEnd != nullptr) {
+      EXPECT_EQ(c.errEnd, err.substr(err.size() - std::min(err.size(), strlen(c.errEnd))));
+    }
+    EXPECT_EQ(std::string(c.name) + (collector == 0 ? ": valid" : ": no valid") +
+                  " configuration in " + c.path + "\n",
+              out);
+  }
 }
 
 TEST_F(SampleConfigTest, ToolDumpsTheBuiltinInstanceWhenNoFileIsInstalled) {
@@ -110,3 +152,4 @@ TEST_F(SampleConfigTest, ToolRefusesBadArguments) {
 }
 
 }  // namespace
+}  // namespace configtest
