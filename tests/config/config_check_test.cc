@@ -17,40 +17,29 @@ using TavoConfig::IsValidDirSet;
 using TavoConfig::IsValidNodeSet;
 using TavoConfig::ValidateTavocatInfo;
 
-// A group of the style with an output path and no sources.
-ParseCase Bare(const char* label, const char* style) {
-  return {label,
-          Instance(Group(std::string("<logStyle value=\"") + style +
-                         "\"/><outputFilePath value=\"/x\"/>")),
-          1, std::string("kmsglogcat | ") + (*style != '\0' ? style : "none") + " out=/x"};
-}
-
 const ParseCase kValidation[] = {
     {"NoGroupsFails", Instance(""), 1, "kmsglogcat"},
     {"GroupWithoutOutputPathFails",
-     Instance(Group("<logStyle value=\"monitor_node\"/>"
-                    "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>")),
-     1, "kmsglogcat | monitor_node node{data=/proc/kmsg}"},
-    Bare("GroupWithoutStyleFails", ""),
-    Bare("MonitorNodeWithoutSourcesFails", "monitor_node"),
-    Bare("MonitorDirWithoutSourcesFails", "monitor_dir"),
-    Bare("PollNodeWithoutSourcesFails", "poll_node"),
-    Bare("PollCmdWithoutSourcesFails", "poll_cmd"),
-    Bare("CondTriggerWithoutSourcesFails", "cond_trigger"),
-    {"NodeWithoutAnyDataPathFails",
-     Instance(Group("<logStyle value=\"cond_trigger\"/><outputFilePath value=\"/x\"/>"
-                    "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"
-                    "<inputNodeSet><title value=\"Title\"/><width value=\"8\"/></inputNodeSet>")),
-     1, "kmsglogcat | cond_trigger out=/x node{data=/a} node{title=Title width=8}"},
-    {"AlternativePathAloneIsEnough",
-     Instance(Group("<logStyle value=\"poll_node\"/><outputFilePath value=\"/x\"/><inputNodeSet>"
-                    "<alterdataPath value=\"/alt1\"/><alterdataPath value=\"/alt2\"/>"
-                    "</inputNodeSet>")),
-     0, "kmsglogcat | poll_node out=/x node{alt=/alt1,/alt2}"},
-    {"DirSetWithoutPathFails",
-     Instance(Group("<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/x\"/>"
-                    "<inputDirSet><pickNode value=\"gpio-keys\"/></inputDirSet>")),
-     1, "kmsglogcat | monitor_dir out=/x dir{pick=gpio-keys}"},
+     Instance(Group("<logStyle value=\"monitor_node\"/>" + DataNode("/proc/kmsg"))), 1,
+     "kmsglogcat | monitor_node node{data=/proc/kmsg}"},
+    {"GroupWithoutStyleFails", Instance(Group("<outputFilePath value=\"/o\"/>")), 1,
+     "kmsglogcat | none out=/o"},
+    GroupRow("MonitorNodeWithoutSourcesFails", "monitor_node", "", 1, ""),
+    GroupRow("MonitorDirWithoutSourcesFails", "monitor_dir", "", 1, ""),
+    GroupRow("PollNodeWithoutSourcesFails", "poll_node", "", 1, ""),
+    GroupRow("PollCmdWithoutSourcesFails", "poll_cmd", "", 1, ""),
+    GroupRow("CondTriggerWithoutSourcesFails", "cond_trigger", "", 1, ""),
+    GroupRow("NodeWithoutAnyDataPathFails", "cond_trigger",
+             DataNode("/a") +
+                 "<inputNodeSet><title value=\"Title\"/><width value=\"8\"/></inputNodeSet>",
+             1, " node{data=/a} node{title=Title width=8}"),
+    GroupRow("AlternativePathAloneIsEnough", "poll_node",
+             "<inputNodeSet><alterdataPath value=\"/alt1\"/><alterdataPath value=\"/alt2\"/>"
+             "</inputNodeSet>",
+             0, " node{alt=/alt1,/alt2}"),
+    GroupRow("DirSetWithoutPathFails", "monitor_dir",
+             "<inputDirSet><pickNode value=\"gpio-keys\"/></inputDirSet>", 1,
+             " dir{pick=gpio-keys}"),
     {"LaterInvalidGroupFailsTheTreeAndEveryGroupIsDumped",
      Instance(KmsgGroup() +
               Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/b\"/>"
@@ -63,7 +52,8 @@ const ParseCase kValidation[] = {
      Instance("<logRotateSizeKBytes value=\"4096\"/><maxCompressdFiles value=\"25\"/>"
               "<writeMode value=\"factory\"/>" +
               Group("<logStyle value=\"cond_trigger\" interval=\"5\" failureRetry=\"2\" "
-                    "cond_index=\"1\"/><inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"
+                    "cond_index=\"1\"/>" +
+                    DataNode("/a") +
                     "<inputNodeSet><title value=\"Title\"/><width value=\"8\"/>"
                     "<alterdataPath value=\"/alt1\"/><alterdataPath value=\"/alt2\"/>"
                     "</inputNodeSet>") +

@@ -1,7 +1,6 @@
 #include "config/config_test_support.h"
 
 #include <stdlib.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 
@@ -96,15 +95,6 @@ int ConfigTest::Parse(const char* name) {
   return result;
 }
 
-int ConfigTest::RunTool(const std::string& args, std::string* out, std::string* err) {
-  std::string tool = EnvOr("MORVO_BIN_DIR", "tools") + "/tavocat-config";
-  std::string outPath = root_.Under("/tool.out"), errPath = root_.Under("/tool.err");
-  int status = system((tool + " " + args + " >" + outPath + " 2>" + errPath).c_str());
-  *out = morvotest::ReadFile(outPath);
-  *err = morvotest::ReadFile(errPath);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 std::string EnvOr(const char* name, const char* fallback) {
   const char* value = getenv(name);
   return value != nullptr ? value : fallback;
@@ -134,6 +124,14 @@ std::string Utf16(const std::string& text) {
     out += '\0';
   }
   return out;
+}
+
+ParseCase GroupRow(const char* label, const char* style, const std::string& body, int result,
+                   const std::string& tree, const std::string& err) {
+  return {label,
+          Instance(Group(std::string("<logStyle value=\"") + style +
+                         "\"/><outputFilePath value=\"/o\"/>" + body)),
+          result, std::string("kmsglogcat | ") + style + " out=/o" + tree, err};
 }
 
 std::string RowName(const ::testing::TestParamInfo<ParseCase>& row) { return row.param.label; }

@@ -93,9 +93,6 @@ class ConfigTest : public ::testing::Test {
     return Parse(name);
   }
 
-  // Runs tavocat-config with args; its exit status, output and errors.
-  int RunTool(const std::string& args, std::string* out, std::string* err);
-
   morvotest::TempRoot root_;
   TavocatInfoT info_ = {};
   std::string err_;
@@ -126,6 +123,15 @@ struct ParseCase {
   std::string name = "kmsglogcat";
   std::string props = "";
 };
+
+// A row whose file holds one group of the style with output path /o, then
+// body; tree is what Describe shows past "kmsglogcat | STYLE out=/o".
+ParseCase GroupRow(const char* label, const char* style, const std::string& body, int result,
+                   const std::string& tree, const std::string& err = "$DUMP");
+// An inputNodeSet with a dataPath.
+inline std::string DataNode(const std::string& path) {
+  return "<inputNodeSet><dataPath value=\"" + path + "\"/></inputNodeSet>";
+}
 
 class ParseTest : public ConfigTest, public ::testing::WithParamInterface<ParseCase> {};
 

@@ -38,45 +38,36 @@ const ParseCase kRules[] = {
                     "failureRetry=\"-3\"/><outputFilePath value=\"/o\"/>"
                     "<inputCmdSet><command value=\"battery\"/></inputCmdSet>")),
      0, "kmsglogcat | poll_cmd every=30 retry=4 cond=2 out=/o cmd{battery}"},
-    {"FirstNonZeroWidthWins",
-     Instance(Group("<logStyle value=\"poll_node\"/><outputFilePath value=\"/o\"/>"
-                    "<inputNodeSet><dataPath value=\"/a\"/><width value=\"0\"/>"
-                    "<width value=\"-3\"/><width value=\"7\"/><width value=\"9\"/>"
-                    "</inputNodeSet>")),
-     0, "kmsglogcat | poll_node out=/o node{data=/a width=7}"},
+    GroupRow("FirstNonZeroWidthWins", "poll_node",
+             "<inputNodeSet><dataPath value=\"/a\"/><width value=\"0\"/><width value=\"-3\"/>"
+             "<width value=\"7\"/><width value=\"9\"/></inputNodeSet>",
+             0, " node{data=/a width=7}"),
     {"RootSettingsAndOutputPathLastOneWins",
      Instance(Rotate("1") + Rotate("2") + "<maxCompressdFiles value=\"3\"/>" +
               "<maxCompressdFiles value=\"4\"/>" +
-              Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/first\"/>"
-                    "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
+              Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/first\"/>" +
+                    DataNode("/proc/kmsg") +
                     "<outputFilePath value=\"/second\"/><outputFilePath/>")),
      0, "kmsglogcat rotate=2 files=4 | monitor_node out=/second node{data=/proc/kmsg}"},
-    {"NodeStringsFirstOneWinsAndListsKeepDocumentOrder",
-     Instance(Group("<logStyle value=\"poll_node\"/><outputFilePath value=\"/o\"/>"
-                    "<inputNodeSet><dataPath/><dataPath value=\"/d1\"/><dataPath value=\"/d2\"/>"
-                    "<titlePath value=\"/t1\"/><titlePath value=\"/t2\"/>"
-                    "<title value=\"T1\"/><title value=\"T2\"/><alterdataPath value=\"/a1\"/>"
-                    "<alterdataPath/><alterdataPath value=\"/a2\"/></inputNodeSet>"
-                    "<inputNodeSet><alterdataPath value=\"/b\"/></inputNodeSet>")),
-     0,
-     "kmsglogcat | poll_node out=/o node{data=/d1 titlePath=/t1 title=T1 alt=/a1,/a2} "
-     "node{alt=/b}"},
-    {"DirSetFirstPathWinsAndPickNodesAppend",
-     Instance(Group("<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/o\"/>"
-                    "<inputDirSet><pickNode value=\"a\"/><inputDirPath value=\"/dev/input\"/>"
-                    "<inputDirPath value=\"/other\"/><pickNode value=\"b\"/></inputDirSet>")),
-     0, "kmsglogcat | monitor_dir out=/o dir{path=/dev/input pick=a,b}"},
-    {"EachCmdSetKeepsItsFirstCommandInDocumentOrder",
-     Instance(Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>"
-                    "<inputCmdSet><command value=\"battery\"/><command value=\"power\"/>"
-                    "</inputCmdSet><inputCmdSet><!-- c --><command value=\"wifi\"/>"
-                    "</inputCmdSet>")),
-     0, "kmsglogcat | poll_cmd out=/o cmd{battery} cmd{wifi}"},
-    {"CmdSetWhoseFirstCommandHasNoValueFailsValidation",
-     Instance(Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>"
-                    "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
-                    "<inputCmdSet><command/><command value=\"power\"/></inputCmdSet>")),
-     1, "kmsglogcat | poll_cmd out=/o cmd{battery} cmd{}"},
+    GroupRow("NodeStringsFirstOneWinsAndListsKeepDocumentOrder", "poll_node",
+             "<inputNodeSet><dataPath/><dataPath value=\"/d1\"/><dataPath value=\"/d2\"/>"
+             "<titlePath value=\"/t1\"/><titlePath value=\"/t2\"/><title value=\"T1\"/>"
+             "<title value=\"T2\"/><alterdataPath value=\"/a1\"/><alterdataPath/>"
+             "<alterdataPath value=\"/a2\"/></inputNodeSet>"
+             "<inputNodeSet><alterdataPath value=\"/b\"/></inputNodeSet>",
+             0, " node{data=/d1 titlePath=/t1 title=T1 alt=/a1,/a2} node{alt=/b}"),
+    GroupRow("DirSetFirstPathWinsAndPickNodesAppend", "monitor_dir",
+             "<inputDirSet><pickNode value=\"a\"/><inputDirPath value=\"/dev/input\"/>"
+             "<inputDirPath value=\"/other\"/><pickNode value=\"b\"/></inputDirSet>",
+             0, " dir{path=/dev/input pick=a,b}"),
+    GroupRow("EachCmdSetKeepsItsFirstCommandInDocumentOrder", "poll_cmd",
+             "<inputCmdSet><command value=\"battery\"/><command value=\"power\"/></inputCmdSet>"
+             "<inputCmdSet><!-- c --><command value=\"wifi\"/></inputCmdSet>",
+             0, " cmd{battery} cmd{wifi}"),
+    GroupRow("CmdSetWhoseFirstCommandHasNoValueFailsValidation", "poll_cmd",
+             "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
+             "<inputCmdSet><command/><command value=\"power\"/></inputCmdSet>",
+             1, " cmd{battery} cmd{}"),
     {"FirstMatchingTavocatEntryIsUsed",
      "<config><tavocat name=\"kmsglogcat\" platform=\"Qcom\">" + KmsgGroup() + Rotate("1") +
          "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Qcom\">" + KmsgGroup() + Rotate("2") +
@@ -87,41 +78,32 @@ const ParseCase kRules[] = {
                                   "<inputCmdSet><command value=\"battery\"/></inputCmdSet>")),
      0, std::string("kmsglogcat") + kKmsgTree + " | poll_cmd out=/two cmd{battery}"},
     // The order rule: sources count only after a logStyle of their kind.
-    {"NodesBeforeLogStyleAreDroppedSilently",
-     Instance(Group("<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
-                    "<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>")),
-     1, "kmsglogcat | monitor_node out=/o"},
-    {"DirSetBeforeLogStyleIsDroppedSilently",
-     Instance(Group("<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"
-                    "<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/o\"/>")),
-     1, "kmsglogcat | monitor_dir out=/o"},
-    {"CmdSetBeforeLogStyleIsDroppedSilently",
-     Instance(Group("<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
-                    "<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/o\"/>")),
-     1, "kmsglogcat | poll_cmd out=/o"},
-    {"SourcesOfAnotherStyleAreIgnored",
-     Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>"
-                    "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
-                    "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>")),
-     1, "kmsglogcat | monitor_node out=/o"},
+    {"SourcesBeforeLogStyleAreDroppedSilently",
+     Instance(Group(DataNode("/proc/kmsg") + "<logStyle value=\"monitor_node\"/>") +
+              Group("<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"
+                    "<logStyle value=\"monitor_dir\"/>") +
+              Group("<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
+                    "<logStyle value=\"poll_cmd\"/>")),
+     1, "kmsglogcat | monitor_node | monitor_dir | poll_cmd"},
+    GroupRow("SourcesOfAnotherStyleAreIgnored", "monitor_node",
+             "<inputCmdSet><command value=\"battery\"/></inputCmdSet>"
+             "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>",
+             1, ""),
     // The rest of the element is still read.
     {"StyleDoesNotChangeOnceSourcesAreHeld",
-     Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>"
-                    "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>"
-                    "<logStyle value=\"poll_cmd\" interval=\"9\"/>"
+     Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"/o\"/>" +
+                    DataNode("/proc/kmsg") + "<logStyle value=\"poll_cmd\" interval=\"9\"/>" +
                     "<inputCmdSet><command value=\"battery\"/></inputCmdSet>")),
      0, "kmsglogcat | monitor_node every=9 out=/o node{data=/proc/kmsg}"},
     {"StyleMayChangeBeforeAnySource",
      Instance(Group("<logStyle value=\"poll_cmd\"/><logStyle value=\"cond_trigger\"/>"
-                    "<outputFilePath value=\"/o\"/>"
-                    "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>")),
+                    "<outputFilePath value=\"/o\"/>" +
+                    DataNode("/a"))),
      0, "kmsglogcat | cond_trigger out=/o node{data=/a}"},
-    {"SecondDirSetIsReportedAndSkipped",
-     Instance(Group("<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/o\"/>"
-                    "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"
-                    "<inputDirSet><inputDirPath value=\"/other\"/></inputDirSet>")),
-     0, "kmsglogcat | monitor_dir out=/o dir{path=/dev/input}",
-     "Only support one inputDirSet!\n$DUMP"},
+    GroupRow("SecondDirSetIsReportedAndSkipped", "monitor_dir",
+             "<inputDirSet><inputDirPath value=\"/dev/input\"/></inputDirSet>"
+             "<inputDirSet><inputDirPath value=\"/other\"/></inputDirSet>",
+             0, " dir{path=/dev/input}", "Only support one inputDirSet!\n$DUMP"),
     {"UnknownGroupChildrenAreReportedOthersIgnoredSilently",
      Instance("<extra value=\"1\"/>text<!-- note -->" +
               Group("<LogStyle value=\"poll_cmd\"/><logStyle value=\"monitor_node\"/>"
@@ -130,8 +112,8 @@ const ParseCase kRules[] = {
      0, "kmsglogcat | monitor_node out=/o node{data=/a}",
      "Unsupport tavocatGroup para [LogStyle]!\nUnsupport tavocatGroup para [colour]!\n$DUMP"},
     {"UnknownStyleNameLeavesNoStyleAndFails",
-     Instance(Group("<logStyle value=\"Monitor_node\"/><outputFilePath value=\"/o\"/>"
-                    "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>")),
+     Instance(Group("<logStyle value=\"Monitor_node\"/><outputFilePath value=\"/o\"/>" +
+                    DataNode("/a"))),
      1, "kmsglogcat | none out=/o"},
 };
 

@@ -13,9 +13,6 @@ namespace configtest {
 namespace {
 
 using TavoConfig::GetPlatformInfo;
-using TavoConfig::IsChipsetVendorVer;
-using TavoConfig::IsFactoryVer;
-using TavoConfig::IsRecoveryMode;
 using TavoConfig::IsRightPlatform;
 
 class PlatformTest : public ConfigTest {};
@@ -54,33 +51,6 @@ TEST_F(PlatformTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
     if (c.attribute != nullptr) xmlNewProp(element, BAD_CAST "platform", BAD_CAST c.attribute);
     EXPECT_EQ(c.accepted, IsRightPlatform(element)) << c.attribute;
     xmlFreeNode(element);
-  }
-}
-
-// Each probe needs its exact value.
-TEST_F(PlatformTest, BuildProbesNeedTheExactValues) {
-  const struct {
-    const char* runmode;
-    const char* buildType;
-    const char* ovra;
-    const char* recovery;
-    bool factory, chipsetVendor, recoveryMode;
-  } cases[] = {
-      {"factory1", "user", "", "stopped", false, false, false},
-      {"Factory", "eng", "12.0", "running ", false, false, false},
-      {"factory", "eng", "", "running", true, true, true},
-      {"", "engx", "", "", false, false, false},
-  };
-  EXPECT_FALSE(IsFactoryVer() || IsChipsetVendorVer() || IsRecoveryMode());
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.runmode) + " " + c.buildType + " " + c.ovra + " " + c.recovery);
-    SetProp("ro.runmode", c.runmode);
-    SetProp("ro.build.type", c.buildType);
-    SetProp("ro.build.version.ovra", c.ovra);
-    SetProp("init.svc.recovery", c.recovery);
-    EXPECT_EQ(c.factory, IsFactoryVer());
-    EXPECT_EQ(c.chipsetVendor, IsChipsetVendorVer());
-    EXPECT_EQ(c.recoveryMode, IsRecoveryMode());
   }
 }
 
@@ -141,11 +111,15 @@ const ParseCase kPlatformAndBuild[] = {
     Mode("EngBuildWithPlatformVersionIsOrdinary", "ro.build.type=eng;ro.build.version.ovra=12.0",
          kMmap, false),
     // Factory and chipset vendor builds force factory wherever writeMode is
-    // given; no writeMode element keeps the zero-filled mode.
+    // given; no writeMode element keeps the zero-filled mode. Each probe
+    // needs its exact value.
     Mode("FactoryBuildForcesFactory", "ro.runmode=factory;ro.build.type=user", kMmap, true),
     Mode("FactoryBuildWithoutWriteMode", "ro.runmode=factory;ro.build.type=user", "", false),
     Mode("ChipsetVendorBuildForcesFactory", "ro.build.type=eng", kMmap, true),
     Mode("ChipsetVendorBuildWithoutWriteMode", "ro.build.type=eng", "", false),
+    Mode("RunmodeWithASuffixIsOrdinary", "ro.runmode=factory1", kMmap, false),
+    Mode("RunmodeInCapitalsIsOrdinary", "ro.runmode=Factory", kMmap, false),
+    Mode("BuildTypeWithASuffixIsOrdinary", "ro.build.type=engx", kMmap, false),
 };
 
 INSTANTIATE_TEST_SUITE_P(PlatformAndBuild, ParseTest, testing::ValuesIn(kPlatformAndBuild),
