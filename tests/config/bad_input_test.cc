@@ -17,9 +17,8 @@ namespace {
 
 const std::string kLongName(300, 'n');
 // Uses entity e where a harmful value would land in the tree.
-const std::string kUseEntity =
-    Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath value=\"&e;\"/>"
-                   "<inputNodeSet><dataPath value=\"/a\"/></inputNodeSet>"));
+const std::string kUseEntity = Instance(
+    Group(Values("logStyle=monitor_node outputFilePath=&e;") + Set("inputNodeSet", "dataPath=/a")));
 const char kRefused[] = "Config file [$PATH]: DOCTYPE is not allowed!\n";
 
 std::string DeepNesting() {
@@ -46,11 +45,10 @@ const ParseCase kBadInput[] = {
     {"RootWithTextOnly", "<config>text only</config>", 1, "", ""},
     // An empty value is kept as an empty string; an empty node is still linked.
     {"EmptyAttributesFailValidation",
-     Instance(Group("<logStyle/><outputFilePath value=\"\"/>"
-                    "<inputNodeSet><dataPath value=\"\"/></inputNodeSet>")),
-     1, "kmsglogcat | none out=\"\""},
+     Instance(Group(Values("logStyle outputFilePath=") + Set("inputNodeSet", "dataPath="))), 1,
+     "kmsglogcat | none out=\"\""},
     {"MissingAttributesFailValidation",
-     Instance(Group("<logStyle value=\"monitor_node\"/><outputFilePath/><inputNodeSet/>")), 1,
+     Instance(Group(Values("logStyle=monitor_node outputFilePath inputNodeSet"))), 1,
      "kmsglogcat | monitor_node node{}"},
     {"InstanceNameIsCutAt256Characters",
      Instance(KmsgGroup(), "name=\"" + kLongName + "\" platform=\"Qcom\""), 0,

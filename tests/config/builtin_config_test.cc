@@ -10,6 +10,7 @@
 #include "config/alloc_failure.h"
 #include "config/config_parser.h"
 #include "config/config_test_support.h"
+#include "config/parse_apart.h"
 
 namespace configtest {
 namespace {
@@ -71,6 +72,7 @@ TEST_F(BuiltinTest, OtherNamesAndNullArgumentsHaveNoInstance) {
   EXPECT_EQ(1, ParseDefault(nullptr, info_));
   EXPECT_EQ(1, TavoConfig::ParseConfigFile(nullptr, &info_));
   EXPECT_EQ(1, TavoConfig::ParseConfigFile("kmsglogcat", nullptr));
+  EXPECT_EQ(1, TavoConfig::ParseConfigFileApart(nullptr, &info_));
 }
 
 TEST_F(BuiltinTest, NodeSetBuildersPushAtTheFrontOfTheList) {

@@ -20,9 +20,9 @@ using TavoConfig::ValidateTavocatInfo;
 const ParseCase kValidation[] = {
     {"NoGroupsFails", Instance(""), 1, "kmsglogcat"},
     {"GroupWithoutOutputPathFails",
-     Instance(Group("<logStyle value=\"monitor_node\"/>" + DataNode("/proc/kmsg"))), 1,
-     "kmsglogcat | monitor_node node{data=/proc/kmsg}"},
-    {"GroupWithoutStyleFails", Instance(Group("<outputFilePath value=\"/o\"/>")), 1,
+     Instance(Group(Values("logStyle=monitor_node") + Set("inputNodeSet", "dataPath=/a"))), 1,
+     "kmsglogcat | monitor_node node{data=/a}"},
+    {"GroupWithoutStyleFails", Instance(Group(Values("outputFilePath=/o"))), 1,
      "kmsglogcat | none out=/o"},
     GroupRow("MonitorNodeWithoutSourcesFails", "monitor_node", "", 1, ""),
     GroupRow("MonitorDirWithoutSourcesFails", "monitor_dir", "", 1, ""),
@@ -30,37 +30,33 @@ const ParseCase kValidation[] = {
     GroupRow("PollCmdWithoutSourcesFails", "poll_cmd", "", 1, ""),
     GroupRow("CondTriggerWithoutSourcesFails", "cond_trigger", "", 1, ""),
     GroupRow("NodeWithoutAnyDataPathFails", "cond_trigger",
-             DataNode("/a") +
-                 "<inputNodeSet><title value=\"Title\"/><width value=\"8\"/></inputNodeSet>",
-             1, " node{data=/a} node{title=Title width=8}"),
+             Set("inputNodeSet", "dataPath=/a") + Set("inputNodeSet", "title=Title width=8"), 1,
+             " node{data=/a} node{title=Title width=8}"),
     GroupRow("AlternativePathAloneIsEnough", "poll_node",
-             "<inputNodeSet><alterdataPath value=\"/alt1\"/><alterdataPath value=\"/alt2\"/>"
-             "</inputNodeSet>",
-             0, " node{alt=/alt1,/alt2}"),
-    GroupRow("DirSetWithoutPathFails", "monitor_dir",
-             "<inputDirSet><pickNode value=\"gpio-keys\"/></inputDirSet>", 1,
+             Set("inputNodeSet", "alterdataPath=/alt1 alterdataPath=/alt2"), 0,
+             " node{alt=/alt1,/alt2}"),
+    GroupRow("DirSetWithoutPathFails", "monitor_dir", Set("inputDirSet", "pickNode=gpio-keys"), 1,
              " dir{pick=gpio-keys}"),
     {"LaterInvalidGroupFailsTheTreeAndEveryGroupIsDumped",
      Instance(KmsgGroup() +
-              Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/b\"/>"
-                    "<inputCmdSet><command value=\"battery\"/></inputCmdSet>") +
-              Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/c\"/>")),
+              Group(Values("logStyle=poll_cmd outputFilePath=/b") +
+                    Set("inputCmdSet", "command=battery")) +
+              Group(Values("logStyle=poll_cmd outputFilePath=/c"))),
      1,
      std::string("kmsglogcat") + kKmsgTree + " | poll_cmd out=/b cmd{battery} | poll_cmd out=/c"},
     // Every line of the dump, with "nullptr" for each missing string.
     {"DumpShowsEveryFieldAndMissingStrings",
-     Instance("<logRotateSizeKBytes value=\"4096\"/><maxCompressdFiles value=\"25\"/>"
-              "<writeMode value=\"factory\"/>" +
+     Instance(Values("logRotateSizeKBytes=4096 maxCompressdFiles=25 writeMode=factory") +
               Group("<logStyle value=\"cond_trigger\" interval=\"5\" failureRetry=\"2\" "
                     "cond_index=\"1\"/>" +
-                    DataNode("/a") +
-                    "<inputNodeSet><title value=\"Title\"/><width value=\"8\"/>"
-                    "<alterdataPath value=\"/alt1\"/><alterdataPath value=\"/alt2\"/>"
-                    "</inputNodeSet>") +
-              Group("<logStyle value=\"monitor_dir\"/><outputFilePath value=\"/d\"/>"
-                    "<inputDirSet><pickNode value=\"gpio-keys\"/></inputDirSet>") +
-              Group("<logStyle value=\"poll_cmd\"/><outputFilePath value=\"/c\"/>"
-                    "<inputCmdSet><command value=\"battery\"/></inputCmdSet><inputCmdSet/>")),
+                    Set("inputNodeSet", "dataPath=/a") +
+                    Set("inputNodeSet",
+                        "title=Title width=8 alterdataPath=/alt1 "
+                        "alterdataPath=/alt2")) +
+              Group(Values("logStyle=monitor_dir outputFilePath=/d") +
+                    Set("inputDirSet", "pickNode=gpio-keys")) +
+              Group(Values("logStyle=poll_cmd outputFilePath=/c") +
+                    Set("inputCmdSet", "command=battery") + "<inputCmdSet/>")),
      1,
      "kmsglogcat rotate=4096 files=25 factory | cond_trigger every=5 retry=2 cond=1 "
      "node{data=/a} node{title=Title width=8 alt=/alt1,/alt2} | monitor_dir out=/d "
@@ -110,6 +106,8 @@ const ParseCase kValidation[] = {
 
 INSTANTIATE_TEST_SUITE_P(Validation, ParseTest, testing::ValuesIn(kValidation), RowName);
 
+class ValidateTest : public ConfigTest {};
+
 // Validates with standard error kept in dump.
 int Validate(const TavocatInfoT& info, std::string* dump) {
   testing::internal::CaptureStderr();
@@ -118,7 +116,7 @@ int Validate(const TavocatInfoT& info, std::string* dump) {
   return result;
 }
 
-TEST(ValidateTest, ZeroRootFailsAfterDumpingPlaceholders) {
+TEST_F(ValidateTest, ZeroRootFailsAfterDumpingPlaceholders) {
   TavocatInfoT info = {};
   std::string dump;
   EXPECT_EQ(1, Validate(info, &dump));
@@ -133,26 +131,20 @@ TEST(ValidateTest, ZeroRootFailsAfterDumpingPlaceholders) {
 }
 
 // A style past the known ones fails even with sources, which are not shown.
-TEST(ValidateTest, UnknownStyleWithSourcesFails) {
-  TavocatInputNodeSetT node = {};
-  char path[] = "/a", name[] = "kmsglogcat";
-  node.dataPath = path;
-  TavocatInfoT info = {};
-  TavocatGroupT group = {};
-  group.style = static_cast<LogStyle>(6);
-  group.inputSet = &node;
-  group.outputFilePath = path;
-  info.name = name;
-  info.groups = &group;
+TEST_F(ValidateTest, UnknownStyleWithSourcesFails) {
+  WriteConfig(Instance(KmsgGroup()));
+  ASSERT_EQ(0, Parse());
+  info_.groups->style = static_cast<LogStyle>(6);
   std::string dump;
-  EXPECT_EQ(1, Validate(info, &dump));
+  EXPECT_EQ(1, Validate(info_, &dump));
+  info_.groups->style = TavoCommon::MONITOR_NODE;
   EXPECT_NE(std::string::npos, dump.find("style             : 6\n"
-                                         "outputFilePath    : /a\n"
+                                         "outputFilePath    : /data/log/k\n"
                                          "~~~~~~ TavocatGroup end ~~~~~~~~\n"))
       << dump;
 }
 
-TEST(ValidateTest, NullSetsAreNotValidAndPrintNothing) {
+TEST_F(ValidateTest, NullSetsAreNotValidAndPrintNothing) {
   EXPECT_FALSE(IsValidNodeSet(nullptr));
   EXPECT_FALSE(IsValidDirSet(nullptr));
   EXPECT_FALSE(IsValidCmdSet(nullptr));

@@ -1,15 +1,20 @@
 #include "config/config_test_support.h"
 
 #include <stdlib.h>
+#include <sys/resource.h>
 
 #include <algorithm>
+#include <sstream>
 
 #include "config/config_check.h"
 #include "config/config_parser.h"
+#include "config/parse_apart.h"
 
 namespace configtest {
 
 namespace {
+
+using TavoCommon::TavocatInputDirSetT;
 
 std::string Quoted(const char* value) { return *value != '\0' ? value : "\"\""; }
 
@@ -29,24 +34,27 @@ std::string Field(const char* key, const TavocatStrListT* list) {
   return !out.empty() ? std::string(" ") + key + "=" + out : "";
 }
 
+// " kind{fields}", without the fields' leading space.
+std::string Record(const char* kind, const std::string& fields) {
+  return std::string(" ") + kind + "{" + (fields.empty() ? "" : fields.substr(1)) + "}";
+}
+
 std::string Sources(const TavocatGroupT& group) {
   std::string out;
   if (TavoCommon::IsNodeStyle(group.style)) {
     for (auto* node = static_cast<const TavocatInputNodeSetT*>(group.inputSet); node != nullptr;
          node = node->next) {
-      std::string fields = Field("data", node->dataPath) + Field("titlePath", node->titlePath) +
-                           Field("title", node->title) + Field("width", node->width) +
-                           Field("alt", node->alterDataPath);
-      out += " node{" + (fields.empty() ? "" : fields.substr(1)) + "}";
+      out += Record("node", Field("data", node->dataPath) + Field("titlePath", node->titlePath) +
+                                Field("title", node->title) + Field("width", node->width) +
+                                Field("alt", node->alterDataPath));
     }
-  } else if (group.style == MONITOR_DIR && group.inputSet != nullptr) {
+  } else if (group.style == TavoCommon::MONITOR_DIR && group.inputSet != nullptr) {
     auto* dir = static_cast<const TavocatInputDirSetT*>(group.inputSet);
-    std::string fields = Field("path", dir->inputDirPath) + Field("pick", dir->pickNode);
-    out += " dir{" + (fields.empty() ? "" : fields.substr(1)) + "}";
+    out += Record("dir", Field("path", dir->inputDirPath) + Field("pick", dir->pickNode));
   } else if (group.style == POLL_CMD) {
     for (auto* cmd = static_cast<const TavocatInputCmdSetT*>(group.inputSet); cmd != nullptr;
          cmd = cmd->next) {
-      out += " cmd{" + (cmd->command != nullptr ? Quoted(cmd->command) : "") + "}";
+      out += Record("cmd", cmd->command != nullptr ? " " + Quoted(cmd->command) : "");
     }
   } else if (group.inputSet != nullptr) {
     out += " sources?";
@@ -66,26 +74,31 @@ std::string Replace(std::string text, const std::string& from, const std::string
 
 }  // namespace
 
+std::string Values(const std::string& words) {
+  std::istringstream in(words);
+  std::string out, word;
+  while (in >> word) {
+    size_t eq = word.find('=');
+    out += "<" + word.substr(0, eq) +
+           (eq == std::string::npos ? "" : " value=\"" + word.substr(eq + 1) + "\"") + "/>";
+  }
+  return out;
+}
+
 std::string Describe(const TavocatInfoT& info) {
-  std::string out = (info.name != nullptr ? " " + Quoted(info.name) : "") +
-                    Field("rotate", info.rotateSizeKbytes) +
-                    Field("files", info.maxCompressdFiles) +
-                    (info.writeMode == FACTORY_WRITE ? " factory" : Field("mode", info.writeMode));
+  std::string out =
+      (info.name != nullptr ? " " + Quoted(info.name) : "") +
+      Field("rotate", info.rotateSizeKbytes) + Field("files", info.maxCompressdFiles) +
+      (info.writeMode == TavoCommon::FACTORY_WRITE ? " factory" : Field("mode", info.writeMode));
   for (const TavocatGroupT* group = info.groups; group != nullptr; group = group->next) {
     out += " |";
-    out += group->style <= COND_TRIGGER ? std::string(" ") + kStyleNames[group->style]
-                                        : Field("style", group->style);
+    out += group->style <= TavoCommon::COND_TRIGGER ? std::string(" ") + kStyleNames[group->style]
+                                                    : Field("style", group->style);
     out += Field("every", group->pollingInterval) + Field("retry", group->failureRetry) +
            Field("cond", group->condIndex) + Field("out", group->outputFilePath) + Sources(*group);
     if (group->info != &info) out += " info?";
   }
   return out.empty() ? out : out.substr(1);
-}
-
-std::string Dump(const TavocatInfoT& info) {
-  testing::internal::CaptureStderr();
-  TavoConfig::PrintTavocatInfo(info);
-  return testing::internal::GetCapturedStderr();
 }
 
 int ConfigTest::Parse(const char* name) {
@@ -119,42 +132,39 @@ std::string QuadraticBlowup() {
 
 std::string Utf16(const std::string& text) {
   std::string out = "\xff\xfe";
-  for (char c : text) {
-    out += c;
-    out += '\0';
-  }
+  for (char c : text) out += std::string{c, '\0'};
   return out;
 }
 
 ParseCase GroupRow(const char* label, const char* style, const std::string& body, int result,
                    const std::string& tree, const std::string& err) {
   return {label,
-          Instance(Group(std::string("<logStyle value=\"") + style +
-                         "\"/><outputFilePath value=\"/o\"/>" + body)),
+          Instance(Group(Values(std::string("logStyle=") + style + " outputFilePath=/o") + body)),
           result, std::string("kmsglogcat | ") + style + " out=/o" + tree, err};
 }
 
 std::string RowName(const ::testing::TestParamInfo<ParseCase>& row) { return row.param.label; }
 
-// Sets the row's properties, parses its file, and compares.
-TEST_P(ParseTest, GivesItsTreeResultAndMessages) {
+TEST_P(ParseTest, GivesItsTreeResultAndMessagesHereAndInAChild) {
   const ParseCase& c = GetParam();
   for (size_t at = 0, end; at < c.props.size(); at = end + 1) {
     end = std::min(c.props.find(';', at), c.props.size());
-    std::string pair = c.props.substr(at, end - at);
-    size_t eq = pair.find('=');
-    SetProp(pair.substr(0, eq).c_str(), pair.substr(eq + 1).c_str());
+    size_t eq = c.props.find('=', at);
+    SetProp(c.props.substr(at, eq - at).c_str(), c.props.substr(eq + 1, end - eq - 1).c_str());
   }
   // Files a hostile DOCTYPE may name.
   morvotest::WriteFile(root_.Under("/secret"), "SECRET-TEXT");
   morvotest::WriteFile(root_.Under("/defaults.dtd"),
                        "<!ATTLIST outputFilePath value CDATA \"/from-dtd\">\n");
-  int result = c.xml == kNoFile ? Parse(c.name.c_str())
-                                : ParseXml(Replace(c.xml, "$ROOT", root_.path()), c.name.c_str());
-  EXPECT_EQ(c.result, result);
-  EXPECT_EQ(c.tree, Describe(info_));
+  if (c.xml != kNoFile) WriteConfig(Replace(c.xml, "$ROOT", root_.path()));
+  EXPECT_EQ(c.result, Parse(c.name.c_str()));
+  std::string tree = Describe(info_);
+  EXPECT_EQ(c.tree, tree);
+  testing::internal::CaptureStderr();
+  TavoConfig::PrintTavocatInfo(info_);
+  std::string dump = testing::internal::GetCapturedStderr();
   if (c.err != kXmlErrors) {
-    EXPECT_EQ(Replace(Replace(c.err, "$PATH", ConfigPath()), "$DUMP", Dump(info_)), err_);
+    EXPECT_EQ(Replace(Replace(c.err, "$PATH", ConfigPath()), "$DUMP", dump), err_);
   } else {
     // One line per diagnostic, each naming the file, and no dump.
     ASSERT_FALSE(err_.empty());
@@ -167,6 +177,15 @@ TEST_P(ParseTest, GivesItsTreeResultAndMessages) {
   FreeConfigFile(&info_);
   FreeConfigFile(&info_);
   EXPECT_EQ("", Describe(info_));
+  // The child gives the same result and messages, and brings back a tree
+  // only on success. No row lets a child near its memory bound.
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(c.result, TavoConfig::ParseConfigFileApart(c.name.c_str(), &info_));
+  EXPECT_EQ(err_, testing::internal::GetCapturedStderr());
+  EXPECT_EQ(c.result == 0 ? tree : "", Describe(info_));
+  struct rusage children;
+  ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &children));
+  EXPECT_LT(children.ru_maxrss, long{TavoConfig::kParseLimits.memoryGrowth >> 10});
 }
 
 }  // namespace configtest

@@ -3,7 +3,7 @@
 
 // A temporary device root with a configuration file and system properties,
 // a root record that is freed after each test, the parser's standard error
-// captured, and the table of parse cases that most tests are rows of.
+// captured, and the table of parse cases most tests are rows of.
 
 #include <gtest/gtest.h>
 
@@ -16,48 +16,39 @@
 
 namespace configtest {
 
-using TavoCommon::COND_TRIGGER;
-using TavoCommon::FACTORY_WRITE;
 using TavoCommon::kConfigFilePath;
-using TavoCommon::LOG_STYLE_NONE;
 using TavoCommon::LogStyle;
-using TavoCommon::MMAP_WRITE;
-using TavoCommon::MONITOR_DIR;
-using TavoCommon::MONITOR_NODE;
 using TavoCommon::POLL_CMD;
-using TavoCommon::POLL_NODE;
 using TavoCommon::TavocatGroupT;
 using TavoCommon::TavocatInfoT;
 using TavoCommon::TavocatInputCmdSetT;
-using TavoCommon::TavocatInputDirSetT;
 using TavoCommon::TavocatInputNodeSetT;
 using TavoCommon::TavocatStrListT;
 using TavoConfig::CopyString;
 using TavoConfig::FreeConfigFile;
 
+// Elements from words: "name=value" is <name value="value"/>, a bare "name"
+// is <name/>.
+std::string Values(const std::string& words);
+// <set>Values(words)</set>
+inline std::string Set(const std::string& set, const std::string& words) {
+  return "<" + set + ">" + Values(words) + "</" + set + ">";
+}
+inline std::string Group(const std::string& body) {
+  return "<tavocatGroup>" + body + "</tavocatGroup>\n";
+}
 // <config><tavocat ATTRS>BODY</tavocat></config>
 inline std::string Instance(const std::string& body,
                             const std::string& attrs = "name=\"kmsglogcat\" platform=\"Qcom\"") {
   return "<config>\n<tavocat " + attrs + ">\n" + body + "</tavocat>\n</config>\n";
 }
 
-inline std::string Group(const std::string& body) {
-  return "<tavocatGroup>" + body + "</tavocatGroup>\n";
-}
-
-// A group that passes validation, for tests about the root's settings, and
-// how Describe shows it.
+// A group that passes validation, and how Describe shows it.
 inline std::string KmsgGroup() {
-  return Group(
-      "<logStyle value=\"monitor_node\"/><outputFilePath value=\"/data/log/k\"/>"
-      "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>");
+  return Group(Values("logStyle=monitor_node outputFilePath=/data/log/k") +
+               Set("inputNodeSet", "dataPath=/proc/kmsg"));
 }
 constexpr const char kKmsgTree[] = " | monitor_node out=/data/log/k node{data=/proc/kmsg}";
-
-// The refusal of a file at path that declares a DOCTYPE.
-inline std::string DoctypeRefused(const std::string& path) {
-  return "Config file [" + path + "]: DOCTYPE is not allowed!\n";
-}
 
 // Internal subsets declaring entity e: ten levels of ten references each
 // (10^10 copies), and one 100 KB text referenced in attribute values.
@@ -71,8 +62,6 @@ std::string Utf16(const std::string& text);
 // empty string shows as "". A group that does not point back at its root
 // says so.
 std::string Describe(const TavocatInfoT& info);
-// The dump PrintTavocatInfo gives of info.
-std::string Dump(const TavocatInfoT& info);
 
 class ConfigTest : public ::testing::Test {
  protected:
@@ -87,11 +76,6 @@ class ConfigTest : public ::testing::Test {
 
   // ParseConfigFile on info_, with standard error kept in err_.
   int Parse(const char* name = "kmsglogcat");
-  // Writes the file, then parses it.
-  int ParseXml(const std::string& xml, const char* name = "kmsglogcat") {
-    WriteConfig(xml);
-    return Parse(name);
-  }
 
   morvotest::TempRoot root_;
   TavocatInfoT info_ = {};
@@ -110,10 +94,11 @@ constexpr const char kNoFile[] = "(no file)";
 // Marks a row whose errors are libxml2's: each line names the file.
 constexpr const char kXmlErrors[] = "(xml errors)";
 
-// One parse: the file (kNoFile for none; "$ROOT" stands for the temporary
-// root) read for an instance under some properties ("key=value;..."), and
-// the result, tree and standard error it must give. In err, "$PATH" stands
-// for the file's path and "$DUMP" for the tree's dump.
+// One parse, here and in a child process: the file (kNoFile for none;
+// "$ROOT" stands for the temporary root) read for an instance under some
+// properties ("key=value;..."), and the result, tree and standard error it
+// must give. In err, "$PATH" stands for the file's path and "$DUMP" for the
+// tree's dump.
 struct ParseCase {
   const char* label;
   std::string xml;
@@ -124,18 +109,16 @@ struct ParseCase {
   std::string props = "";
 };
 
-// A row whose file holds one group of the style with output path /o, then
-// body; tree is what Describe shows past "kmsglogcat | STYLE out=/o".
-ParseCase GroupRow(const char* label, const char* style, const std::string& body, int result,
-                   const std::string& tree, const std::string& err = "$DUMP");
-// An inputNodeSet with a dataPath.
-inline std::string DataNode(const std::string& path) {
-  return "<inputNodeSet><dataPath value=\"" + path + "\"/></inputNodeSet>";
-}
+inline void PrintTo(const ParseCase& row, std::ostream* out) { *out << row.label; }
 
 class ParseTest : public ConfigTest, public ::testing::WithParamInterface<ParseCase> {};
 
 std::string RowName(const ::testing::TestParamInfo<ParseCase>& row);
+
+// A row whose file holds one group of the style with output path /o, then
+// body; tree is what Describe shows past "kmsglogcat | STYLE out=/o".
+ParseCase GroupRow(const char* label, const char* style, const std::string& body, int result,
+                   const std::string& tree, const std::string& err = "$DUMP");
 
 }  // namespace configtest
 
