@@ -8,12 +8,15 @@
 
 #include <string>
 
-#include "config/alloc_failure.h"
 #include "config/config_check.h"
 #include "config/config_test_support.h"
+#include "support/alloc_failure.h"
 
 namespace configtest {
 namespace {
+
+using morvotest::FailNothrowAllocation;
+using morvotest::NothrowAllocations;
 
 const std::string kLongName(300, 'n');
 // Uses entity e where a harmful value would land in the tree.

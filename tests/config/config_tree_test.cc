@@ -1,18 +1,23 @@
-// The tree's building blocks: string copies and the release of records.
+// The tree's building blocks (string copies, the release of records), and
+// validation and dump of trees no file gives.
 
 #include "config/config_tree.h"
 
 #include <gtest/gtest.h>
 
-#include "config/alloc_failure.h"
+#include "config/config_check.h"
 #include "config/config_test_support.h"
+#include "support/alloc_failure.h"
 
 namespace configtest {
 namespace {
 
-using TavoConfig::AppendToList;
+using morvotest::FailNothrowAllocation;
 using TavoConfig::FreeInputNodeList;
 using TavoConfig::FreeInputNodeSet;
+using TavoConfig::IsValidCmdSet;
+using TavoConfig::IsValidDirSet;
+using TavoConfig::IsValidNodeSet;
 
 TEST(CopyStringTest, CopiesReplacesCutsAndKeepsEmptyDistinctFromMissing) {
   char* field = nullptr;
@@ -29,10 +34,7 @@ TEST(CopyStringTest, CopiesReplacesCutsAndKeepsEmptyDistinctFromMissing) {
   EXPECT_EQ(1, CopyString(nullptr, &field));
   EXPECT_EQ(nullptr, field);
   EXPECT_EQ(1, CopyString("x", nullptr));
-}
-
-TEST(CopyStringTest, FailedAllocationLeavesTheFieldNull) {
-  char* field = nullptr;
+  // So does a failed allocation.
   ASSERT_EQ(0, CopyString("old", &field));
   FailNothrowAllocation(0);
   EXPECT_EQ(1, CopyString("new", &field));
@@ -70,14 +72,53 @@ TEST(FreeListTest, SingleRecordFreesDoNotFollowNext) {
   EXPECT_EQ(nullptr, second);
 }
 
-TEST(AppendToListTest, AppendsAtTheTailInOrder) {
-  TavocatStrListT* head = nullptr;
-  TavocatStrListT entries[3] = {};
-  for (auto& entry : entries) AppendToList(head, &entry);
-  EXPECT_EQ(&entries[0], head);
-  EXPECT_EQ(&entries[1], entries[0].next);
-  EXPECT_EQ(&entries[2], entries[1].next);
-  EXPECT_EQ(nullptr, entries[2].next);
+class ValidateTest : public ConfigTest {};
+
+// Validates with standard error kept in dump.
+int Validate(const TavocatInfoT& info, std::string* dump) {
+  testing::internal::CaptureStderr();
+  int result = TavoConfig::ValidateTavocatInfo(info);
+  *dump = testing::internal::GetCapturedStderr();
+  return result;
+}
+
+TEST_F(ValidateTest, ZeroRootFailsAfterDumpingPlaceholders) {
+  TavocatInfoT info = {};
+  std::string dump;
+  EXPECT_EQ(1, Validate(info, &dump));
+  EXPECT_EQ(
+      "------------- printTavocatInfo begin -------------\n"
+      "name              : nullptr\n"
+      "rotateSizeKbytes  : 0\n"
+      "maxCompressdFiles : 0\n"
+      "writeMode         : 0\n"
+      "------------- printTavocatInfo end ---------------\n",
+      dump);
+}
+
+// A style past the known ones fails even with sources, which are not shown.
+TEST_F(ValidateTest, UnknownStyleWithSourcesFails) {
+  WriteConfig(Instance(KmsgGroup()));
+  ASSERT_EQ(0, Parse());
+  info_.groups->style = static_cast<LogStyle>(6);
+  std::string dump;
+  EXPECT_EQ(1, Validate(info_, &dump));
+  info_.groups->style = TavoCommon::MONITOR_NODE;
+  EXPECT_NE(std::string::npos, dump.find("style             : 6\n"
+                                         "outputFilePath    : /data/log/k\n"
+                                         "~~~~~~ TavocatGroup end ~~~~~~~~\n"))
+      << dump;
+}
+
+TEST_F(ValidateTest, NullSetsAreNotValidAndPrintNothing) {
+  EXPECT_FALSE(IsValidNodeSet(nullptr));
+  EXPECT_FALSE(IsValidDirSet(nullptr));
+  EXPECT_FALSE(IsValidCmdSet(nullptr));
+  testing::internal::CaptureStderr();
+  TavoConfig::PrintTavocatInfoNodeAndTrigger(nullptr);
+  TavoConfig::PrintTavocatInfoDir(nullptr);
+  TavoConfig::PrintTavocatInfoCmd(nullptr);
+  EXPECT_EQ("", testing::internal::GetCapturedStderr());
 }
 
 }  // namespace

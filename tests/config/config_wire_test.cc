@@ -21,13 +21,16 @@
 #include <string>
 #include <vector>
 
-#include "config/alloc_failure.h"
 #include "config/config_test_support.h"
 #include "config/parse_apart.h"
+#include "support/alloc_failure.h"
 #include "support/within.h"
 
 namespace configtest {
 namespace {
+
+using morvotest::FailNothrowAllocation;
+using morvotest::NothrowAllocations;
 
 using TavoConfig::ApartLimits;
 using TavoConfig::BuildTreeApart;

@@ -1,8 +1,8 @@
-#include "config/alloc_failure.h"
+#include "support/alloc_failure.h"
 
 #include <new>
 
-namespace configtest {
+namespace morvotest {
 
 namespace {
 
@@ -20,12 +20,12 @@ void FailNothrowAllocation(long n) {
 
 long NothrowAllocations() { return count; }
 
-}  // namespace configtest
+}  // namespace morvotest
 
 // Replacements of the non-throwing forms; the memory still comes from the
 // throwing forms, so each pairs with the usual delete and delete[].
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  if (configtest::NextFails()) return nullptr;
+  if (morvotest::NextFails()) return nullptr;
   try {
     return ::operator new(size);
   } catch (...) {
@@ -34,7 +34,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
 }
 
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  if (configtest::NextFails()) return nullptr;
+  if (morvotest::NextFails()) return nullptr;
   try {
     return ::operator new[](size);
   } catch (...) {
