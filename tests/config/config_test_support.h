@@ -62,6 +62,8 @@ std::string Utf16(const std::string& text);
 // empty string shows as "". A group that does not point back at its root
 // says so.
 std::string Describe(const TavocatInfoT& info);
+// The dump of info, byte for byte as PrintTavocatInfo must write it.
+std::string ExpectedDump(const TavocatInfoT& info);
 
 class ConfigTest : public ::testing::Test {
  protected:
@@ -97,8 +99,8 @@ constexpr const char kXmlErrors[] = "(xml errors)";
 // One parse, here and in a child process: the file (kNoFile for none;
 // "$ROOT" stands for the temporary root) read for an instance under some
 // properties ("key=value;..."), and the result, tree and standard error it
-// must give. In err, "$PATH" stands for the file's path and "$DUMP" for the
-// tree's dump.
+// must give. In err, "$PATH" stands for the file's path and "$DUMP" for
+// ExpectedDump of the tree.
 struct ParseCase {
   const char* label;
   std::string xml;

@@ -137,64 +137,6 @@ const ParseCase kRules[] = {
               Group(Values("logStyle=poll_cmd outputFilePath=/c"))),
      1,
      std::string("kmsglogcat") + kKmsgTree + " | poll_cmd out=/b cmd{battery} | poll_cmd out=/c"},
-    // Every line of the dump, with "nullptr" for each missing string.
-    {"DumpShowsEveryFieldAndMissingStrings",
-     Instance(Values("logRotateSizeKBytes=4096 maxCompressdFiles=25 writeMode=factory") +
-              Group("<logStyle value=\"cond_trigger\" interval=\"5\" failureRetry=\"2\" "
-                    "cond_index=\"1\"/>" +
-                    Set("inputNodeSet", "dataPath=/a") +
-                    Set("inputNodeSet",
-                        "title=Title width=8 alterdataPath=/alt1 "
-                        "alterdataPath=/alt2")) +
-              Group(Values("logStyle=monitor_dir outputFilePath=/d") +
-                    Set("inputDirSet", "pickNode=gpio-keys")) +
-              Group(Values("logStyle=poll_cmd outputFilePath=/c") +
-                    Set("inputCmdSet", "command=battery") + "<inputCmdSet/>")),
-     1,
-     "kmsglogcat rotate=4096 files=25 factory | cond_trigger every=5 retry=2 cond=1 "
-     "node{data=/a} node{title=Title width=8 alt=/alt1,/alt2} | monitor_dir out=/d "
-     "dir{pick=gpio-keys} | poll_cmd out=/c cmd{battery} cmd{}",
-     "------------- printTavocatInfo begin -------------\n"
-     "name              : kmsglogcat\n"
-     "rotateSizeKbytes  : 4096\n"
-     "maxCompressdFiles : 25\n"
-     "writeMode         : 1\n"
-     "~~~~~~ TavocatGroup begin ~~~~~~\n"
-     "pollingInterval   : 5\n"
-     "failureRetry      : 2\n"
-     "condition index   : 1\n"
-     "style             : 5\n"
-     "outputFilePath    : nullptr\n"
-     "dataPath         : /a\n"
-     "titlePath        : nullptr\n"
-     "title             : nullptr\n"
-     "width             : 0\n"
-     "dataPath         : nullptr\n"
-     "titlePath        : nullptr\n"
-     "title             : Title\n"
-     "width             : 8\n"
-     "alterDataPath   : /alt1\n"
-     "alterDataPath   : /alt2\n"
-     "~~~~~~ TavocatGroup end ~~~~~~~~\n"
-     "~~~~~~ TavocatGroup begin ~~~~~~\n"
-     "pollingInterval   : 0\n"
-     "failureRetry      : 0\n"
-     "condition index   : 0\n"
-     "style             : 2\n"
-     "outputFilePath    : /d\n"
-     "inputDirPath      : nullptr\n"
-     "pickNode          : gpio-keys\n"
-     "~~~~~~ TavocatGroup end ~~~~~~~~\n"
-     "~~~~~~ TavocatGroup begin ~~~~~~\n"
-     "pollingInterval   : 0\n"
-     "failureRetry      : 0\n"
-     "condition index   : 0\n"
-     "style             : 4\n"
-     "outputFilePath    : /c\n"
-     "command           : battery\n"
-     "command           : nullptr\n"
-     "~~~~~~ TavocatGroup end ~~~~~~~~\n"
-     "------------- printTavocatInfo end ---------------\n"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Rules, ParseTest, testing::ValuesIn(kRules), RowName);

@@ -16,8 +16,8 @@
 namespace configtest {
 namespace {
 
+using morvotest::EachAllocationFailing;
 using morvotest::FailNothrowAllocation;
-using morvotest::NothrowAllocations;
 using TavoConfig::GetPlatformInfo;
 using TavoConfig::IsRightPlatform;
 
@@ -194,50 +194,39 @@ TEST_F(BuiltinTest, OtherNamesAndNullArgumentsHaveNoInstance) {
   EXPECT_EQ(1, TavoConfig::ParseConfigFileApart(nullptr, &info_));
 }
 
-TEST_F(BuiltinTest, NodeSetBuildersPushAtTheFrontOfTheList) {
+TEST_F(BuiltinTest, NodeSetBuildersPushAtTheFrontAndFreeTheWholeListOnFailure) {
   TavocatInputNodeSetT* head = nullptr;
   ASSERT_EQ(0, ParseKmsgcatNodeSet(head));
   ASSERT_EQ(0, ParseChargelogcatNodeSet(head));
   std::string order;
-  for (TavocatInputNodeSetT* node = head; node != nullptr; node = node->next) {
-    order += std::string(node->dataPath) + " ";
-  }
+  for (auto* node = head; node != nullptr; node = node->next)
+    order += node->dataPath + std::string(" ");
   EXPECT_EQ(
       "DateTime /sys/class/qd_power/coul/coul_data/gaugelog "
       "/sys/class/qd_power/charger/charge_data/chargelog /proc/kmsg ",
       order);
   FreeInputNodeList(head);
-}
-
-// Every allocation of a built-in tree is needed: failing any one of them
-// fails the whole parse and leaves nothing behind.
-TEST_F(BuiltinTest, EachFailedAllocationFailsCleanly) {
-  for (const char* name : {"kmsglogcat", "chargelogcat"}) {
-    FailNothrowAllocation(-1);
-    ASSERT_EQ(0, ParseDefault(name, info_));
-    long allocations = NothrowAllocations();
-    FreeConfigFile(&info_);
-    ASSERT_GT(allocations, 3);
-    for (long n = 0; n < allocations; ++n) {
-      FailNothrowAllocation(n);
-      EXPECT_EQ(1, ParseDefault(name, info_)) << name << " allocation " << n;
-      FailNothrowAllocation(-1);
-      EXPECT_EQ(nullptr, info_.groups);
-      FreeConfigFile(&info_);
-      FreeConfigFile(&info_);
-      EXPECT_EQ(nullptr, info_.name);
-    }
-  }
-}
-
-TEST_F(BuiltinTest, FailedNodeBuildFreesTheWholeList) {
-  TavocatInputNodeSetT* head = nullptr;
   ASSERT_EQ(0, ParseKmsgcatNodeSet(head));
   // The third allocation is the gauge node, after the charge node was pushed.
   FailNothrowAllocation(3);
   EXPECT_EQ(1, ParseChargelogcatNodeSet(head));
   FailNothrowAllocation(-1);
   EXPECT_EQ(nullptr, head);
+}
+
+// Every allocation of a built-in tree is needed: failing any one of them
+// fails the whole parse and leaves nothing behind.
+TEST_F(BuiltinTest, EachFailedAllocationFailsCleanly) {
+  for (const char* name : {"kmsglogcat", "chargelogcat"}) {
+    long count = EachAllocationFailing([&](long n) {
+      EXPECT_EQ(n < 0 ? 0 : 1, ParseDefault(name, info_)) << name << " allocation " << n;
+      if (n >= 0) EXPECT_EQ(nullptr, info_.groups);
+      FreeConfigFile(&info_);
+      FreeConfigFile(&info_);
+      EXPECT_EQ("", Describe(info_));
+    });
+    EXPECT_GT(count, 3);
+  }
 }
 
 }  // namespace

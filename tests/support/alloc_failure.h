@@ -14,6 +14,22 @@ void FailNothrowAllocation(long n);
 // Non-throwing allocations since the last FailNothrowAllocation.
 long NothrowAllocations();
 
+// Runs step(-1) with no allocation failing, then step(n) with the nth of
+// the allocations that first run made failing, for each n in turn. Returns
+// how many there were.
+template <class Step>
+long EachAllocationFailing(Step step) {
+  FailNothrowAllocation(-1);
+  step(-1L);
+  long count = NothrowAllocations();
+  for (long n = 0; n < count; ++n) {
+    FailNothrowAllocation(n);
+    step(n);
+  }
+  FailNothrowAllocation(-1);
+  return count;
+}
+
 }  // namespace morvotest
 
 #endif  // MORVOCAT_TESTS_SUPPORT_ALLOC_FAILURE_H_
