@@ -11,6 +11,7 @@
 #include "config/config_check.h"
 #include "config/config_test_support.h"
 #include "support/alloc_failure.h"
+#include "support/build_paths.h"
 
 namespace configtest {
 namespace {
@@ -110,7 +111,7 @@ TEST_F(BadInputTest, SomethingOtherThanAFileIsRefused) {
 // is freeable twice. A failed source or group is skipped, so a success may
 // hold less, but never a tree that fails validation.
 TEST_F(BadInputTest, EveryFailedAllocationLeavesAFreeableTree) {
-  WriteConfig(morvotest::ReadFile(SourceFile("etc/tavocat_config.xml")));
+  WriteConfig(morvotest::ReadFile(morvotest::SourcePath("etc/tavocat_config.xml")));
   long count = EachAllocationFailing([this](long n) {
     FreeConfigFile(&info_);
     int result = Parse();

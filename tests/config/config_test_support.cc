@@ -1,6 +1,5 @@
 #include "config/config_test_support.h"
 
-#include <stdlib.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -149,11 +148,6 @@ int ConfigTest::Parse(const char* name) {
   int result = TavoConfig::ParseConfigFile(name, &info_);
   err_ = testing::internal::GetCapturedStderr();
   return result;
-}
-
-std::string EnvOr(const char* name, const char* fallback) {
-  const char* value = getenv(name);
-  return value != nullptr ? value : fallback;
 }
 
 std::string BillionLaughs() {

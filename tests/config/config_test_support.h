@@ -84,13 +84,6 @@ class ConfigTest : public ::testing::Test {
   std::string err_;
 };
 
-// The environment variable name, or fallback when it is unset.
-std::string EnvOr(const char* name, const char* fallback);
-// A file of the source tree.
-inline std::string SourceFile(const std::string& path) {
-  return EnvOr("MORVO_SOURCE_DIR", ".") + "/" + path;
-}
-
 // Marks a row whose instance has no configuration file.
 constexpr const char kNoFile[] = "(no file)";
 // Marks a row whose errors are libxml2's: each line names the file.

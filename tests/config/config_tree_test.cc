@@ -35,12 +35,8 @@ TEST(CopyStringTest, FailureLeavesTheFieldNull) {
 }
 
 // Trees of every style are freed after each parse case; leaks show up under
-// the leak checker.
-TEST(FreeConfigFileTest, ZeroRootAndNullArgumentsAreHarmless) {
-  TavocatInfoT info = {};
-  FreeConfigFile(&info);
-  FreeConfigFile(&info);
-  EXPECT_EQ("", Describe(info));
+// the leak checker. A single record's free does not follow next.
+TEST(FreeTest, NullArgumentsAreHarmlessAndSingleRecordFreesDoNotFollowNext) {
   FreeConfigFile(nullptr);
   TavoConfig::FreeLogcatGroup(nullptr);
   FreeInputNodeSet(nullptr);
@@ -49,9 +45,6 @@ TEST(FreeConfigFileTest, ZeroRootAndNullArgumentsAreHarmless) {
   TavoConfig::FreeStrList(nullptr);
   TavocatInputNodeSetT* empty = nullptr;
   FreeInputNodeList(empty);
-}
-
-TEST(FreeListTest, SingleRecordFreesDoNotFollowNext) {
   auto* first = new TavocatInputNodeSetT();
   auto* second = new TavocatInputNodeSetT();
   CopyString("/a", &first->dataPath);

@@ -62,29 +62,21 @@ TEST_F(PlatformTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
 
 // The same instance for no platform, Mtk, and Zeru or Qcom.
 const std::string kThreeEntries =
-    "<config><tavocat name=\"kmsglogcat\"><maxCompressdFiles value=\"1\"/>" + KmsgGroup() +
-    "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Mtk\"><maxCompressdFiles value=\"2\"/>" +
-    KmsgGroup() +
-    "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Zeru,Qcom\">"
-    "<maxCompressdFiles value=\"3\"/>" +
-    KmsgGroup() + "</tavocat></config>";
+    "<config><tavocat name=\"kmsglogcat\">" + Values("maxCompressdFiles=1") + KmsgGroup() +
+    "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Mtk\">" + Values("maxCompressdFiles=2") +
+    KmsgGroup() + "</tavocat><tavocat name=\"kmsglogcat\" platform=\"Zeru,Qcom\">" +
+    Values("maxCompressdFiles=3") + KmsgGroup() + "</tavocat></config>";
 
 ParseCase Entry(const char* label, const char* hardware, const char* files) {
-  return {label,
-          kThreeEntries,
-          0,
-          std::string("kmsglogcat files=") + files + kKmsgTree,
-          "$DUMP",
-          "kmsglogcat",
-          std::string("ro.hardware=") + hardware};
+  std::string tree = std::string("kmsglogcat files=") + files + kKmsgTree;
+  return {
+      label, kThreeEntries, 0, tree, "$DUMP", "kmsglogcat", "ro.hardware=" + std::string(hardware)};
 }
 
 // The write mode a file with these root elements gives on a build.
 ParseCase Mode(const char* label, const char* props, const std::string& elements, bool factory) {
-  return {label,   Instance(elements + KmsgGroup()),
-          0,       std::string("kmsglogcat") + (factory ? " factory" : "") + kKmsgTree,
-          "$DUMP", "kmsglogcat",
-          props};
+  std::string tree = std::string("kmsglogcat") + (factory ? " factory" : "") + kKmsgTree;
+  return {label, Instance(elements + KmsgGroup()), 0, tree, "$DUMP", "kmsglogcat", props};
 }
 
 const char kUser[] = "ro.build.type=user";
