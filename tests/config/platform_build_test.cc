@@ -1,5 +1,6 @@
 // The platform match, the write-mode rule on each kind of build, and the
-// built-in instances.
+// built-in instances: used only when the file is absent, never in recovery,
+// and never half-made.
 
 #include <gtest/gtest.h>
 #include <libxml/tree.h>
@@ -18,8 +19,12 @@ namespace {
 
 using morvotest::EachAllocationFailing;
 using morvotest::FailNothrowAllocation;
+using TavoConfig::FreeInputNodeList;
 using TavoConfig::GetPlatformInfo;
 using TavoConfig::IsRightPlatform;
+using TavoConfig::ParseChargelogcatNodeSet;
+using TavoConfig::ParseDefault;
+using TavoConfig::ParseKmsgcatNodeSet;
 
 class PlatformTest : public ConfigTest {};
 
@@ -80,6 +85,11 @@ ParseCase Mode(const char* label, const char* props, const std::string& elements
 }
 
 const char kUser[] = "ro.build.type=user";
+const char kRecovery[] = "init.svc.recovery=running";
+const std::string kKmsgBuiltin =
+    " | monitor_node out=/data/log/android_logs/kmsgcat-log node{data=/proc/kmsg}";
+const std::string kKmsg = "kmsglogcat rotate=4096 files=25" + kKmsgBuiltin;
+const std::string kKmsgFactory = "kmsglogcat rotate=4096 files=25 factory" + kKmsgBuiltin;
 const char kMmap[] = "<writeMode value=\"mmap\"/>";
 
 const ParseCase kPlatformAndBuild[] = {
@@ -97,7 +107,6 @@ const ParseCase kPlatformAndBuild[] = {
     {"NameMatchesCaseSensitively", Instance(KmsgGroup()), 1, "", "", "Kmsglogcat"},
     {"EmptyNameDoesNotMatch", Instance(KmsgGroup()), 1, "", "", ""},
     // An ordinary build takes mmap only when asked exactly; the last element wins.
-    Mode("OrdinaryWithoutWriteMode", kUser, "", false),
     Mode("OrdinaryMmap", kUser, kMmap, false),
     Mode("OrdinaryFactory", kUser, "<writeMode value=\"factory\"/>", true),
     Mode("OrdinaryUpperCaseMmap", kUser, "<writeMode value=\"MMAP\"/>", true),
@@ -118,29 +127,8 @@ const ParseCase kPlatformAndBuild[] = {
     Mode("RunmodeWithASuffixIsOrdinary", "ro.runmode=factory1", kMmap, false),
     Mode("RunmodeInCapitalsIsOrdinary", "ro.runmode=Factory", kMmap, false),
     Mode("BuildTypeWithASuffixIsOrdinary", "ro.build.type=engx", kMmap, false),
-};
-
-INSTANTIATE_TEST_SUITE_P(PlatformAndBuild, ParseTest, testing::ValuesIn(kPlatformAndBuild),
-                         RowName);
-
-// The built-in instances: used only when the file is absent, never in
-// recovery, and never half-made.
-
-using TavoConfig::FreeInputNodeList;
-using TavoConfig::ParseChargelogcatNodeSet;
-using TavoConfig::ParseDefault;
-using TavoConfig::ParseKmsgcatNodeSet;
-
-const char kKmsg[] =
-    "kmsglogcat rotate=4096 files=25 | monitor_node out=/data/log/android_logs/kmsgcat-log "
-    "node{data=/proc/kmsg}";
-const char kKmsgFactory[] =
-    "kmsglogcat rotate=4096 files=25 factory | monitor_node "
-    "out=/data/log/android_logs/kmsgcat-log node{data=/proc/kmsg}";
-const char kRecovery[] = "init.svc.recovery=running";
-
-// The built-in tree is not dumped.
-const ParseCase kBuiltin[] = {
+    // The built-in instances: used only when the file is absent, never in
+    // recovery, and not dumped.
     {"KmsglogcatWithoutTheFile", kNoFile, 0, kKmsg, ""},
     {"ChargelogcatWithoutTheFileListsTimeGaugeCharge", kNoFile, 0,
      "chargelogcat rotate=4096 files=20 factory | poll_node every=5 "
@@ -172,8 +160,10 @@ const ParseCase kBuiltin[] = {
      std::string("kmsglogcat") + kKmsgTree, "$DUMP", "kmsglogcat", kRecovery},
 };
 
-INSTANTIATE_TEST_SUITE_P(Builtin, ParseTest, testing::ValuesIn(kBuiltin), RowName);
+INSTANTIATE_TEST_SUITE_P(PlatformAndBuild, ParseTest, testing::ValuesIn(kPlatformAndBuild),
+                         RowName);
 
+// Built-in trees are never half-made.
 class BuiltinTest : public ConfigTest {};
 
 TEST_F(BuiltinTest, OtherNamesAndNullArgumentsHaveNoInstance) {
