@@ -17,7 +17,6 @@
 namespace configtest {
 
 using TavoCommon::kConfigFilePath;
-using TavoCommon::LogStyle;
 using TavoCommon::POLL_CMD;
 using TavoCommon::TavocatGroupT;
 using TavoCommon::TavocatInfoT;

@@ -59,25 +59,18 @@ TEST(FreeTest, NullArgumentsAreHarmlessAndSingleRecordFreesDoNotFollowNext) {
 
 class ValidateTest : public ConfigTest {};
 
-// Validates with standard error kept in dump.
-int Validate(const TavocatInfoT& info, std::string* dump) {
-  testing::internal::CaptureStderr();
-  int result = TavoConfig::ValidateTavocatInfo(info);
-  *dump = testing::internal::GetCapturedStderr();
-  return result;
-}
-
 // A zero-filled root fails after the dump; so does a style past the known
 // ones, even with sources, which are not shown.
 TEST_F(ValidateTest, ZeroRootAndUnknownStyleFailAfterTheDump) {
-  std::string dump;
-  EXPECT_EQ(1, Validate(info_, &dump));
-  EXPECT_EQ(ExpectedDump(info_), dump);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(1, TavoConfig::ValidateTavocatInfo(info_));
+  EXPECT_EQ(ExpectedDump(info_), testing::internal::GetCapturedStderr());
   WriteConfig(Instance(KmsgGroup()));
   ASSERT_EQ(0, Parse());
-  info_.groups->style = static_cast<LogStyle>(6);
-  EXPECT_EQ(1, Validate(info_, &dump));
-  EXPECT_EQ(ExpectedDump(info_), dump);
+  info_.groups->style = static_cast<TavoCommon::LogStyle>(6);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(1, TavoConfig::ValidateTavocatInfo(info_));
+  EXPECT_EQ(ExpectedDump(info_), testing::internal::GetCapturedStderr());
   info_.groups->style = TavoCommon::MONITOR_NODE;
 }
 
