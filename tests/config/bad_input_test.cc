@@ -115,7 +115,9 @@ TEST_F(BadInputTest, EveryFailedAllocationLeavesAFreeableTree) {
   long count = EachAllocationFailing([this](long n) {
     FreeConfigFile(&info_);
     int result = Parse();
-    if (n < 0) EXPECT_EQ(0, result);
+    if (n < 0) {
+      EXPECT_EQ(0, result);
+    }
     if (n == 0 || n == 1) {
       EXPECT_EQ(1, result) << "the file text and the instance name are needed";
     } else if (result == 0) {

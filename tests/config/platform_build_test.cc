@@ -202,7 +202,9 @@ TEST_F(BuiltinTest, EachFailedAllocationFailsCleanly) {
   for (const char* name : {"kmsglogcat", "chargelogcat"}) {
     long count = EachAllocationFailing([&](long n) {
       EXPECT_EQ(n < 0 ? 0 : 1, ParseDefault(name, info_)) << name << " allocation " << n;
-      if (n >= 0) EXPECT_EQ(nullptr, info_.groups);
+      if (n >= 0) {
+        EXPECT_EQ(nullptr, info_.groups);
+      }
       FreeConfigFile(&info_);
       FreeConfigFile(&info_);
       EXPECT_EQ("", Describe(info_));
