@@ -18,18 +18,23 @@
 #include "platform/log_ring.h"
 #include "platform/logger.h"
 #include "support/random_bytes.h"
+#include "support/shell_file.h"
 #include "support/temp_root.h"
 #include "tests/platform/log_store_support.h"
 
 namespace {
 
+using morvotest::kDrain;
+using morvotest::ListPtr;
+using morvotest::Log;
+using morvotest::MessagesOf;
 using morvotest::OpenList;
 using morvotest::RandomBytes;
 using morvotest::ReadAll;
 using morvotest::Record;
 using morvotest::RingPath;
-
-constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
+using morvotest::WriteInChild;
+using Strings = std::vector<std::string>;
 
 // Replaces the bytes at offset of the file at path.
 void Patch(const std::string& path, size_t offset, const void* bytes, size_t size) {
@@ -41,38 +46,19 @@ void Patch(const std::string& path, size_t offset, const void* bytes, size_t siz
 
 bool OpensAsReader(log_id_t id) { return OpenList(kDrain, 0, 0, {id}) != nullptr; }
 
-// Writes from a child process, so that this process keeps no mapping of a
-// file that the test then cuts short under it.
-bool WriteInChild(log_id_t id, const char* message) {
-  pid_t child = morvotest::RunChild(
-      [id, message] { return qd_log_write(id, QD_LOG_INFO, "t", message) > 0 ? 0 : 1; });
-  return morvotest::WaitChild(child) == 0;
-}
-
-// The messages a reader opening main now reads.
-std::vector<std::string> MainMessages() {
-  std::vector<std::string> messages;
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  if (!list) return {"(main does not open)"};
-  for (const Record& r : ReadAll(list.get())) messages.push_back(r.message);
-  return messages;
-}
-
 TEST(LogStoreCorruptTest, ARingOverwrittenInPlaceIsRefusedByReadersAndRenewedByWriters) {
   morvotest::TempRoot root;
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
+  ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
   std::string path = RingPath(root, "morvo_main");
   size_t size = morvotest::ReadFile(path).size();
   morvotest::WriteFile(path, RandomBytes(size, 1));
   EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
   // This process still has the file mapped: its writer notices the header
   // is no longer a ring's and starts the buffer afresh.
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "renewed"), 0);
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_GT(Log(LOG_ID_MAIN, "renewed"), 0);
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
-  std::vector<Record> records = ReadAll(list.get());
-  ASSERT_EQ(1u, records.size());
-  EXPECT_EQ("renewed", records[0].message);
+  EXPECT_EQ(Strings{"renewed"}, morvotest::Messages(ReadAll(list.get())));
   // A reader holding the ring when it is overwritten gets an error.
   morvotest::WriteFile(path, RandomBytes(size, 2));
   qd_log_msg msg;
@@ -85,20 +71,16 @@ TEST(LogStoreCorruptTest, ShortLongOrMisplacedRingFilesAreRefused) {
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m"));
   std::string path = RingPath(root, "morvo_main");
   std::string whole = morvotest::ReadFile(path);
-  ASSERT_EQ(0, truncate(path.c_str(), static_cast<off_t>(whole.size() / 2)));
-  EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
-  ASSERT_EQ(0, truncate(path.c_str(), 100));
-  EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
-  ASSERT_EQ(0, truncate(path.c_str(), 0));
-  EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
-  ASSERT_EQ(0, truncate(path.c_str(), static_cast<off_t>(whole.size() + 4096)));
-  EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
+  for (size_t size : {whole.size() / 2, size_t{100}, size_t{0}, whole.size() + 4096}) {
+    ASSERT_EQ(0, truncate(path.c_str(), static_cast<off_t>(size)));
+    EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN)) << size;
+  }
   // A sound file under another buffer's name belongs to that buffer.
   morvotest::WriteFile(RingPath(root, "morvo_radio"), whole);
   EXPECT_FALSE(OpensAsReader(LOG_ID_RADIO));
   // A writer that finds the file cut short makes it anew.
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "anew"));
-  EXPECT_EQ(std::vector<std::string>{"anew"}, MainMessages());
+  EXPECT_EQ(Strings{"anew"}, MessagesOf({LOG_ID_MAIN}));
 }
 
 // Replaces the position from, in the ring header of the file at path, by
@@ -116,16 +98,12 @@ bool PatchPosition(const std::string& path, uint64_t from, uint64_t to) {
 // capacity bytes first (0: as it is). A fresh ring puts record n at
 // position n * size.
 void WriteSized(long capacity, int size, int from, int to) {
-  if (capacity != 0) {
-    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-    ASSERT_TRUE(list);
-    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_MAIN), capacity));
-  }
+  ASSERT_TRUE(capacity == 0 || morvotest::SetRingSize(LOG_ID_MAIN, capacity));
   for (int n = from; n < to; ++n) {
     // Priority, tag, two NULs and the header: 32 bytes besides the message.
     std::string message = std::to_string(n + 1000).substr(1);
     message.resize(static_cast<size_t>(size) - 32, 'x');
-    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "n", message.c_str()), 0);
+    ASSERT_GT(Log(LOG_ID_MAIN, message, "n"), 0);
   }
 }
 
@@ -159,7 +137,7 @@ const RecordDamage kRecordDamages[] = {
 // Reads main to its end: the numbers of the records, and how often the
 // reader said it skipped a damaged stretch.
 std::vector<int> ReadNumbers(int* reports, int* end) {
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   EXPECT_TRUE(list);
   if (!list) return {};
   testing::internal::CaptureStderr();
@@ -204,20 +182,14 @@ std::vector<DamageCase> DamageCases() {
   cases.push_back({"the first", 0, 100, 5, 0, {0}, kLengthBeyondLimit, 1});
   cases.push_back({"the last", 0, 100, 5, 0, {4}, kLengthBeyondLimit, 1});
   cases.push_back({"header across the ring's end", 4096, 102, 50, 10, {40}, kLengthBeyondLimit, 1});
-  cases.push_back({"terminator across the ring's end",
-                   4096,
-                   100,
-                   50,
-                   10,
-                   {40},
-                   {"unterminated message", 99, {'z'}},
-                   1});
+  cases.push_back(
+      {"terminator across the ring's end", 4096, 100, 50, 10, {40}, kRecordDamages[6], 1});
   return cases;
 }
 
 TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
   for (const DamageCase& c : DamageCases()) {
-    std::string what = std::string(c.what) + ", " + c.damage.what;
+    SCOPED_TRACE(std::string(c.what) + ", " + c.damage.what);
     morvotest::TempRoot root;
     WriteSized(c.capacity, c.size, 0, c.count);
     uint64_t capacity = c.capacity != 0 ? c.capacity : QD_LOGGER_DEFAULT_RING_SIZE;
@@ -227,9 +199,9 @@ TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
                   c.damage.bytes.size());
     }
     int reports = 0, end = 0;
-    EXPECT_EQ(Numbers(c.first, c.count, c.damaged), ReadNumbers(&reports, &end)) << what;
-    EXPECT_EQ(-EAGAIN, end) << what;
-    EXPECT_EQ(c.reports, reports) << what;
+    EXPECT_EQ(Numbers(c.first, c.count, c.damaged), ReadNumbers(&reports, &end));
+    EXPECT_EQ(-EAGAIN, end);
+    EXPECT_EQ(c.reports, reports);
   }
 }
 
@@ -253,7 +225,7 @@ const DamageAmongWrites kDamagesAmongWrites[] = {
     {"a tail scribbled into a record costs that record alone",
      [](const std::string& path) {
        WriteSized(0, 100, 0, 3);
-       morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+       ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
        ASSERT_TRUE(list);
        ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)));
        // Records 3 to 7 follow the clear: the tail is 300, the head 800.
@@ -265,13 +237,14 @@ const DamageAmongWrites kDamagesAmongWrites[] = {
 
 TEST(LogStoreCorruptTest, DamageAmongWritesCostsTheDamagedRecordsOnly) {
   for (const DamageAmongWrites& c : kDamagesAmongWrites) {
+    SCOPED_TRACE(c.what);
     morvotest::TempRoot root;
     c.deal(RingPath(root, "morvo_main"));
-    ASSERT_FALSE(HasFatalFailure()) << c.what;
+    ASSERT_FALSE(HasFatalFailure());
     int reports = 0, end = 0;
-    EXPECT_EQ(c.read, ReadNumbers(&reports, &end)) << c.what;
-    EXPECT_EQ(-EAGAIN, end) << c.what;
-    EXPECT_EQ(c.reports, reports) << c.what;
+    EXPECT_EQ(c.read, ReadNumbers(&reports, &end));
+    EXPECT_EQ(-EAGAIN, end);
+    EXPECT_EQ(c.reports, reports);
   }
 }
 
@@ -279,9 +252,8 @@ TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
   morvotest::TempRoot root;
   // Three records of 28 + 100 bytes: the head is at 384.
   std::string text(100 - 5, 'p');
-  for (int i = 0; i < 3; ++i)
-    ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "pp", text.c_str()), 0);
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_CRASH});
+  for (int i = 0; i < 3; ++i) ASSERT_GT(Log(LOG_ID_CRASH, text, "pp"), 0);
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_CRASH});
   ASSERT_TRUE(list);
   qd_logger* crash = qd_logger_open(list.get(), LOG_ID_CRASH);
   ASSERT_EQ(384, qd_logger_get_log_readable_size(crash));
@@ -290,19 +262,14 @@ TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
   qd_log_msg msg;
   EXPECT_EQ(-EIO, qd_logger_list_read(list.get(), &msg));
   // A writer starts the buffer over from the wild head rather than fail.
-  ASSERT_GT(qd_log_write(LOG_ID_CRASH, QD_LOG_INFO, "pp", "again"), 0);
-  morvotest::ListPtr fresh = OpenList(kDrain, 0, 0, {LOG_ID_CRASH});
-  ASSERT_TRUE(fresh);
-  std::vector<Record> records = ReadAll(fresh.get());
-  ASSERT_EQ(1u, records.size());
-  EXPECT_EQ("again", records[0].message);
+  ASSERT_GT(Log(LOG_ID_CRASH, "again", "pp"), 0);
+  EXPECT_EQ(Strings{"again"}, MessagesOf({LOG_ID_CRASH}));
 }
 
 TEST(LogStoreCorruptTest, RandomDamageToRecordsNeverCrashesOrHangsAReader) {
   morvotest::TempRoot root;
   for (int i = 0; i < 300; ++i) {
-    std::string message = std::to_string(i) + std::string(i % 40, 'r');
-    ASSERT_GT(qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "fuzz", message.c_str()), 0);
+    ASSERT_GT(Log(LOG_ID_SYSTEM, std::to_string(i) + std::string(i % 40, 'r'), "fuzz"), 0);
   }
   std::string path = RingPath(root, "morvo_system");
   const std::string sound = morvotest::ReadFile(path);
@@ -313,7 +280,7 @@ TEST(LogStoreCorruptTest, RandomDamageToRecordsNeverCrashesOrHangsAReader) {
       damaged[platform::kRingDataOffset + random() % 16000] = static_cast<char>(random());
     }
     morvotest::WriteFile(path, damaged);
-    morvotest::ListPtr list = OpenList(kDrain, round % 3, 0, {LOG_ID_SYSTEM});
+    ListPtr list = OpenList(kDrain, round % 3, 0, {LOG_ID_SYSTEM});
     ASSERT_TRUE(list);
     int end = 0;
     std::vector<Record> records = ReadAll(list.get(), &end);
@@ -331,43 +298,36 @@ TEST(LogStoreCorruptTest, AnUnusableStoreFolderFailsOpenAndWrite) {
   morvotest::TempRoot root;
   std::string file = root.Under("/plain-file");
   morvotest::WriteFile(file, "x");
-  setenv(MORVO_LOG_STORE_ENV, (file + "/store").c_str(), 1);
-  EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
-  EXPECT_LT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
-  setenv(MORVO_LOG_STORE_ENV, file.c_str(), 1);
-  EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
-  EXPECT_LT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
+  for (const std::string& store : {file + "/store", file}) {
+    setenv(MORVO_LOG_STORE_ENV, store.c_str(), 1);
+    EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN)) << store;
+    EXPECT_LT(Log(LOG_ID_MAIN, "m"), 0) << store;
+  }
   // The variable names the folder as it is, without the root prefix.
   std::string store = root.Under("/elsewhere/store");
   setenv(MORVO_LOG_STORE_ENV, store.c_str(), 1);
-  EXPECT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
-  EXPECT_TRUE(morvotest::Exists(store + "/morvo_main"));
-  struct stat st;
-  ASSERT_EQ(0, stat(store.c_str(), &st));
-  EXPECT_EQ(0750u, st.st_mode & 0777);
-  ASSERT_EQ(0, stat((store + "/morvo_main").c_str(), &st));
-  EXPECT_EQ(0640u, st.st_mode & 0777);
+  EXPECT_GT(Log(LOG_ID_MAIN, "m"), 0);
+  EXPECT_EQ(0750u, morvotest::ModeOf(store) & 0777);
+  EXPECT_EQ(0640u, morvotest::ModeOf(store + "/morvo_main") & 0777);
   unsetenv(MORVO_LOG_STORE_ENV);
 }
 
 TEST(LogStoreCorruptTest, ADamagedSignalPageIsRenewed) {
   morvotest::TempRoot root;
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
+  ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
   morvotest::WriteFile(RingPath(root, "morvo_signal"), RandomBytes(4096, 3));
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
-  EXPECT_EQ(1u, ReadAll(list.get()).size());
+  EXPECT_EQ(Strings{"m"}, MessagesOf({LOG_ID_MAIN}));
 }
 
 TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
   morvotest::TempRoot root;
   // An empty main buffer beside a system buffer with one record: returning
   // that record, the reader looks whether a writer is inside main.
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "m"), 0);
-  morvotest::ListPtr clearing = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
+  ListPtr clearing = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(clearing);
   ASSERT_EQ(0, qd_logger_clear(qd_logger_open(clearing.get(), LOG_ID_MAIN)));
-  ASSERT_GT(qd_log_write(LOG_ID_SYSTEM, QD_LOG_INFO, "t", "s"), 0);
+  ASSERT_GT(Log(LOG_ID_SYSTEM, "s"), 0);
   std::string path = RingPath(root, "morvo_main");
   const std::string sound = morvotest::ReadFile(path);
   // Written over the lock's kind, this word once made the C library abort
@@ -375,7 +335,7 @@ TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
   const uint32_t wild = 0x8be66d43;
   for (size_t offset = 0; offset < 256; offset += sizeof(wild)) {
     Patch(path, offset, &wild, sizeof(wild));
-    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
+    ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
     ASSERT_TRUE(list);
     qd_logger_open(list.get(), LOG_ID_MAIN);
     int end = 0;
@@ -416,12 +376,13 @@ const WildMarks kWildMarks[] = {
 
 TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
   for (const WildMarks& c : kWildMarks) {
+    SCOPED_TRACE(c.what);
     morvotest::TempRoot root;
     WriteSized(65536, 60, 0, 900);
-    morvotest::ListPtr all = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    ListPtr all = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
     ASSERT_TRUE(all);
     std::vector<Record> whole = ReadAll(all.get());
-    ASSERT_GT(whole.size(), 500u) << c.what;
+    ASSERT_GT(whole.size(), 500u);
     std::string path = RingPath(root, "morvo_main");
     std::mt19937 random(11);
     std::string marks;
@@ -431,16 +392,15 @@ TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
       uint64_t mark = c.mark(stretch, &random);
       marks.append(reinterpret_cast<const char*>(&mark), sizeof(mark));
     }
-    ASSERT_TRUE(Overwrite(path, platform::kRingMarksOffset, marks)) << c.what;
+    ASSERT_TRUE(Overwrite(path, platform::kRingMarksOffset, marks));
     for (unsigned tail : {1u, 70u, 400u, 5000u}) {
-      morvotest::ListPtr list = OpenList(kDrain, tail, 0, {LOG_ID_MAIN});
-      ASSERT_TRUE(list) << c.what;
+      ListPtr list = OpenList(kDrain, tail, 0, {LOG_ID_MAIN});
+      ASSERT_TRUE(list);
       std::vector<Record> read = ReadAll(list.get());
       size_t expected = std::min<size_t>(tail, whole.size());
-      ASSERT_EQ(expected, read.size()) << c.what << ", tail " << tail;
+      ASSERT_EQ(expected, read.size()) << "tail " << tail;
       for (size_t i = 0; i < expected; ++i) {
-        EXPECT_EQ(whole[whole.size() - expected + i].message, read[i].message)
-            << c.what << ", tail " << tail;
+        EXPECT_EQ(whole[whole.size() - expected + i].message, read[i].message) << "tail " << tail;
       }
     }
   }
@@ -451,16 +411,15 @@ TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
 // them. The exit status tells the first step that failed.
 int ScribbleTheLockThenReadAndWrite(const std::string& path, unsigned seed) {
   for (int i = 0; i < 3; ++i) {
-    if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "before") <= 0) return 2;
+    if (Log(LOG_ID_MAIN, "before") <= 0) return 2;
   }
   if (!Overwrite(path, platform::kRingLockOffset, RandomBytes(platform::kRingLockSize, seed))) {
     return 3;
   }
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   if (!list || ReadAll(list.get()).size() != 3) return 4;
-  if (qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "after") <= 0) return 5;
-  std::vector<Record> records = ReadAll(list.get());
-  return records.size() == 1 && records[0].message == "after" ? 0 : 6;
+  if (Log(LOG_ID_MAIN, "after") <= 0) return 5;
+  return morvotest::Messages(ReadAll(list.get())) == Strings{"after"} ? 0 : 6;
 }
 
 TEST(LogStoreCorruptTest, RandomBytesOverTheLockNeitherCrashNorHangReadersOrWriters) {
@@ -483,10 +442,10 @@ TEST(LogStoreCorruptTest, ARingMarkedRetiredInPlaceIsRenewedWithItsRecords) {
   const uint32_t retired = 1;
   ASSERT_TRUE(Overwrite(path, platform::kRingRetiredOffset,
                         std::string(reinterpret_cast<const char*>(&retired), sizeof(retired))));
-  morvotest::ListPtr before = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ListPtr before = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(before);
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "after"));
-  EXPECT_EQ((std::vector<std::string>{"kept", "after"}), MainMessages());
+  EXPECT_EQ((Strings{"kept", "after"}), MessagesOf({LOG_ID_MAIN}));
   // A reader that held the marked ring follows to the renewed one.
   EXPECT_EQ(2u, ReadAll(before.get()).size());
 }
@@ -520,8 +479,9 @@ const RingSwap kRingSwaps[] = {
 
 TEST(LogStoreCorruptTest, ARingThatIsALinkNotAFileOrForeignIsRefusedAndLeftAlone) {
   for (const RingSwap& swap : kRingSwaps) {
+    SCOPED_TRACE(swap.what);
     morvotest::TempRoot root;
-    ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m")) << swap.what;
+    ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m"));
     std::string ring = RingPath(root, "morvo_main");
     // The victim reads as a sound ring, so only the checks of the name
     // itself keep writers out of it.
@@ -529,10 +489,10 @@ TEST(LogStoreCorruptTest, ARingThatIsALinkNotAFileOrForeignIsRefusedAndLeftAlone
     const std::string sound = morvotest::ReadFile(ring);
     morvotest::WriteFile(victim, sound);
     ASSERT_EQ(0, chmod(victim.c_str(), 0640));
-    ASSERT_TRUE(swap.apply(ring, victim)) << swap.what;
-    EXPECT_FALSE(WriteInChild(LOG_ID_MAIN, "into the victim")) << swap.what;
-    EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN)) << swap.what;
-    EXPECT_TRUE(morvotest::ReadFile(victim) == sound) << swap.what;
+    ASSERT_TRUE(swap.apply(ring, victim));
+    EXPECT_FALSE(WriteInChild(LOG_ID_MAIN, "into the victim"));
+    EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
+    EXPECT_TRUE(morvotest::ReadFile(victim) == sound);
   }
 }
 

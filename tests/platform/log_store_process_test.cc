@@ -26,37 +26,29 @@
 
 namespace {
 
+using morvotest::Gate;
+using morvotest::kDrain;
+using morvotest::ListPtr;
+using morvotest::Log;
+using morvotest::Messages;
+using morvotest::MessagesOf;
 using morvotest::OpenList;
 using morvotest::ReadAll;
 using morvotest::Record;
 using morvotest::RunChild;
+using morvotest::SetRingSize;
 using morvotest::WaitChild;
-
-constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
+using morvotest::WriteInChild;
+using Strings = std::vector<std::string>;
 
 std::string Filler(int writer, int n) {
   return std::string(n % 50, static_cast<char>('a' + writer));
 }
 
-// A one-shot "I am ready" between a child and the test.
-struct Gate {
-  int fds[2] = {-1, -1};
-  Gate() { EXPECT_EQ(0, pipe(fds)); }
-  ~Gate() {
-    close(fds[0]);
-    close(fds[1]);
-  }
-  void Open() const { EXPECT_EQ(1, write(fds[1], "r", 1)); }
-  bool AwaitOpen() const {
-    char c;
-    return read(fds[0], &c, 1) == 1;
-  }
-};
-
 // Reads count records, blocking, and checks them: every (writer, buffer)
 // stream consecutive and whole, times never going back.
 int ReadAndCheck(int count) {
-  morvotest::ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
+  ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
   if (!list) return 2;
   std::map<std::pair<int, uint32_t>, int> next;
   uint64_t lastStamp = 0;
@@ -81,12 +73,7 @@ int ReadAndCheck(int count) {
 TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
   morvotest::TempRoot root;
   constexpr int kWriters = 4, kPerWriter = 3000, kReaders = 2;
-  {
-    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
-    ASSERT_TRUE(list);
-    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_MAIN), 4 << 20));
-    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_SYSTEM), 4 << 20));
-  }
+  ASSERT_TRUE(SetRingSize(LOG_ID_MAIN, 4 << 20) && SetRingSize(LOG_ID_SYSTEM, 4 << 20));
   std::vector<pid_t> readers, writers;
   for (int r = 0; r < kReaders; ++r) {
     readers.push_back(RunChild([] { return ReadAndCheck(kWriters * kPerWriter); }));
@@ -96,9 +83,10 @@ TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
       for (int n = 0; n < kPerWriter; ++n) {
         // Even numbers to main, odd ones to system.
         log_id_t id = n % 2 == 0 ? LOG_ID_MAIN : LOG_ID_SYSTEM;
-        std::string message =
-            "w" + std::to_string(w) + " " + std::to_string(n) + " " + Filler(w, n);
-        if (qd_log_write(id, QD_LOG_INFO, "mp", message.c_str()) <= 0) return 1;
+        if (Log(id, "w" + std::to_string(w) + " " + std::to_string(n) + " " + Filler(w, n), "mp") <=
+            0) {
+          return 1;
+        }
       }
       return 0;
     }));
@@ -116,12 +104,12 @@ std::string RaceText(int n) { return std::to_string(n) + ":" + std::string(n % 3
 TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
   morvotest::TempRoot root;
   constexpr int kRecords = 60000;
-  morvotest::ListPtr list = OpenList(0, 0, 0, {LOG_ID_RADIO});
+  ListPtr list = OpenList(0, 0, 0, {LOG_ID_RADIO});
   ASSERT_TRUE(list);
   ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_RADIO), 8192));
   pid_t writer = RunChild([] {
     for (int n = 0; n < kRecords; ++n) {
-      if (qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "race", RaceText(n).c_str()) <= 0) return 1;
+      if (Log(LOG_ID_RADIO, RaceText(n), "race") <= 0) return 1;
     }
     return 0;
   });
@@ -145,7 +133,7 @@ TEST(LogStoreProcessTest, BlockedReaderIsWokenByAWriterInAnotherProcess) {
   morvotest::TempRoot root;
   Gate gate;
   pid_t reader = RunChild([&gate] {
-    morvotest::ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_CRASH});
+    ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_CRASH});
     if (!list) return 2;
     gate.Open();
     qd_log_msg msg;
@@ -155,25 +143,18 @@ TEST(LogStoreProcessTest, BlockedReaderIsWokenByAWriterInAnotherProcess) {
   });
   ASSERT_TRUE(gate.AwaitOpen());
   usleep(50 * 1000);  // let it go to sleep first
-  pid_t writer =
-      RunChild([] { return qd_log_write(LOG_ID_CRASH, QD_LOG_ERROR, "t", "wake up") > 0 ? 0 : 1; });
-  EXPECT_EQ(0, WaitChild(writer));
+  EXPECT_TRUE(WriteInChild(LOG_ID_CRASH, "wake up"));
   EXPECT_EQ(0, WaitChild(reader));
 }
 
 TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
   morvotest::TempRoot root;
   constexpr long kRing = 16384;
-  {
-    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_KERNEL});
-    ASSERT_TRUE(list);
-    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_KERNEL), kRing));
-  }
+  ASSERT_TRUE(SetRingSize(LOG_ID_KERNEL, kRing));
   Gate gate;
   const std::string text(95, 'k');  // 128 bytes a record with its tag and header
   pid_t reader = RunChild([&gate] {
-    morvotest::ListPtr list =
-        OpenList(QD_LOGGER_MODE_WRAP | QD_LOGGER_MODE_NONBLOCK, 0, 0, {LOG_ID_KERNEL});
+    ListPtr list = OpenList(QD_LOGGER_MODE_WRAP | QD_LOGGER_MODE_NONBLOCK, 0, 0, {LOG_ID_KERNEL});
     if (!list) return 2;
     gate.Open();
     int end = 0;
@@ -181,29 +162,26 @@ TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
     return end == -EAGAIN && count >= (kRing - QD_LOGGER_ENTRY_MAX_LEN) / 128 ? 0 : 3;
   });
   ASSERT_TRUE(gate.AwaitOpen());
-  for (int i = 0; i < 40; ++i)
-    ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
+  for (int i = 0; i < 40; ++i) ASSERT_GT(Log(LOG_ID_KERNEL, text, "kk"), 0);
   usleep(100 * 1000);
   // A third full: the reader still waits.
   int status = 0;
   EXPECT_EQ(0, waitpid(reader, &status, WNOHANG));
   // Past the point where a largest record would no longer fit, not so far
   // that anything is dropped.
-  for (int i = 0; i < 50; ++i)
-    ASSERT_GT(qd_log_write(LOG_ID_KERNEL, QD_LOG_INFO, "kk", text.c_str()), 0);
+  for (int i = 0; i < 50; ++i) ASSERT_GT(Log(LOG_ID_KERNEL, text, "kk"), 0);
   EXPECT_EQ(0, WaitChild(reader));
 }
 
 TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
   morvotest::TempRoot root;
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
   qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
-  for (int i = 0; i < 5; ++i)
-    ASSERT_EQ(5, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()));
+  for (int i = 0; i < 5; ++i) ASSERT_EQ(5, Log(LOG_ID_MAIN, std::to_string(i)));
   Gate gate;
   pid_t blocked = RunChild([&gate] {
-    morvotest::ListPtr mine = OpenList(0, 0, 0, {LOG_ID_MAIN});
+    ListPtr mine = OpenList(0, 0, 0, {LOG_ID_MAIN});
     if (!mine) return 2;
     std::vector<std::string> seen;
     gate.Open();
@@ -214,28 +192,20 @@ TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
     return seen.size() == 6 && seen.back() == "after resize" ? 0 : 3;
   });
   ASSERT_TRUE(gate.AwaitOpen());
-  pid_t resizer = RunChild([] {
-    morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-    return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0
-               ? 0
-               : 1;
-  });
-  ASSERT_EQ(0, WaitChild(resizer));
+  ASSERT_EQ(0, WaitChild(RunChild([] { return SetRingSize(LOG_ID_MAIN, 65536) ? 0 : 1; })));
   EXPECT_EQ(65536, qd_logger_get_log_size(main));
   EXPECT_EQ(5 * (28 + 5), qd_logger_get_log_readable_size(main));
   // This process's writer and reader both move to the new file.
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "after resize"), 0);
+  ASSERT_GT(Log(LOG_ID_MAIN, "after resize"), 0);
   EXPECT_EQ(6u, ReadAll(list.get()).size());
   EXPECT_EQ(0, WaitChild(blocked));
-  pid_t clearer = RunChild([] {
-    morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-    return other && qd_logger_clear(qd_logger_open(other.get(), LOG_ID_MAIN)) == 0 ? 0 : 1;
-  });
-  ASSERT_EQ(0, WaitChild(clearer));
+  ASSERT_EQ(0, WaitChild(RunChild([] {
+              ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+              return other && qd_logger_clear(qd_logger_open(other.get(), LOG_ID_MAIN)) == 0 ? 0
+                                                                                             : 1;
+            })));
   EXPECT_EQ(0, qd_logger_get_log_readable_size(main));
-  morvotest::ListPtr fresh = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(fresh);
-  EXPECT_TRUE(ReadAll(fresh.get()).empty());
+  EXPECT_TRUE(MessagesOf({LOG_ID_MAIN}).empty());
 }
 
 TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) {
@@ -243,21 +213,16 @@ TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) 
   for (int round = 0; round < 10; ++round) {
     pid_t writer = fork();
     if (writer == 0) {
-      for (int n = 0;; ++n)
-        qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "kill", std::to_string(n).c_str());
+      for (int n = 0;; ++n) Log(LOG_ID_MAIN, std::to_string(n), "kill");
     }
     usleep(2000 + round * 700);
     kill(writer, SIGKILL);
     waitpid(writer, nullptr, 0);
     std::string alive = "alive " + std::to_string(round);
-    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", alive.c_str()), 0) << round;
-    morvotest::ListPtr last = OpenList(kDrain, 1, 0, {LOG_ID_MAIN});
-    ASSERT_TRUE(last);
-    std::vector<Record> records = ReadAll(last.get());
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ(alive, records[0].message);
+    ASSERT_GT(Log(LOG_ID_MAIN, alive), 0) << round;
+    EXPECT_EQ(Strings{alive}, MessagesOf({LOG_ID_MAIN}, 1));
   }
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
   int end = 0;
   std::vector<Record> records = ReadAll(list.get(), &end);
@@ -296,13 +261,13 @@ bool HoldsAnAddress(const std::string& bytes) {
 
 TEST(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRecord) {
   morvotest::TempRoot root;
-  ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "first"), 0);
+  ASSERT_GT(Log(LOG_ID_MAIN, "first"), 0);
   pid_t stopped = RunChild([] {
     platform::SetLockHeldHook([] {
       platform::SetLockHeldHook(nullptr);
       raise(SIGSTOP);
     });
-    return qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "stopped") > 0 ? 0 : 1;
+    return Log(LOG_ID_MAIN, "stopped") > 0 ? 0 : 1;
   });
   int status = 0;
   ASSERT_EQ(stopped, waitpid(stopped, &status, WUNTRACED));
@@ -310,40 +275,22 @@ TEST(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRec
   std::string header = morvotest::ReadFile(morvotest::RingPath(root, "morvo_main")).substr(0, 4096);
   EXPECT_FALSE(HoldsAnAddress(header)) << "the ring header leaks an address of its writer";
   uint64_t waits = platform::LockWaits();
-  for (int i = 0; i < 5; ++i) {
-    EXPECT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", std::to_string(i).c_str()), 0) << i;
-  }
+  for (int i = 0; i < 5; ++i) EXPECT_GT(Log(LOG_ID_MAIN, std::to_string(i)), 0) << i;
   EXPECT_EQ(1u, platform::LockWaits() - waits);
   // Readers wait on the stopped writer at most once too, and see what is
   // in the ring.
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
-  std::vector<Record> records = ReadAll(list.get());
-  ASSERT_EQ(1u, records.size());
-  EXPECT_EQ("first", records[0].message);
+  EXPECT_EQ(Strings{"first"}, Messages(ReadAll(list.get())));
   kill(stopped, SIGCONT);
   EXPECT_EQ(0, WaitChild(stopped));
-  std::vector<std::string> seen;
-  for (const Record& r : ReadAll(list.get())) seen.push_back(r.message);
-  EXPECT_EQ((std::vector<std::string>{"stopped", "0", "1", "2", "3", "4"}), seen);
+  EXPECT_EQ((Strings{"stopped", "0", "1", "2", "3", "4"}), Messages(ReadAll(list.get())));
 }
 
 platform::ResizeStep gKillAt = platform::kResizeMarked;
 
 void KillAtStep(platform::ResizeStep step) {
   if (step == gKillAt) raise(SIGKILL);
-}
-
-bool WriteInChild(const char* message) {
-  return WaitChild(RunChild([message] {
-           return qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", message) > 0 ? 0 : 1;
-         })) == 0;
-}
-
-std::vector<std::string> Messages(const std::vector<Record>& records) {
-  std::vector<std::string> messages;
-  for (const Record& r : records) messages.push_back(r.message);
-  return messages;
 }
 
 TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord) {
@@ -354,32 +301,27 @@ TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord
                {platform::kResizePublished, 65536}};
   for (const auto& c : cases) {
     morvotest::TempRoot root;
-    for (int i = 0; i < 3; ++i) ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "before"), 0);
-    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+    for (int i = 0; i < 3; ++i) ASSERT_GT(Log(LOG_ID_MAIN, "before"), 0);
+    ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
     ASSERT_TRUE(list);
     ASSERT_EQ(3u, ReadAll(list.get()).size());
     gKillAt = c.step;
     pid_t resizer = RunChild([] {
       platform::SetResizeHook(KillAtStep);
-      morvotest::ListPtr other = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-      return other && qd_logger_set_log_size(qd_logger_open(other.get(), LOG_ID_MAIN), 65536) == 0
-                 ? 0
-                 : 1;
+      return SetRingSize(LOG_ID_MAIN, 65536) ? 0 : 1;
     });
     ASSERT_EQ(-1, WaitChild(resizer)) << c.step;
     // A writer that opens the store now, then this process's writer, which
     // has the ring of before the resize mapped.
-    ASSERT_TRUE(WriteInChild("new writer")) << c.step;
-    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "t", "old writer"), 0) << c.step;
-    std::vector<std::string> after = {"new writer", "old writer"};
-    EXPECT_EQ(after, Messages(ReadAll(list.get()))) << c.step;
+    ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "new writer")) << c.step;
+    ASSERT_GT(Log(LOG_ID_MAIN, "old writer"), 0) << c.step;
+    EXPECT_EQ((Strings{"new writer", "old writer"}), Messages(ReadAll(list.get()))) << c.step;
     EXPECT_EQ(c.size, qd_logger_get_log_size(qd_logger_open(list.get(), LOG_ID_MAIN))) << c.step;
-    morvotest::ListPtr fresh = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-    ASSERT_TRUE(fresh);
-    std::vector<std::string> all = {"before", "before", "before", "new writer", "old writer"};
-    EXPECT_EQ(all, Messages(ReadAll(fresh.get()))) << c.step;
+    EXPECT_EQ((Strings{"before", "before", "before", "new writer", "old writer"}),
+              MessagesOf({LOG_ID_MAIN}))
+        << c.step;
     // A resize afterwards goes through.
-    EXPECT_EQ(0, qd_logger_set_log_size(qd_logger_open(fresh.get(), LOG_ID_MAIN), 32768)) << c.step;
+    EXPECT_TRUE(SetRingSize(LOG_ID_MAIN, 32768)) << c.step;
   }
 }
 
@@ -429,7 +371,7 @@ const Leftover kLeftovers[] = {
 
 TEST(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly) {
   morvotest::TempRoot root;
-  ASSERT_TRUE(WriteInChild("m"));
+  ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m"));
   pid_t dead = RunChild([] { return 0; });
   ASSERT_EQ(0, WaitChild(dead));
   std::string victim = root.Under("/victim");
@@ -452,28 +394,21 @@ TEST(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly
 TEST(LogStoreProcessTest, ThreadsWriteTogetherAndForkingWhileTheyWriteIsSafe) {
   morvotest::TempRoot root;
   constexpr int kThreads = 3, kPerThread = 4000;
-  {
-    morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
-    ASSERT_TRUE(list);
-    ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_EVENTS), 4 << 20));
-  }
+  ASSERT_TRUE(SetRingSize(LOG_ID_EVENTS, 4 << 20));
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
       for (int n = 0; n < kPerThread; ++n) {
-        std::string message = std::to_string(t) + " " + std::to_string(n);
-        ASSERT_GT(qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "th", message.c_str()), 0);
+        ASSERT_GT(Log(LOG_ID_EVENTS, std::to_string(t) + " " + std::to_string(n), "th"), 0);
       }
     });
   }
   // Children forked while the threads hold the writer's locks can write.
   for (int i = 0; i < 20; ++i) {
-    pid_t child =
-        RunChild([] { return qd_log_write(LOG_ID_EVENTS, QD_LOG_INFO, "fk", "x") > 0 ? 0 : 1; });
-    EXPECT_EQ(0, WaitChild(child));
+    EXPECT_EQ(0, WaitChild(RunChild([] { return Log(LOG_ID_EVENTS, "x", "fk") > 0 ? 0 : 1; })));
   }
   for (std::thread& thread : threads) thread.join();
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
   ASSERT_TRUE(list);
   std::map<int, int> next;
   std::map<int, uint32_t> tids;
@@ -510,7 +445,7 @@ TEST(MorvoLogToolTest, WritesArgumentsOrOneRecordPerInputLine) {
   morvotest::TempRoot root;
   ASSERT_EQ(0, Shell(Tool() + " -b morvo_system -p E -t mytag a  message 'in words'"));
   ASSERT_EQ(0, Shell("printf 'one\\ntwo\\n\\nlast' | " + Tool() + " -b morvo_system"));
-  morvotest::ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
+  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
   ASSERT_TRUE(list);
   std::vector<Record> records = ReadAll(list.get());
   ASSERT_EQ(5u, records.size());
@@ -528,11 +463,9 @@ TEST(MorvoLogToolTest, WritesArgumentsOrOneRecordPerInputLine) {
 TEST(MorvoLogToolTest, BadOptionsPrintUsageAndFail) {
   if (Tool().empty()) GTEST_SKIP() << "MORVO_BIN_DIR is not set";
   morvotest::TempRoot root;
-  EXPECT_EQ(1, Shell(Tool() + " -b nosuch x 2>/dev/null"));
-  EXPECT_EQ(1, Shell(Tool() + " -p X x 2>/dev/null"));
-  EXPECT_EQ(1, Shell(Tool() + " -p II x 2>/dev/null"));
-  EXPECT_EQ(1, Shell(Tool() + " -q x 2>/dev/null"));
-  EXPECT_EQ(1, Shell(Tool() + " -t 2>/dev/null"));
+  for (const char* bad : {"-b nosuch x", "-p X x", "-p II x", "-q x", "-t"}) {
+    EXPECT_EQ(1, Shell(Tool() + " " + bad + " 2>/dev/null")) << bad;
+  }
   EXPECT_EQ(0, Shell(Tool() + " -p V x"));
   std::string usage = root.Under("/usage");
   Shell(Tool() + " -z 2>" + usage);

@@ -1,8 +1,8 @@
 #ifndef MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
 #define MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
 
-// Helpers shared by the log store tests: reading records back as values and
-// running parts of a test in child processes.
+// Helpers shared by the log store tests: writing and reading records back as
+// values, and running parts of a test in child processes.
 
 #include <grp.h>
 #include <signal.h>
@@ -17,9 +17,12 @@
 #include <vector>
 
 #include "platform/logger.h"
+#include "support/planted.h"
 #include "support/temp_root.h"
 
 namespace morvotest {
+
+constexpr int kDrain = QD_LOGGER_MODE_NONBLOCK;
 
 struct Record {
   uint32_t lid = 0;
@@ -72,6 +75,30 @@ inline std::vector<Record> ReadAll(qd_logger_list* list, int* end = nullptr) {
   return records;
 }
 
+inline std::vector<std::string> Messages(const std::vector<Record>& records) {
+  std::vector<std::string> messages;
+  for (const Record& r : records) messages.push_back(r.message);
+  return messages;
+}
+
+// The messages a reader of ids opening now reads (the last tail of them).
+inline std::vector<std::string> MessagesOf(std::vector<log_id_t> ids, unsigned tail = 0) {
+  ListPtr list = OpenList(kDrain, tail, 0, ids);
+  if (!list) return {"(does not open)"};
+  return Messages(ReadAll(list.get()));
+}
+
+// One record of tag and message at info; what the write returns.
+inline int Log(log_id_t id, const std::string& message, const char* tag = "t") {
+  return qd_log_write(id, QD_LOG_INFO, tag, message.c_str());
+}
+
+// Gives the buffer id size bytes through a list of its own.
+inline bool SetRingSize(log_id_t id, long size) {
+  ListPtr list = OpenList(kDrain, 0, 0, {id});
+  return list && qd_logger_set_log_size(qd_logger_open(list.get(), id), size) == 0;
+}
+
 // Runs body in a child process whose exit status is body's result; a child
 // that hangs is killed by its alarm.
 template <typename Body>
@@ -91,14 +118,36 @@ inline int WaitChild(pid_t pid) {
   return WEXITSTATUS(status);
 }
 
+// Writes from a child process, so that this process keeps no mapping of the
+// ring it writes to.
+inline bool WriteInChild(log_id_t id, const char* message) {
+  return WaitChild(RunChild([id, message] { return Log(id, message) > 0 ? 0 : 1; })) == 0;
+}
+
+// A one-shot "I am ready" between a child and the test.
+struct Gate {
+  int fds[2] = {-1, -1};
+  Gate() {
+    if (pipe(fds) != 0) fds[0] = fds[1] = -1;
+  }
+  ~Gate() {
+    close(fds[0]);
+    close(fds[1]);
+  }
+  void Open() const {
+    if (write(fds[1], "r", 1) != 1) _exit(9);
+  }
+  bool AwaitOpen() const {
+    char c;
+    return read(fds[0], &c, 1) == 1;
+  }
+};
+
 inline std::string StorePath(const TempRoot& root) { return root.Under(MORVO_LOG_STORE_DIR); }
 
 inline std::string RingPath(const TempRoot& root, const char* name) {
   return StorePath(root) + "/" + name;
 }
-
-// The unprivileged user of the attacks.
-constexpr uid_t kNobody = 65534;
 
 // Lets kNobody reach the store folder's parent, as on a host where
 // /dev/shm is open to every user: the temporary root is made for root only.

@@ -5,10 +5,11 @@
 // stock zcat a user would run. Both answer "<bad>" when the file is not a
 // whole gzip stream.
 
-#include <stdio.h>
 #include <zlib.h>
 
 #include <string>
+
+#include "support/command_output.h"
 
 namespace morvotest {
 
@@ -28,14 +29,9 @@ inline std::string Gunzip(const std::string& path) {
 }
 
 inline std::string Zcat(const std::string& path) {
-  std::string cmd = "zcat -- '" + path + "' 2>/dev/null";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return kBadGzip;
-  std::string text;
-  char buf[65536];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof(buf), p)) > 0) text.append(buf, n);
-  return pclose(p) == 0 ? text : kBadGzip;
+  int status;
+  std::string text = CommandOutput("zcat -- '" + path + "' 2>/dev/null", &status);
+  return status == 0 ? text : kBadGzip;
 }
 
 }  // namespace morvotest

@@ -60,37 +60,18 @@ inline void ExpectUntouched(const std::string& path, const std::vector<std::stri
 enum class Plant { SYMLINK, HARD_LINK, FIFO, DANGLING_LINK };
 
 inline const char* NameOf(Plant plant) {
-  switch (plant) {
-    case Plant::SYMLINK:
-      return "link to a file outside";
-    case Plant::HARD_LINK:
-      return "hard link to a file outside";
-    case Plant::FIFO:
-      return "FIFO";
-    case Plant::DANGLING_LINK:
-      return "link to a missing file outside";
-  }
-  return "";
+  static const char* const kNames[] = {"link to a file outside", "hard link to a file outside",
+                                       "FIFO", "link to a missing file outside"};
+  return kNames[static_cast<int>(plant)];
 }
 
 // victim is an existing file outside the tree; a dangling link points at
 // victim + ".new".
 inline void PlantAt(const std::string& path, Plant plant, const std::string& victim) {
-  int rc = 0;
-  switch (plant) {
-    case Plant::SYMLINK:
-      rc = symlink(victim.c_str(), path.c_str());
-      break;
-    case Plant::HARD_LINK:
-      rc = link(victim.c_str(), path.c_str());
-      break;
-    case Plant::FIFO:
-      rc = mkfifo(path.c_str(), 0666);
-      break;
-    case Plant::DANGLING_LINK:
-      rc = symlink((victim + ".new").c_str(), path.c_str());
-      break;
-  }
+  int rc = plant == Plant::SYMLINK         ? symlink(victim.c_str(), path.c_str())
+           : plant == Plant::HARD_LINK     ? link(victim.c_str(), path.c_str())
+           : plant == Plant::DANGLING_LINK ? symlink((victim + ".new").c_str(), path.c_str())
+                                           : mkfifo(path.c_str(), 0666);
   ASSERT_EQ(rc, 0) << path;
 }
 

@@ -12,12 +12,9 @@ namespace morvotest {
 // What tar prints for the command, or "<tar failed>" when it exits with
 // anything but 0, so that a listing cut short never passes for a whole one.
 inline std::string Tar(const std::string& arguments) {
-  std::string out = CommandOutput("tar " + arguments + " 2>/dev/null && echo '<tar ok>'");
-  const std::string ok = "<tar ok>\n";
-  if (out.size() < ok.size() || out.compare(out.size() - ok.size(), ok.size(), ok) != 0) {
-    return "<tar failed>";
-  }
-  return out.substr(0, out.size() - ok.size());
+  int status;
+  std::string out = CommandOutput("tar " + arguments + " 2>/dev/null", &status);
+  return status == 0 ? out : "<tar failed>";
 }
 
 // The member names, one a line, as tar -t lists them.
