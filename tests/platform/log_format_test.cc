@@ -9,6 +9,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -39,87 +40,85 @@ struct Record {
   int Parse(QdLogEntry* entry) { return qdlogging_log_processLogBuffer(&msg.entry, entry); }
 };
 
+// Rules added in turn ('|' between calls, a leading '=' for one rule
+// through addFilterRule, '!' for a call that must fail, "~" for null), then
+// checks "Tag:L+" (prints at level L) or "Tag:L-" (does not).
+const struct {
+  const char* rules;
+  const char* checks;
+} kFilterCases[] = {
+    {"", "Any:?+ Any:V+ :F+"},
+    {"*:W  Foo:D\tBar:s\n", "Foo:D+ Foo:V- Bar:F- Other:I- Other:W+ foo:D- Fo:D-"},
+    {"=*:s|Bare|*", "Bare:V+ Any:V+ Any:*-"},
+    {"Foo:E *:E Foo:V *:I", "Foo:V+ Any:I+"},
+    {"Foo:E *:E Foo:V *:I|Foo:F", "Foo:E- Foo:F+ Any:I+"},
+    {"*:E Foo:W|!=Foo:V Bar:V|!=| \t|!~", "Foo:V- Foo:W+ Any:W-"},
+};
+
 class FilterTest : public ::testing::Test {
  protected:
   void SetUp() override { format_ = qdlogging_log_format_new(); }
   void TearDown() override { qdlogging_log_format_free(format_); }
-  bool Prints(const char* tag, qd_LogPriority priority) {
-    return qdlogging_log_shouldPrintLine(format_, tag, priority) != 0;
+  bool Prints(const std::string& tag, qd_LogPriority priority) {
+    return qdlogging_log_shouldPrintLine(format_, tag.c_str(), priority) != 0;
+  }
+  int Add(const std::string& rule) {
+    if (rule == "~") return qdlogging_log_addFilterString(format_, nullptr);
+    return rule[0] == '=' ? qdlogging_log_addFilterRule(format_, rule.c_str() + 1)
+                          : qdlogging_log_addFilterString(format_, rule.c_str());
   }
   QdLogFormat* format_ = nullptr;
 };
 
-TEST_F(FilterTest, WithoutRulesEverythingPrints) {
-  ASSERT_NE(nullptr, format_);
-  EXPECT_TRUE(Prints("Any", QD_LOG_UNKNOWN));
-  EXPECT_TRUE(Prints("Any", QD_LOG_VERBOSE));
-  EXPECT_TRUE(Prints("", QD_LOG_FATAL));
+TEST_F(FilterTest, RulesDecideWhatPrints) {
+  const std::string kLevels = "?*VDIWEF";  // from QD_LOG_UNKNOWN up
+  for (const auto& c : kFilterCases) {
+    SCOPED_TRACE(c.rules);
+    TearDown();
+    SetUp();
+    std::istringstream rules(c.rules), checks(c.checks);
+    for (std::string rule; std::getline(rules, rule, '|');) {
+      bool fails = rule[0] == '!';
+      EXPECT_TRUE(rule.empty() || fails == (Add(rule.substr(fails)) < 0)) << rule;
+    }
+    for (std::string check; checks >> check;) {
+      size_t colon = check.rfind(':');
+      auto level = static_cast<qd_LogPriority>(QD_LOG_UNKNOWN + kLevels.find(check[colon + 1]));
+      EXPECT_EQ(check.back() == '+', Prints(check.substr(0, colon), level)) << check;
+    }
+  }
 }
 
-TEST_F(FilterTest, TagRulesOverrideTheDefault) {
-  ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "*:W  Foo:D\tBar:s\n"));
-  EXPECT_TRUE(Prints("Foo", QD_LOG_DEBUG));
-  EXPECT_FALSE(Prints("Foo", QD_LOG_VERBOSE));
-  EXPECT_FALSE(Prints("Bar", QD_LOG_FATAL));
-  EXPECT_FALSE(Prints("Other", QD_LOG_INFO));
-  EXPECT_TRUE(Prints("Other", QD_LOG_WARN));
-  // Tags match exactly, case included.
-  EXPECT_FALSE(Prints("foo", QD_LOG_DEBUG));
-  EXPECT_FALSE(Prints("Fo", QD_LOG_DEBUG));
-}
-
-TEST_F(FilterTest, LettersInEitherCaseAndBareTagsMeanVerbose) {
-  ASSERT_EQ(0, qdlogging_log_addFilterRule(format_, "*:s"));
+TEST_F(FilterTest, LettersInEitherCaseNameTheLevel) {
+  ASSERT_EQ(0, Add("*:s"));
   EXPECT_FALSE(Prints("Any", QD_LOG_FATAL));
   const char* letters = "vdiwefVDIWEF";
   for (int i = 0; letters[i] != '\0'; ++i) {
     std::string rule = std::string("T:") + letters[i];
-    ASSERT_EQ(0, qdlogging_log_addFilterString(format_, rule.c_str())) << rule;
+    ASSERT_EQ(0, Add(rule.c_str())) << rule;
     qd_LogPriority level = static_cast<qd_LogPriority>(QD_LOG_VERBOSE + i % 6);
     EXPECT_TRUE(Prints("T", level)) << rule;
     EXPECT_FALSE(Prints("T", static_cast<qd_LogPriority>(level - 1))) << rule;
   }
-  ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "Bare"));
-  EXPECT_TRUE(Prints("Bare", QD_LOG_VERBOSE));
-  ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "*"));
-  EXPECT_TRUE(Prints("Any", QD_LOG_VERBOSE));
-  EXPECT_FALSE(Prints("Any", QD_LOG_DEFAULT));
-}
-
-TEST_F(FilterTest, LastRuleForATagWins) {
-  ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "Foo:E *:E Foo:V *:I"));
-  EXPECT_TRUE(Prints("Foo", QD_LOG_VERBOSE));
-  EXPECT_TRUE(Prints("Any", QD_LOG_INFO));
-  ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "Foo:F"));
-  EXPECT_FALSE(Prints("Foo", QD_LOG_ERROR));
-  EXPECT_TRUE(Prints("Foo", QD_LOG_FATAL));
 }
 
 TEST_F(FilterTest, MalformedExpressionsChangeNothing) {
-  ASSERT_EQ(0, qdlogging_log_addFilterString(format_, "*:E Foo:W"));
-  const char* bad[] = {":V",    "Foo:", "Foo:X", "Foo:VV", "Foo:V:", "Foo::V",
-                       "a:b:c", ":",    "*:",    "*:Q",    "Bar:1",  "ok:V Foo:V *:V bad:"};
-  for (const char* text : bad) {
+  ASSERT_EQ(0, Add("*:E Foo:W"));
+  for (const char* text : {":V", "Foo:", "Foo:X", "Foo:VV", "Foo:V:", "Foo::V", "a:b:c", ":",
+                           "*:", "*:Q", "Bar:1", "ok:V Foo:V *:V bad:"}) {
     EXPECT_LT(qdlogging_log_addFilterString(format_, text), 0) << text;
     EXPECT_LT(qdlogging_log_addFilterRule(format_, text), 0) << text;
   }
   EXPECT_FALSE(Prints("Any", QD_LOG_WARN));
   EXPECT_FALSE(Prints("Foo", QD_LOG_INFO));
   EXPECT_FALSE(Prints("ok", QD_LOG_VERBOSE));
-  // One rule per call, and no rule at all is no rule.
-  EXPECT_LT(qdlogging_log_addFilterRule(format_, "Foo:V Bar:V"), 0);
-  EXPECT_LT(qdlogging_log_addFilterRule(format_, ""), 0);
-  EXPECT_FALSE(Prints("Foo", QD_LOG_VERBOSE));
-  EXPECT_EQ(0, qdlogging_log_addFilterString(format_, " \t"));
-  EXPECT_LT(qdlogging_log_addFilterString(format_, nullptr), 0);
-  EXPECT_TRUE(Prints("Foo", QD_LOG_WARN));
 }
 
 TEST(PrintFormatTest, OnlyThreadtimeIsKnown) {
   EXPECT_EQ(FORMAT_THREADTIME, qdlogging_log_formatFromString("threadtime"));
-  EXPECT_EQ(0, qdlogging_log_formatFromString("brief"));
-  EXPECT_EQ(0, qdlogging_log_formatFromString("Threadtime"));
-  EXPECT_EQ(0, qdlogging_log_formatFromString(""));
+  for (const char* other : {"brief", "Threadtime", ""}) {
+    EXPECT_EQ(0, qdlogging_log_formatFromString(other)) << other;
+  }
   QdLogFormat* format = qdlogging_log_format_new();
   EXPECT_EQ(0, qdlogging_log_setPrintFormat(format, FORMAT_THREADTIME));
   EXPECT_LT(qdlogging_log_setPrintFormat(format, FORMAT_OFF), 0);
@@ -141,20 +140,22 @@ TEST(ProcessLogBufferTest, ParsesHeaderTagAndMessage) {
 }
 
 TEST(ProcessLogBufferTest, MessageEndsAtItsNulOrThePayloadEnd) {
-  QdLogEntry entry;
-  Record cut(std::string("\x04tag\0hello", 10));
-  ASSERT_EQ(0, cut.Parse(&entry));
-  EXPECT_EQ("hello", std::string(entry.message, entry.messageLen));
-  Record inner(std::string("\x04tag\0hi\0rest\0", 13));
-  ASSERT_EQ(0, inner.Parse(&entry));
-  EXPECT_EQ("hi", std::string(entry.message, entry.messageLen));
-  Record empty(std::string("\x04\0", 2));
-  ASSERT_EQ(0, empty.Parse(&entry));
-  EXPECT_EQ(0u, entry.tagLen);
-  EXPECT_EQ(0u, entry.messageLen);
-  Record full(std::string("\x04t\0", 3) + std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'm'));
-  ASSERT_EQ(0, full.Parse(&entry));
-  EXPECT_EQ(static_cast<size_t>(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3), entry.messageLen);
+  const struct {
+    std::string payload, tag, message;
+  } kCases[] = {
+      {std::string("\x04tag\0hello", 10), "tag", "hello"},
+      {std::string("\x04tag\0hi\0rest\0", 13), "tag", "hi"},
+      {std::string("\x04\0", 2), "", ""},
+      {std::string("\x04t\0", 3) + std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'm'), "t",
+       std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'm')},
+  };
+  for (const auto& c : kCases) {
+    Record record(c.payload);
+    QdLogEntry entry;
+    ASSERT_EQ(0, record.Parse(&entry)) << c.message.substr(0, 9);
+    EXPECT_EQ(c.tag, std::string(entry.tag, entry.tagLen));
+    EXPECT_EQ(c.message, std::string(entry.message, entry.messageLen));
+  }
 }
 
 TEST(ProcessLogBufferTest, RejectsMalformedRecords) {
@@ -205,24 +206,45 @@ class ThreadTimeTest : public ::testing::Test {
   QdLogFormat* format_ = nullptr;
 };
 
-TEST_F(ThreadTimeTest, ExactBytes) {
-  Record record(QD_LOG_INFO, "MyTag", "hello world");
-  EXPECT_EQ("11-14 22:13:20.123  1234  5678 I MyTag   : hello world\n", Line(record));
-  record.msg.entry.nsec = 7999999;
-  EXPECT_EQ("11-14 22:13:20.007  1234  5678 I MyTag   : hello world\n", Line(record));
-  record.msg.entry.nsec = 0;
-  record.msg.entry.sec = 1709251199;  // 2024-02-29 23:59:59
-  EXPECT_EQ("02-29 23:59:59.000  1234  5678 I MyTag   : hello world\n", Line(record));
-}
+const std::string kAt = "11-14 22:13:20.123  1234  5678 ";
 
-TEST_F(ThreadTimeTest, EachRecordGetsItsOwnSecond) {
-  Record record(QD_LOG_INFO, "T", "m");
-  const uint32_t secs[] = {1700000000, 1700000000, 1700000001, 1700000000, 1700003600};
-  const char* stamps[] = {"11-14 22:13:20", "11-14 22:13:20", "11-14 22:13:21", "11-14 22:13:20",
-                          "11-14 23:13:20"};
-  for (int i = 0; i < 5; ++i) {
-    record.msg.entry.sec = secs[i];
-    EXPECT_EQ(stamps[i], Line(record).substr(0, 14)) << i;
+// One record each, all through one format, so that no second or field
+// carries over from the line before; 0 keeps the record's own field.
+const struct {
+  int priority;
+  const char* tag;
+  const char* message;
+  int32_t pid;
+  uint32_t tid, sec, nsec;
+  std::string lines;
+} kLineCases[] = {
+    {QD_LOG_INFO, "MyTag", "hello world", 0, 0, 0, 0, kAt + "I MyTag   : hello world\n"},
+    {QD_LOG_INFO, "T", "m", 0, 0, 0, 7999999, "11-14 22:13:20.007  1234  5678 I T       : m\n"},
+    {QD_LOG_INFO, "T", "m", 0, 0, 1709251199, 1, "02-29 23:59:59.000  1234  5678 I T       : m\n"},
+    {QD_LOG_INFO, "T", "m", 0, 0, 1700000001, 0, "11-14 22:13:21.123  1234  5678 I T       : m\n"},
+    {QD_LOG_INFO, "T", "m", 0, 0, 1700003600, 0, "11-14 23:13:20.123  1234  5678 I T       : m\n"},
+    {QD_LOG_DEBUG, "EightChr", "m", 1, 1234567, 0, 0,
+     "11-14 22:13:20.123     1 1234567 D EightChr: m\n"},
+    {QD_LOG_ERROR, "ActivityManager", "m", -1, 1u << 31, 0, 0,
+     "11-14 22:13:20.123    -1 -2147483648 E ActivityManager: m\n"},
+    {QD_LOG_FATAL, "", "m", 0, 0, 0, 0, kAt + "F         : m\n"},
+    {QD_LOG_WARN, "T", "a\nbb\n", 0, 0, 0, 0, kAt + "W T       : a\n" + kAt + "W T       : bb\n"},
+    {QD_LOG_WARN, "T", "a\n\nb", 0, 0, 0, 0,
+     kAt + "W T       : a\n" + kAt + "W T       : \n" + kAt + "W T       : b\n"},
+    {QD_LOG_WARN, "T", "a\n\n", 0, 0, 0, 0, kAt + "W T       : a\n" + kAt + "W T       : \n"},
+    {QD_LOG_WARN, "T", "\n", 0, 0, 0, 0, kAt + "W T       : \n"},
+    {QD_LOG_WARN, "T", "", 0, 0, 0, 0, kAt + "W T       : \n"},
+};
+
+TEST_F(ThreadTimeTest, ExactBytes) {
+  for (const auto& c : kLineCases) {
+    Record record(c.priority, c.tag, c.message);
+    qd_logger_entry& e = record.msg.entry;
+    if (c.pid != 0) e.pid = c.pid;
+    if (c.tid != 0) e.tid = c.tid;
+    if (c.sec != 0) e.sec = c.sec;
+    if (c.nsec != 0) e.nsec = c.nsec;  // 1 ns shows as .000
+    EXPECT_EQ(c.lines, Line(record));
   }
 }
 
@@ -235,19 +257,6 @@ TEST_F(ThreadTimeTest, UsesLocalTime) {
   EXPECT_EQ("11-14 17:13:20.123", Line(record).substr(0, 18));
   std::swap(other, format_);
   qdlogging_log_format_free(other);
-}
-
-TEST_F(ThreadTimeTest, AlignsIdsAndTags) {
-  Record record(QD_LOG_DEBUG, "EightChr", "m");
-  record.msg.entry.pid = 1;
-  record.msg.entry.tid = 1234567;
-  EXPECT_EQ("11-14 22:13:20.123     1 1234567 D EightChr: m\n", Line(record));
-  Record longTag(QD_LOG_ERROR, "ActivityManager", "m");
-  longTag.msg.entry.pid = -1;
-  longTag.msg.entry.tid = static_cast<uint32_t>(INT32_MIN);
-  EXPECT_EQ("11-14 22:13:20.123    -1 -2147483648 E ActivityManager: m\n", Line(longTag));
-  Record noTag(QD_LOG_FATAL, "", "m");
-  EXPECT_EQ("11-14 22:13:20.123  1234  5678 F         : m\n", Line(noTag));
 }
 
 TEST_F(ThreadTimeTest, PriorityLetters) {
@@ -263,31 +272,12 @@ TEST_F(ThreadTimeTest, PriorityLetters) {
   EXPECT_EQ(QD_LOG_UNKNOWN, entry.priority);
 }
 
-TEST_F(ThreadTimeTest, OneLinePerMessageLine) {
-  const std::string prefix = "11-14 22:13:20.123  1234  5678 W T       : ";
-  struct {
-    const char* message;
-    std::string expected;
-  } cases[] = {
-      {"a\nbb\n", prefix + "a\n" + prefix + "bb\n"},
-      {"a\n\nb", prefix + "a\n" + prefix + "\n" + prefix + "b\n"},
-      {"a\n\n", prefix + "a\n" + prefix + "\n"},
-      {"\n", prefix + "\n"},
-      {"", prefix + "\n"},
-  };
-  for (const auto& c : cases) {
-    Record record(QD_LOG_WARN, "T", c.message);
-    EXPECT_EQ(c.expected, Line(record)) << c.message;
-  }
-}
-
 TEST_F(ThreadTimeTest, LongLinesGoToTheHeap) {
   QdLogEntry entry;
-  const std::string prefix = "11-14 22:13:20.123  1234  5678 I T       : ";
   std::string message(100, 'a');
   Record record(QD_LOG_INFO, "T", message);
   ASSERT_EQ(0, record.Parse(&entry));
-  const std::string expected = prefix + message + "\n";
+  const std::string expected = kAt + "I T       : " + message + "\n";
   // Exactly room for the text and its NUL, then one byte less.
   char buffer[256];
   size_t length = 0;
@@ -299,12 +289,10 @@ TEST_F(ThreadTimeTest, LongLinesGoToTheHeap) {
   EXPECT_NE(buffer, text);
   EXPECT_EQ(expected, std::string(text, length));
   free(text);
-
-  std::string lines;
-  std::string many;
+  std::string lines, many;
   for (int i = 0; i < 40; ++i) {
     many += "line " + std::to_string(i) + "\n";
-    lines += prefix + "line " + std::to_string(i) + "\n";
+    lines += kAt + "I T       : line " + std::to_string(i) + "\n";
   }
   Record multi(QD_LOG_INFO, "T", many);
   EXPECT_EQ(lines, Line(multi));
@@ -335,49 +323,38 @@ std::string Drain(int fd) {
 
 void Ignore(int) {}
 
-TEST_F(ThreadTimeTest, PrintWritesTheWholeLine) {
-  int fds[2];
-  ASSERT_EQ(0, pipe(fds));
-  Record record(QD_LOG_INFO, "T", "piped");
-  QdLogEntry entry;
-  ASSERT_EQ(0, record.Parse(&entry));
-  const std::string expected = "11-14 22:13:20.123  1234  5678 I T       : piped\n";
-  EXPECT_EQ(static_cast<int>(expected.size()), qdlogging_log_printLogLine(format_, fds[1], &entry));
-  EXPECT_LT(qdlogging_log_printLogLine(format_, fds[0], &entry), 0);
-  close(fds[1]);
-  EXPECT_EQ(expected, Drain(fds[0]));
-  close(fds[0]);
-}
-
-TEST_F(ThreadTimeTest, PrintSurvivesSignalsAndAFullPipe) {
-  // Some 4000 short lines: far more than a pipe holds, so the write blocks
-  // and signals without SA_RESTART interrupt it or cut it short.
-  struct sigaction action = {};
-  struct sigaction old = {};
+// A short line, then some 4000 short lines: far more than a pipe holds, so
+// the write blocks and signals without SA_RESTART interrupt it or cut it short.
+TEST_F(ThreadTimeTest, PrintWritesTheWholeLineThroughSignalsAndAFullPipe) {
+  struct sigaction action = {}, old = {};
   action.sa_handler = Ignore;
   ASSERT_EQ(0, sigaction(SIGUSR1, &action, &old));
-  int fds[2];
-  ASSERT_EQ(0, pipe(fds));
-  Record record(QD_LOG_INFO, "T", std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 4, '\n'));
-  QdLogEntry entry;
-  ASSERT_EQ(0, record.Parse(&entry));
-  const std::string expected = Format(entry);
-  pthread_t writer = pthread_self();
-  std::string received;
-  std::thread reader([&] {
-    for (int i = 0; i < 5; ++i) {
-      usleep(20000);
-      pthread_kill(writer, SIGUSR1);
-    }
-    received = Drain(fds[0]);
-  });
-  EXPECT_EQ(static_cast<int>(expected.size()), qdlogging_log_printLogLine(format_, fds[1], &entry));
-  close(fds[1]);
-  reader.join();
-  close(fds[0]);
+  for (const std::string& message :
+       {std::string("piped"), std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 4, '\n')}) {
+    int fds[2];
+    ASSERT_EQ(0, pipe(fds));
+    Record record(QD_LOG_INFO, "T", message);
+    QdLogEntry entry;
+    ASSERT_EQ(0, record.Parse(&entry));
+    const std::string expected = Format(entry);
+    EXPECT_LT(qdlogging_log_printLogLine(format_, fds[0], &entry), 0);
+    pthread_t writer = pthread_self();
+    std::string received;
+    std::thread reader([&] {
+      for (int i = 0; i < 5; ++i) {
+        usleep(20000);
+        pthread_kill(writer, SIGUSR1);
+      }
+      received = Drain(fds[0]);
+    });
+    EXPECT_EQ(static_cast<int>(expected.size()),
+              qdlogging_log_printLogLine(format_, fds[1], &entry));
+    close(fds[1]);
+    reader.join();
+    close(fds[0]);
+    EXPECT_TRUE(expected == received) << received.size();
+  }
   sigaction(SIGUSR1, &old, nullptr);
-  EXPECT_EQ(expected.size(), received.size());
-  EXPECT_TRUE(expected == received);
 }
 
 }  // namespace
