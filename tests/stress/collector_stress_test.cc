@@ -1,11 +1,14 @@
-// A collector process under load in both write modes: more than a thousand
-// rotations, and kills at random points followed by restarts; and its end
-// on SIGUSR2 from every wait a group can be in.
-
-#include "stress/collector_stress.h"
+// A collector process under load and faults in both write modes: more than
+// a thousand rotations, kills at random points followed by restarts, a log
+// folder that runs out of space and gets it back, and links planted at its
+// output paths; and its end on SIGUSR2 from every wait a group can be in.
+// Each runs one kmsg stream group written by the test's own configuration,
+// numbered lines fed to its kmsg stand-in.
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,48 +17,190 @@
 #include <string>
 #include <vector>
 
+#include "collector/collector_process.h"
 #include "collector/data_src_reader.h"
+#include "support/command_output.h"
+#include "support/gzip_text.h"
+#include "support/log_set.h"
+#include "support/small_fs.h"
+#include "support/temp_root.h"
 
 namespace {
 
-using stresstest::CollectorRoot;
-using stresstest::Lines;
-using stresstest::Numbers;
-
+constexpr char kName[] = "stress";
+constexpr char kDir[] = "/data/log/stress";
+constexpr char kBase[] = "kmsg-log";
+// A factory set keeps at most 1000 / 5 archives.
+constexpr int kMostArchives = 200;
 constexpr size_t kReadSize = DataSrcReader::kReadBufSize;
+const std::string kOutput = std::string(kDir) + "/" + kBase;
 
-using stresstest::EndedBySigusr;
+using e2etest::EndedBySigusr;
+using e2etest::Lines;
+using morvotest::Holds;
+
+std::string Element(const std::string& name, const std::string& value) {
+  return "<" + name + " value=\"" + value + "\"/>";
+}
+
+// A group writing to the collector's output.
+std::string Group(const std::string& style, const std::string& sets) {
+  return "<tavocatGroup>" + style + Element("outputFilePath", kOutput) + sets + "</tavocatGroup>";
+}
+
+// A stream over the kmsg stand-in: the one group of the default configuration.
+const std::string kKmsgGroup =
+    Group(Element("logStyle", "monitor_node"),
+          "<inputNodeSet>" + Element("dataPath", "/proc/kmsg") + "</inputNodeSet>");
+
+std::vector<long> Numbers(const std::string& text) {
+  return morvotest::Sequence(text, e2etest::kMarker);
+}
+
+// The root of one collector: its configuration, kmsg stand-in and folders.
+class CollectorRoot {
+ public:
+  // groups: the tavocatGroup elements of the configuration.
+  CollectorRoot(bool factory, size_t rotateKbytes, size_t maxCompressd,
+                const std::string& groups = kKmsgGroup) {
+    for (const char* dir : {"/proc", "/data/log/ksv_log", kDir, "/system/etc", "/bin"}) {
+      root_.MakeDirs(dir);  // kDir here, so that a test can mount over it or plant links in it
+    }
+    morvotest::WriteFile(root_.Under("/system/etc/tavocat_config.xml"),
+                         "<config><tavocat name=\"" + std::string(kName) + "\" platform=\"Qcom\">" +
+                             Element("logRotateSizeKBytes", std::to_string(rotateKbytes)) +
+                             Element("maxCompressdFiles", std::to_string(maxCompressd)) +
+                             Element("writeMode", factory ? "factory" : "mmap") + groups +
+                             "</tavocat></config>");
+    morvotest::WriteFile(Kmsg(), "");
+    // Every new file runs chown; the stock one looks up the group "system"
+    // each time, which would make a thousand rotations crawl.
+    symlink("/bin/true", root_.Under("/bin/chown").c_str());
+  }
+
+  const morvotest::TempRoot& root() const { return root_; }
+  std::string Kmsg() const { return root_.Under("/proc/kmsg"); }
+  std::string Dir() const { return root_.Under(kDir); }
+  std::string Base() const { return root_.Under(kOutput); }
+
+  void Append(const std::string& text) const {
+    FILE* kmsg = fopen(Kmsg().c_str(), "a");
+    fwrite(text.data(), 1, text.size(), kmsg);
+    fclose(kmsg);
+  }
+  // A new stand-in holding text, as the kernel's stream holds only what
+  // nobody has read yet.
+  void Replace(const std::string& text) const {
+    morvotest::WriteFile(Kmsg() + ".new", text);
+    rename((Kmsg() + ".new").c_str(), Kmsg().c_str());
+  }
+  // The collector has read all the stand-in holds.
+  bool Consumed(const e2etest::CollectorProcess& collector) const {
+    return collector.HasRead(Kmsg());
+  }
+
+  // The factory archives that exist, oldest first (the highest number). An
+  // archive step that failed after shifting leaves "-0" free.
+  std::vector<std::string> Archives() const {
+    std::vector<std::string> archives;
+    for (int k = 0; k < kMostArchives; ++k) {
+      std::string archive = Base() + "-" + std::to_string(k) + ".tar.gz";
+      if (morvotest::Exists(archive)) archives.insert(archives.begin(), archive);
+    }
+    return archives;
+  }
+  // What the factory archives, work folder (members an archive could not
+  // take) and files hold, oldest first.
+  std::string FactoryText() const {
+    std::string text, tmp, numbered;
+    for (const std::string& archive : Archives()) {
+      for (int n = 5; n >= 1; --n) {
+        text += morvotest::CommandOutput("tar -xzOf '" + archive + "' --wildcards '*" + kBase +
+                                         "." + std::to_string(n) + "' 2>/dev/null");
+      }
+    }
+    for (int n = 5; n >= 1; --n) {
+      tmp += morvotest::ReadFile(Base() + "_tmp/" + kBase + "." + std::to_string(n));
+      numbered += morvotest::ReadFile(Base() + "." + std::to_string(n));
+    }
+    return text + tmp + numbered + morvotest::ReadFile(Base());
+  }
+  // What the set holds, oldest first: the mmap set's files in writing order.
+  std::string Text(bool factory) const {
+    if (factory) return FactoryText();
+    std::string text;
+    for (const std::string& f :
+         morvotest::WritingOrder(morvotest::SetFiles(Dir(), kBase), Base().size())) {
+      text += morvotest::Zcat(f);
+    }
+    return text;
+  }
+
+ private:
+  morvotest::TempRoot root_;
+};
+
+// A folder put first on the search path until Restore.
+class SearchPathFirst {
+ public:
+  explicit SearchPathFirst(const std::string& dir) {
+    saved_ = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
+    setenv("PATH", (dir + ":" + saved_).c_str(), 1);
+  }
+  void Restore() const { setenv("PATH", saved_.c_str(), 1); }
+
+ private:
+  std::string saved_;
+};
+
+// The collector the configuration names, started with the root's chown
+// first on its search path.
+class Collector : private SearchPathFirst, public e2etest::CollectorProcess {
+ public:
+  explicit Collector(const CollectorRoot& root)
+      : SearchPathFirst(root.root().Under("/bin")),
+        e2etest::CollectorProcess(root.root(), {"--tavo", "2", "-x", kName}) {
+    Restore();
+  }
+  bool Stop() { return EndedBySigusr(SendAndWait(SIGUSR2)); }
+};
 
 class CollectorStress : public ::testing::TestWithParam<bool> {
  protected:
   bool Factory() const { return GetParam(); }
+  static void Feed(const CollectorRoot& root, const Collector& collector, long first, long end) {
+    root.Append(Lines(first, end));
+    ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
+  }
+  // The set holds a run of consecutive lines that ends with last.
+  void ExpectContiguousTail(const CollectorRoot& root, long last) const {
+    std::vector<long> numbers = Numbers(root.Text(Factory()));
+    ASSERT_FALSE(numbers.empty());
+    EXPECT_EQ(last, numbers.back());
+    for (size_t i = 1; i < numbers.size(); ++i) {
+      ASSERT_EQ(numbers[i - 1] + 1, numbers[i]) << "after line " << numbers[i - 1];
+    }
+  }
 };
 
 // About 25 lines fill a file of 1 KiB, so 30000 lines make about 1200
 // rotations: the mmap index wraps, the factory set makes some 240 archives.
 TEST_P(CollectorStress, RotationsPastAThousandKeepAContiguousTail) {
   constexpr long kLines = 30000;
-  CollectorRoot root({Factory(), 1, 25});
+  CollectorRoot root(Factory(), 1, 25);
   root.Append(Lines(0, kLines / 2));
-  stresstest::Collector collector(root);
-  root.Append(Lines(kLines / 2, kLines));
-  ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
-  ASSERT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-
+  Collector collector(root);
+  Feed(root, collector, kLines / 2, kLines);
+  ASSERT_TRUE(collector.Stop()) << collector.Err();
   if (Factory()) {
     EXPECT_EQ(5u, root.Archives().size());
-    EXPECT_FALSE(morvotest::Exists(root.Dir() + "/" + stresstest::kBase + "_tmp"));
+    EXPECT_FALSE(morvotest::Exists(root.Base() + "_tmp"));
   } else {
-    EXPECT_EQ(25u, morvotest::SetFiles(root.Dir(), stresstest::kBase).size());
+    EXPECT_EQ(25u, morvotest::SetFiles(root.Dir(), kBase).size());
   }
-  std::vector<long> numbers = Numbers(root.Text(Factory()));
-  ASSERT_FALSE(numbers.empty());
-  EXPECT_EQ(kLines - 1, numbers.back());
+  ExpectContiguousTail(root, kLines - 1);
   // The oldest files were pruned, so the tail starts well after the start.
-  EXPECT_GT(numbers.front(), kLines / 2);
-  for (size_t i = 1; i < numbers.size(); ++i) {
-    ASSERT_EQ(numbers[i - 1] + 1, numbers[i]) << "after line " << numbers[i - 1];
-  }
+  EXPECT_GT(Numbers(root.Text(Factory())).front(), kLines / 2);
 }
 
 // Each round feeds a few batches, each read in full before the next, then
@@ -64,14 +209,14 @@ TEST_P(CollectorStress, RotationsPastAThousandKeepAContiguousTail) {
 // The next run's stand-in holds only the lines not read yet, so nothing may
 // appear twice.
 TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
-  CollectorRoot root({Factory(), 4, 1000});
+  CollectorRoot root(Factory(), 4, 1000);
   std::mt19937 random(Factory() ? 1123 : 2311);
   std::string unread;  // the stand-in's content
   long next = 0;
   std::vector<bool> mayBeLost;
   constexpr int kRounds = 6;
   for (int round = 0; round < kRounds; ++round) {
-    stresstest::Collector collector(root);
+    Collector collector(root);
     for (int batch = 2 + random() % 3; batch > 0; --batch) {
       long count = 200 + random() % 800;
       root.Append(Lines(next, next + count));
@@ -101,11 +246,11 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
     root.Replace(unread);
   }
   {
-    stresstest::Collector collector(root);
+    Collector collector(root);
     root.Append(Lines(next, next + 500));
     next += 500;
     ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
-    ASSERT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+    ASSERT_TRUE(collector.Stop()) << collector.Err();
   }
   mayBeLost.resize(static_cast<size_t>(next), false);
   std::vector<long> numbers = Numbers(root.Text(Factory()));
@@ -121,19 +266,82 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
   EXPECT_EQ(numbers.size(), at);
 }
 
-// A group writing to the root's output.
-std::string Group(const std::string& style, const std::string& sets) {
-  return "<tavocatGroup>" + style + "<outputFilePath value=\"" + CollectorRoot::Output() + "\"/>" +
-         sets + "</tavocatGroup>";
+// The folder is full for five seconds while lines keep coming, more than
+// the writer's cache and the group's hold take. The group lives on in both
+// modes, says so once when the fault starts and once when it ends (with the
+// lines it had to drop), loses none of the lines that came after the space
+// returned, and tears or doubles nothing.
+TEST_P(CollectorStress, AFullFolderIsWaitedOutAndNoLineAfterItIsLost) {
+  if (!morvotest::EnterPrivateMounts()) GTEST_SKIP() << "no mount namespace of our own here";
+  CollectorRoot root(Factory(), 64, 1000);
+  morvotest::SmallFs fs(root.Dir(), 3072);
+  if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  Collector collector(root);
+  Feed(root, collector, 0, 1000);
+  // Read is not yet written: the stream may still be busy with the batch.
+  if (Factory()) {
+    ASSERT_TRUE(grouptest::WaitFor([&] { return Numbers(root.FactoryText()).size() == 1000; }));
+  }
+  fs.Fill();
+  long next = 1000;
+  for (int i = 0; i < 25; ++i, next += 1000) {
+    root.Append(Lines(next, next + 1000));
+    usleep(200 * 1000);
+  }
+  ASSERT_TRUE(root.Consumed(collector)) << collector.Err();
+  fs.Free();
+  const long resumed = next;
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    root.Append(Lines(next, next + 100));
+    next += 100;
+    return collector.Err().find(": writing again to ") != std::string::npos;
+  })) << collector.Err();
+  Feed(root, collector, next, next + 1000);
+  next += 1000;
+  ASSERT_TRUE(collector.Stop()) << collector.Err();
+  const std::string err = collector.Err(), group = "group " + root.Base();
+  EXPECT_EQ(grouptest::Count(err, group + ": cannot write "), 1u) << err;
+  EXPECT_EQ(grouptest::Count(err, group + ": writing again to "), 1u) << err;
+  EXPECT_EQ(grouptest::Count(err, " lines lost\n"), 1u) << err;
+  if (!Factory()) {
+    for (const std::string& f : morvotest::SetFiles(root.Dir(), kBase)) {
+      EXPECT_NE(morvotest::kBadGzip, morvotest::Gunzip(f)) << f;
+    }
+  }
+  std::vector<long> numbers = Numbers(root.Text(Factory()));
+  for (size_t i = 1; i < numbers.size(); ++i) ASSERT_LT(numbers[i - 1], numbers[i]);
+  EXPECT_TRUE(Holds(numbers, 0, 1000));
+  EXPECT_TRUE(Holds(numbers, resumed, next));
+}
+
+// The links P and P.1, a set file's name (mmap) and a numbered copy
+// (factory) point at files outside the log tree: the group writes its own
+// files and the files outside stay as they were.
+TEST_P(CollectorStress, LinksPlantedAtTheOutputAreNeverWrittenThrough) {
+  CollectorRoot root(Factory(), 1, 5);
+  std::string base = root.Base();
+  std::string planted[] = {base, base + ".1",
+                           Factory() ? base + ".3" : base + ".I000.20260101-000000.gz"};
+  for (int i = 0; i < 3; ++i) {
+    std::string outside = root.root().Under("/outside" + std::to_string(i));
+    morvotest::WriteFile(outside, "precious " + std::to_string(i) + "\n");
+    ASSERT_EQ(0, symlink(outside.c_str(), planted[i].c_str()));
+  }
+  Collector collector(root);
+  Feed(root, collector, 0, 2000);
+  ASSERT_TRUE(collector.Stop()) << collector.Err();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ("precious " + std::to_string(i) + "\n",
+              morvotest::ReadFile(root.root().Under("/outside" + std::to_string(i))));
+  }
+  ExpectContiguousTail(root, 1999);
 }
 
 std::string PollGroup(const std::string& style, const std::string& sets) {
   return Group("<logStyle value=\"" + style + "\" interval=\"1\"/>", sets);
 }
 
-std::string Log(const CollectorRoot& root) {
-  return morvotest::ReadFile(root.Dir() + "/" + stresstest::kBase);
-}
+std::string Log(const CollectorRoot& root) { return morvotest::ReadFile(root.Base()); }
 
 // A FIFO with no writer at path under the root.
 void PlantFifo(const CollectorRoot& root, const std::string& path) {
@@ -204,7 +412,7 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
          EXPECT_TRUE(
              grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.root().path()) == 0; }));
        }},
-      {"a stream line without its end yet", true, stresstest::KmsgGroup(),
+      {"a stream line without its end yet", true, kKmsgGroup,
        [](const CollectorRoot& root) { root.Append("whole\nno end yet"); }, "whole\n",
        [](const CollectorRoot& root) {
          EXPECT_NE(std::string::npos, Log(root).find(" no end yet\n")) << Log(root);
@@ -212,19 +420,18 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
-    CollectorRoot root({c.factory, 4096, 10}, c.groups);
+    CollectorRoot root(c.factory, 4096, 10, c.groups);
     c.plant(root);
-    stresstest::Collector collector(root);
+    Collector collector(root);
     if (c.ready != nullptr) {
       ASSERT_TRUE(grouptest::WaitFor([&] { return Log(root).find(c.ready) != std::string::npos; }))
           << collector.Err();
     } else {
-      ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == stresstest::kName; }))
-          << collector.Err();
+      ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == kName; })) << collector.Err();
       // Lets the group reach its wait; the end must come whatever it does.
       usleep(300 * 1000);
     }
-    EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+    EXPECT_TRUE(collector.Stop()) << collector.Err();
     EXPECT_EQ(std::string::npos, collector.Err().find(" ended: ")) << collector.Err();
     c.check(root);
   }

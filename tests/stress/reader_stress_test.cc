@@ -1,8 +1,11 @@
-// The reader's output files under load: more than a thousand rotations with
-// the index wrapping, and runs killed at random points.
+// The reader's output files under load and faults: more than a thousand
+// rotations with the index wrapping, runs killed at random points, a file
+// system that runs full and gets space back, and links planted where the
+// set is written.
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,58 +18,77 @@
 #include "reader/run_capture.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
+#include "support/small_fs.h"
 #include "support/temp_root.h"
 
 namespace {
 
+using morvotest::Holds;
 using morvotest::RunCommand;
-using morvotest::Sequence;
-using morvotest::SetFiles;
-using morvotest::WritingOrder;
 
-void WriteSequence(long from, long to) {
-  for (long i = from; i < to; ++i) {
-    ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "s", ("seq " + std::to_string(i)).c_str()), 0);
-  }
-}
-
-class ReaderStressTest : public ::testing::Test {
+class ReaderStress : public ::testing::Test {
  protected:
   void SetUp() override {
-    root_.MakeDirs("/data/log");
+    root_.MakeDirs("/data/log/out");
     ASSERT_EQ(0, RunCommand({"-b", "morvo_main", "-G", "16384k"}).status);
   }
-  std::string Dir() const { return root_.Under("/data/log"); }
+  std::string Dir() const { return root_.Under("/data/log/out"); }
+  std::string Base(const char* name = "w") const { return Dir() + "/" + name; }
+
+  static void Write(long first, long end) {
+    for (long i = first; i < end; ++i) {
+      ASSERT_GT(qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "s", ("seq " + std::to_string(i)).c_str()),
+                0);
+    }
+  }
+  // Writes seq first..end-1, dumps them into the set and clears the buffer
+  // so the next dump starts after them.
+  void DumpSequence(long first, long end, const char* rotate = "4") {
+    Write(first, end);
+    morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", Base(), "-r", rotate});
+    ASSERT_EQ(0, r.status) << r.err;
+    ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
+  }
+  // The records in the set of name, file by file in the order given, each
+  // file a whole gzip stream; a file at skip is left out.
+  std::vector<long> SetSequence(const char* name = "w", bool writingOrder = false,
+                                const std::string& skip = "") {
+    std::vector<std::string> files = morvotest::SetFiles(Dir(), name);
+    if (writingOrder) files = morvotest::WritingOrder(files, Base(name).size());
+    std::string all;
+    for (const std::string& f : files) {
+      std::string text = f == skip ? "" : morvotest::Zcat(f);
+      EXPECT_NE(morvotest::kBadGzip, text) << f;
+      all += text;
+    }
+    return morvotest::Sequence(all);
+  }
   morvotest::TempRoot root_;
 };
 
-// 1300 rotations: the set wraps past 999 and keeps its newest 999 files,
-// which hold the tail of the sequence, every record once and in order.
-TEST_F(ReaderStressTest, RotationsPastTheIndexWrapKeepAContiguousTail) {
-  constexpr long kRecords = 1300 * 16;
-  WriteSequence(0, kRecords);
-  std::string base = Dir() + "/w";
-  morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", base, "-r", "1"});
-  ASSERT_EQ(0, r.status) << r.err;
-  std::vector<std::string> files = WritingOrder(SetFiles(Dir(), "w"), base.size());
-  ASSERT_EQ(999u, files.size());
-  std::string all;
-  for (const std::string& f : files) all += morvotest::Zcat(f);
-  std::vector<long> numbers = Sequence(all);
+void ExpectContiguous(const std::vector<long>& numbers, long last) {
   ASSERT_FALSE(numbers.empty());
-  EXPECT_EQ(kRecords - 1, numbers.back());
+  EXPECT_EQ(last, numbers.back());
   for (size_t i = 1; i < numbers.size(); ++i) {
     ASSERT_EQ(numbers[i - 1] + 1, numbers[i]) << "after record " << numbers[i - 1];
   }
 }
 
+// 1300 rotations: the set wraps past 999 and keeps its newest 999 files,
+// which hold the tail of the sequence, every record once and in order.
+TEST_F(ReaderStress, RotationsPastTheIndexWrapKeepAContiguousTail) {
+  constexpr long kRecords = 1300 * 16;
+  DumpSequence(0, kRecords, "1");
+  EXPECT_EQ(999u, morvotest::SetFiles(Dir(), "w").size());
+  ExpectContiguous(SetSequence("w", true), kRecords - 1);
+}
+
 // A continuous run is killed at random points; whatever it had accepted
 // reaches the set once the next run starts, and nothing twice.
-TEST_F(ReaderStressTest, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
+TEST_F(ReaderStress, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
   const char* bin = getenv("MORVO_BIN_DIR");
   ASSERT_NE(nullptr, bin);
-  std::string morvocat = std::string(bin) + "/morvocat";
-  std::string base = Dir() + "/k";
+  std::string morvocat = std::string(bin) + "/morvocat", base = Base("k");
   std::mt19937 random(20261123);
   constexpr int kRounds = 5;
   constexpr long kPerRound = 4000;
@@ -77,7 +99,7 @@ TEST_F(ReaderStressTest, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
             nullptr);
       _exit(127);
     }
-    WriteSequence(round * kPerRound, (round + 1) * kPerRound);
+    Write(round * kPerRound, (round + 1) * kPerRound);
     // Give the run time to take every record, then kill it somewhere.
     usleep(400 * 1000 + random() % (200 * 1000));
     kill(child, SIGKILL);
@@ -87,13 +109,43 @@ TEST_F(ReaderStressTest, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
   }
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "s", "last");
   ASSERT_EQ(0, RunCommand({"-d", "-b", "morvo_main", "-f", base}).status);
-  std::string all;
-  for (const std::string& f : SetFiles(Dir(), "k")) all += morvotest::Zcat(f);
-  std::vector<long> numbers = Sequence(all);
-  std::vector<long> sorted = numbers;
-  std::sort(sorted.begin(), sorted.end());
-  ASSERT_EQ(static_cast<size_t>(kRounds * kPerRound), sorted.size());
-  for (long i = 0; i < kRounds * kPerRound; ++i) ASSERT_EQ(i, sorted[i]);
+  std::vector<long> numbers = SetSequence("k");
+  std::sort(numbers.begin(), numbers.end());
+  ExpectContiguous(numbers, kRounds * kPerRound - 1);
+  EXPECT_EQ(0, numbers.front());
+}
+
+// What is dumped while the file system is full may be lost; the run must
+// go through, leave no torn file, and what comes after the space returns
+// must all be there, once and in order.
+TEST_F(ReaderStress, AFullFileSystemIsSurvivedAndWritingRecovers) {
+  morvotest::SmallFs fs(Dir(), 3072);
+  if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
+  // A fresh tmpfs is shared (1777), which the reader refuses to write.
+  ASSERT_EQ(0, chmod(Dir().c_str(), 0755));
+  DumpSequence(0, 2000);
+  fs.Fill();
+  DumpSequence(2000, 8000);
+  fs.Free();
+  DumpSequence(8000, 10000);
+  std::vector<long> numbers = SetSequence();
+  for (size_t i = 1; i < numbers.size(); ++i) ASSERT_LT(numbers[i - 1], numbers[i]);
+  EXPECT_TRUE(Holds(numbers, 0, 2000));
+  EXPECT_TRUE(Holds(numbers, 8000, 10000));
+}
+
+// A link at a set file's name points outside the log tree; the set is
+// written, and the file outside stays as it was. (A link at the output path
+// itself makes the run refuse to start.)
+TEST_F(ReaderStress, LinksPlantedAtTheOutputAreNeverWrittenThrough) {
+  std::string outside = root_.Under("/outside");
+  morvotest::WriteFile(outside, "precious\n");
+  std::string planted = Base() + ".I000.20260101-000000.gz";
+  ASSERT_EQ(0, symlink(outside.c_str(), planted.c_str()));
+  DumpSequence(0, 3000);
+  DumpSequence(3000, 6000);
+  EXPECT_EQ("precious\n", morvotest::ReadFile(outside));
+  EXPECT_TRUE(Holds(SetSequence("w", false, planted), 0, 6000));
 }
 
 }  // namespace
