@@ -37,27 +37,11 @@ using morvotest::TempRoot;
 using morvotest::Within;
 
 // Sets the bound for the writers made while it lives; null unsets it.
-class ScopedBound {
- public:
+struct ScopedBound {
   explicit ScopedBound(const char* value) {
-    const char* old = getenv(platform::kFlushBoundEnv);
-    hadOld_ = old != nullptr;
-    if (hadOld_) old_ = old;
-    if (value != nullptr)
-      setenv(platform::kFlushBoundEnv, value, 1);
-    else
-      unsetenv(platform::kFlushBoundEnv);
+    if (value != nullptr) setenv(platform::kFlushBoundEnv, value, 1);
   }
-  ~ScopedBound() {
-    if (hadOld_)
-      setenv(platform::kFlushBoundEnv, old_.c_str(), 1);
-    else
-      unsetenv(platform::kFlushBoundEnv);
-  }
-
- private:
-  bool hadOld_ = false;
-  std::string old_;
+  ~ScopedBound() { unsetenv(platform::kFlushBoundEnv); }
 };
 
 struct Decoded {
@@ -139,21 +123,25 @@ unsigned long long BlockedSignals(const std::string& tid) {
   return pos == std::string::npos ? 0 : strtoull(status.c_str() + pos + 8, nullptr, 16);
 }
 
+bool Put(Tavo* t, const std::string& text) { return t->Write(text.data(), text.size()); }
+
 class TavoFlushTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root_.MakeDirs("/data/log");
-    dir_ = root_.Under("/data/log");
-  }
   std::string File(const std::string& base, int index) const {
     char name[64];
     snprintf(name, sizeof(name), ".I%03d.20261123-0900%02d.gz", index, index % 60);
     return dir_ + "/" + base + name;
   }
-  std::unique_ptr<Tavo> NewTavo() {
+  static std::unique_ptr<Tavo> NewTavo(const std::string& path = "") {
     std::unique_ptr<Tavo> t(new (std::nothrow) Tavo());
-    if (t != nullptr) t->InitTavo();
+    t->InitTavo();
+    EXPECT_TRUE(path.empty() || t->SetOutputPath(path.c_str())) << path;
     return t;
+  }
+  void SetUp() override {
+    unsetenv(platform::kFlushBoundEnv);
+    root_.MakeDirs("/data/log");
+    dir_ = root_.Under("/data/log");
   }
   TempRoot root_;
   std::string dir_;
@@ -181,10 +169,8 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
     std::unique_ptr<Tavo> tavo;
     android_logcat_context ctx = nullptr;
     if (c.writer == Writer::kDirect) {
-      tavo = NewTavo();
-      ASSERT_TRUE(tavo->SetOutputPath(File(c.name, 0).c_str()));
-      for (long i = 0; i < kRecords; i++)
-        ASSERT_TRUE(tavo->Write(Record(i).data(), Record(i).size()));
+      tavo = NewTavo(File(c.name, 0));
+      for (long i = 0; i < kRecords; i++) ASSERT_TRUE(Put(tavo.get(), Record(i)));
     } else {
       ctx = CreateAndroidLogcat();
       std::string path = dir_ + "/" + c.name;
@@ -206,9 +192,7 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
       EXPECT_EQ("", TextOf(CopyOf(dir_, c.name)));
     }
     tavo.reset();
-    if (ctx != nullptr) {
-      EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
-    }
+    EXPECT_TRUE(ctx == nullptr || AndroidLogcatDestroy(&ctx) == 0);
     EXPECT_TRUE(holdsAll()) << "the end flushes in any case";
   }
 }
@@ -222,8 +206,7 @@ TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBou
   constexpr int64_t kStreamNs = 3000 * 1000000LL;
   constexpr long kPerFile = 3000;
   ScopedBound bound("0.2");
-  std::unique_ptr<Tavo> tavo = NewTavo();
-  ASSERT_TRUE(tavo->SetOutputPath(File("s", 0).c_str()));
+  std::unique_ptr<Tavo> tavo = NewTavo(File("s", 0));
   std::atomic<long> written{0};
   std::atomic<bool> done{false};
   std::thread writer([&] {
@@ -231,8 +214,7 @@ TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBou
     for (long i = 0; platform::MonotonicNs() < end; i++) {
       if (i > 0 && i % kPerFile == 0)
         tavo->SetOutputPath(File("s", static_cast<int>(i / kPerFile)).c_str());
-      std::string r = Record(i);
-      if (!tavo->Write(r.data(), r.size())) break;
+      if (!Put(tavo.get(), Record(i))) break;
       written.store(i + 1);
       if (i % 2 == 1) usleep(1000);
     }
@@ -277,8 +259,7 @@ TEST_F(TavoFlushTest, OneSignalBlindThreadLivesExactlyAsLongAsAWriter) {
   std::unique_ptr<Tavo> first = NewTavo();
   EXPECT_TRUE(FlusherTasks().empty()) << "no file yet, nothing to flush";
   ASSERT_TRUE(first->SetOutputPath(File("a", 0).c_str()));
-  std::unique_ptr<Tavo> second = NewTavo();
-  ASSERT_TRUE(second->SetOutputPath(File("b", 0).c_str()));
+  std::unique_ptr<Tavo> second = NewTavo(File("b", 0));
   std::vector<std::string> tasks = FlusherTasks();
   ASSERT_EQ(1u, tasks.size());
   unsigned long long blocked = BlockedSignals(tasks[0]);
@@ -289,12 +270,9 @@ TEST_F(TavoFlushTest, OneSignalBlindThreadLivesExactlyAsLongAsAWriter) {
   EXPECT_EQ(1u, FlusherTasks().size());
   second.reset();
   EXPECT_TRUE(FlusherTasks().empty());
-  {
-    ScopedBound off("0");
-    std::unique_ptr<Tavo> unbound = NewTavo();
-    ASSERT_TRUE(unbound->SetOutputPath(File("c", 0).c_str()));
-    EXPECT_TRUE(FlusherTasks().empty()) << "the bound is off";
-  }
+  setenv(platform::kFlushBoundEnv, "0", 1);
+  std::unique_ptr<Tavo> unbound = NewTavo(File("c", 0));
+  EXPECT_TRUE(FlusherTasks().empty()) << "the bound is off";
 }
 
 // Writers made and destroyed on several threads while the flusher is
@@ -312,12 +290,11 @@ TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
         std::string path = File("t" + std::to_string(t), round);
         std::string expected;
         {
-          std::unique_ptr<Tavo> tavo = NewTavo();
-          if (!tavo->SetOutputPath(path.c_str())) failures++;
+          std::unique_ptr<Tavo> tavo = NewTavo(path);
           for (int burst = 0; burst < 3; burst++) {
             for (int i = 0; i < 20; i++) {
               std::string r = Record(round * 100 + burst * 20 + i);
-              if (!tavo->Write(r.data(), r.size())) failures++;
+              failures += Put(tavo.get(), r) ? 0 : 1;
               expected += r;
             }
             usleep(static_cast<useconds_t>((t * 7 + round * 3 + burst) % 5) * 1000);
@@ -339,20 +316,17 @@ TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
 // flushes at its end, and nothing it inherited blocks it.
 TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
   ScopedBound bound("0.001");
-  std::unique_ptr<Tavo> parent = NewTavo();
-  ASSERT_TRUE(parent->SetOutputPath(File("parent", 0).c_str()));
+  std::unique_ptr<Tavo> parent = NewTavo(File("parent", 0));
   std::string path = File("child", 0);
   for (int round = 0; round < 20; round++) {
     // Keep the parent's writer due so forks land during its flushes.
-    ASSERT_TRUE(parent->Write(Record(round).data(), Record(round).size()));
+    ASSERT_TRUE(Put(parent.get(), Record(round)));
     pid_t pid = fork();
     ASSERT_GE(pid, 0);
     if (pid == 0) {
       Tavo* t = new (std::nothrow) Tavo();
       t->InitTavo();
-      bool ok =
-          t->SetOutputPath(path.c_str()) && t->Write(Record(round).data(), Record(round).size());
-      ok = ok && FlusherTasks().empty();
+      bool ok = t->SetOutputPath(path.c_str()) && Put(t, Record(round)) && FlusherTasks().empty();
       delete t;
       _exit(ok ? 0 : 1);
     }
@@ -370,32 +344,15 @@ TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
 }
 
 TEST(FlushBoundTest, TextGivesMillisecondsAndAnythingOddTheDefault) {
-  struct Case {
-    const char* text;
-    int64_t ms;
-  } const kCases[] = {
-      {"2", 2000},
-      {"0", 0},
-      {"0.5", 500},
-      {"1.25", 1250},
-      {"10", 10000},
-      {"0.001", 1},
-      {"3.", 3000},
-      {"86400", 86400000},
-      {nullptr, 2000},
-      {"", 2000},
-      {"-1", 2000},
-      {"abc", 2000},
-      {"1e3", 2000},
-      {" 1", 2000},
-      {"1s", 2000},
-      {"86401", 2000},
-      {"99999999999999999999", 2000},
-      {".5", 2000},
-  };
-  for (const Case& c : kCases) {
-    EXPECT_EQ(c.ms, platform::FlushBoundFromText(c.text)) << (c.text ? c.text : "(null)");
+  const char* texts[] = {"2", "0", "0.5", "1.25", "10", "0.001", "3.", "86400"};
+  const int64_t ms[] = {2000, 0, 500, 1250, 10000, 1, 3000, 86400000};
+  for (size_t i = 0; i < 8; i++)
+    EXPECT_EQ(ms[i], platform::FlushBoundFromText(texts[i])) << texts[i];
+  for (const char* odd :
+       {"", "-1", "abc", "1e3", " 1", "1s", "86401", "99999999999999999999", ".5"}) {
+    EXPECT_EQ(2000, platform::FlushBoundFromText(odd)) << odd;
   }
+  EXPECT_EQ(2000, platform::FlushBoundFromText(nullptr));
 }
 
 }  // namespace
