@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -36,12 +37,17 @@ using morvotest::RingPath;
 using morvotest::WriteInChild;
 using Strings = std::vector<std::string>;
 
-// Replaces the bytes at offset of the file at path.
-void Patch(const std::string& path, size_t offset, const void* bytes, size_t size) {
-  std::string text = morvotest::ReadFile(path);
-  ASSERT_LE(offset + size, text.size());
-  memcpy(&text[offset], bytes, size);
-  morvotest::WriteFile(path, text);
+// Writes bytes over the file at offset, in place, as a scribbler would.
+void Patch(const std::string& path, size_t offset, const std::string& bytes) {
+  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+            pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)));
+  close(fd);
+}
+
+template <class T>
+std::string BytesOf(T value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
 bool OpensAsReader(log_id_t id) { return OpenList(kDrain, 0, 0, {id}) != nullptr; }
@@ -87,10 +93,9 @@ TEST(LogStoreCorruptTest, ShortLongOrMisplacedRingFilesAreRefused) {
 // to. False when no word there holds from.
 bool PatchPosition(const std::string& path, uint64_t from, uint64_t to) {
   std::string header = morvotest::ReadFile(path).substr(0, 256);
-  size_t at = header.find(std::string(reinterpret_cast<const char*>(&from), sizeof(from)));
-  if (at == std::string::npos) return false;
-  Patch(path, at, &to, sizeof(to));
-  return true;
+  size_t at = header.find(BytesOf(from));
+  if (at != std::string::npos) Patch(path, at, BytesOf(to));
+  return at != std::string::npos;
 }
 
 // Writes records from to to (not included) of size bytes each to main, the
@@ -109,30 +114,29 @@ void WriteSized(long capacity, int size, int from, int to) {
 
 // Writes bytes over the record data at position pos of a ring of capacity
 // bytes, wrapping at its end as records do.
-void PatchRecord(const std::string& path, uint64_t capacity, uint64_t pos, const void* bytes,
-                 size_t size) {
-  for (size_t k = 0; k < size; ++k) {
-    Patch(path, platform::kRingDataOffset + (pos + k) % capacity,
-          static_cast<const char*>(bytes) + k, 1);
+void PatchRecord(const std::string& path, uint64_t capacity, uint64_t pos,
+                 const std::string& bytes) {
+  for (size_t k = 0; k < bytes.size(); ++k) {
+    Patch(path, platform::kRingDataOffset + (pos + k) % capacity, bytes.substr(k, 1));
   }
 }
 
 struct RecordDamage {
   const char* what;
   size_t offset;  // within the record; its size when past the end
-  std::vector<uint8_t> bytes;
+  std::string bytes;
 };
 
-const RecordDamage kLengthBeyondLimit = {"length beyond the payload limit", 0, {0x88, 0x13}};
 const RecordDamage kRecordDamages[] = {
-    kLengthBeyondLimit,
-    {"length beyond the head", 0, {0xa0, 0x0f}},
-    {"length too short", 0, {1, 0}},
-    {"length one short", 0, {71, 0}},
-    {"header size", 2, {20, 0}},
-    {"log id", 20, {LOG_ID_CRASH, 0, 0, 0}},
-    {"unterminated message", 99, {'z'}},
+    {"length beyond the payload limit", 0, "\x88\x13"},
+    {"length beyond the head", 0, std::string("\xa0\x0f")},
+    {"length too short", 0, std::string("\x01\0", 2)},
+    {"length one short", 0, std::string("\x47\0", 2)},
+    {"header size", 2, std::string("\x14\0", 2)},
+    {"log id", 20, BytesOf<uint32_t>(LOG_ID_CRASH)},
+    {"unterminated message", 99, "z"},
 };
+const RecordDamage& kLengthBeyondLimit = kRecordDamages[0];
 
 // Reads main to its end: the numbers of the records, and how often the
 // reader said it skipped a damaged stretch.
@@ -153,7 +157,7 @@ std::vector<int> ReadNumbers(int* reports, int* end) {
   return numbers;
 }
 
-std::vector<int> Numbers(int from, int to, std::vector<int> without) {
+std::vector<int> Numbers(int from, int to, std::vector<int> without = {}) {
   std::vector<int> numbers;
   for (int n = from; n < to; ++n) {
     if (std::find(without.begin(), without.end(), n) == without.end()) numbers.push_back(n);
@@ -161,82 +165,65 @@ std::vector<int> Numbers(int from, int to, std::vector<int> without) {
   return numbers;
 }
 
+// Damage dealt to the ring at path among writes, what a reader then gets
+// and how many stretches it reports.
 struct DamageCase {
-  const char* what;
-  long capacity;  // 0: the default ring
-  int size;       // of every record
-  int count;
-  int first;  // the oldest record the ring still holds
-  std::vector<int> damaged;
-  RecordDamage damage;
+  std::string what;
+  std::function<void(const std::string& path)> deal;
+  std::vector<int> read;
   int reports;
 };
+
+// count records of size bytes in a ring of capacity (0: the default), the
+// ones in damaged then damaged; the ring still holds those from first on.
+DamageCase Damaged(const char* what, long capacity, int size, int count, int first,
+                   std::vector<int> damaged, const RecordDamage& damage, int reports) {
+  auto deal = [=](const std::string& path) {
+    WriteSized(capacity, size, 0, count);
+    for (int n : damaged) {
+      PatchRecord(path, capacity != 0 ? capacity : QD_LOGGER_DEFAULT_RING_SIZE,
+                  static_cast<uint64_t>(n) * size + damage.offset, damage.bytes);
+    }
+  };
+  return {std::string(what) + ", " + damage.what, deal, Numbers(first, count, damaged), reports};
+}
 
 std::vector<DamageCase> DamageCases() {
   std::vector<DamageCase> cases;
   for (const RecordDamage& damage : kRecordDamages) {
-    cases.push_back({"one in the middle", 0, 100, 10, 0, {4}, damage, 1});
+    cases.push_back(Damaged("one in the middle", 0, 100, 10, 0, {4}, damage, 1));
   }
   cases.push_back(
-      {"two side by side and one more", 0, 100, 12, 0, {2, 3, 8}, kLengthBeyondLimit, 2});
-  cases.push_back({"the first", 0, 100, 5, 0, {0}, kLengthBeyondLimit, 1});
-  cases.push_back({"the last", 0, 100, 5, 0, {4}, kLengthBeyondLimit, 1});
-  cases.push_back({"header across the ring's end", 4096, 102, 50, 10, {40}, kLengthBeyondLimit, 1});
+      Damaged("two side by side and one more", 0, 100, 12, 0, {2, 3, 8}, kLengthBeyondLimit, 2));
+  cases.push_back(Damaged("the first", 0, 100, 5, 0, {0}, kLengthBeyondLimit, 1));
+  cases.push_back(Damaged("the last", 0, 100, 5, 0, {4}, kLengthBeyondLimit, 1));
   cases.push_back(
-      {"terminator across the ring's end", 4096, 100, 50, 10, {40}, kRecordDamages[6], 1});
+      Damaged("header across the ring's end", 4096, 102, 50, 10, {40}, kLengthBeyondLimit, 1));
+  cases.push_back(
+      Damaged("terminator across the ring's end", 4096, 100, 50, 10, {40}, kRecordDamages[6], 1));
+  cases.push_back({"writers drop a damaged record alone when they need its room",
+                   [](const std::string& path) {
+                     WriteSized(4096, 100, 0, 30);
+                     PatchRecord(path, 4096, 500, kLengthBeyondLimit.bytes);
+                     WriteSized(0, 100, 30, 46);
+                   },
+                   Numbers(6, 46), 0});
+  cases.push_back({"a tail scribbled into a record costs that record alone",
+                   [](const std::string& path) {
+                     WriteSized(0, 100, 0, 3);
+                     ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
+                     ASSERT_TRUE(list);
+                     ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)));
+                     // Records 3 to 7 follow the clear: the tail is 300, the head 800.
+                     WriteSized(0, 100, 3, 8);
+                     ASSERT_TRUE(PatchPosition(path, 300, 307));
+                   },
+                   Numbers(4, 8), 1});
   return cases;
 }
 
 TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
   for (const DamageCase& c : DamageCases()) {
-    SCOPED_TRACE(std::string(c.what) + ", " + c.damage.what);
-    morvotest::TempRoot root;
-    WriteSized(c.capacity, c.size, 0, c.count);
-    uint64_t capacity = c.capacity != 0 ? c.capacity : QD_LOGGER_DEFAULT_RING_SIZE;
-    for (int n : c.damaged) {
-      PatchRecord(RingPath(root, "morvo_main"), capacity,
-                  static_cast<uint64_t>(n) * c.size + c.damage.offset, c.damage.bytes.data(),
-                  c.damage.bytes.size());
-    }
-    int reports = 0, end = 0;
-    EXPECT_EQ(Numbers(c.first, c.count, c.damaged), ReadNumbers(&reports, &end));
-    EXPECT_EQ(-EAGAIN, end);
-    EXPECT_EQ(c.reports, reports);
-  }
-}
-
-// Damage dealt among writes to the ring at path, and what a reader then
-// gets.
-struct DamageAmongWrites {
-  const char* what;
-  void (*deal)(const std::string& path);
-  std::vector<int> read;
-  int reports;
-};
-
-const DamageAmongWrites kDamagesAmongWrites[] = {
-    {"writers drop a damaged record alone when they need its room",
-     [](const std::string& path) {
-       WriteSized(4096, 100, 0, 30);
-       PatchRecord(path, 4096, 500, kLengthBeyondLimit.bytes.data(), 2);
-       WriteSized(0, 100, 30, 46);
-     },
-     Numbers(6, 46, {}), 0},
-    {"a tail scribbled into a record costs that record alone",
-     [](const std::string& path) {
-       WriteSized(0, 100, 0, 3);
-       ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-       ASSERT_TRUE(list);
-       ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_MAIN)));
-       // Records 3 to 7 follow the clear: the tail is 300, the head 800.
-       WriteSized(0, 100, 3, 8);
-       ASSERT_TRUE(PatchPosition(path, 300, 307));
-     },
-     Numbers(4, 8, {}), 1},
-};
-
-TEST(LogStoreCorruptTest, DamageAmongWritesCostsTheDamagedRecordsOnly) {
-  for (const DamageAmongWrites& c : kDamagesAmongWrites) {
     SCOPED_TRACE(c.what);
     morvotest::TempRoot root;
     c.deal(RingPath(root, "morvo_main"));
@@ -332,9 +319,8 @@ TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
   const std::string sound = morvotest::ReadFile(path);
   // Written over the lock's kind, this word once made the C library abort
   // the reader inside a trylock.
-  const uint32_t wild = 0x8be66d43;
-  for (size_t offset = 0; offset < 256; offset += sizeof(wild)) {
-    Patch(path, offset, &wild, sizeof(wild));
+  for (size_t offset = 0; offset < 256; offset += 4) {
+    Patch(path, offset, BytesOf<uint32_t>(0x8be66d43));
     ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
     ASSERT_TRUE(list);
     qd_logger_open(list.get(), LOG_ID_MAIN);
@@ -345,15 +331,6 @@ TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
     for (const Record& r : records) EXPECT_EQ("t", r.tag) << offset;
     morvotest::WriteFile(path, sound);
   }
-}
-
-// Writes bytes over the file at offset, in a child process too.
-bool Overwrite(const std::string& path, size_t offset, const std::string& bytes) {
-  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-  bool done = fd >= 0 && pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)) ==
-                             static_cast<ssize_t>(bytes.size());
-  if (fd >= 0) close(fd);
-  return done;
 }
 
 // Marks as a scribbler might leave them, given the stretch each belongs to
@@ -390,9 +367,9 @@ TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
       // The stretch this slot stands for in the ring's current lap.
       uint64_t stretch = 900 * 60 / 4096 / platform::kRingMarks * platform::kRingMarks + slot;
       uint64_t mark = c.mark(stretch, &random);
-      marks.append(reinterpret_cast<const char*>(&mark), sizeof(mark));
+      marks += BytesOf(mark);
     }
-    ASSERT_TRUE(Overwrite(path, platform::kRingMarksOffset, marks));
+    Patch(path, platform::kRingMarksOffset, marks);
     for (unsigned tail : {1u, 70u, 400u, 5000u}) {
       ListPtr list = OpenList(kDrain, tail, 0, {LOG_ID_MAIN});
       ASSERT_TRUE(list);
@@ -413,9 +390,8 @@ int ScribbleTheLockThenReadAndWrite(const std::string& path, unsigned seed) {
   for (int i = 0; i < 3; ++i) {
     if (Log(LOG_ID_MAIN, "before") <= 0) return 2;
   }
-  if (!Overwrite(path, platform::kRingLockOffset, RandomBytes(platform::kRingLockSize, seed))) {
-    return 3;
-  }
+  Patch(path, platform::kRingLockOffset, RandomBytes(platform::kRingLockSize, seed));
+  if (testing::Test::HasFailure()) return 3;
   ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   if (!list || ReadAll(list.get()).size() != 3) return 4;
   if (Log(LOG_ID_MAIN, "after") <= 0) return 5;
@@ -439,9 +415,7 @@ TEST(LogStoreCorruptTest, ARingMarkedRetiredInPlaceIsRenewedWithItsRecords) {
   morvotest::TempRoot root;
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "kept"));
   std::string path = RingPath(root, "morvo_main");
-  const uint32_t retired = 1;
-  ASSERT_TRUE(Overwrite(path, platform::kRingRetiredOffset,
-                        std::string(reinterpret_cast<const char*>(&retired), sizeof(retired))));
+  Patch(path, platform::kRingRetiredOffset, BytesOf<uint32_t>(1));
   ListPtr before = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(before);
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "after"));
