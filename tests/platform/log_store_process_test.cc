@@ -113,7 +113,7 @@ TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
     }
     return 0;
   });
-  int last = -1, seen = 0;
+  int last = -1;
   qd_log_msg msg;
   while (last < kRecords - 1 && qd_logger_list_read(list.get(), &msg) > 0) {
     Record r = morvotest::Parse(msg);
@@ -122,10 +122,8 @@ TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
     ASSERT_EQ("race", r.tag);
     ASSERT_GT(n, last);
     last = n;
-    seen++;
   }
   EXPECT_EQ(kRecords - 1, last);
-  EXPECT_GT(seen, 0);
   EXPECT_EQ(0, WaitChild(writer));
 }
 

@@ -1,4 +1,3 @@
-#include <dirent.h>
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,7 +24,6 @@
 #include "platform/tavo_hook.h"
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
-#include "support/planted.h"
 #include "support/random_bytes.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
@@ -66,10 +64,21 @@ std::set<std::string> CacheFiles(const std::string& dir) {
 
 using Path = const std::string&;
 
-// A file outside the log folder, for a writer to leave alone.
+constexpr char kSecret[] = "root's own\n";
+
+// A root-only file outside the log folder, for a writer to leave alone:
+// root's own, so that a writer cannot tell it from a file it may write.
 std::string MakeVictim(const std::string& path) {
-  morvotest::MakeVictim(path);
+  EXPECT_FALSE(morvotest::Exists(path));
+  morvotest::WriteFile(path, kSecret);
+  EXPECT_EQ(0, chmod(path.c_str(), 0600));
   return path;
+}
+
+void ExpectIntact(const std::string& victim) {
+  EXPECT_EQ(0600u, morvotest::NodeAt(victim).mode & 07777);
+  EXPECT_EQ(0u, morvotest::NodeAt(victim).uid);
+  EXPECT_EQ(kSecret, morvotest::ReadFile(victim));
 }
 
 // Hands text to the writer.
@@ -163,7 +172,7 @@ TEST_F(TavoTest, WhatIsPutAtTheOutputsNameIsNeverWritten) {
     EXPECT_FALSE(t->Flush());
     ASSERT_TRUE(t->SetOutputPath(File(1).c_str()));
     t.reset();
-    morvotest::ExpectUntouched(victim);
+    ExpectIntact(victim);
     EXPECT_EQ(Records(10, 20), ReadBack(File(1)));
   }
 }
@@ -180,7 +189,7 @@ TEST_F(TavoTest, AFolderSwappedForALinkKeepsTheWriterInItsOwnFolder) {
   ASSERT_TRUE(Put(t.get(), Records(10, 20)));
   EXPECT_TRUE(t->Flush()) << "the writer holds its folder, not its name";
   t.reset();
-  morvotest::ExpectUntouched(victim);
+  ExpectIntact(victim);
   EXPECT_EQ(Records(0, 20), ReadBack(dir_ + ".moved" + name));
 }
 
@@ -496,7 +505,7 @@ TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
     ASSERT_TRUE(Put(t.get(), Records(30, 40)) && t->Flush());
     EXPECT_EQ(Records(30 - c.recovered, 40), ReadBack(File(1)));
     t.reset();
-    morvotest::ExpectUntouched(victim);
+    ExpectIntact(victim);
   }
 }
 
@@ -518,7 +527,7 @@ TEST_F(TavoTest, AHeaderScribbledWhileTheWriterRunsIsNeverReadBack) {
     _exit(t.Flush() ? 0 : 4);
   });
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-  morvotest::ExpectUntouched(victim);
+  ExpectIntact(victim);
   EXPECT_TRUE(Records(0, kCount) == ReadBack(File(0)));
 }
 
