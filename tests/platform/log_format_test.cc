@@ -125,34 +125,29 @@ TEST(PrintFormatTest, OnlyThreadtimeIsKnown) {
   qdlogging_log_format_free(format);
 }
 
+// The header's fields come through; the message ends at its NUL or the
+// payload's end.
 TEST(ProcessLogBufferTest, ParsesHeaderTagAndMessage) {
-  Record record(QD_LOG_WARN, "MyTag", "hello");
-  QdLogEntry entry;
-  ASSERT_EQ(0, record.Parse(&entry));
-  EXPECT_EQ(QD_LOG_WARN, entry.priority);
-  EXPECT_EQ(1234, entry.pid);
-  EXPECT_EQ(5678, entry.tid);
-  EXPECT_EQ(1000, entry.uid);
-  EXPECT_EQ(1700000000, entry.tv_sec);
-  EXPECT_EQ(123456789, entry.tv_nsec);
-  EXPECT_EQ("MyTag", std::string(entry.tag, entry.tagLen));
-  EXPECT_EQ("hello", std::string(entry.message, entry.messageLen));
-}
-
-TEST(ProcessLogBufferTest, MessageEndsAtItsNulOrThePayloadEnd) {
   const struct {
     std::string payload, tag, message;
   } kCases[] = {
-      {std::string("\x04tag\0hello", 10), "tag", "hello"},
-      {std::string("\x04tag\0hi\0rest\0", 13), "tag", "hi"},
-      {std::string("\x04\0", 2), "", ""},
-      {std::string("\x04t\0", 3) + std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'm'), "t",
+      {std::string("\x05MyTag\0hello\0", 13), "MyTag", "hello"},
+      {std::string("\x05tag\0hello", 10), "tag", "hello"},
+      {std::string("\x05tag\0hi\0rest\0", 13), "tag", "hi"},
+      {std::string("\x05\0", 2), "", ""},
+      {std::string("\x05t\0", 3) + std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'm'), "t",
        std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 3, 'm')},
   };
   for (const auto& c : kCases) {
     Record record(c.payload);
     QdLogEntry entry;
     ASSERT_EQ(0, record.Parse(&entry)) << c.message.substr(0, 9);
+    EXPECT_EQ(QD_LOG_WARN, entry.priority);
+    EXPECT_EQ(1234, entry.pid);
+    EXPECT_EQ(5678, entry.tid);
+    EXPECT_EQ(1000, entry.uid);
+    EXPECT_EQ(1700000000, entry.tv_sec);
+    EXPECT_EQ(123456789, entry.tv_nsec);
     EXPECT_EQ(c.tag, std::string(entry.tag, entry.tagLen));
     EXPECT_EQ(c.message, std::string(entry.message, entry.messageLen));
   }
