@@ -97,6 +97,32 @@ TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
   EXPECT_EQ(0, ReadAndCheck(kWriters * kPerWriter));
 }
 
+// Processes that make the store at the same instant end up in one ring:
+// the losers of the race take the winner's file rather than replace it, and
+// no record is lost.
+TEST(LogStoreProcessTest, ProcessesMakingTheStoreAtOnceShareOneRing) {
+  constexpr int kWriters = 6;
+  for (int round = 0; round < 10; ++round) {
+    morvotest::TempRoot root;
+    int start[2];
+    ASSERT_EQ(0, pipe(start));
+    std::vector<pid_t> writers;
+    for (int w = 0; w < kWriters; ++w) {
+      writers.push_back(RunChild([&start, w] {
+        close(start[1]);
+        char c;
+        if (read(start[0], &c, 1) != 0) return 2;
+        return Log(LOG_ID_MAIN, std::to_string(w)) > 0 ? 0 : 1;
+      }));
+    }
+    close(start[0]);
+    close(start[1]);  // every writer starts now, this process too
+    EXPECT_GT(Log(LOG_ID_MAIN, "parent"), 0) << round;
+    for (pid_t pid : writers) EXPECT_EQ(0, WaitChild(pid)) << round;
+    EXPECT_EQ(static_cast<size_t>(kWriters + 1), MessagesOf({LOG_ID_MAIN}).size()) << round;
+  }
+}
+
 // The body of record n: its number and a run of one letter whose length
 // also depends on n, so a record pieced together from two is caught.
 std::string RaceText(int n) { return std::to_string(n) + ":" + std::string(n % 300, 'a' + n % 26); }
