@@ -1,9 +1,11 @@
+// The tar.gz writer, checked byte by byte and through the stock tar, and the
+// factory logs' archive step where a link was planted at a name it writes.
+
 #include "archive/tarzip.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdio.h>
 #include <string.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -15,16 +17,18 @@
 #include <string>
 #include <vector>
 
+#include "archive/factory_compress.h"
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
+#include "support/log_folder.h"
 #include "support/random_bytes.h"
+#include "support/shell_file.h"
 #include "support/tar_listing.h"
-#include "support/temp_root.h"
 
 namespace {
 
+using morvotest::Entries;
 using morvotest::ReadFile;
-using morvotest::TempRoot;
 using morvotest::WriteFile;
 
 constexpr size_t kBlock = 512;
@@ -34,17 +38,13 @@ std::set<std::string> TarNames(const std::string& archive) {
   std::string out = morvotest::TarListing(archive);
   EXPECT_NE("<tar failed>", out);
   std::set<std::string> names;
-  size_t pos = 0;
-  for (size_t nl; (nl = out.find('\n', pos)) != std::string::npos; pos = nl + 1) {
-    names.insert(out.substr(pos, nl - pos));
-  }
+  for (const std::string& name : morvotest::Lines(out)) names.insert(name);
   return names;
 }
 
 struct Header {
   std::string name;
   unsigned long size;
-  unsigned long checksum;
 };
 
 // Walks the stream by its headers; fails the test on a malformed one.
@@ -53,13 +53,12 @@ std::vector<Header> Members(const std::string& tar) {
   size_t pos = 0;
   while (pos + kBlock <= tar.size() && tar.compare(pos, kBlock, std::string(kBlock, '\0')) != 0) {
     const char* h = tar.data() + pos;
-    Header m{std::string(h, strnlen(h, 100)), strtoul(h + 124, nullptr, 8),
-             strtoul(h + 148, nullptr, 8)};
+    Header m{std::string(h, strnlen(h, 100)), strtoul(h + 124, nullptr, 8)};
     unsigned long sum = 0;
     for (size_t i = 0; i < kBlock; i++) {
       sum += (i >= 148 && i < 156) ? ' ' : static_cast<unsigned char>(h[i]);
     }
-    EXPECT_EQ(sum, m.checksum) << m.name;
+    EXPECT_EQ(sum, strtoul(h + 148, nullptr, 8)) << m.name;
     members.push_back(m);
     pos += kBlock * (1 + (m.size + kBlock - 1) / kBlock);
   }
@@ -71,18 +70,28 @@ std::vector<Header> Members(const std::string& tar) {
 class TarzipTest : public ::testing::Test {
  protected:
   std::string Path(const std::string& name) { return root_.path() + "/" + name; }
+  // Folders on the way are made.
   std::string MakeFile(const std::string& name, size_t size, char fill = 'a') {
+    size_t slash = name.rfind('/');
+    if (slash != std::string::npos) root_.MakeDirs("/" + name.substr(0, slash));
     std::string content;
     for (size_t i = 0; i < size; i++) content += static_cast<char>(fill + i % 23);
     WriteFile(Path(name), content);
     return content;
   }
-  bool Pack(std::vector<std::string> paths, int dirMode = 0) {
+  // An empty path stands for a null entry.
+  bool Pack(const std::vector<std::string>& paths, int dirMode = 0) {
     std::vector<const char*> p;
-    for (auto& s : paths) p.push_back(s.c_str());
+    for (const std::string& s : paths) p.push_back(s.empty() ? nullptr : s.c_str());
     return TarzipFilesComplete(static_cast<int>(p.size()), p.data(), archive_.c_str(), dirMode);
   }
-  TempRoot root_;
+  std::string Extracted() {
+    std::string dest = Path("extract");
+    mkdir(dest.c_str(), 0775);
+    EXPECT_EQ("", morvotest::Tar("-xzf '" + archive_ + "' -C '" + dest + "'"));
+    return dest;
+  }
+  morvotest::TempRoot root_;
   std::string archive_ = root_.path() + "/out.tar.gz";
 };
 
@@ -94,10 +103,12 @@ TEST_F(TarzipTest, AnEmptyListGivesExactlyOneZeroBlock) {
 }
 
 TEST_F(TarzipTest, HeaderFieldsAreByteExact) {
+  const std::string full(100, 'n');
   MakeFile("a.log.1", 0);
-  ASSERT_TRUE(Pack({Path("a.log.1")}));
+  MakeFile(full, 0);
+  ASSERT_TRUE(Pack({Path("a.log.1"), Path(full)}));
   std::string tar = morvotest::Gunzip(archive_);
-  ASSERT_EQ(2 * kBlock, tar.size());
+  ASSERT_EQ(3 * kBlock, tar.size());
   std::string expected(kBlock, '\0');
   expected.replace(0, 7, "a.log.1");
   expected.replace(100, 8, std::string("100666 \0", 8));
@@ -107,6 +118,8 @@ TEST_F(TarzipTest, HeaderFieldsAreByteExact) {
   // 819 + 256 + the name's bytes (560) + the digit 0 (48) = 1683 = 03223.
   expected.replace(148, 5, std::string("3223\0", 5));
   EXPECT_EQ(expected, tar.substr(0, kBlock));
+  // A name of 100 bytes fills its field: the mode follows it directly.
+  EXPECT_EQ(full + "1", tar.substr(kBlock, 101));
 }
 
 TEST_F(TarzipTest, ContentTakesWholeBlocksPaddedWithZeros) {
@@ -134,9 +147,7 @@ TEST_F(TarzipTest, StockTarListsAndExtractsTheSameBytes) {
     paths.push_back(Path(name));
   }
   ASSERT_TRUE(Pack(paths));
-  std::string dest = Path("extract");
-  mkdir(dest.c_str(), 0775);
-  ASSERT_EQ("", morvotest::Tar("-xzf '" + archive_ + "' -C '" + dest + "'"));
+  std::string dest = Extracted();
   for (size_t i = 0; i < paths.size(); i++) {
     std::string name = paths[i].substr(paths[i].rfind('/') + 1);
     EXPECT_TRUE(contents[i] == ReadFile(dest + "/" + name)) << name;
@@ -145,64 +156,79 @@ TEST_F(TarzipTest, StockTarListsAndExtractsTheSameBytes) {
   Members(morvotest::Gunzip(archive_));
 }
 
-TEST_F(TarzipTest, NamesFillTheFieldWithoutTerminatorAndLongerOnesAreCut) {
-  std::string exact(100, 'n'), longer(140, 'm');
-  MakeFile(exact, 3);
-  MakeFile(longer, 3);
-  ASSERT_TRUE(Pack({Path(exact), Path(longer)}));
-  std::string tar = morvotest::Gunzip(archive_);
-  EXPECT_EQ(exact, tar.substr(0, 100));
-  EXPECT_EQ('1', tar[100]) << "the mode follows the name directly";
-  EXPECT_EQ(longer.substr(0, 100), tar.substr(2 * kBlock, 100));
-  EXPECT_EQ((std::set<std::string>{exact, longer.substr(0, 100)}), TarNames(archive_));
-}
-
-TEST_F(TarzipTest, DirectoriesAreWalkedWithOrWithoutTheirNameAsPrefix) {
-  mkdir(Path("x").c_str(), 0775);
-  mkdir(Path("x/sub").c_str(), 0775);
-  MakeFile("x/f1", 10);
-  std::string f2 = MakeFile("x/sub/f2", 600);
-  ASSERT_EQ(0, symlink(Path("x/f1").c_str(), Path("x/link").c_str()));
-  ASSERT_TRUE(Pack({Path("x/")}, 1));
-  EXPECT_EQ((std::set<std::string>{"x/f1", "x/sub/f2"}), TarNames(archive_));
-  std::string dest = Path("extract");
-  mkdir(dest.c_str(), 0775);
-  EXPECT_EQ("", morvotest::Tar("-xzf '" + archive_ + "' -C '" + dest + "'"));
-  EXPECT_TRUE(f2 == ReadFile(dest + "/x/sub/f2"));
-  ASSERT_TRUE(Pack({Path("x")}, 0));
-  EXPECT_EQ((std::set<std::string>{"f1", "f2"}), TarNames(archive_));
-}
-
-TEST_F(TarzipTest, LinksMissingFilesAndNullEntriesAreLeftOut) {
-  MakeFile("real", 5);
-  ASSERT_EQ(0, symlink(Path("real").c_str(), Path("link").c_str()));
-  std::string real = Path("real"), link = Path("link"), gone = Path("gone");
-  const char* paths[] = {link.c_str(), nullptr, gone.c_str(), real.c_str()};
-  EXPECT_TRUE(TarzipFilesComplete(4, paths, archive_.c_str(), 0));
-  EXPECT_EQ((std::set<std::string>{"real"}), TarNames(archive_));
-}
-
-TEST_F(TarzipTest, PrefixedNamesAreCutAt99CharactersWithAMessage) {
-  std::string dir(60, 'd'), file(60, 'f');
-  mkdir(Path(dir).c_str(), 0775);
-  MakeFile(dir + "/" + file, 1);
-  testing::internal::CaptureStderr();
-  ASSERT_TRUE(Pack({Path(dir)}, 1));
-  EXPECT_EQ("filepath write failed\n", testing::internal::GetCapturedStderr());
-  std::string cut = (dir + "/" + file).substr(0, 99);
-  EXPECT_EQ(std::set<std::string>{cut}, TarNames(archive_));
-}
-
-TEST_F(TarzipTest, NestedPrefixesAreCutWithTheirOwnMessage) {
-  std::string a(60, 'a'), b(60, 'b');
-  mkdir(Path(a).c_str(), 0775);
-  mkdir(Path(a + "/" + b).c_str(), 0775);
-  MakeFile(a + "/" + b + "/f", 1);
-  testing::internal::CaptureStderr();
-  ASSERT_TRUE(Pack({Path(a)}, 1));
-  std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ("path write failed\nfilepath write failed\n", err);
-  EXPECT_EQ(std::set<std::string>{(a + "/" + b).substr(0, 99)}, TarNames(archive_));
+// What the members are named: folders walked with or without their name
+// as prefix, names cut to their fields, links, missing files and null
+// entries left out.
+TEST(TarzipNames, EachListAsStockTarListsIt) {
+  const std::string d60(60, 'd'), f60(60, 'f'), b60(60, 'b'), n100(100, 'n'), m140(140, 'm');
+  const struct {
+    const char* what;
+    std::vector<std::string> files;  // each holding its own last name
+    const char* link;                // a link to the first file
+    std::vector<std::string> packed;
+    int dirMode;
+    std::set<std::string> names;
+    std::string err;
+  } kCases[] = {
+      {"links, missing files and null entries",
+       {"real"},
+       "link",
+       {"link", "", "gone", "real"},
+       0,
+       {"real"},
+       ""},
+      {"longer names cut", {n100, m140}, nullptr, {n100, m140}, 0, {n100, m140.substr(0, 100)}, ""},
+      {"a folder as prefix", {"x/f1", "x/sub/f2"}, "x/link", {"x/"}, 1, {"x/f1", "x/sub/f2"}, ""},
+      {"a folder without", {"x/f1", "x/sub/f2"}, "x/link", {"x"}, 0, {"f1", "f2"}, ""},
+      {"a prefixed name cut at 99",
+       {d60 + "/" + f60},
+       nullptr,
+       {d60},
+       1,
+       {(d60 + "/" + f60).substr(0, 99)},
+       "filepath write failed\n"},
+      {"a nested prefix cut",
+       {d60 + "/" + b60 + "/f"},
+       nullptr,
+       {d60},
+       1,
+       {(d60 + "/" + b60).substr(0, 99)},
+       "path write failed\nfilepath write failed\n"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    morvotest::TempRoot root;
+    std::string archive = root.Under("/out.tar.gz");
+    std::vector<std::string> leaves;
+    for (const std::string& file : c.files) {
+      size_t slash = file.rfind('/');
+      if (slash != std::string::npos) root.MakeDirs("/" + file.substr(0, slash));
+      leaves.push_back(file.substr(slash + 1));
+      WriteFile(root.Under("/" + file), leaves.back() + "\n");
+    }
+    if (c.link != nullptr) {
+      ASSERT_EQ(0,
+                symlink(root.Under("/" + c.files[0]).c_str(), (root.Under("/") + c.link).c_str()));
+    }
+    std::vector<std::string> packed;
+    std::vector<const char*> paths;
+    for (const std::string& p : c.packed) packed.push_back(p.empty() ? "" : root.Under("/" + p));
+    for (const std::string& p : packed) paths.push_back(p.empty() ? nullptr : p.c_str());
+    testing::internal::CaptureStderr();
+    EXPECT_TRUE(TarzipFilesComplete(static_cast<int>(paths.size()), paths.data(), archive.c_str(),
+                                    c.dirMode));
+    EXPECT_EQ(c.err, testing::internal::GetCapturedStderr());
+    EXPECT_EQ(c.names, TarNames(archive));
+    // Members under a whole name hold the bytes of their file.
+    std::string dest = root.Under("/extract");
+    mkdir(dest.c_str(), 0775);
+    ASSERT_EQ("", morvotest::Tar("-xzf '" + archive + "' -C '" + dest + "'"));
+    for (const std::string& name : c.names) {
+      std::string leaf = name.substr(name.rfind('/') + 1);
+      if (std::find(leaves.begin(), leaves.end(), leaf) == leaves.end()) continue;
+      EXPECT_EQ(leaf + "\n", ReadFile(dest + "/" + name)) << name;
+    }
+  }
 }
 
 TEST_F(TarzipTest, ContentFollowsTheSizeGivenWhateverTheFileHolds) {
@@ -223,7 +249,6 @@ TEST_F(TarzipTest, ContentFollowsTheSizeGivenWhateverTheFileHolds) {
 }
 
 TEST_F(TarzipTest, TheDirectoryWalkCanBeCalledOnItsOwn) {
-  mkdir(Path("d").c_str(), 0775);
   MakeFile("d/one", 2);
   gzFile gz = gzopen(archive_.c_str(), "w");
   ASSERT_NE(nullptr, gz);
@@ -233,16 +258,15 @@ TEST_F(TarzipTest, TheDirectoryWalkCanBeCalledOnItsOwn) {
   EXPECT_EQ(std::set<std::string>{"pre/one"}, TarNames(archive_));
 }
 
-TEST_F(TarzipTest, AnArchiveThatCannotBeWrittenIsReportedIncomplete) {
-  MakeFile("f", 100000, 'a');
-  EXPECT_TRUE(Pack({Path("f")}));
-  archive_ = Path("no/such/dir/out.tar.gz");
-  EXPECT_FALSE(Pack({Path("f")}));
-  EXPECT_FALSE(morvotest::Exists(archive_));
-}
-
-TEST_F(TarzipTest, AWriteFailureMakesTheArchiveIncomplete) {
+// An archive that cannot be written, or only in part, is reported
+// incomplete and never takes the name; a later one can.
+TEST_F(TarzipTest, AnArchiveCutShortIsReportedIncomplete) {
   WriteFile(Path("noise"), morvotest::RandomBytes(400000, 5));
+  std::string wanted = archive_;
+  archive_ = Path("no/such/dir/out.tar.gz");
+  EXPECT_FALSE(Pack({Path("noise")}));
+  EXPECT_FALSE(morvotest::Exists(archive_));
+  archive_ = wanted;
   struct rlimit saved, small;
   ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
   small = saved;
@@ -253,8 +277,8 @@ TEST_F(TarzipTest, AWriteFailureMakesTheArchiveIncomplete) {
   setrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, old);
   EXPECT_FALSE(complete);
-  // The cut archive never took the name, and its temporary is gone.
-  EXPECT_EQ(std::vector<std::string>{"noise"}, morvotest::Entries(root_.path()));
+  // The cut archive's temporary is gone.
+  EXPECT_EQ(std::vector<std::string>{"noise"}, Entries(root_.path()));
   EXPECT_TRUE(Pack({Path("noise")}));
 }
 
@@ -272,7 +296,7 @@ TEST_F(TarzipTest, AFileTooLargeForTheSizeFieldKeepsTheArchiveConsistentButIncom
 
 // Whatever sits at the archive's name is replaced, never written through.
 TEST_F(TarzipTest, ALinkAtTheArchiveNameIsReplacedAndItsTargetKept) {
-  std::string content = MakeFile("member", 700);
+  MakeFile("member", 700);
   for (bool hard : {false, true}) {
     SCOPED_TRACE(hard ? "hard link" : "symbolic link");
     std::string victim = Path("victim");
@@ -283,9 +307,72 @@ TEST_F(TarzipTest, ALinkAtTheArchiveNameIsReplacedAndItsTargetKept) {
     EXPECT_EQ("precious\n", ReadFile(victim));
     EXPECT_TRUE(S_ISREG(morvotest::NodeAt(archive_).mode));
     EXPECT_EQ(std::set<std::string>{"member"}, TarNames(archive_));
-    EXPECT_EQ((std::vector<std::string>{"member", "out.tar.gz", "victim"}),
-              morvotest::Entries(root_.path()));
+    EXPECT_EQ((std::vector<std::string>{"member", "out.tar.gz", "victim"}), Entries(root_.path()));
     ASSERT_EQ(0, unlink(archive_.c_str()));
+  }
+}
+
+// The factory archive step with a link planted at the work folder or at the
+// archive's name: what the link leads to outside the log folder stays as it
+// was, and no numbered file is lost.
+class FactoryCompressTest : public morvotest::LogFolderTest {
+ protected:
+  FactoryCompressTest() : LogFolderTest("/data/log/factory", "kmsg") {}
+};
+
+TEST_F(FactoryCompressTest, APlantedLinkIsNeverWrittenThrough) {
+  const std::string victim = root_.Under("/victim");
+  const struct {
+    const char* what;
+    const char* planted;  // after the base path
+    bool folder;          // the link leads to the folder, else to its file
+    bool hard;
+    int maxFiles;
+    std::vector<std::string> entries;
+    const char* listing;  // of kmsg-0.tar.gz; null: none made
+  } kCases[] = {
+      // The numbered files wait where they were for a step that can run.
+      {"a link at the work folder",
+       "_tmp",
+       true,
+       false,
+       4,
+       {"kmsg.1", "kmsg.2", "kmsg.3", "kmsg.4", "kmsg.5", "kmsg_tmp"},
+       nullptr},
+      {"a link at the archive",
+       "-0.tar.gz",
+       false,
+       false,
+       1,
+       {"kmsg-0.tar.gz"},
+       "kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n"},
+      {"a hard link at the archive",
+       "-0.tar.gz",
+       false,
+       true,
+       1,
+       {"kmsg-0.tar.gz"},
+       "kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.what);
+    for (int n = 1; n <= archive::kFactoryArchiveMembers; ++n) {
+      WriteFile(base_ + "." + std::to_string(n), "rotated " + std::to_string(n) + "\n");
+    }
+    mkdir(victim.c_str(), 0755);
+    WriteFile(victim + "/kmsg.1", "precious\n");
+    std::string target = c.folder ? victim : victim + "/kmsg.1";
+    std::string planted = base_ + c.planted;
+    ASSERT_EQ(0, c.hard ? link(target.c_str(), planted.c_str())
+                        : symlink(target.c_str(), planted.c_str()));
+    archive::CompressLogsFactory(base_, c.maxFiles);
+    EXPECT_EQ(std::vector<std::string>{"kmsg.1"}, Entries(victim));
+    EXPECT_EQ("precious\n", ReadFile(victim + "/kmsg.1"));
+    EXPECT_EQ(c.entries, Entries(dir_));
+    if (c.listing != nullptr) {
+      EXPECT_EQ(c.listing, morvotest::TarListing(base_ + "-0.tar.gz"));
+    }
+    ASSERT_EQ(0, system(("rm -rf " + dir_ + "/* " + victim).c_str()));
   }
 }
 
