@@ -158,76 +158,47 @@ TEST_F(TarzipTest, StockTarListsAndExtractsTheSameBytes) {
 
 // What the members are named: folders walked with or without their name
 // as prefix, names cut to their fields, links, missing files and null
-// entries left out.
-TEST(TarzipNames, EachListAsStockTarListsIt) {
+// entries left out. Each file holds its own last name.
+TEST_F(TarzipTest, EachListIsNamedAsStockTarListsIt) {
   const std::string d60(60, 'd'), f60(60, 'f'), b60(60, 'b'), n100(100, 'n'), m140(140, 'm');
+  std::vector<std::string> leaves;
+  for (const std::string& file : std::vector<std::string>{
+           "real", "x/f1", "x/sub/f2", d60 + "/" + f60, b60 + "/" + b60 + "/f", n100, m140}) {
+    leaves.push_back(file.substr(file.rfind('/') + 1));
+    MakeFile(file, 0);
+    WriteFile(Path(file), leaves.back() + "\n");
+  }
+  ASSERT_EQ(0, symlink(Path("real").c_str(), Path("link").c_str()));
+  ASSERT_EQ(0, symlink(Path("x/f1").c_str(), Path("x/link").c_str()));
   const struct {
-    const char* what;
-    std::vector<std::string> files;  // each holding its own last name
-    const char* link;                // a link to the first file
     std::vector<std::string> packed;
     int dirMode;
     std::set<std::string> names;
     std::string err;
   } kCases[] = {
-      {"links, missing files and null entries",
-       {"real"},
-       "link",
-       {"link", "", "gone", "real"},
-       0,
-       {"real"},
-       ""},
-      {"longer names cut", {n100, m140}, nullptr, {n100, m140}, 0, {n100, m140.substr(0, 100)}, ""},
-      {"a folder as prefix", {"x/f1", "x/sub/f2"}, "x/link", {"x/"}, 1, {"x/f1", "x/sub/f2"}, ""},
-      {"a folder without", {"x/f1", "x/sub/f2"}, "x/link", {"x"}, 0, {"f1", "f2"}, ""},
-      {"a prefixed name cut at 99",
-       {d60 + "/" + f60},
-       nullptr,
-       {d60},
-       1,
-       {(d60 + "/" + f60).substr(0, 99)},
-       "filepath write failed\n"},
-      {"a nested prefix cut",
-       {d60 + "/" + b60 + "/f"},
-       nullptr,
-       {d60},
-       1,
-       {(d60 + "/" + b60).substr(0, 99)},
-       "path write failed\nfilepath write failed\n"},
+      {{"link", "", "gone", "real"}, 0, {"real"}, ""},
+      {{n100, m140}, 0, {n100, m140.substr(0, 100)}, ""},
+      {{"x/"}, 1, {"x/f1", "x/sub/f2"}, ""},
+      {{"x"}, 0, {"f1", "f2"}, ""},
+      {{d60}, 1, {(d60 + "/" + f60).substr(0, 99)}, "filepath write failed\n"},
+      {{b60}, 1, {(b60 + "/" + b60).substr(0, 99)}, "path write failed\nfilepath write failed\n"},
   };
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.what);
-    morvotest::TempRoot root;
-    std::string archive = root.Under("/out.tar.gz");
-    std::vector<std::string> leaves;
-    for (const std::string& file : c.files) {
-      size_t slash = file.rfind('/');
-      if (slash != std::string::npos) root.MakeDirs("/" + file.substr(0, slash));
-      leaves.push_back(file.substr(slash + 1));
-      WriteFile(root.Under("/" + file), leaves.back() + "\n");
-    }
-    if (c.link != nullptr) {
-      ASSERT_EQ(0,
-                symlink(root.Under("/" + c.files[0]).c_str(), (root.Under("/") + c.link).c_str()));
-    }
-    std::vector<std::string> packed;
-    std::vector<const char*> paths;
-    for (const std::string& p : c.packed) packed.push_back(p.empty() ? "" : root.Under("/" + p));
-    for (const std::string& p : packed) paths.push_back(p.empty() ? nullptr : p.c_str());
+    SCOPED_TRACE(c.packed[0].substr(0, 8) + " " + std::to_string(c.dirMode));
+    std::vector<std::string> paths;
+    for (const std::string& p : c.packed) paths.push_back(p.empty() ? "" : Path(p));
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(TarzipFilesComplete(static_cast<int>(paths.size()), paths.data(), archive.c_str(),
-                                    c.dirMode));
+    EXPECT_TRUE(Pack(paths, c.dirMode));
     EXPECT_EQ(c.err, testing::internal::GetCapturedStderr());
-    EXPECT_EQ(c.names, TarNames(archive));
+    EXPECT_EQ(c.names, TarNames(archive_));
     // Members under a whole name hold the bytes of their file.
-    std::string dest = root.Under("/extract");
-    mkdir(dest.c_str(), 0775);
-    ASSERT_EQ("", morvotest::Tar("-xzf '" + archive + "' -C '" + dest + "'"));
+    std::string dest = Extracted();
     for (const std::string& name : c.names) {
       std::string leaf = name.substr(name.rfind('/') + 1);
       if (std::find(leaves.begin(), leaves.end(), leaf) == leaves.end()) continue;
       EXPECT_EQ(leaf + "\n", ReadFile(dest + "/" + name)) << name;
     }
+    ASSERT_EQ(0, system(("rm -rf " + dest).c_str()));
   }
 }
 
@@ -323,54 +294,34 @@ class FactoryCompressTest : public morvotest::LogFolderTest {
 TEST_F(FactoryCompressTest, APlantedLinkIsNeverWrittenThrough) {
   const std::string victim = root_.Under("/victim");
   const struct {
-    const char* what;
     const char* planted;  // after the base path
-    bool folder;          // the link leads to the folder, else to its file
     bool hard;
-    int maxFiles;
-    std::vector<std::string> entries;
-    const char* listing;  // of kmsg-0.tar.gz; null: none made
-  } kCases[] = {
-      // The numbered files wait where they were for a step that can run.
-      {"a link at the work folder",
-       "_tmp",
-       true,
-       false,
-       4,
-       {"kmsg.1", "kmsg.2", "kmsg.3", "kmsg.4", "kmsg.5", "kmsg_tmp"},
-       nullptr},
-      {"a link at the archive",
-       "-0.tar.gz",
-       false,
-       false,
-       1,
-       {"kmsg-0.tar.gz"},
-       "kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n"},
-      {"a hard link at the archive",
-       "-0.tar.gz",
-       false,
-       true,
-       1,
-       {"kmsg-0.tar.gz"},
-       "kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n"},
-  };
+  } kCases[] = {{"_tmp", false}, {"-0.tar.gz", false}, {"-0.tar.gz", true}};
   for (const auto& c : kCases) {
-    SCOPED_TRACE(c.what);
+    SCOPED_TRACE(std::string(c.planted) + (c.hard ? " hard" : ""));
+    std::vector<std::string> numbered;
     for (int n = 1; n <= archive::kFactoryArchiveMembers; ++n) {
-      WriteFile(base_ + "." + std::to_string(n), "rotated " + std::to_string(n) + "\n");
+      numbered.push_back("kmsg." + std::to_string(n));
+      WriteFile(dir_ + "/" + numbered.back(), "rotated " + std::to_string(n) + "\n");
     }
     mkdir(victim.c_str(), 0755);
     WriteFile(victim + "/kmsg.1", "precious\n");
-    std::string target = c.folder ? victim : victim + "/kmsg.1";
+    // A link at the work folder leads to the folder outside.
+    const bool atWork = std::string(c.planted) == "_tmp";
+    std::string target = atWork ? victim : victim + "/kmsg.1";
     std::string planted = base_ + c.planted;
     ASSERT_EQ(0, c.hard ? link(target.c_str(), planted.c_str())
                         : symlink(target.c_str(), planted.c_str()));
-    archive::CompressLogsFactory(base_, c.maxFiles);
+    archive::CompressLogsFactory(base_, 1);
     EXPECT_EQ(std::vector<std::string>{"kmsg.1"}, Entries(victim));
     EXPECT_EQ("precious\n", ReadFile(victim + "/kmsg.1"));
-    EXPECT_EQ(c.entries, Entries(dir_));
-    if (c.listing != nullptr) {
-      EXPECT_EQ(c.listing, morvotest::TarListing(base_ + "-0.tar.gz"));
+    if (atWork) {
+      // The numbered files wait where they were for a step that can run.
+      numbered.push_back("kmsg_tmp");
+      EXPECT_EQ(numbered, Entries(dir_));
+    } else {
+      EXPECT_EQ(std::vector<std::string>{"kmsg-0.tar.gz"}, Entries(dir_));
+      EXPECT_EQ("kmsg.1\nkmsg.2\nkmsg.3\nkmsg.4\nkmsg.5\n", morvotest::TarListing(planted));
     }
     ASSERT_EQ(0, system(("rm -rf " + dir_ + "/* " + victim).c_str()));
   }
