@@ -67,42 +67,46 @@ class DataSources : public ::testing::Test {
   std::unique_ptr<SourceSink> sink;
 };
 
-TEST_F(DataSources, NodesArePaddedToTheirWidthAfterOneLineEndIsTaken) {
-  EXPECT_EQ(0, Sink().NodeCatOnce(Node("a", "42\n").c_str(), 6, false));
-  EXPECT_EQ(0, Sink().NodeCatOnce(Node("b", "\n").c_str(), 0, false));
-  EXPECT_EQ(0, Sink().NodeCatOnce(Node("c", "abcde").c_str(), 3, false));
-  EXPECT_EQ(0, Sink().NodeCatOnce(Node("d", "x\r\n").c_str(), 0, true));
-  EXPECT_EQ("42    \nabcdex\r", Written());
-}
-
-TEST_F(DataSources, ALongNodeIsWrittenAsPiecesEachStrippedByItself) {
-  std::string text = std::string(8190, 'a') + "\n" + "bb\n";
-  EXPECT_EQ(0, Sink().NodeCatOnce(Node("long", text).c_str(), 0, true));
-  EXPECT_EQ(std::string(8190, 'a') + "bb", Written());
-}
-
-TEST_F(DataSources, AnUnreadableNodeWritesReadFailOnlyWithAWidth) {
-  EXPECT_EQ(1, Sink().NodeCatOnce("/sys/node/missing", 0, true));
-  EXPECT_EQ("", Written());
-  EXPECT_EQ(0, Sink().NodeCatOnce("/sys/node/missing", 11, true));
-  EXPECT_EQ("Read Fail  ", Written());
-  EXPECT_EQ(1, Sink().NodeCatOnce(nullptr, 11, true));
-}
-
-TEST_F(DataSources, ARelativeNodeIsOpenedFromTheWorkingDirectory) {
+// A node read whole: one line end is taken off and the text padded to its
+// width; a long node is written as pieces, each stripped by itself; an
+// unreadable or empty node reads "Read Fail" only with a width (no retries
+// are set); a relative node is opened from the working directory.
+TEST_F(DataSources, NodesAreWrittenToTheirWidth) {
+  const std::string longest(8190, 'a');
+  const struct {
+    const char* name;  // null: no node
+    std::string text;  // of the node under /sys/node; "-": none there
+    size_t width;
+    bool ends;
+    int result;
+    std::string written;
+  } kCases[] = {
+      {"a", "42\n", 6, false, 0, "42    "},
+      {"b", "\n", 0, false, 0, "\n"},
+      {"c", "abcde", 3, false, 0, "abcde"},
+      {"d", "x\r\n", 0, true, 0, "x\r"},
+      {"long", longest + "\nbb\n", 0, true, 0, longest + "bb"},
+      {"missing", "-", 0, true, 1, ""},
+      {"missing", "-", 11, true, 0, "Read Fail  "},
+      {nullptr, "-", 11, true, 1, ""},
+      {"empty", "", 10, true, 0, "Read Fail "},
+      {"Time", "Stamp\n", 0, true, 0, "Stamp"},
+  };
   char saved[4096];
   ASSERT_NE(nullptr, getcwd(saved, sizeof(saved)));
   ASSERT_EQ(0, chdir(root.Under("/sys/node").c_str()));
-  Node("Time", "Stamp\n");
-  int result = Sink().NodeCatOnce("Time", 0, true);
+  std::string expected;
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.name != nullptr ? c.name : "null");
+    std::string path = c.name == nullptr ? "" : "/sys/node/" + std::string(c.name);
+    if (c.text != "-") Node(c.name, c.text);
+    // The last is given by a path relative to the working directory.
+    if (std::string(c.name != nullptr ? c.name : "") == "Time") path = "Time";
+    EXPECT_EQ(c.result,
+              Sink().NodeCatOnce(c.name == nullptr ? nullptr : path.c_str(), c.width, c.ends));
+    EXPECT_EQ(expected += c.written, Written());
+  }
   ASSERT_EQ(0, chdir(saved));
-  EXPECT_EQ(0, result);
-  EXPECT_EQ("Stamp", Written());
-}
-
-TEST_F(DataSources, AnEmptyNodeWithoutRetriesReadsFailAtOnce) {
-  EXPECT_EQ(0, Sink().NodeCatOnce(Node("empty", "").c_str(), 10, true));
-  EXPECT_EQ("Read Fail ", Written());
 }
 
 TEST_F(DataSources, AnEmptyNodeIsRetriedUntilTheCounterReachesTheLimit) {
@@ -321,14 +325,6 @@ TEST_F(StreamSource, LinesTheSinkRefusesDoNotEndTheStream) {
   ASSERT_TRUE(Arrived("two\n"));
 }
 
-TEST_F(StreamSource, APartialLastLineIsHandedOverWhenTheStreamStops) {
-  WriteFile(Kmsg(), "whole\nno end yet");
-  StreamRun run(&Sink(), "/proc/kmsg");
-  ASSERT_TRUE(Arrived("whole\n"));
-  run.Stop();
-  EXPECT_EQ(std::vector<std::string>({"whole", "no end yet"}), Lines());
-}
-
 TEST_F(StreamSource, OnlyANullStreamPathEndsTheStream) {
   StderrCapture err;
   EXPECT_EQ(1, Sink().NodeCatStream(nullptr));
@@ -368,19 +364,25 @@ class DumpsysSource : public DataSources {
   }
 };
 
-TEST_F(DumpsysSource, TheOutputFollowsAHeaderUnchanged) {
-  Dumpsys("printf 'level: %s\\n\\nend' \"$1\"");
-  EXPECT_EQ(0, Sink().SystemCmdCat("battery"));
-  std::regex text(
-      "^current time: <battery>\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n"
-      "level: battery\n\nend$");
-  EXPECT_TRUE(std::regex_match(Written(), text)) << Written();
-}
-
-TEST_F(DumpsysSource, ACommandThatFailsSilentlyLeavesItsHeader) {
-  Dumpsys("exit 3");
-  EXPECT_EQ(0, Sink().SystemCmdCat("power"));
-  EXPECT_TRUE(std::regex_match(Written(), std::regex("^current time: <power>[-0-9: ]+\r\n$")));
+// The output follows a header unchanged; a command that fails silently
+// leaves its header.
+TEST_F(DumpsysSource, TheOutputFollowsAHeader) {
+  const char* const kDate = "\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n";
+  const struct {
+    const char* script;
+    const char* command;
+    std::string text;
+  } kCases[] = {
+      {"printf 'level: %s\\n\\nend' \"$1\"", "battery", "level: battery\n\nend"},
+      {"exit 3", "power", ""},
+  };
+  std::string expected;
+  for (const auto& c : kCases) {
+    Dumpsys(c.script);
+    EXPECT_EQ(0, Sink().SystemCmdCat(c.command));
+    expected += std::string("current time: <") + c.command + ">" + kDate + c.text;
+    EXPECT_TRUE(std::regex_match(Written(), std::regex("^" + expected + "$"))) << Written();
+  }
 }
 
 TEST_F(DumpsysSource, ACommandTooLongForTheHeaderIsNotRun) {

@@ -21,14 +21,18 @@
 
 namespace grouptest {
 
-// A node list, a group and its instance, all owned here.
+// A group and its instance, owned here; the group's style and sources are
+// set by the test.
 struct GroupRecord {
-  explicit GroupRecord(const std::string& output, TavoCommon::LogStyle style) : path(output) {
-    info.rotateSizeKbytes = 4096;
-    info.maxCompressdFiles = 10;
+  explicit GroupRecord(const std::string& output, size_t rotateKbytes = 4096, size_t maxFiles = 10)
+      : path(output) {
+    info.rotateSizeKbytes = rotateKbytes;
+    info.maxCompressdFiles = maxFiles;
     group.info = &info;
-    group.style = style;
     group.outputFilePath = &path[0];
+  }
+  GroupRecord(const std::string& output, TavoCommon::LogStyle style) : GroupRecord(output) {
+    group.style = style;
   }
   GroupRecord(const GroupRecord&) = delete;
   GroupRecord& operator=(const GroupRecord&) = delete;

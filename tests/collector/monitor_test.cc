@@ -9,6 +9,7 @@
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -71,25 +72,19 @@ bool OpensFlush(const std::string& dir, const std::string& file, const std::stri
 
 class MonitorTest : public sinktest::SinkTest {};
 
+// Either log folder opened flushes the writer; on a fresh device the
+// group's folder is made by the sink's set-up, and is watched as well.
 TEST_F(MonitorTest, OpeningEitherLogFolderFlushesTheWriter) {
-  GroupConfig config(base_, 4096, 10);
-  TestSink sink(config, MMAP_WRITE);
-  ASSERT_EQ(sink.SetupOutput(), 0);
-  ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
-  EXPECT_TRUE(OpensFlush(dir_, sink.logFilePath, "first\n"));
-  ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
-  EXPECT_TRUE(OpensFlush(root_.Under("/data/log/ksv_log"), sink.logFilePath, "first\nsecond\n"));
-}
-
-// On a fresh device the group's folder is made by the sink's set-up; the
-// monitor must still watch it.
-TEST_F(MonitorTest, AGroupFolderMadeAtSetUpIsWatched) {
-  std::string fresh = dir_ + "/fresh";
-  GroupConfig config(fresh + "/applog", 4096, 10);
-  TestSink sink(config, MMAP_WRITE);
-  ASSERT_EQ(sink.SetupOutput(), 0);
-  ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
-  EXPECT_TRUE(OpensFlush(fresh, sink.logFilePath, "first\n"));
+  for (const std::string& group : {dir_, dir_ + "/fresh"}) {
+    SCOPED_TRACE(group);
+    GroupConfig config(group + "/applog", 4096, 10);
+    TestSink sink(config, MMAP_WRITE);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
+    EXPECT_TRUE(OpensFlush(group, sink.logFilePath, "first\n"));
+    ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
+    EXPECT_TRUE(OpensFlush(root_.Under("/data/log/ksv_log"), sink.logFilePath, "first\nsecond\n"));
+  }
 }
 
 // n inotify records: the masks, each followed by a name of name bytes.
@@ -226,16 +221,10 @@ INSTANTIATE_TEST_SUITE_P(
                       LateFolder{"GroupFolderRemade", "/data/log/late", true}),
     [](const ::testing::TestParamInfo<LateFolder>& info) { return std::string(info.param.name); });
 
-// CPU time the calling thread has used.
-double ThreadCpuSeconds() {
-  struct timespec used;
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
-  return used.tv_sec + used.tv_nsec / 1e9;
-}
-
 // A charge-event node that cannot be seeked (a FIFO planted there, opened
 // without a writer) is neither blocked on nor spun on: the wait tries again
-// at an interval, and the thread's CPU time over the run stays small.
+// after a pause, so over a second and a half it returns a few times, not
+// thousands.
 TEST(ChargerEvent, AnUnseekableNodeIsWaitedOnNotSpunOn) {
   morvotest::TempRoot root;
   root.MakeDirs("/sys/class/qd_power/bq_bci");
@@ -243,14 +232,11 @@ TEST(ChargerEvent, AnUnseekableNodeIsWaitedOnNotSpunOn) {
   ASSERT_EQ(0, mkfifo(node.c_str(), 0600));
   std::atomic<bool> stop{false};
   std::atomic<int> calls{0};
-  std::atomic<double> cpu{0};
   std::thread waiter([&] {
-    double start = ThreadCpuSeconds();
     while (!stop) {
       EXPECT_FALSE(ChargerEventChanged());
       ++calls;
     }
-    cpu = ThreadCpuSeconds() - start;
   });
   Pause(1500);
   int returned = calls;
@@ -260,7 +246,7 @@ TEST(ChargerEvent, AnUnseekableNodeIsWaitedOnNotSpunOn) {
   waiter.join();
   if (writer >= 0) close(writer);
   EXPECT_GE(returned, 1);
-  EXPECT_LT(cpu.load(), 0.2) << calls.load() << " calls";
+  EXPECT_LE(returned, 5);
 }
 
 }  // namespace

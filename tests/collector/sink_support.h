@@ -14,37 +14,25 @@
 #include <string>
 #include <vector>
 
+#include "collector/group_support.h"
 #include "collector/monitor_dir.h"
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"
 #include "support/command_output.h"
 #include "support/file_tree.h"
+#include "support/log_folder.h"
 #include "support/planted.h"
 #include "support/shell_file.h"
-#include "support/temp_root.h"
 
 namespace sinktest {
 
-// A group with its instance record.
-struct GroupConfig {
-  GroupConfig(const std::string& output, size_t rotateKbytes, size_t maxCompressd) : path(output) {
-    info.rotateSizeKbytes = rotateKbytes;
-    info.maxCompressdFiles = maxCompressd;
-    group.info = &info;
-    group.outputFilePath = &path[0];
-    group.failureRetry = 3;
-  }
-  GroupConfig(const GroupConfig&) = delete;
-  GroupConfig& operator=(const GroupConfig&) = delete;
-
-  std::string path;
-  TavoCommon::TavocatInfoT info{};
-  TavoCommon::TavocatGroupT group{};
-};
+using GroupConfig = grouptest::GroupRecord;
 
 class TestSink : public Tavobase {
  public:
   TestSink(const GroupConfig& config, TavoCommon::TypeWrite mode) : Tavobase(&config.group, mode) {}
+  // A sink without a group.
+  explicit TestSink(TavoCommon::TypeWrite mode) : Tavobase(nullptr, mode) {}
 
   using FileSet::fileVec;
   using FileSet::maxFiles;
@@ -126,25 +114,16 @@ inline bool IsLink(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
-// A log folder under a fresh root, with the diagnostic folder the monitor
-// also watches; the group's path is base_. The group's folder exists before
-// the group is built, as on a device after its first run: a monitor started
-// for a missing folder ends at once.
+// A log folder under a fresh root; the group's path is base_. The group's
+// folder exists before the group is built, as on a device after its first
+// run: a monitor started for a missing folder ends at once.
 // Every test also puts a fake "chown" first on PATH: the sink must never run it.
-class SinkTest : public ::testing::Test {
+class SinkTest : public morvotest::LogFolderTest {
  protected:
-  void SetUp() override {
-    root_.MakeDirs("/data/log/ksv_log");
-    root_.MakeDirs("/data/log/group");
-    dir_ = root_.Under("/data/log/group");
-    base_ = dir_ + "/applog";
-  }
+  SinkTest() : LogFolderTest("/data/log/group") {}
   void TearDown() override { EXPECT_FALSE(chown_.Ran()) << "a chown found through PATH ran"; }
 
-  morvotest::TempRoot root_;
   morvotest::FakeChownOnPath chown_{root_.path()};
-  std::string dir_;
-  std::string base_;
 };
 
 }  // namespace sinktest

@@ -1,0 +1,545 @@
+// Rotation in both write modes: factory mode's plain P, numbered renames
+// and archives of five; mmap mode's indexed files and the links P and P.1;
+// where rotations may fall; what is planted at the names they use or taken
+// away; and long runs that lose, double and split no record.
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "sink_support.h"
+
+namespace {
+
+using morvotest::Exists;
+using morvotest::ReadFile;
+using sinktest::GroupConfig;
+using sinktest::TestSink;
+using sinktest::Unzipped;
+using TavoCommon::FACTORY_WRITE;
+using TavoCommon::MMAP_WRITE;
+
+class RotationTest : public sinktest::SinkTest {
+ protected:
+  std::string Numbered(int n) const { return base_ + "." + std::to_string(n); }
+  std::string Archive(int n) const { return base_ + "-" + std::to_string(n) + ".tar.gz"; }
+  std::string Work() const { return base_ + "_tmp"; }
+  // A 700-byte record naming n: with a threshold of 1 KiB every record
+  // after the first starts a new file, so each file holds one record.
+  static std::string Record(int n) {
+    std::string text = "record " + std::to_string(n) + " ";
+    text.resize(699, '.');
+    return text + "\n";
+  }
+  static void WriteRecords(TestSink& sink, int from, int to) {
+    for (int n = from; n < to; ++n) {
+      std::string record = Record(n);
+      ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0) << n;
+    }
+  }
+  // The archive k of base holds B.1 to B.5, newest first, ending with
+  // record last.
+  void ExpectArchive(int k, int last, const std::string& base = "") const {
+    const std::string path = (base.empty() ? base_ : base) + "-" + std::to_string(k) + ".tar.gz";
+    const std::string leaf = path.substr(dir_.size() + 1, path.rfind('-') - dir_.size() - 1);
+    std::vector<std::string> members;
+    for (int n = 1; n <= 5; ++n) members.push_back(leaf + "." + std::to_string(n));
+    EXPECT_EQ(sinktest::TarMembers(path), members) << k;
+    for (int n = 1; n <= 5; ++n) {
+      EXPECT_EQ(sinktest::TarMember(path, members[n - 1]), Record(last - n + 1)) << k;
+    }
+  }
+  // The indexes of the set files in the folder.
+  std::vector<std::string> SetFiles() const {
+    std::vector<std::string> files;
+    for (const std::string& name : sinktest::Entries(dir_)) {
+      if (name.rfind("applog.I", 0) == 0) files.push_back(name.substr(7, 4));
+    }
+    return files;
+  }
+  // "I004" for the file the link at path points to; "" for no link.
+  static std::string LinkedIndex(const std::string& path) {
+    std::string target = sinktest::LinkTarget(path);
+    size_t at = target.rfind(".I");
+    return at == std::string::npos ? std::string() : target.substr(at + 1, 4);
+  }
+  void ExpectSet(const std::vector<std::string>& files, const std::string& previous) const {
+    EXPECT_EQ(SetFiles(), files);
+    EXPECT_EQ(LinkedIndex(base_), files.back());
+    EXPECT_EQ(LinkedIndex(base_ + ".1"), previous);
+    if (previous.empty()) EXPECT_FALSE(sinktest::IsLink(base_ + ".1"));
+  }
+};
+
+TEST_F(RotationTest, FactoryArchivesKeepTheNewestFilesAndDropTheOldest) {
+  GroupConfig config(base_, 1, 10);  // two archives of five
+  TestSink sink(config, FACTORY_WRITE);
+  EXPECT_EQ(sink.maxFiles, 2u);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  EXPECT_EQ(sink.logFilePath, base_);
+  WriteRecords(sink, 0, 3);
+  EXPECT_EQ(ReadFile(Numbered(2)), Record(0));
+  EXPECT_EQ(ReadFile(Numbered(1)), Record(1));
+  EXPECT_FALSE(Exists(Numbered(3)));
+
+  WriteRecords(sink, 3, 6);  // the sixth record's rotation packs 0 to 4
+  ExpectArchive(0, 4);
+  EXPECT_FALSE(Exists(Numbered(1)));
+  EXPECT_FALSE(Exists(Work()));
+
+  WriteRecords(sink, 6, 16);
+  ExpectArchive(0, 14);
+  ExpectArchive(1, 9);
+  EXPECT_FALSE(Exists(Archive(2)));
+  EXPECT_EQ(ReadFile(base_), Record(15));
+  for (int n = 1; n <= 5; ++n) EXPECT_FALSE(Exists(Numbered(n))) << n;
+  EXPECT_EQ(sinktest::ModeOf(base_), 0664u);
+
+  GroupConfig one(base_ + "1", 1, 1);  // one archive, replaced each time
+  TestSink single(one, FACTORY_WRITE);
+  EXPECT_EQ(single.maxFiles, 1u);
+  ASSERT_EQ(single.SetupOutput(), 0);
+  WriteRecords(single, 0, 11);
+  ExpectArchive(0, 9, base_ + "1");
+  EXPECT_FALSE(Exists(base_ + "1-1.tar.gz"));
+}
+
+TEST_F(RotationTest, AFactoryRestartAppendsToTheSameFile) {
+  GroupConfig config(base_, 4096, 10);
+  {
+    TestSink sink(config, FACTORY_WRITE);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
+  }
+  TestSink sink(config, FACTORY_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  EXPECT_EQ(sink.curFileSize, 4u);
+  ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
+  EXPECT_EQ(ReadFile(base_), "one\ntwo\n");
+}
+
+// Archives that cannot be made (folders in their way) keep their members in
+// the work folder until one can; a stale empty work folder is used.
+TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  root_.MakeDirs("/data/log/group/applog-1.tar.gz/in");
+  root_.MakeDirs("/data/log/group/applog-0.tar.gz");
+  testing::internal::CaptureStderr();
+  WriteRecords(sink, 0, 6);
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("compress ["), std::string::npos) << err;
+  for (int n = 1; n <= 5; ++n) {
+    EXPECT_EQ(ReadFile(Work() + "/applog." + std::to_string(n)), Record(5 - n)) << n;
+  }
+  ASSERT_EQ(system(("rm -rf " + Archive(0) + " " + Archive(1)).c_str()), 0);
+  // The kept members are packed before the next five move in.
+  WriteRecords(sink, 6, 11);
+  ExpectArchive(1, 4);
+  ExpectArchive(0, 9);
+  EXPECT_FALSE(Exists(Work()));
+
+  ASSERT_EQ(system(("rm -rf " + dir_ + "/*").c_str()), 0);
+  GroupConfig again(base_, 1, 10);
+  TestSink stale(again, FACTORY_WRITE);
+  ASSERT_EQ(stale.SetupOutput(), 0);
+  root_.MakeDirs("/data/log/group/applog_tmp");
+  testing::internal::CaptureStderr();
+  WriteRecords(stale, 0, 6);
+  err = testing::internal::GetCapturedStderr();
+  EXPECT_NE(err.find("couldn't create compress dir"), std::string::npos) << err;
+  ExpectArchive(0, 4);
+  EXPECT_FALSE(Exists(Work()));
+}
+
+TEST_F(RotationTest, LinksOfAnEarlierMmapRunGiveWayToFactoryFiles) {
+  morvotest::WriteFile(dir_ + "/target", "kept");
+  ASSERT_EQ(symlink((dir_ + "/target").c_str(), base_.c_str()), 0);
+  ASSERT_EQ(symlink((dir_ + "/target").c_str(), Numbered(1).c_str()), 0);
+  GroupConfig config(base_, 4096, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  EXPECT_FALSE(sinktest::IsLink(base_));
+  EXPECT_FALSE(sinktest::IsLink(Numbered(1)));
+  ASSERT_EQ(sink.LogcatWrite("x\n", 2, true), 0);
+  EXPECT_EQ(ReadFile(base_), "x\n");
+  EXPECT_EQ(ReadFile(dir_ + "/target"), "kept");
+  EXPECT_EQ(sinktest::ModeOf(base_), 0664u);
+}
+
+// What a local user puts where the group writes next is removed and made a
+// plain file of the group's own: a link is never followed (not even a
+// dangling one, which would make a file outside the tree), a FIFO never
+// blocks the group, a second name of an outside file is never written.
+// Factory mode: at P and P.1 before the group opens them, and again at P
+// between rotations. Mmap mode: at the names the next file takes.
+TEST_F(RotationTest, WhatIsPlantedWhereTheGroupWritesNextIsReplacedNeverUsed) {
+  const std::string victim = root_.Under("/victim");
+  int group = 0;
+  for (morvotest::Plant plant : {morvotest::Plant::DANGLING_LINK, morvotest::Plant::FIFO,
+                                 morvotest::Plant::HARD_LINK, morvotest::Plant::SYMLINK}) {
+    for (TavoCommon::TypeWrite mode : {FACTORY_WRITE, MMAP_WRITE}) {
+      SCOPED_TRACE(std::string(morvotest::NameOf(plant)) + (mode == MMAP_WRITE ? " mmap" : ""));
+      morvotest::MakeVictim(victim);
+      const std::string base = dir_ + "/planted" + std::to_string(group++);
+      GroupConfig config(base, 1, 10);
+      TestSink sink(config, mode);
+      const std::string record = Record(0);
+      if (mode == FACTORY_WRITE) {
+        morvotest::PlantAt(base, plant, victim);
+        morvotest::PlantAt(base + ".1", plant, victim);
+        ASSERT_EQ(sink.SetupOutput(), 0);
+        ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
+        morvotest::ExpectOwnFile(base, 0664);
+        EXPECT_EQ(ReadFile(base), record);
+        EXPECT_FALSE(sinktest::IsLink(base + ".1"));
+        ASSERT_EQ(rename(base.c_str(), (base + ".taken").c_str()), 0);
+        morvotest::PlantAt(base, plant, victim);
+        ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
+        morvotest::ExpectOwnFile(base, 0664);
+        EXPECT_EQ(ReadFile(base), record);
+      } else {
+        ASSERT_EQ(sink.SetupOutput(), 0);
+        // Past the first rotation, which scans the folder again.
+        WriteRecords(sink, 1, 3);
+        const std::vector<std::string> coming = morvotest::ComingSetNames(base, 2);
+        for (const std::string& name : coming) morvotest::PlantAt(name, plant, victim);
+        testing::internal::CaptureStderr();
+        ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
+        sink.LogcatClose();
+        testing::internal::GetCapturedStderr();
+        ASSERT_NE(std::find(coming.begin(), coming.end(), sink.logFilePath), coming.end());
+        morvotest::ExpectOwnFile(sink.logFilePath, 0664);
+        EXPECT_EQ(Unzipped(sink.logFilePath), record);
+        EXPECT_EQ(sinktest::LinkTarget(base), sink.logFilePath);
+      }
+      morvotest::ExpectUntouched(victim);
+      EXPECT_FALSE(Exists(victim + ".new"));
+    }
+  }
+}
+
+// Links and second names of outside files put at the numbered names are
+// dropped by the shift, never handed on to the archive step.
+TEST_F(RotationTest, WhatIsPlantedAtNumberedNamesNeverReachesAnArchive) {
+  const std::string victim = root_.Under("/victim");
+  morvotest::MakeVictim(victim);
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, FACTORY_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  morvotest::PlantAt(Numbered(2), morvotest::Plant::SYMLINK, victim);
+  morvotest::PlantAt(Numbered(3), morvotest::Plant::HARD_LINK, victim);
+  morvotest::PlantAt(Numbered(4), morvotest::Plant::SYMLINK, victim);
+  WriteRecords(sink, 0, 6);
+  ExpectArchive(0, 4);
+  EXPECT_FALSE(Exists(Archive(1)));
+  morvotest::ExpectUntouched(victim);
+}
+
+TEST_F(RotationTest, MmapSetAndLinksThroughRotationsAndARestart) {
+  GroupConfig config(base_, 1, 3);
+  {
+    TestSink sink(config, MMAP_WRITE);
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ExpectSet({"I000"}, "");
+    WriteRecords(sink, 0, 1);
+    EXPECT_EQ(SetFiles().size(), 1u);
+    WriteRecords(sink, 1, 2);
+    ExpectSet({"I000", "I001"}, "I000");
+    WriteRecords(sink, 2, 3);
+    ExpectSet({"I000", "I001", "I002"}, "I001");
+    WriteRecords(sink, 3, 4);
+    ExpectSet({"I001", "I002", "I003"}, "I002");
+    EXPECT_EQ(sink.fileVec.size(), 3u);
+  }
+  // Each record went to the file that was current when it was written.
+  EXPECT_EQ(Unzipped(base_ + ".1"), Record(2));
+  EXPECT_EQ(Unzipped(base_), Record(3));
+
+  TestSink restarted(config, MMAP_WRITE);
+  ASSERT_EQ(restarted.SetupOutput(), 0);
+  ExpectSet({"I001", "I002", "I003", "I004"}, "I003");
+  WriteRecords(restarted, 4, 6);
+  ExpectSet({"I003", "I004", "I005"}, "I004");
+}
+
+TEST_F(RotationTest, MmapRotationFallsOnlyWhereARecordEndedAndInWholeKibibytes) {
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  const std::string column(600, 'c');
+  const std::string first = sink.logFilePath;
+  // One row: three columns and its line end, far past the threshold.
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(sink.LogcatWrite(column.data(), column.size(), false), 0);
+  ASSERT_EQ(sink.LogcatWrite("\n", 1, true), 0);
+  EXPECT_EQ(sink.logFilePath, first);
+  EXPECT_TRUE(sink.recordEnded);
+  EXPECT_EQ(sink.curFileSize, 1801u);
+  // The row ended: the next write starts a new file.
+  ASSERT_EQ(sink.LogcatWrite("next\n", 5, true), 0);
+  EXPECT_NE(sink.logFilePath, first);
+  EXPECT_EQ(sink.curFileSize, 5u);
+  sink.LogcatClose();
+  EXPECT_EQ(Unzipped(first), column + column + column + "\n");
+  EXPECT_EQ(Unzipped(sink.logFilePath), "next\n");
+
+  GroupConfig large(base_, 4096, 10);
+  TestSink big(large, MMAP_WRITE);
+  ASSERT_EQ(big.SetupOutput(), 0);
+  const std::string current = big.logFilePath;
+  big.curFileSize = 4194000;
+  big.RotateLog(303);  // 4095 KiB
+  EXPECT_EQ(big.logFilePath, current);
+  big.RotateLog(304);  // 4096 KiB
+  EXPECT_NE(big.logFilePath, current);
+  EXPECT_EQ(big.curFileSize, 0u);
+
+  GroupConfig off(base_, 0, 10);
+  TestSink never(off, MMAP_WRITE);
+  ASSERT_EQ(never.SetupOutput(), 0);
+  const std::string kept = never.logFilePath;
+  never.curFileSize = SIZE_MAX / 2;
+  never.RotateLog(1 << 20);
+  EXPECT_EQ(never.logFilePath, kept);
+}
+
+// The current file taken away, or something else put at its name, while
+// the clocks stand still: the file is looked for when a look is due, before
+// a rotation, or (mmap) when the writer's cache has nowhere to go; a new
+// file of its own takes what was written since (mmap: all that waited in
+// the cache), and what was planted is never written through.
+TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
+  const std::string victim = root_.Under("/victim");
+  const std::string renamed = base_ + ".old";
+  auto unlinkFile = [](const std::string& file) { ASSERT_EQ(unlink(file.c_str()), 0); };
+  auto removeAll = [&](const std::string&) { ASSERT_EQ(system(("rm -rf " + dir_).c_str()), 0); };
+  auto renameFile = [&](const std::string& file) {
+    ASSERT_EQ(rename(file.c_str(), renamed.c_str()), 0);
+  };
+  auto plant = [&](morvotest::Plant what) {
+    return [&victim, what](const std::string& file) {
+      ASSERT_EQ(unlink(file.c_str()), 0);
+      morvotest::PlantAt(file, what, victim);
+    };
+  };
+  const int64_t due = TestSink::kFileCheckMillis;
+  const std::string rotating = std::string(1019, 'r') + "\n", full = std::string(999, 'c') + "\n";
+  const struct {
+    const char* what;
+    TavoCommon::TypeWrite mode;
+    size_t rotateKbytes;
+    std::function<void(const std::string&)> takeAway;
+    int64_t waitMillis;
+    std::string record;
+    int records;
+    const char* before;  // factory: what the old file keeps; null: it is gone
+  } kCases[] = {
+      {"deleted", MMAP_WRITE, 4096, unlinkFile, due, "two\n", 1, nullptr},
+      {"its folder removed", MMAP_WRITE, 4096, removeAll, due, "three\n", 1, nullptr},
+      // 4 + 1020 bytes reach 1 KiB: due, but the new file takes it whole.
+      {"folder removed, a rotation first", MMAP_WRITE, 1, removeAll, 0, rotating, 1, nullptr},
+      {"deleted, the cache full first", MMAP_WRITE, 4096, unlinkFile, 0, full, 600, nullptr},
+      {"a link", MMAP_WRITE, 4096, plant(morvotest::Plant::SYMLINK), due, "two\n", 1, nullptr},
+      {"a dangling link", MMAP_WRITE, 4096, plant(morvotest::Plant::DANGLING_LINK), due, "two\n", 1,
+       nullptr},
+      {"a hard link", MMAP_WRITE, 4096, plant(morvotest::Plant::HARD_LINK), due, "two\n", 1,
+       nullptr},
+      {"a FIFO", MMAP_WRITE, 4096, plant(morvotest::Plant::FIFO), due, "two\n", 1, nullptr},
+      {"deleted", FACTORY_WRITE, 4096, unlinkFile, due, "three\n", 1, nullptr},
+      {"a link", FACTORY_WRITE, 4096, plant(morvotest::Plant::SYMLINK), due, "three\n", 1, nullptr},
+      {"a hard link", FACTORY_WRITE, 4096, plant(morvotest::Plant::HARD_LINK), due, "three\n", 1,
+       nullptr},
+      {"renamed", FACTORY_WRITE, 4096, renameFile, due, "three\n", 1, "one\ntwo\n"},
+  };
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(std::string(c.what) + (c.mode == MMAP_WRITE ? " mmap" : " factory"));
+    morvotest::MakeVictim(victim);
+    root_.MakeDirs("/data/log/group");
+    GroupConfig config(base_, c.rotateKbytes, 10);
+    TestSink sink(config, c.mode);
+    sink.StopMonitor();
+    sink.stillClocks = true;
+    ASSERT_EQ(sink.SetupOutput(), 0);
+    ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
+    // Mmap: "one" still waits in the writer's cache and goes to the new file.
+    std::string expected = c.mode == MMAP_WRITE ? "one\n" : "";
+    c.takeAway(sink.logFilePath);
+    testing::internal::CaptureStderr();
+    if (c.mode == FACTORY_WRITE) {
+      // Written before a look is due: a deleted file is not written.
+      ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
+      if (c.before == nullptr) expected += "two\n";
+    }
+    sink.millis += c.waitMillis;
+    for (int i = 0; i < c.records; ++i) {
+      ASSERT_EQ(sink.LogcatWrite(c.record.data(), c.record.size(), true), 0);
+      expected += c.record;
+    }
+    sink.LogcatClose();
+    testing::internal::GetCapturedStderr();
+    morvotest::ExpectOwnFile(sink.logFilePath, 0664);
+    if (c.mode == MMAP_WRITE) {
+      EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
+      EXPECT_EQ(Unzipped(sink.logFilePath), expected);
+    } else {
+      EXPECT_EQ(sink.logFilePath, base_);
+      EXPECT_EQ(ReadFile(base_), expected);
+      if (c.before != nullptr) EXPECT_EQ(ReadFile(renamed), c.before);
+    }
+    morvotest::ExpectUntouched(victim);
+    EXPECT_FALSE(Exists(victim + ".new"));
+    ASSERT_EQ(system(("rm -rf " + dir_).c_str()), 0);
+  }
+}
+
+// The path lookup is what a record cost most: it is made once a look is
+// due, not for every record.
+TEST_F(RotationTest, AVanishedFileIsLookedForOnlyWhenALookIsDue) {
+  GroupConfig config(base_, 4096, 10);
+  TestSink sink(config, MMAP_WRITE);
+  sink.StopMonitor();
+  sink.stillClocks = true;
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
+  const std::string first = sink.logFilePath;
+  ASSERT_EQ(unlink(first.c_str()), 0);
+  ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
+  sink.millis += TestSink::kFileCheckMillis - 1;
+  ASSERT_EQ(sink.LogcatWrite("three\n", 6, true), 0);
+  EXPECT_EQ(sink.opens, 1);
+  EXPECT_FALSE(Exists(first));
+  sink.millis += 1;
+  ASSERT_EQ(sink.LogcatWrite("four\n", 5, true), 0);
+  EXPECT_EQ(sink.opens, 2);
+  sink.LogcatClose();
+  EXPECT_EQ(Unzipped(sink.logFilePath), "one\ntwo\nthree\nfour\n");
+}
+
+TEST_F(RotationTest, AnMmapLimitOfZeroNeverDeletesTheFileBeingWritten) {
+  GroupConfig config(base_, 1, 0);
+  TestSink sink(config, MMAP_WRITE);
+  EXPECT_EQ(sink.maxFiles, 0u);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  for (int n = 0; n < 5; ++n) {
+    WriteRecords(sink, n, n + 1);
+    EXPECT_TRUE(Exists(sink.logFilePath)) << n;
+  }
+  EXPECT_EQ(SetFiles().size(), 5u);
+  EXPECT_EQ(sink.fileVec.size(), 5u);
+}
+
+TEST_F(RotationTest, EveryNewMmapFileGetsItsTitleFirst) {
+  GroupConfig config(base_, 1, 10);
+  TestSink sink(config, MMAP_WRITE);
+  sink.title = "TITLE\n";
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  const std::string first = sink.logFilePath;
+  WriteRecords(sink, 0, 2);
+  EXPECT_EQ(sink.opens, 2);
+  sink.LogcatClose();
+  EXPECT_EQ(Unzipped(first), "TITLE\n" + Record(0));
+  EXPECT_EQ(Unzipped(sink.logFilePath), "TITLE\n" + Record(1));
+}
+
+// Record n, written in two parts so that only its end allows a rotation;
+// lengths vary so the threshold falls at every offset.
+int WriteNumbered(TestSink& sink, int n) {
+  char head[32];
+  snprintf(head, sizeof(head), "record %06d ", n);
+  std::string tail(static_cast<size_t>(n % 37), '.');
+  tail += "\n";
+  if (sink.LogcatWrite(head, strlen(head), false) != 0) return 1;
+  return sink.LogcatWrite(tail.data(), tail.size(), true);
+}
+
+// Every piece holds whole records; together they are records 0 to
+// count - 1, once each, in order.
+void ExpectWholeSequence(const std::vector<std::string>& pieces, int count) {
+  int next = 0;
+  for (size_t p = 0; p < pieces.size(); ++p) {
+    const std::string& piece = pieces[p];
+    ASSERT_FALSE(piece.empty()) << "piece " << p;
+    ASSERT_EQ(piece.back(), '\n') << "piece " << p << " ends inside a record";
+    for (const std::string& line : morvotest::Lines(piece)) {
+      int n = -1;
+      ASSERT_EQ(sscanf(line.c_str(), "record %d ", &n), 1) << "piece " << p;
+      ASSERT_EQ(n, next) << "piece " << p;
+      ASSERT_EQ(line.size(), 14 + static_cast<size_t>(n % 37)) << "record " << n;
+      ++next;
+    }
+  }
+  EXPECT_EQ(next, count);
+}
+
+// Numbered records through hundreds of rotations, read back from the
+// files and archives. Meanwhile the log folders are opened over and over,
+// so an mmap group's monitor flushes the writer from its own thread while
+// the group writes and rotates: built with -DMORVO_SANITIZE=thread this is
+// the race check.
+TEST_F(RotationTest, LongRunsKeepEveryRecordOnceAndWhole) {
+  constexpr int kRecords = 50000;
+  for (TavoCommon::TypeWrite mode : {MMAP_WRITE, FACTORY_WRITE}) {
+    SCOPED_TRACE(mode);
+    const std::string base = dir_ + "/seq" + std::to_string(mode);
+    GroupConfig config(base, 4, 1000);  // room for 200 archives
+    std::vector<std::string> pieces;
+    {
+      TestSink sink(config, mode);
+      ASSERT_EQ(sink.SetupOutput(), 0);
+      std::atomic<bool> done{false};
+      std::thread opener([&] {
+        const std::string dirs[] = {dir_, root_.Under("/data/log/ksv_log")};
+        while (!done.load()) {
+          for (const std::string& dir : dirs) {
+            DIR* d = opendir(dir.c_str());
+            if (d != nullptr) closedir(d);
+          }
+          usleep(200);
+        }
+      });
+      int refused = -1;
+      for (int n = 0; n < kRecords && refused < 0; ++n) {
+        if (WriteNumbered(sink, n) != 0) refused = n;
+      }
+      done.store(true);
+      opener.join();
+      ASSERT_EQ(refused, -1);
+      if (mode == MMAP_WRITE) {
+        ASSERT_GT(sink.fileVec.size(), 300u);
+        for (const std::string& file : sink.fileVec) pieces.push_back(file);
+      }
+    }
+    if (mode == MMAP_WRITE) {
+      for (std::string& piece : pieces) piece = Unzipped(piece);
+    } else {
+      int archives = 0;
+      while (Exists(base + "-" + std::to_string(archives) + ".tar.gz")) ++archives;
+      ASSERT_GT(archives, 50);
+      const std::string leaf = "seq" + std::to_string(mode) + ".";
+      for (int k = archives - 1; k >= 0; --k) {
+        for (int member = 5; member >= 1; --member) {
+          pieces.push_back(sinktest::TarMember(base + "-" + std::to_string(k) + ".tar.gz",
+                                               leaf + std::to_string(member)));
+        }
+      }
+      for (int n = 5; n >= 1; --n) {
+        if (Exists(base + "." + std::to_string(n)))
+          pieces.push_back(ReadFile(base + "." + std::to_string(n)));
+      }
+      pieces.push_back(ReadFile(base));
+      EXPECT_FALSE(Exists(base + "_tmp"));
+    }
+    ExpectWholeSequence(pieces, kRecords);
+  }
+}
+
+}  // namespace
