@@ -89,7 +89,7 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   for (size_t i = 0; i < lines.size(); ++i) {
     std::smatch match;
     ASSERT_TRUE(std::regex_match(lines[i], match, stamped)) << lines[i];
-    ASSERT_EQ(std::to_string(i + 1), match[1].str());
+    ASSERT_EQ(std::to_string(i + 1), match[1].str()) << collector.Err();
   }
 }
 

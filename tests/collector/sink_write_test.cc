@@ -30,20 +30,11 @@ using testing::internal::GetCapturedStderr;
 // A factory sink: what it writes is in base_ as written.
 class SinkWriteTest : public sinktest::SinkTest {
  protected:
-  void SetUp() override {
-    config_ = new GroupConfig(base_, 4096, 10);
-    sink_ = new TestSink(*config_, FACTORY_WRITE);
-    ASSERT_EQ(sink_->SetupOutput(), 0);
-  }
-  void TearDown() override {
-    delete sink_;
-    delete config_;
-    SinkTest::TearDown();
-  }
+  void SetUp() override { ASSERT_EQ(sink_.SetupOutput(), 0); }
   std::string Written() const { return morvotest::ReadFile(base_); }
 
-  GroupConfig* config_ = nullptr;
-  TestSink* sink_ = nullptr;
+  GroupConfig config_{base_};
+  TestSink sink_{config_, FACTORY_WRITE};
 };
 
 // Each write's result, the record flag and the text it added: fixed
@@ -77,11 +68,11 @@ TEST_F(SinkWriteTest, FixedWidthWritesAndTheirLimits) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(std::string(c.text != nullptr ? c.text : "null").substr(0, 12) + " " +
                  std::to_string(c.width));
-    bool ended = sink_->recordEnded;
-    EXPECT_EQ(c.str ? sink_->LogcatWriteStr(c.text, c.width, c.ends)
-                    : sink_->LogcatWriteFixLenBuffer(c.text, c.width, c.ends),
+    bool ended = sink_.recordEnded;
+    EXPECT_EQ(c.str ? sink_.LogcatWriteStr(c.text, c.width, c.ends)
+                    : sink_.LogcatWriteFixLenBuffer(c.text, c.width, c.ends),
               c.result);
-    EXPECT_EQ(sink_->recordEnded, c.result == 0 ? c.ends : ended);
+    EXPECT_EQ(sink_.recordEnded, c.result == 0 ? c.ends : ended);
     expected += c.added;
     EXPECT_EQ(Written(), expected);
   }
@@ -106,7 +97,7 @@ std::string StampNow() {
 
 TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
   std::string before = StampNow();
-  ASSERT_EQ(sink_->LogcatWriteWithTimestamp("hello world"), 0);
+  ASSERT_EQ(sink_.LogcatWriteWithTimestamp("hello world"), 0);
   std::string after = StampNow();
   std::string line = Written();
   EXPECT_TRUE(std::regex_match(
@@ -115,7 +106,7 @@ TEST_F(SinkWriteTest, TimestampedLinesCarryLocalTimeToTheMillisecond) {
   std::string stamp = line.substr(0, 14);
   EXPECT_LE(before, stamp);
   EXPECT_LE(stamp, after);
-  EXPECT_TRUE(sink_->recordEnded);
+  EXPECT_TRUE(sink_.recordEnded);
 }
 
 // The stamp is made once a second and reused: it must follow the clock
@@ -144,14 +135,14 @@ TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
       {noLocalTime, 0, std::string(8190, 'z'), 0, std::string(8190, 'z') + "\n"},
       {noLocalTime, 0, std::string(8191, 'z'), 1, ""},
   };
-  sink_->stillClocks = true;
+  sink_.stillClocks = true;
   std::string expected;
   for (const Case& c : cases) {
     SCOPED_TRACE(c.line.substr(0, 16));
-    sink_->wall.tv_sec = c.second;
-    sink_->wall.tv_usec = c.micros;
+    sink_.wall.tv_sec = c.second;
+    sink_.wall.tv_usec = c.micros;
     CaptureStderr();
-    EXPECT_EQ(sink_->LogcatWriteWithTimestamp(c.line.c_str()), c.result);
+    EXPECT_EQ(sink_.LogcatWriteWithTimestamp(c.line.c_str()), c.result);
     std::string err = GetCapturedStderr();
     if (c.result != 0) {
       EXPECT_EQ(err, c.second == noLocalTime ? "format timestamp without logcaltime failed\n"
@@ -161,30 +152,30 @@ TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
     EXPECT_EQ(Written(), expected);
   }
   // Bytes with a NUL among them are kept whole.
-  sink_->wall = {lastOfMinute, 7000};
+  sink_.wall = {lastOfMinute, 7000};
   const std::string withNul("a\0b", 3);
-  EXPECT_EQ(sink_->LogcatWriteStamped(withNul.data(), withNul.size()), 0);
+  EXPECT_EQ(sink_.LogcatWriteStamped(withNul.data(), withNul.size()), 0);
   EXPECT_EQ(Written(), expected + StampOf(lastOfMinute) + ".007 " + withNul + "\n");
 }
 
 TEST_F(SinkWriteTest, EmptyAndClosedOutputs) {
   // Nothing to write and no descriptor change nothing but the record flag.
-  EXPECT_EQ(sink_->FactoryWrite("x", 0, false), 0);
-  EXPECT_FALSE(sink_->recordEnded);
+  EXPECT_EQ(sink_.FactoryWrite("x", 0, false), 0);
+  EXPECT_FALSE(sink_.recordEnded);
   EXPECT_EQ(Written(), "");
-  EXPECT_EQ(sink_->LogcatWrite(nullptr, 3, true), 1);
+  EXPECT_EQ(sink_.LogcatWrite(nullptr, 3, true), 1);
   // A descriptor closed after a failed write is opened again at the next one.
-  sink_->FactoryClose();
-  EXPECT_EQ(sink_->LogcatWrite("y\n", 2, true), 0);
+  sink_.FactoryClose();
+  EXPECT_EQ(sink_.LogcatWrite("y\n", 2, true), 0);
   EXPECT_EQ(Written(), "y\n");
 }
 
 TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
-  EXPECT_EQ(sink_->rotateSizeKbytes, 4096u);
-  EXPECT_EQ(sink_->prevLinkPath, base_ + ".1");
-  EXPECT_EQ(sink_->tavoWriter, nullptr);
-  EXPECT_EQ(sink_->dirMonitor, nullptr);
-  EXPECT_TRUE(sink_->IsFactoryWrite());
+  EXPECT_EQ(sink_.rotateSizeKbytes, 4096u);
+  EXPECT_EQ(sink_.prevLinkPath, base_ + ".1");
+  EXPECT_EQ(sink_.tavoWriter, nullptr);
+  EXPECT_EQ(sink_.dirMonitor, nullptr);
+  EXPECT_TRUE(sink_.IsFactoryWrite());
   struct Case {
     size_t configured;
     TavoCommon::TypeWrite mode;
@@ -228,26 +219,26 @@ TEST_F(SinkWriteTest, AGroupWithoutAPathWritesToStandardOutput) {
 
 TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
   std::string deep = root_.Under("/data/log/a/b/c");
-  EXPECT_EQ(sink_->MkdirP(deep.c_str(), 0775), 0);
+  EXPECT_EQ(sink_.MkdirP(deep.c_str(), 0775), 0);
   EXPECT_EQ(sinktest::ModeOf(deep), 0775u);
-  EXPECT_EQ(sink_->MkdirP((deep + "/").c_str(), 0700), 0);
+  EXPECT_EQ(sink_.MkdirP((deep + "/").c_str(), 0700), 0);
   EXPECT_EQ(sinktest::ModeOf(deep), 0775u);  // existing folders stay as they are
-  EXPECT_EQ(sink_->MkdirP("", 0775), 1);
-  EXPECT_EQ(sink_->MkdirP("/", 0775), 0);
+  EXPECT_EQ(sink_.MkdirP("", 0775), 1);
+  EXPECT_EQ(sink_.MkdirP("/", 0775), 0);
   std::string longest = root_.Under("/") + std::string(254 - root_.Under("/").size(), 'x');
   std::string tooLong = longest + "y";
-  EXPECT_EQ(sink_->MkdirP(tooLong.c_str(), 0775), 1);
+  EXPECT_EQ(sink_.MkdirP(tooLong.c_str(), 0775), 1);
   EXPECT_FALSE(morvotest::Exists(tooLong));
-  EXPECT_EQ(sink_->MkdirP(longest.c_str(), 0775), 0);
+  EXPECT_EQ(sink_.MkdirP(longest.c_str(), 0775), 0);
   // A file in the way.
   morvotest::WriteFile(root_.Under("/data/log/file"), "x");
   CaptureStderr();
-  EXPECT_EQ(sink_->MkdirP(root_.Under("/data/log/file/sub").c_str(), 0775), 1);
+  EXPECT_EQ(sink_.MkdirP(root_.Under("/data/log/file/sub").c_str(), 0775), 1);
   EXPECT_NE(GetCapturedStderr().find("MkdirP: mkdir ["), std::string::npos);
   CaptureStderr();
-  sink_->CreateDir(root_.Under("/data/log/file/sub").c_str());
+  sink_.CreateDir(root_.Under("/data/log/file/sub").c_str());
   EXPECT_NE(GetCapturedStderr().find("MkdirP dir["), std::string::npos);
-  sink_->CreateDir(root_.Under("/data/log/made").c_str());
+  sink_.CreateDir(root_.Under("/data/log/made").c_str());
   EXPECT_EQ(sinktest::ModeOf(root_.Under("/data/log/made")), 0775u);
   // A link in place of a folder is never entered, at the end or on the way.
   const std::string outside = root_.Under("/outside");
@@ -255,10 +246,10 @@ TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
   morvotest::MakeVictimFolder(outside);
   ASSERT_EQ(symlink(outside.c_str(), linked.c_str()), 0);
   CaptureStderr();
-  EXPECT_EQ(sink_->MkdirP((linked + "/sub").c_str(), 0775), 1);
-  EXPECT_EQ(sink_->MkdirP(linked.c_str(), 0775), 1);
-  sink_->CreateDir(linked.c_str());
-  sink_->CreateDir((linked + "/sub").c_str());
+  EXPECT_EQ(sink_.MkdirP((linked + "/sub").c_str(), 0775), 1);
+  EXPECT_EQ(sink_.MkdirP(linked.c_str(), 0775), 1);
+  sink_.CreateDir(linked.c_str());
+  sink_.CreateDir((linked + "/sub").c_str());
   std::string err = GetCapturedStderr();
   EXPECT_NE(err.find("MkdirP: mkdir [" + linked + "] err."), std::string::npos) << err;
   EXPECT_NE(err.find("MkdirP dir[" + linked + "] err"), std::string::npos) << err;
@@ -294,10 +285,10 @@ TEST_F(SinkWriteTest, AGroupFolderReplacedByALinkIsNeverEntered) {
 
 TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {
   CaptureStderr();
-  EXPECT_EQ(sink_->CreateBugreportsDir(""), 1);
+  EXPECT_EQ(sink_.CreateBugreportsDir(""), 1);
   EXPECT_EQ(GetCapturedStderr(), "bugreport dir is invalide.\n");
   CaptureStderr();
-  EXPECT_EQ(sink_->CreateBugreportsDir("applog"), 1);
+  EXPECT_EQ(sink_.CreateBugreportsDir("applog"), 1);
   EXPECT_EQ(GetCapturedStderr(), "pend is invalide.\n");
   GroupConfig config("applog", 4096, 10);
   TestSink sink(config, FACTORY_WRITE);
@@ -307,7 +298,7 @@ TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {
   // A folder that cannot be made is reported; the preparation goes on.
   morvotest::WriteFile(root_.Under("/data/log/file"), "x");
   CaptureStderr();
-  EXPECT_EQ(sink_->CreateBugreportsDir(root_.Under("/data/log/file/sub/x").c_str()), 0);
+  EXPECT_EQ(sink_.CreateBugreportsDir(root_.Under("/data/log/file/sub/x").c_str()), 0);
   EXPECT_NE(GetCapturedStderr().find("MkdirP dir["), std::string::npos);
 }
 
