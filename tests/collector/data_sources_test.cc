@@ -4,7 +4,6 @@
 // that pass, and dumpsys output with its header, run without a shell.
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +15,6 @@
 
 #include "collector/data_src_reader.h"
 #include "collector/group_support.h"
-#include "collector/wait_point.h"
 #include "platform/properties.h"
 #include "support/shell_file.h"
 #include "support/small_fs.h"
@@ -158,32 +156,17 @@ TEST_F(DataSources, StreamTextIsSplitIntoStampedLinesAcrossReads) {
 
 // A stream read on its own thread, stopped as the collector's teardown
 // stops it, with its partial last line handed over.
-class StreamRun {
+class StreamRun : public grouptest::GroupThread {
  public:
-  StreamRun(SourceSink* sink, const char* path) : sink_(sink), path_(path) {
-    started_ = pthread_create(&thread_, nullptr, Body, this) == 0;
-  }
-  ~StreamRun() { Stop(); }
-  bool started() const { return started_; }
+  StreamRun(SourceSink* sink, const char* path)
+      : GroupThread([=] { sink->NodeCatStream(path); }), sink_(sink) {}
   void Stop() {
-    if (!started_) return;
-    pthread_cancel(thread_);
-    pthread_join(thread_, nullptr);
+    GroupThread::Stop();
     sink_->FlushStreamCarry();
-    started_ = false;
   }
 
  private:
-  static void* Body(void* self) {
-    WaitPoint::CloseOutsideWaits();
-    auto* run = static_cast<StreamRun*>(self);
-    run->sink_->NodeCatStream(run->path_);
-    return nullptr;
-  }
   SourceSink* sink_;
-  const char* path_;
-  pthread_t thread_;
-  bool started_ = false;
 };
 
 class StreamSource : public DataSources {
@@ -423,22 +406,15 @@ TEST_F(DumpsysSource, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
       << Written();
 }
 
-void* CommandThread(void* sink) {
-  WaitPoint::CloseOutsideWaits();
-  static_cast<SourceSink*>(sink)->SystemCmdCat("battery");
-  return nullptr;
-}
-
 TEST_F(DumpsysSource, ACommandThatNeverEndsGoesWithItsChildrenWhenTheThreadIsStopped) {
   std::string marker = root.Under("/marker");
   WriteFile(marker, "");
   Dumpsys("echo started\ntail -f " + marker + " &\nwait");
-  pthread_t thread;
-  ASSERT_EQ(0, pthread_create(&thread, nullptr, CommandThread, &Sink()));
+  grouptest::GroupThread command([&] { Sink().SystemCmdCat("battery"); });
+  ASSERT_TRUE(command.started());
   ASSERT_TRUE(grouptest::WaitFor([&] { return Written().find("started\n") != std::string::npos; }));
   ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.path()) == 2; }));
-  pthread_cancel(thread);
-  pthread_join(thread, nullptr);
+  command.Stop();
   EXPECT_TRUE(grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.path()) == 0; }));
 }
 

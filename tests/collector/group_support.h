@@ -7,6 +7,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <unistd.h>
@@ -15,7 +16,9 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include "collector/wait_point.h"
 #include "config/tavo_common.h"
 #include "support/temp_root.h"
 
@@ -82,6 +85,35 @@ class StderrCapture {
   int fd_;
   int saved_;
   std::string path_;
+};
+
+// body run as a group's thread runs it: it can be stopped only where it
+// waits, as the collector's teardown stops it.
+class GroupThread {
+ public:
+  explicit GroupThread(std::function<void()> body) : body_(std::move(body)) {
+    started_ = pthread_create(&thread_, nullptr, Run, this) == 0;
+  }
+  ~GroupThread() { Stop(); }
+  GroupThread(const GroupThread&) = delete;
+  GroupThread& operator=(const GroupThread&) = delete;
+  bool started() const { return started_; }
+  void Stop() {
+    if (!started_) return;
+    pthread_cancel(thread_);
+    pthread_join(thread_, nullptr);
+    started_ = false;
+  }
+
+ private:
+  static void* Run(void* self) {
+    WaitPoint::CloseOutsideWaits();
+    static_cast<GroupThread*>(self)->body_();
+    return nullptr;
+  }
+  std::function<void()> body_;
+  pthread_t thread_;
+  bool started_ = false;
 };
 
 // Polls done until it holds or 20 seconds have passed; returns done().

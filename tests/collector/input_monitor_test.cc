@@ -12,20 +12,19 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/uinput.h>
-#include <pthread.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <regex>
 #include <string>
 
 #include "collector/event_labels.h"
 #include "collector/group_support.h"
-#include "collector/wait_point.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -151,25 +150,11 @@ class InputMonitorLoop : public ::testing::Test {
     dir = root.Under("/dev/input");
     root.MakeDirs("/dev/input");
   }
-  void TearDown() override { Stop(); }
-  // Runs the monitor as a group thread does: it can be stopped only where
-  // it waits, as the collector's teardown stops it.
   void Start() {
-    ASSERT_EQ(0, pthread_create(&thread, nullptr, &InputMonitorLoop::RunMonitor, this));
-    running = true;
+    thread.reset(new grouptest::GroupThread([this] { monitor.Run(dir.c_str(), &pick); }));
+    ASSERT_TRUE(thread->started());
   }
-  void Stop() {
-    if (!running) return;
-    pthread_cancel(thread);
-    pthread_join(thread, nullptr);
-    running = false;
-  }
-  static void* RunMonitor(void* self) {
-    WaitPoint::CloseOutsideWaits();
-    auto* test = static_cast<InputMonitorLoop*>(self);
-    test->monitor.Run(test->dir.c_str(), &test->pick);
-    return nullptr;
-  }
+  void Stop() { thread.reset(); }
   // A new FIFO device, held by the monitor, takes a power-key press: true
   // once the monitor has handed it over, so the monitor is alive and
   // watching the folder.
@@ -190,8 +175,7 @@ class InputMonitorLoop : public ::testing::Test {
   TavocatStrListT pick{any, nullptr};
   Collected collected;
   InputMonitor monitor{&Collected::Write, &collected};
-  pthread_t thread;
-  bool running = false;
+  std::unique_ptr<grouptest::GroupThread> thread;
 };
 
 TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
