@@ -75,7 +75,9 @@ class RotationTest : public sinktest::SinkTest {
     EXPECT_EQ(SetFiles(), files);
     EXPECT_EQ(LinkedIndex(base_), files.back());
     EXPECT_EQ(LinkedIndex(base_ + ".1"), previous);
-    if (previous.empty()) EXPECT_FALSE(sinktest::IsLink(base_ + ".1"));
+    if (previous.empty()) {
+      EXPECT_FALSE(sinktest::IsLink(base_ + ".1"));
+    }
   }
 };
 
@@ -393,7 +395,9 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
     } else {
       EXPECT_EQ(sink.logFilePath, base_);
       EXPECT_EQ(ReadFile(base_), expected);
-      if (c.before != nullptr) EXPECT_EQ(ReadFile(renamed), c.before);
+      if (c.before != nullptr) {
+        EXPECT_EQ(ReadFile(renamed), c.before);
+      }
     }
     morvotest::ExpectUntouched(victim);
     EXPECT_FALSE(Exists(victim + ".new"));
