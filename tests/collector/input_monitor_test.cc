@@ -253,7 +253,9 @@ TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
   }
   EXPECT_TRUE(NewDeviceIsRecorded("event1"));
   Stop();
-  EXPECT_EQ(0u, err.Text().find("could not get event,poll result:1"));
+  // The count is of every descriptor ready in that poll: under load the
+  // folder watch can be ready together with the device.
+  EXPECT_EQ(0u, err.Text().find("could not get event,poll result:")) << err.Text();
   EXPECT_EQ(c.letGo ? 2 : 3, monitor.DeviceCount());
   monitor.MonitorFlush();
   EXPECT_EQ(c.letGo, collected.Text().find("remove device 1: " + path + "\n") != std::string::npos)

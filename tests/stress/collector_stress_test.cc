@@ -358,9 +358,9 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
     bool factory;
     std::string groups;
     const char* fifo;  // a FIFO without a writer planted there
-    void (*plant)(const CollectorRoot&);
-    const char* ready;  // in the log once the group waits; null: let it settle
-    const char* kept;   // in the log after the end
+    void (*plant)(const CollectorRoot&) = nullptr;
+    const char* ready = nullptr;  // in the log once the group waits; null: let it settle
+    const char* kept = nullptr;   // in the log after the end
   } kCases[] = {
       // The group's thread is held in a source's open, where it cannot be
       // stopped: the teardown does not wait for it past its bound.
