@@ -20,10 +20,8 @@
 #include "archive/factory_compress.h"
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
-#include "support/log_folder.h"
-#include "support/random_bytes.h"
-#include "support/shell_file.h"
-#include "support/tar_listing.h"
+#include "support/planted.h"
+#include "support/temp_root.h"
 
 namespace {
 

@@ -17,10 +17,10 @@
 
 #include "collector/collector_process.h"
 #include "collector/group_support.h"
-#include "support/command_output.h"
-#include "support/shell_file.h"
+#include "support/build_paths.h"
+#include "support/file_tree.h"
+#include "support/gzip_text.h"
 #include "support/temp_root.h"
-#include "support/under_qemu.h"
 
 namespace {
 

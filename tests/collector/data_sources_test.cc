@@ -16,7 +16,7 @@
 #include "collector/data_src_reader.h"
 #include "collector/group_support.h"
 #include "platform/properties.h"
-#include "support/shell_file.h"
+#include "support/file_tree.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
 

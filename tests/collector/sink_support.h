@@ -18,11 +18,9 @@
 #include "collector/monitor_dir.h"
 #include "collector/tavobase.h"
 #include "config/tavo_common.h"
-#include "support/command_output.h"
 #include "support/file_tree.h"
-#include "support/log_folder.h"
+#include "support/gzip_text.h"
 #include "support/planted.h"
-#include "support/shell_file.h"
 
 namespace sinktest {
 

@@ -23,7 +23,7 @@
 #include "config/config_test_support.h"
 #include "config/parse_apart.h"
 #include "support/alloc_failure.h"
-#include "support/within.h"
+#include "support/temp_root.h"
 
 namespace configtest {
 namespace {

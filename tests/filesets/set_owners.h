@@ -22,7 +22,6 @@
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
-#include "support/shell_file.h"
 #include "support/temp_root.h"
 
 namespace settest {

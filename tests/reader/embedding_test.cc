@@ -25,10 +25,10 @@
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
 #include "reader/dynamic_symbols.h"
-#include "support/command_output.h"
+#include "support/build_paths.h"
+#include "support/gzip_text.h"
 #include "support/reader_run.h"
 #include "support/temp_root.h"
-#include "support/under_qemu.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/words.h"
+#include "support/temp_root.h"
 
 namespace {
 

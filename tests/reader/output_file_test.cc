@@ -19,11 +19,10 @@
 #include "morvocat/morvocat.h"
 #include "platform/logger.h"
 #include "support/file_tree.h"
+#include "support/log_set.h"
 #include "support/reader_run.h"
-#include "support/set_runs.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
-#include "support/within.h"
 
 namespace {
 

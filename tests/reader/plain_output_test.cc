@@ -15,11 +15,9 @@
 #include "platform/logger.h"
 #include "reader/output_file.h"
 #include "support/file_tree.h"
+#include "support/gzip_text.h"
 #include "support/reader_run.h"
-#include "support/tar_listing.h"
 #include "support/temp_root.h"
-#include "support/within.h"
-#include "support/words.h"
 
 namespace {
 

@@ -17,10 +17,9 @@
 
 #include "platform/log_format.h"
 #include "platform/logger.h"
+#include "support/file_tree.h"
 #include "support/reader_run.h"
-#include "support/shell_file.h"
 #include "support/temp_root.h"
-#include "support/words.h"
 #include "tests/platform/log_store_support.h"
 
 namespace {

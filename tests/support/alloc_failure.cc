@@ -22,8 +22,7 @@ long NothrowAllocations() { return count; }
 
 }  // namespace morvotest
 
-// Replacements of the non-throwing forms; the memory still comes from the
-// throwing forms, so each pairs with the usual delete and delete[].
+// The memory comes from the throwing forms, so each pairs with the usual delete.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   if (morvotest::NextFails()) return nullptr;
   try {

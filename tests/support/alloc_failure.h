@@ -1,22 +1,18 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_ALLOC_FAILURE_H_
 #define MORVOCAT_TESTS_SUPPORT_ALLOC_FAILURE_H_
 
-// Makes one chosen non-throwing allocation fail, to drive the code's
-// allocation-failure paths. Only new (std::nothrow) is affected; libxml2 and
-// the test framework allocate otherwise. A test program that uses this
-// links support/alloc_failure.cc, which replaces the non-throwing forms.
+// Makes one chosen new (std::nothrow) fail; a program using this links
+// support/alloc_failure.cc, which replaces the non-throwing forms.
 
 namespace morvotest {
 
-// From now on, the nth non-throwing allocation (0 is the next) returns null;
-// a negative n fails none. Resets the count.
+// The nth non-throwing allocation from now (0 is the next) fails; negative: none.
 void FailNothrowAllocation(long n);
 // Non-throwing allocations since the last FailNothrowAllocation.
 long NothrowAllocations();
 
-// Runs step(-1) with no allocation failing, then step(n) with the nth of
-// the allocations that first run made failing, for each n in turn. Returns
-// how many there were.
+// step(-1) with nothing failing, then step(n) with the nth of that run's allocations
+// failing, for each n; how many there were.
 template <class Step>
 long EachAllocationFailing(Step step) {
   FailNothrowAllocation(-1);

@@ -1,9 +1,9 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_BUILD_PATHS_H_
 #define MORVOCAT_TESTS_SUPPORT_BUILD_PATHS_H_
 
-// The build's tools and the source tree where the test runner says they are
-// (MORVO_BIN_DIR, MORVO_SOURCE_DIR), and a tool run with its output caught.
+// The build's tools and source tree where the test runner says they are.
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 
@@ -23,14 +23,27 @@ inline std::string SourcePath(const std::string& path) {
   return std::string(dir != nullptr ? dir : ".") + "/" + path;
 }
 
-// Runs a shell command with its standard output and error kept in files of
-// folder; its exit status, or -1 when it did not exit.
+// A shell command's exit status (-1: it did not exit), its output kept in folder.
 inline int RunCaught(const std::string& command, const std::string& folder, std::string* out,
                      std::string* err) {
   int status = system((command + " >" + folder + "/run.out 2>" + folder + "/run.err").c_str());
   *out = ReadFile(folder + "/run.out");
   *err = ReadFile(folder + "/run.err");
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// scripts/cross-test marks AArch64 runs under qemu-user with MORVO_UNDER_QEMU. There
+// /proc shows qemu's name and arguments, and an emulated program cannot exec another.
+inline bool UnderQemu() {
+  const char* value = getenv("MORVO_UNDER_QEMU");
+  return value != nullptr && value[0] != '\0';
+}
+
+// True, after saying so, where qemu hides what a check looks at.
+inline bool QemuHides(const char* what) {
+  if (!UnderQemu()) return false;
+  printf("[ QEMU     ] not checked under qemu-user: %s\n", what);
+  return true;
 }
 
 }  // namespace morvotest

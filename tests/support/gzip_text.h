@@ -1,17 +1,30 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
 #define MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
 
-// Reading back what the system compressed, through zlib and through the
-// stock zcat a user would run. Both answer "<bad>" when the file is not a
-// whole gzip stream.
+// Reading back what the system compressed, through zlib and the stock zcat and tar
+// a user would run. Gunzip and Zcat answer "<bad>" for anything but a whole gzip stream.
 
+#include <stdio.h>
+#include <sys/wait.h>
 #include <zlib.h>
 
 #include <string>
 
-#include "support/command_output.h"
-
 namespace morvotest {
+
+// What a shell command prints; *status gets its exit status (-1: it did not exit).
+inline std::string CommandOutput(const std::string& command, int* status = nullptr) {
+  std::string out;
+  if (status != nullptr) *status = -1;
+  FILE* pipe = popen(command.c_str(), "r");
+  if (pipe == nullptr) return out;
+  char buf[65536];
+  size_t n;
+  while ((n = fread(buf, 1, sizeof(buf), pipe)) > 0) out.append(buf, n);
+  int rc = pclose(pipe);
+  if (status != nullptr && rc != -1 && WIFEXITED(rc)) *status = WEXITSTATUS(rc);
+  return out;
+}
 
 constexpr char kBadGzip[] = "<bad>";
 
@@ -33,6 +46,17 @@ inline std::string Zcat(const std::string& path) {
   std::string text = CommandOutput("zcat -- '" + path + "' 2>/dev/null", &status);
   return status == 0 ? text : kBadGzip;
 }
+
+// What tar prints, or "<tar failed>" when it fails, so that a listing cut short never
+// passes for a whole one.
+inline std::string Tar(const std::string& arguments) {
+  int status;
+  std::string out = CommandOutput("tar " + arguments + " 2>/dev/null", &status);
+  return status == 0 ? out : "<tar failed>";
+}
+
+// The member names, one a line, as tar -t lists them.
+inline std::string TarListing(const std::string& archive) { return Tar("-tzf '" + archive + "'"); }
 
 }  // namespace morvotest
 

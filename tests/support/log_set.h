@@ -1,15 +1,18 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_LOG_SET_H_
 #define MORVOCAT_TESTS_SUPPORT_LOG_SET_H_
 
-// Reading back a rotating set of indexed files: which files it holds, and
-// the numbered "seq N" records written through it.
+// A rotating set of indexed files read back: its files and the numbered "seq N"
+// records written through it; and the front end program started as a user starts it.
 
 #include <dirent.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
 #include <vector>
+
+#include "support/gzip_text.h"
 
 namespace morvotest {
 
@@ -27,7 +30,6 @@ inline std::vector<std::string> SetFiles(const std::string& dir, const std::stri
   return files;
 }
 
-// The index field of a set file name: base path, ".I", three digits.
 inline int IndexOf(const std::string& file, size_t baseLength) {
   return atoi(file.substr(baseLength + 2, 3).c_str());
 }
@@ -44,8 +46,7 @@ inline std::vector<std::string> WritingOrder(std::vector<std::string> files, siz
   return files;
 }
 
-// The numbers that follow marker ("seq N" messages by default) in the
-// order they appear.
+// The numbers that follow marker, in the order they appear.
 inline std::vector<long> Sequence(const std::string& text, const std::string& marker = ": seq ") {
   std::vector<long> numbers;
   for (size_t pos = text.find(marker); pos != std::string::npos; pos = text.find(marker, pos + 1)) {
@@ -61,6 +62,36 @@ inline bool Holds(std::vector<long> numbers, long first, long end) {
     if (!std::binary_search(numbers.begin(), numbers.end(), n)) return false;
   }
   return true;
+}
+
+// The build's morvocat as a child; -1 when the build's program folder is not known.
+inline pid_t StartFrontEnd(std::vector<std::string> args) {
+  const char* bin = getenv("MORVO_BIN_DIR");
+  if (bin == nullptr) return -1;
+  std::string program = std::string(bin) + "/morvocat";
+  args.insert(args.begin(), "morvocat");
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  pid_t child = fork();
+  if (child == 0) {
+    execv(program.c_str(), argv.data());
+    _exit(127);
+  }
+  return child;
+}
+
+inline std::string SetText(const std::string& dir, const std::string& base) {
+  std::string text;
+  for (const std::string& file : SetFiles(dir, base)) text += Zcat(file);
+  return text;
+}
+
+// first, first + 1, ... up to end (not included).
+inline std::vector<long> Counting(long first, long end) {
+  std::vector<long> numbers;
+  for (long n = first; n < end; ++n) numbers.push_back(n);
+  return numbers;
 }
 
 }  // namespace morvotest

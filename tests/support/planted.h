@@ -1,9 +1,8 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_PLANTED_H_
 #define MORVOCAT_TESTS_SUPPORT_PLANTED_H_
 
-// What a local user can put in a log folder to make a root writer act
-// outside it: links, FIFOs and a "chown" early on PATH, and the files and
-// folders outside the tree that must stay as they were.
+// What a local user can plant to make a root writer act outside the log folder, and
+// the files and folders outside the tree that must stay as they were.
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -23,8 +22,7 @@ namespace morvotest {
 
 constexpr uid_t kNobody = 65534;
 
-// A file or folder outside the tree: owned by nobody, mode 0600 (0700 for a
-// folder), holding "secret".
+// Owned by nobody, mode 0600 (0700 for a folder), a file holding "secret".
 inline void MakeVictim(const std::string& path) {
   WriteFile(path, "secret");
   chmod(path.c_str(), 0600);
@@ -37,8 +35,7 @@ inline void MakeVictimFolder(const std::string& path) {
   if (chown(path.c_str(), kNobody, kNobody) != 0) perror("chown victim folder");
 }
 
-// Mode and owner as made, and for a file its text; a folder holds only
-// the names in kept.
+// As made; a folder holds only the names in kept.
 inline void ExpectUntouched(const std::string& path, const std::vector<std::string>& kept = {}) {
   struct stat st;
   ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;
@@ -56,7 +53,6 @@ inline void ExpectUntouched(const std::string& path, const std::vector<std::stri
   }
 }
 
-// What is put where the writer's next file will be.
 enum class Plant { SYMLINK, HARD_LINK, FIFO, DANGLING_LINK };
 
 inline const char* NameOf(Plant plant) {
@@ -65,8 +61,7 @@ inline const char* NameOf(Plant plant) {
   return kNames[static_cast<int>(plant)];
 }
 
-// victim is an existing file outside the tree; a dangling link points at
-// victim + ".new".
+// A dangling link points at victim + ".new".
 inline void PlantAt(const std::string& path, Plant plant, const std::string& victim) {
   int rc = plant == Plant::SYMLINK         ? symlink(victim.c_str(), path.c_str())
            : plant == Plant::HARD_LINK     ? link(victim.c_str(), path.c_str())
@@ -75,8 +70,7 @@ inline void PlantAt(const std::string& path, Plant plant, const std::string& vic
   ASSERT_EQ(rc, 0) << path;
 }
 
-// The set names base.Innn.stamp.gz that index gets when opened within the
-// next few seconds.
+// The names base.Innn.stamp.gz that index gets when opened within a few seconds.
 inline std::vector<std::string> ComingSetNames(const std::string& base, int index) {
   std::vector<std::string> names;
   time_t now = time(nullptr);
@@ -92,7 +86,6 @@ inline std::vector<std::string> ComingSetNames(const std::string& base, int inde
   return names;
 }
 
-// A regular file of one name, as the writer makes its own.
 inline void ExpectOwnFile(const std::string& path, mode_t mode) {
   struct stat st;
   ASSERT_EQ(lstat(path.c_str(), &st), 0) << path;
@@ -102,8 +95,7 @@ inline void ExpectOwnFile(const std::string& path, mode_t mode) {
   EXPECT_EQ(st.st_uid, 0u) << path;
 }
 
-// A "chown" first on PATH that leaves a marker when it runs: a root
-// process must never run a program found through PATH.
+// A "chown" first on PATH that leaves a marker: root never runs a program found so.
 class FakeChownOnPath {
  public:
   explicit FakeChownOnPath(const std::string& dir)
@@ -125,6 +117,24 @@ class FakeChownOnPath {
   std::string bin_;
   std::string marker_;
   std::string oldPath_;
+};
+
+// A log folder under a fresh root with a base path in it. ksv_log is made too, or a
+// group's directory monitor reports on standard error while tests capture it.
+class LogFolderTest : public ::testing::Test {
+ protected:
+  // folder is a device path; the base path is folder/name.
+  explicit LogFolderTest(const std::string& folder = "/data/log",
+                         const std::string& name = "applog") {
+    root_.MakeDirs("/data/log/ksv_log");
+    root_.MakeDirs(folder);
+    dir_ = root_.Under(folder);
+    base_ = dir_ + "/" + name;
+  }
+
+  TempRoot root_;
+  std::string dir_;
+  std::string base_;
 };
 
 }  // namespace morvotest

@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_READER_RUN_H_
 #define MORVOCAT_TESTS_SUPPORT_READER_RUN_H_
 
-// Runs one command line through the embedding interface, the way a host
-// does, and captures what the run printed on each channel.
+// One command line run through the embedding interface as a host runs it.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -21,7 +20,6 @@ struct RunResult {
   std::string err;
 };
 
-// A command line as a host builds it: argv[0] first, a null at the end.
 class Argv {
  public:
   explicit Argv(std::vector<std::string> args) : args_(std::move(args)) {
@@ -42,13 +40,11 @@ inline int RunOn(android_logcat_context ctx, int out, int err, std::vector<std::
   return AndroidLogcatRunCommand(ctx, out, err, a.argc(), a.argv(), nullptr);
 }
 
-// The read end of the run's pipe, or -1.
 inline int StartThread(android_logcat_context ctx, std::vector<std::string> args) {
   Argv a(std::move(args));
   return AndroidLogcatRunCommandThread(ctx, a.argc(), a.argv(), nullptr);
 }
 
-// From the start of a file, or what is left in a pipe.
 inline std::string ReadAll(int fd) {
   std::string text;
   lseek(fd, 0, SEEK_SET);
@@ -68,7 +64,6 @@ inline RunResult RunCommand(std::vector<std::string> args, std::vector<std::stri
   int errFd = memfd_create("err", 0);
   android_logcat_context ctx = CreateAndroidLogcat();
   RunResult result;
-  // The host keeps the descriptors it hands in.
   result.status = AndroidLogcatRunCommand(ctx, outFd, errFd, argv.argc(), argv.argv(), envp.data());
   result.destroyStatus = AndroidLogcatDestroy(&ctx);
   result.out = ReadAll(outFd);

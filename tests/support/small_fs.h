@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_SMALL_FS_H_
 #define MORVOCAT_TESTS_SUPPORT_SMALL_FS_H_
 
-// A small tmpfs mounted over a folder of a temporary root, to run out of
-// space on purpose, and a file that takes up whatever space is left.
+// A small tmpfs mounted over a folder, and a filler that takes what space is left.
 
 #include <fcntl.h>
 #include <sched.h>
@@ -13,9 +12,7 @@
 
 namespace morvotest {
 
-// Moves the calling thread, and the processes it starts later, into a mount
-// namespace of its own, so that a SmallFs never shows on the host. False
-// where that is not allowed.
+// A mount namespace of this thread's own, so that a SmallFs never shows on the host.
 inline bool EnterPrivateMounts() {
   return unshare(CLONE_NEWNS) == 0 &&
          mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
@@ -23,7 +20,6 @@ inline bool EnterPrivateMounts() {
 
 class SmallFs {
  public:
-  // Mounting needs root; mounted() says whether it worked.
   SmallFs(const std::string& dir, size_t kbytes) : dir_(dir), filler_(dir + "/filler") {
     std::string options = "size=" + std::to_string(kbytes) + "k";
     mounted_ = mount("tmpfs", dir.c_str(), "tmpfs", 0, options.c_str()) == 0;
@@ -36,14 +32,12 @@ class SmallFs {
 
   bool mounted() const { return mounted_; }
 
-  // Writes the filler until the file system refuses.
   void Fill() const {
     int fd = open(filler_.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
     if (fd < 0) return;
     static const char kZeros[4096] = {};
     while (write(fd, kZeros, sizeof(kZeros)) > 0) {
     }
-    // The last partial page too.
     while (write(fd, kZeros, 1) > 0) {
     }
     close(fd);

@@ -1,17 +1,19 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_TEMP_ROOT_H_
 #define MORVOCAT_TESTS_SUPPORT_TEMP_ROOT_H_
 
-// A fresh folder that stands in for the device's root for one test: every
-// fixed platform path resolves below it, and it is removed afterwards.
+// A fresh folder that stands in for the device's root for one test.
 
 #include <ftw.h>
+#include <stddef.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace morvotest {
 
@@ -66,6 +68,33 @@ inline void WriteFile(const std::string& path, const std::string& text) {
 }
 
 inline bool Exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+// Bytes that do not compress, the same for the same seed.
+inline std::string RandomBytes(size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(size, '\0');
+  for (char& c : bytes) c = static_cast<char>(random());
+  return bytes;
+}
+
+// Case tables write argument vectors and lists of names as one space-separated string.
+inline std::vector<std::string> Words(const std::string& text) {
+  std::vector<std::string> words;
+  std::istringstream in(text);
+  for (std::string word; in >> word;) words.push_back(word);
+  return words;
+}
+
+// Polls until done() or the deadline, to wait for another thread or process; never a
+// measure of speed.
+template <class Done>
+bool Within(int seconds, Done done) {
+  for (int i = 0; i < seconds * 100; i++) {
+    if (done()) return true;
+    usleep(10 * 1000);
+  }
+  return done();
+}
 
 }  // namespace morvotest
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/shell_file.h"
+#include "support/file_tree.h"
 #include "support/temp_root.h"
 
 namespace viewtest {

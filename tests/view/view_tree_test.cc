@@ -19,7 +19,7 @@
 #include "collector/sink_support.h"
 #include "filesets/morvocat_utils.h"
 #include "platform/gzip_member.h"
-#include "support/set_runs.h"
+#include "support/log_set.h"
 #include "view/view_run.h"
 
 namespace {
