@@ -1,14 +1,9 @@
-// A collector process under load and faults in both write modes: more than
-// a thousand rotations, kills at random points followed by restarts, a log
-// folder that runs out of space and gets it back, and links planted at its
-// output paths; and its end on SIGUSR2 from every wait a group can be in.
-// Each runs one kmsg stream group written by the test's own configuration,
-// numbered lines fed to its kmsg stand-in.
+// A collector under load and faults in both write modes, numbered lines fed to its
+// kmsg stand-in; and its end on SIGUSR2 from every wait a group can be in.
 
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,7 +14,6 @@
 
 #include "collector/collector_process.h"
 #include "collector/data_src_reader.h"
-#include "support/command_output.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
 #include "support/small_fs.h"
@@ -30,12 +24,10 @@ namespace {
 constexpr char kName[] = "stress";
 constexpr char kDir[] = "/data/log/stress";
 constexpr char kBase[] = "kmsg-log";
-// A factory set keeps at most 1000 / 5 archives.
-constexpr int kMostArchives = 200;
+constexpr int kMostArchives = 200;  // a factory set keeps at most 1000 / 5
 constexpr size_t kReadSize = DataSrcReader::kReadBufSize;
 const std::string kOutput = std::string(kDir) + "/" + kBase;
 
-using e2etest::EndedBySigusr;
 using e2etest::Lines;
 using morvotest::Holds;
 
@@ -43,29 +35,26 @@ std::string Element(const std::string& name, const std::string& value) {
   return "<" + name + " value=\"" + value + "\"/>";
 }
 
-// A group writing to the collector's output.
 std::string Group(const std::string& style, const std::string& sets) {
   return "<tavocatGroup>" + style + Element("outputFilePath", kOutput) + sets + "</tavocatGroup>";
 }
 
-// A stream over the kmsg stand-in: the one group of the default configuration.
-const std::string kKmsgGroup =
-    Group(Element("logStyle", "monitor_node"),
-          "<inputNodeSet><dataPath value=\"/proc/kmsg\"/></inputNodeSet>");
+std::string Node(const char* path) {
+  return "<inputNodeSet>" + Element("dataPath", path) + "</inputNodeSet>";
+}
+
+const std::string kKmsgGroup = Group(Element("logStyle", "monitor_node"), Node("/proc/kmsg"));
 
 std::vector<long> Numbers(const std::string& text) {
   return morvotest::Sequence(text, e2etest::kMarker);
 }
 
-// The root of one collector: its configuration, kmsg stand-in and folders.
 class CollectorRoot {
  public:
-  // groups: the tavocatGroup elements of the configuration.
   CollectorRoot(bool factory, size_t rotateKbytes, size_t maxCompressd,
                 const std::string& groups = kKmsgGroup) {
-    for (const char* dir : {"/proc", "/data/log/ksv_log", kDir, "/system/etc", "/bin"}) {
-      root_.MakeDirs(dir);  // kDir here, so that a test can mount over it or plant links in it
-    }
+    for (const char* dir : {"/proc", "/data/log/ksv_log", kDir, "/system/etc", "/bin"})
+      root_.MakeDirs(dir);
     morvotest::WriteFile(root_.Under("/system/etc/tavocat_config.xml"),
                          "<config><tavocat name=\"" + std::string(kName) + "\" platform=\"Qcom\">" +
                              Element("logRotateSizeKBytes", std::to_string(rotateKbytes)) +
@@ -73,9 +62,6 @@ class CollectorRoot {
                              Element("writeMode", factory ? "factory" : "mmap") + groups +
                              "</tavocat></config>");
     morvotest::WriteFile(Kmsg(), "");
-    // Every new file runs chown; the stock one looks up the group "system"
-    // each time, which would make a thousand rotations crawl.
-    symlink("/bin/true", root_.Under("/bin/chown").c_str());
   }
 
   const morvotest::TempRoot& root() const { return root_; }
@@ -88,19 +74,16 @@ class CollectorRoot {
     fwrite(text.data(), 1, text.size(), kmsg);
     fclose(kmsg);
   }
-  // A new stand-in holding text, as the kernel's stream holds only what
-  // nobody has read yet.
+  // As the kernel's stream holds only what nobody has read yet.
   void Replace(const std::string& text) const {
     morvotest::WriteFile(Kmsg() + ".new", text);
     rename((Kmsg() + ".new").c_str(), Kmsg().c_str());
   }
-  // The collector has read all the stand-in holds.
   bool Consumed(const e2etest::CollectorProcess& collector) const {
     return collector.HasRead(Kmsg());
   }
 
-  // The factory archives that exist, oldest first (the highest number). An
-  // archive step that failed after shifting leaves "-0" free.
+  // Oldest first; an archive step that failed after shifting leaves "-0" free.
   std::vector<std::string> Archives() const {
     std::vector<std::string> archives;
     for (int k = 0; k < kMostArchives; ++k) {
@@ -109,8 +92,7 @@ class CollectorRoot {
     }
     return archives;
   }
-  // What the factory archives, work folder (members an archive could not
-  // take) and files hold, oldest first.
+  // Archives, work folder (members an archive could not take) and files, oldest first.
   std::string FactoryText() const {
     std::string text, tmp, numbered;
     for (const std::string& archive : Archives()) {
@@ -125,7 +107,6 @@ class CollectorRoot {
     }
     return text + tmp + numbered + morvotest::ReadFile(Base());
   }
-  // What the set holds, oldest first: the mmap set's files in writing order.
   std::string Text(bool factory) const {
     if (factory) return FactoryText();
     std::string text;
@@ -140,29 +121,11 @@ class CollectorRoot {
   morvotest::TempRoot root_;
 };
 
-// A folder put first on the search path until Restore.
-class SearchPathFirst {
- public:
-  explicit SearchPathFirst(const std::string& dir) {
-    saved_ = getenv("PATH") != nullptr ? getenv("PATH") : "/usr/bin:/bin";
-    setenv("PATH", (dir + ":" + saved_).c_str(), 1);
-  }
-  void Restore() const { setenv("PATH", saved_.c_str(), 1); }
-
- private:
-  std::string saved_;
-};
-
-// The collector the configuration names, started with the root's chown
-// first on its search path.
-class Collector : private SearchPathFirst, public e2etest::CollectorProcess {
+class Collector : public e2etest::CollectorProcess {
  public:
   explicit Collector(const CollectorRoot& root)
-      : SearchPathFirst(root.root().Under("/bin")),
-        e2etest::CollectorProcess(root.root(), {"--tavo", "2", "-x", kName}) {
-    Restore();
-  }
-  bool Stop() { return EndedBySigusr(SendAndWait(SIGUSR2)); }
+      : e2etest::CollectorProcess(root.root(), {"--tavo", "2", "-x", kName}) {}
+  bool Stop() { return e2etest::EndedBySigusr(SendAndWait(SIGUSR2)); }
 };
 
 class CollectorStress : public ::testing::TestWithParam<bool> {
@@ -183,8 +146,7 @@ class CollectorStress : public ::testing::TestWithParam<bool> {
   }
 };
 
-// About 25 lines fill a file of 1 KiB, so 30000 lines make about 1200
-// rotations: the mmap index wraps, the factory set makes some 240 archives.
+// About 1200 rotations: the mmap index wraps, the factory set makes some 240 archives.
 TEST_P(CollectorStress, RotationsPastAThousandKeepAContiguousTail) {
   constexpr long kLines = 30000;
   CollectorRoot root(Factory(), 1, 25);
@@ -199,15 +161,11 @@ TEST_P(CollectorStress, RotationsPastAThousandKeepAContiguousTail) {
     EXPECT_EQ(25u, morvotest::SetFiles(root.Dir(), kBase).size());
   }
   ExpectContiguousTail(root, kLines - 1);
-  // The oldest files were pruned, so the tail starts well after the start.
   EXPECT_GT(Numbers(root.Text(Factory())).front(), kLines / 2);
 }
 
-// Each round feeds a few batches, each read in full before the next, then
-// one more that the kill may cut anywhere. The stream writes what one read
-// brought before it reads again, so only the last read's lines may be lost.
-// The next run's stand-in holds only the lines not read yet, so nothing may
-// appear twice.
+// The stream writes what one read brought before it reads again, so only the last
+// read's lines may be lost; the next run gets only what was not read yet.
 TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
   CollectorRoot root(Factory(), 4, 1000);
   std::mt19937 random(Factory() ? 1123 : 2311);
@@ -266,11 +224,8 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
   EXPECT_EQ(numbers.size(), at);
 }
 
-// The folder is full for five seconds while lines keep coming, more than
-// the writer's cache and the group's hold take. The group lives on in both
-// modes, says so once when the fault starts and once when it ends (with the
-// lines it had to drop), loses none of the lines that came after the space
-// returned, and tears or doubles nothing.
+// Full for five seconds, more than the cache and hold take: said once at the start
+// and once at the end, nothing torn or doubled, nothing after the space returned lost.
 TEST_P(CollectorStress, AFullFolderIsWaitedOutAndNoLineAfterItIsLost) {
   if (!morvotest::EnterPrivateMounts()) GTEST_SKIP() << "no mount namespace of our own here";
   CollectorRoot root(Factory(), 64, 1000);
@@ -278,7 +233,6 @@ TEST_P(CollectorStress, AFullFolderIsWaitedOutAndNoLineAfterItIsLost) {
   if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
   Collector collector(root);
   Feed(root, collector, 0, 1000);
-  // Read is not yet written: the stream may still be busy with the batch.
   if (Factory()) {
     ASSERT_TRUE(grouptest::WaitFor([&] { return Numbers(root.FactoryText()).size() == 1000; }));
   }
@@ -314,9 +268,6 @@ TEST_P(CollectorStress, AFullFolderIsWaitedOutAndNoLineAfterItIsLost) {
   EXPECT_TRUE(Holds(numbers, resumed, next));
 }
 
-// The links P and P.1, a set file's name (mmap) and a numbered copy
-// (factory) point at files outside the log tree: the group writes its own
-// files and the files outside stay as they were.
 TEST_P(CollectorStress, LinksPlantedAtTheOutputAreNeverWrittenThrough) {
   CollectorRoot root(Factory(), 1, 5);
   std::string base = root.Base();
@@ -331,8 +282,8 @@ TEST_P(CollectorStress, LinksPlantedAtTheOutputAreNeverWrittenThrough) {
   Feed(root, collector, 0, 2000);
   ASSERT_TRUE(collector.Stop()) << collector.Err();
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ("precious " + std::to_string(i) + "\n",
-              morvotest::ReadFile(root.root().Under("/outside" + std::to_string(i))));
+    std::string outside = root.root().Under("/outside" + std::to_string(i));
+    EXPECT_EQ("precious " + std::to_string(i) + "\n", morvotest::ReadFile(outside));
   }
   ExpectContiguousTail(root, 1999);
 }
@@ -341,17 +292,11 @@ std::string PollGroup(const std::string& style, const std::string& sets) {
   return Group("<logStyle value=\"" + style + "\" interval=\"1\"/>", sets);
 }
 
-std::string Node(const char* path) {
-  return "<inputNodeSet>" + Element("dataPath", path) + "</inputNodeSet>";
-}
-
 std::string Log(const CollectorRoot& root) { return morvotest::ReadFile(root.Base()); }
 
 const std::string kPollStyle = "<logStyle value=\"poll_node\" interval=\"5\"/>";
 
-// SIGUSR2 ends the collector with status 12 whatever its group is waiting
-// for, leaves no child of it running and keeps the last partial line; no
-// group is said to have ended by itself.
+// Status 12 whatever the group waits for, no child left, the last partial line kept.
 TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
   const struct {
     const char* name;
@@ -362,40 +307,27 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
     const char* ready = nullptr;  // in the log once the group waits; null: let it settle
     const char* kept = nullptr;   // in the log after the end
   } kCases[] = {
-      // The group's thread is held in a source's open, where it cannot be
-      // stopped: the teardown does not wait for it past its bound.
+      // clang-format off
+      // Held in an open it cannot be stopped in: the teardown waits no longer than its bound.
       {"held in a source's open", false, Group(kPollStyle, Node("/proc/planted")), "/proc/planted"},
-      {"a charge node that cannot be seeked", true,
-       Group(Element("logStyle", "cond_trigger"), Node("DateTime")),
+      {"a charge node that cannot be seeked", true, Group(Element("logStyle", "cond_trigger"), Node("DateTime")),
        "/sys/class/qd_power/bq_bci/poll_charge_start_event"},
-      {"an input folder not yet made", false,
-       Group(Element("logStyle", "monitor_dir"),
-             "<inputDirSet>" + Element("inputDirPath", "/dev/input") +
-                 Element("pickNode", "gpio-keys") + "</inputDirSet>"),
-       "/dev/planted"},
-      {"a watchdog that is a FIFO", true, Group(kPollStyle, Node("DateTime")),
-       "/proc/reboot_watchdog"},
-      {"a polled FIFO without a writer", true,
-       PollGroup("poll_node", Node("/sys/ok") + "<inputNodeSet>" +
-                                  Element("dataPath", "/sys/fifo") + Element("width", "10") +
-                                  "</inputNodeSet>"),
-       "/sys/fifo",
-       [](const CollectorRoot& root) { morvotest::WriteFile(root.root().Under("/sys/ok"), "ok"); },
-       "ok"},
+      {"an input folder not yet made", false, Group(Element("logStyle", "monitor_dir"), "<inputDirSet>" +
+       Element("inputDirPath", "/dev/input") + Element("pickNode", "gpio-keys") + "</inputDirSet>"), "/dev/planted"},
+      {"a watchdog that is a FIFO", true, Group(kPollStyle, Node("DateTime")), "/proc/reboot_watchdog"},
+      {"a polled FIFO without a writer", true, PollGroup("poll_node", Node("/sys/ok") + "<inputNodeSet>" +
+       Element("dataPath", "/sys/fifo") + Element("width", "10") + "</inputNodeSet>"), "/sys/fifo",
+       [](const CollectorRoot& r) { morvotest::WriteFile(r.root().Under("/sys/ok"), "ok"); }, "ok"},
       {"a dumpsys that never ends", true,
-       PollGroup("poll_cmd", "<inputCmdSet>" + Element("command", "battery") + "</inputCmdSet>"),
-       nullptr,
-       [](const CollectorRoot& root) {
-         std::string marker = root.root().Under("/marker"),
-                     script = root.root().Under("/bin/dumpsys");
+       PollGroup("poll_cmd", "<inputCmdSet>" + Element("command", "battery") + "</inputCmdSet>"), nullptr,
+       [](const CollectorRoot& r) {
+         std::string marker = r.root().Under("/marker"), script = r.root().Under("/bin/dumpsys");
          morvotest::WriteFile(marker, "");
          morvotest::WriteFile(script, "#!/bin/sh\necho started\ntail -f " + marker + " &\nwait\n");
-         chmod(script.c_str(), 0755);
-       },
-       "started\n"},
+         chmod(script.c_str(), 0755); }, "started\n"},
       {"a stream line without its end yet", true, kKmsgGroup, nullptr,
-       [](const CollectorRoot& root) { root.Append("whole\nno end yet"); }, "whole\n",
-       " no end yet\n"},
+       [](const CollectorRoot& r) { r.Append("whole\nno end yet"); }, "whole\n", " no end yet\n"},
+      // clang-format on
   };
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
@@ -413,7 +345,6 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
           << collector.Err();
     } else {
       ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == kName; })) << collector.Err();
-      // Lets the group reach its wait; the end must come whatever it does.
       usleep(300 * 1000);
     }
     EXPECT_TRUE(collector.Stop()) << collector.Err();

@@ -1,7 +1,4 @@
-// The reader's output files under load and faults: more than a thousand
-// rotations with the index wrapping, runs killed at random points, a file
-// system that runs full and gets space back, and links planted where the
-// set is written.
+// The reader's output files under load and faults.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -41,16 +38,14 @@ class ReaderStress : public ::testing::Test {
                 0);
     }
   }
-  // Writes seq first..end-1, dumps them into the set and clears the buffer
-  // so the next dump starts after them.
+  // Dumps seq first..end-1 into the set and clears the buffer for the next dump.
   void DumpSequence(long first, long end, const char* rotate = "4") {
     Write(first, end);
     morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", Base(), "-r", rotate});
     ASSERT_EQ(0, r.status) << r.err;
     ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
   }
-  // The records in the set of name, file by file in the order given, each
-  // file a whole gzip stream; a file at skip is left out.
+  // Each file a whole gzip stream; skip is left out.
   std::vector<long> SetSequence(const char* name = "w", bool writingOrder = false,
                                 const std::string& skip = "") {
     std::vector<std::string> files = morvotest::SetFiles(Dir(), name);
@@ -74,8 +69,6 @@ void ExpectContiguous(const std::vector<long>& numbers, long last) {
   }
 }
 
-// 1300 rotations: the set wraps past 999 and keeps its newest 999 files,
-// which hold the tail of the sequence, every record once and in order.
 TEST_F(ReaderStress, RotationsPastTheIndexWrapKeepAContiguousTail) {
   constexpr long kRecords = 1300 * 16;
   DumpSequence(0, kRecords, "1");
@@ -83,8 +76,6 @@ TEST_F(ReaderStress, RotationsPastTheIndexWrapKeepAContiguousTail) {
   ExpectContiguous(SetSequence("w", true), kRecords - 1);
 }
 
-// A continuous run is killed at random points; whatever it had accepted
-// reaches the set once the next run starts, and nothing twice.
 TEST_F(ReaderStress, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
   const char* bin = getenv("MORVO_BIN_DIR");
   ASSERT_NE(nullptr, bin);
@@ -100,7 +91,6 @@ TEST_F(ReaderStress, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
       _exit(127);
     }
     Write(round * kPerRound, (round + 1) * kPerRound);
-    // Give the run time to take every record, then kill it somewhere.
     usleep(400 * 1000 + random() % (200 * 1000));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
@@ -115,9 +105,7 @@ TEST_F(ReaderStress, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
   EXPECT_EQ(0, numbers.front());
 }
 
-// What is dumped while the file system is full may be lost; the run must
-// go through, leave no torn file, and what comes after the space returns
-// must all be there, once and in order.
+// What is dumped while full may be lost; no torn file, and all that comes after.
 TEST_F(ReaderStress, AFullFileSystemIsSurvivedAndWritingRecovers) {
   morvotest::SmallFs fs(Dir(), 3072);
   if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
@@ -134,9 +122,6 @@ TEST_F(ReaderStress, AFullFileSystemIsSurvivedAndWritingRecovers) {
   EXPECT_TRUE(Holds(numbers, 8000, 10000));
 }
 
-// A link at a set file's name points outside the log tree; the set is
-// written, and the file outside stays as it was. (A link at the output path
-// itself makes the run refuse to start.)
 TEST_F(ReaderStress, LinksPlantedAtTheOutputAreNeverWrittenThrough) {
   std::string outside = root_.Under("/outside");
   morvotest::WriteFile(outside, "precious\n");
