@@ -1,7 +1,3 @@
-// The log store shared by several processes: writers and readers at once,
-// wake-ups, wrap mode, buffer operations seen across processes, a writer
-// killed while it holds the lock, and the morvo-log tool.
-
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -45,8 +41,7 @@ std::string Filler(int writer, int n) {
   return std::string(n % 50, static_cast<char>('a' + writer));
 }
 
-// Reads count records, blocking, and checks them: every (writer, buffer)
-// stream consecutive and whole, times never going back.
+// Every (writer, buffer) stream consecutive and whole, times never going back.
 int ReadAndCheck(int count) {
   ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
   if (!list) return 2;
@@ -93,13 +88,10 @@ TEST(LogStoreProcessTest, SeveralWritersAndReadersAtOnceLoseAndTearNothing) {
   }
   for (pid_t pid : writers) EXPECT_EQ(0, WaitChild(pid));
   for (pid_t pid : readers) EXPECT_EQ(0, WaitChild(pid));
-  // And a reader that starts afterwards finds every record too.
   EXPECT_EQ(0, ReadAndCheck(kWriters * kPerWriter));
 }
 
-// Processes that make the store at the same instant end up in one ring:
-// the losers of the race take the winner's file rather than replace it, and
-// no record is lost.
+// The losers of the race to make the store take the winner's ring rather than replace it.
 TEST(LogStoreProcessTest, ProcessesMakingTheStoreAtOnceShareOneRing) {
   constexpr int kWriters = 6;
   for (int round = 0; round < 10; ++round) {
@@ -123,8 +115,7 @@ TEST(LogStoreProcessTest, ProcessesMakingTheStoreAtOnceShareOneRing) {
   }
 }
 
-// The body of record n: its number and a run of one letter whose length
-// also depends on n, so a record pieced together from two is caught.
+// The length and letter depend on n, so a record pieced together from two is caught.
 std::string RaceText(int n) { return std::to_string(n) + ":" + std::string(n % 300, 'a' + n % 26); }
 
 TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
@@ -153,24 +144,6 @@ TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
   EXPECT_EQ(0, WaitChild(writer));
 }
 
-TEST(LogStoreProcessTest, BlockedReaderIsWokenByAWriterInAnotherProcess) {
-  morvotest::TempRoot root;
-  Gate gate;
-  pid_t reader = RunChild([&gate] {
-    ListPtr list = OpenList(0, 0, 0, {LOG_ID_MAIN, LOG_ID_CRASH});
-    if (!list) return 2;
-    gate.Open();
-    qd_log_msg msg;
-    if (qd_logger_list_read(list.get(), &msg) <= 0) return 3;
-    Record r = morvotest::Parse(msg);
-    return r.message == "wake up" && r.lid == LOG_ID_CRASH ? 0 : 4;
-  });
-  ASSERT_TRUE(gate.AwaitOpen());
-  usleep(50 * 1000);  // let it go to sleep first
-  EXPECT_TRUE(WriteInChild(LOG_ID_CRASH, "wake up"));
-  EXPECT_EQ(0, WaitChild(reader));
-}
-
 TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
   morvotest::TempRoot root;
   constexpr long kRing = 16384;
@@ -191,8 +164,7 @@ TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
   // A third full: the reader still waits.
   int status = 0;
   EXPECT_EQ(0, waitpid(reader, &status, WNOHANG));
-  // Past the point where a largest record would no longer fit, not so far
-  // that anything is dropped.
+  // Past where a largest record would not fit, not so far that anything is dropped.
   for (int i = 0; i < 50; ++i) ASSERT_GT(Log(LOG_ID_KERNEL, text, "kk"), 0);
   EXPECT_EQ(0, WaitChild(reader));
 }
@@ -259,9 +231,8 @@ TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) 
   }
 }
 
-// True when bytes hold, at any 8-byte step, an address of readable memory
-// of this process: a child forked from it shares the layout, so this finds
-// its addresses too. (Sanitizers reserve vast unreadable ranges.)
+// An address of readable memory of this process (and its forked children) at any
+// 8-byte step. (Sanitizers reserve vast unreadable ranges.)
 bool HoldsAnAddress(const std::string& bytes) {
   std::vector<std::pair<uint64_t, uint64_t>> ranges;
   std::ifstream maps("/proc/self/maps");
@@ -301,8 +272,7 @@ TEST(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRec
   uint64_t waits = platform::LockWaits();
   for (int i = 0; i < 5; ++i) EXPECT_GT(Log(LOG_ID_MAIN, std::to_string(i)), 0) << i;
   EXPECT_EQ(1u, platform::LockWaits() - waits);
-  // Readers wait on the stopped writer at most once too, and see what is
-  // in the ring.
+  // Readers too wait at most once.
   ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   ASSERT_TRUE(list);
   EXPECT_EQ(Strings{"first"}, Messages(ReadAll(list.get())));
@@ -335,8 +305,7 @@ TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord
       return SetRingSize(LOG_ID_MAIN, 65536) ? 0 : 1;
     });
     ASSERT_EQ(-1, WaitChild(resizer)) << c.step;
-    // A writer that opens the store now, then this process's writer, which
-    // has the ring of before the resize mapped.
+    // A writer that opens the store now, then one with the old ring mapped.
     ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "new writer")) << c.step;
     ASSERT_GT(Log(LOG_ID_MAIN, "old writer"), 0) << c.step;
     EXPECT_EQ((Strings{"new writer", "old writer"}), Messages(ReadAll(list.get()))) << c.step;
@@ -344,7 +313,6 @@ TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord
     EXPECT_EQ((Strings{"before", "before", "before", "new writer", "old writer"}),
               MessagesOf({LOG_ID_MAIN}))
         << c.step;
-    // A resize afterwards goes through.
     EXPECT_TRUE(SetRingSize(LOG_ID_MAIN, 32768)) << c.step;
   }
 }
@@ -363,35 +331,26 @@ bool PlainFile(const std::string& path, const std::string&) {
   return chmod(path.c_str(), 0640) == 0;
 }
 
+using Str = const std::string&;
+
+// clang-format off
 const Leftover kLeftovers[] = {
     {"a ring's, of a dead resizer", "morvo_main.tmp.%d.0", false, PlainFile, true},
     {"the signal page's, of a dead writer", "morvo_signal.tmp.%d.3", false, PlainFile, true},
     {"of a live process", "morvo_main.tmp.%d.1", true, PlainFile, false},
     {"owned by another user", "morvo_radio.tmp.%d.2", false,
-     [](const std::string& path, const std::string& victim) {
-       return PlainFile(path, victim) && chown(path.c_str(), morvotest::kNobody, 0) == 0;
-     },
-     false},
+     [](Str p, Str v) { return PlainFile(p, v) && chown(p.c_str(), morvotest::kNobody, 0) == 0; }, false},
     {"a symbolic link", "morvo_system.tmp.%d.4", false,
-     [](const std::string& path, const std::string& victim) {
-       return symlink(victim.c_str(), path.c_str()) == 0;
-     },
-     false},
+     [](Str p, Str v) { return symlink(v.c_str(), p.c_str()) == 0; }, false},
     {"a hard link", "morvo_crash.tmp.%d.5", false,
-     [](const std::string& path, const std::string& victim) {
-       return link(victim.c_str(), path.c_str()) == 0;
-     },
-     false},
-    {"a FIFO", "morvo_stats.tmp.%d.9", false,
-     [](const std::string& path, const std::string&) { return mkfifo(path.c_str(), 0640) == 0; },
-     false},
+     [](Str p, Str v) { return link(v.c_str(), p.c_str()) == 0; }, false},
+    {"a FIFO", "morvo_stats.tmp.%d.9", false, [](Str p, Str) { return mkfifo(p.c_str(), 0640) == 0; }, false},
     {"of a pid beyond any process", "morvo_kernel.tmp.4294967296.10", false, PlainFile, true},
-    {"a folder", "morvo_events.tmp.%d.6", false,
-     [](const std::string& path, const std::string&) { return mkdir(path.c_str(), 0750) == 0; },
-     false},
+    {"a folder", "morvo_events.tmp.%d.6", false, [](Str p, Str) { return mkdir(p.c_str(), 0750) == 0; }, false},
     {"not a store file's", "notes.tmp.%d.7", false, PlainFile, false},
     {"not a temporary name", "morvo_main.tmp.%dx.8", false, PlainFile, false},
 };
+// clang-format on
 
 TEST(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly) {
   morvotest::TempRoot root;

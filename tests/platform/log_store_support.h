@@ -1,9 +1,6 @@
 #ifndef MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
 #define MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
 
-// Helpers shared by the log store tests: writing and reading records back as
-// values, and running parts of a test in child processes.
-
 #include <grp.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -34,8 +31,7 @@ struct Record {
   std::string message;
 };
 
-// Splits a record as read into its fields; the payload is priority byte,
-// tag, NUL, message, NUL.
+// The payload is priority byte, tag, NUL, message, NUL.
 inline Record Parse(const qd_log_msg& msg) {
   Record r;
   r.lid = msg.entry.lid;
@@ -64,8 +60,7 @@ inline ListPtr OpenList(int mode, unsigned int tail, pid_t pid, std::vector<log_
   return list;
 }
 
-// Reads until the list reports something other than a record; that result
-// goes to *end.
+// Reads until the list reports something other than a record, which goes to *end.
 inline std::vector<Record> ReadAll(qd_logger_list* list, int* end = nullptr) {
   std::vector<Record> records;
   qd_log_msg msg;
@@ -88,19 +83,16 @@ inline std::vector<std::string> MessagesOf(std::vector<log_id_t> ids, unsigned t
   return Messages(ReadAll(list.get()));
 }
 
-// One record of tag and message at info; what the write returns.
 inline int Log(log_id_t id, const std::string& message, const char* tag = "t") {
   return qd_log_write(id, QD_LOG_INFO, tag, message.c_str());
 }
 
-// Gives the buffer id size bytes through a list of its own.
 inline bool SetRingSize(log_id_t id, long size) {
   ListPtr list = OpenList(kDrain, 0, 0, {id});
   return list && qd_logger_set_log_size(qd_logger_open(list.get(), id), size) == 0;
 }
 
-// Runs body in a child process whose exit status is body's result; a child
-// that hangs is killed by its alarm.
+// A child whose exit status is body's result; its alarm ends a hang.
 template <typename Body>
 pid_t RunChild(Body body) {
   pid_t pid = fork();
@@ -111,15 +103,13 @@ pid_t RunChild(Body body) {
   return pid;
 }
 
-// The child's exit status, or -1 when it did not exit normally.
 inline int WaitChild(pid_t pid) {
   int status = 0;
   if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
   return WEXITSTATUS(status);
 }
 
-// Writes from a child process, so that this process keeps no mapping of the
-// ring it writes to.
+// So that this process keeps no mapping of the ring written to.
 inline bool WriteInChild(log_id_t id, const char* message) {
   return WaitChild(RunChild([id, message] { return Log(id, message) > 0 ? 0 : 1; })) == 0;
 }
@@ -144,13 +134,11 @@ struct Gate {
 };
 
 inline std::string StorePath(const TempRoot& root) { return root.Under(MORVO_LOG_STORE_DIR); }
-
 inline std::string RingPath(const TempRoot& root, const char* name) {
   return StorePath(root) + "/" + name;
 }
 
-// Lets kNobody reach the store folder's parent, as on a host where
-// /dev/shm is open to every user: the temporary root is made for root only.
+// As on a host where /dev/shm is open to every user (the root is made for root only).
 inline void OpenTheWayToStore(const TempRoot& root) {
   root.MakeDirs("/dev/shm");
   chmod(root.path().c_str(), 0755);
@@ -158,8 +146,7 @@ inline void OpenTheWayToStore(const TempRoot& root) {
   chmod(root.Under("/dev/shm").c_str(), 01777);
 }
 
-// Runs a shell command as kNobody; its exit status, -1 when setpriv is
-// missing or cannot drop to that user here.
+// A shell command's exit status as kNobody; -1 when setpriv cannot drop to it here.
 inline int RunAsNobody(const std::string& command) {
   if (system("setpriv --reuid=65534 --regid=65534 --clear-groups true 2>/dev/null") != 0) {
     return -1;
@@ -168,8 +155,7 @@ inline int RunAsNobody(const std::string& command) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// In a child: becomes kNobody with gid as its only group. False when this
-// process may not.
+// In a child: becomes kNobody with gid as its only group.
 inline bool BecomeNobody(gid_t gid) {
   return setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(kNobody) == 0;
 }

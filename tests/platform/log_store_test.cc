@@ -117,8 +117,7 @@ TEST(LogStoreTest, BuffersMergeInTimeOrderAndOnlyOpenedOnesAreRead) {
   EXPECT_EQ((Strings{"0", "1", "2", "3", "5", "6"}), morvotest::Messages(records));
 }
 
-// Something that happens to a quiet buffer while a read of three is under
-// way, after the reader found it had nothing.
+// What happens to a quiet buffer mid-read, after the reader found it had nothing.
 struct MidRead {
   const char* what;
   bool (*happen)();
@@ -163,9 +162,7 @@ TEST(LogStoreTest, TailTakesTheLastRecordsAcrossBuffersThenFollows) {
   ListPtr list = OpenList(kDrain, 4, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
   ASSERT_TRUE(list);
   EXPECT_EQ((Strings{"6", "7", "8", "9"}), morvotest::Messages(ReadAll(list.get())));
-  // A tail larger than the buffers holds gives all of them.
   EXPECT_EQ(10u, MessagesOf({LOG_ID_MAIN, LOG_ID_SYSTEM}, 100).size());
-  // Records written after the tail was taken follow it.
   ASSERT_GT(Log(LOG_ID_MAIN, "later"), 0);
   EXPECT_EQ(Strings{"later"}, morvotest::Messages(ReadAll(list.get())));
 }
@@ -252,9 +249,7 @@ TEST(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
   EXPECT_EQ("1999", records.back().message.substr(0, 4));
 }
 
-// The way a store folder is prepared before the first record: made by
-// root with mode, or by prepare, which is false when the machine cannot run
-// the case.
+// Made by root with mode, or by prepare, false when the machine cannot run the case.
 struct StoreCase {
   const char* what;
   bool accepted;
@@ -262,21 +257,19 @@ struct StoreCase {
   bool (*prepare)(const std::string& store, const std::string& elsewhere);
 };
 
+// clang-format off
 const StoreCase kStoreCases[] = {
     {"made by root 0750", true, 0750, nullptr},
     {"made by root 0755", true, 0755, nullptr},
     {"setgid for its group of readers", true, 02750, nullptr},
     {"world-writable", false, 01777, nullptr},
     {"group-writable", false, 0770, nullptr},
-    {"made first by uid 65534", false, 0,
-     [](const std::string& store, const std::string&) {
-       return morvotest::RunAsNobody("mkdir -m 0755 " + store) == 0;
-     }},
-    {"a link to a sound folder", false, 0,
-     [](const std::string& store, const std::string& elsewhere) {
-       return mkdir(elsewhere.c_str(), 0750) == 0 && symlink(elsewhere.c_str(), store.c_str()) == 0;
-     }},
+    {"made first by uid 65534", false, 0, [](const std::string& store, const std::string&) {
+       return morvotest::RunAsNobody("mkdir -m 0755 " + store) == 0; }},
+    {"a link to a sound folder", false, 0, [](const std::string& store, const std::string& other) {
+       return mkdir(other.c_str(), 0750) == 0 && symlink(other.c_str(), store.c_str()) == 0; }},
 };
+// clang-format on
 
 bool FolderHasRings(const std::string& folder) {
   return morvotest::Exists(folder + "/morvo_main") || morvotest::Exists(folder + "/morvo_signal");
@@ -309,8 +302,7 @@ TEST(LogStoreTrustTest, TheStoreFolderAndItsFilesAreClosedToOtherUsers) {
   struct stat st;
   ASSERT_EQ(0, stat(store.c_str(), &st));
   EXPECT_EQ(0750u, st.st_mode & 07777);
-  // The signal page holds no record: readers of the group may ask for
-  // wake-ups in it. Two rings and the signal page, no temporary file.
+  // Readers of the group may ask for wake-ups in the signal page, which holds no record.
   Strings names = morvotest::Entries(store);
   EXPECT_EQ((Strings{"morvo_crash", "morvo_main", "morvo_signal"}), names);
   for (const std::string& name : names) {
@@ -322,8 +314,7 @@ TEST(LogStoreTrustTest, TheStoreFolderAndItsFilesAreClosedToOtherUsers) {
 TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
   morvotest::TempRoot root;
   morvotest::OpenTheWayToStore(root);
-  // Written from a child: the reader below must not inherit this
-  // process's writable mapping.
+  // From a child: the reader below must not inherit a writable mapping.
   pid_t writer = RunChild([] {
     for (int i = 0; i < 3; ++i) {
       if (Log(LOG_ID_MAIN, std::to_string(i)) <= 0) return 1;
@@ -331,8 +322,7 @@ TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
     return 0;
   });
   ASSERT_EQ(0, WaitChild(writer));
-  // The reader is in the store's group, which may read and not write, not
-  // even the signal page: it cannot ask to be woken.
+  // The store's group may read, and not write even the signal page.
   std::string store = morvotest::StorePath(root);
   const gid_t group = kNobody;
   for (const char* name : {"", "/morvo_main", "/morvo_signal"}) {

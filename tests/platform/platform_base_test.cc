@@ -164,8 +164,7 @@ TEST(PropertiesTest, ConcurrentWritersFromSeveralProcessesLoseNothing) {
 TEST(SchedPolicyTest, RejectsUnknownPoliciesAndAcceptsTheTwoGroups) {
   EXPECT_EQ(-EINVAL, set_sched_policy(0, static_cast<SchedPolicy>(9)));
   EXPECT_EQ(-EINVAL, set_sched_policy(-1, SP_BACKGROUND));
-  // Read back: the best-effort I/O class at its lowest level for the
-  // background, a middle one for the foreground.
+  // The best-effort I/O class, lowest level for the background, a middle one for the front.
   auto ioPriority = [] {
     return syscall(SYS_ioprio_get, 1, static_cast<int>(syscall(SYS_gettid)));
   };

@@ -1,7 +1,5 @@
-// The background flusher: what a writer holds reaches its file within the
-// bound also when the stream goes quiet, a copy of the files taken at any
-// instant is whole but for the member being written, and writers come and
-// go on several threads without a race, a leak or a thread left behind.
+// The background flusher: the bound holds for quiet writers and for copies
+// taken at any instant; writers come and go on threads without a race.
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -27,7 +25,6 @@
 #include "platform/tavo_flusher.h"
 #include "support/log_set.h"
 #include "support/temp_root.h"
-#include "support/within.h"
 
 namespace {
 
@@ -50,8 +47,7 @@ struct Decoded {
   std::string text;
 };
 
-// Decodes bytes member by member, as gzip -t checks them; a member that
-// stops short is reported, never guessed at.
+// Member by member, as gzip -t checks them; a member that stops short is reported.
 Decoded DecodeMembers(const std::string& bytes) {
   Decoded d;
   size_t pos = 0;
@@ -83,7 +79,6 @@ Decoded DecodeMembers(const std::string& bytes) {
   return d;
 }
 
-// What a copy of the set holds, file by file in name order.
 std::vector<Decoded> CopyOf(const std::string& dir, const std::string& base) {
   std::vector<Decoded> copy;
   for (const std::string& f : SetFiles(dir, base)) copy.push_back(DecodeMembers(ReadFile(f)));
@@ -100,9 +95,7 @@ std::string Record(long i) {
   return "11-23 09:00:00.000  100  101 I flush: seq " + std::to_string(i) + "\n";
 }
 
-// The tids of the flusher threads of this program's own platform layer
-// (the shipped library's flusher has the same name: none runs here unless a
-// test started a run).
+// The flusher threads of this process (the shipped library's too, when a run is on).
 std::vector<std::string> FlusherTasks() {
   std::vector<std::string> tids;
   DIR* d = opendir("/proc/self/task");
@@ -116,7 +109,6 @@ std::vector<std::string> FlusherTasks() {
   return tids;
 }
 
-// The blocked-signal mask of a task of this process.
 unsigned long long BlockedSignals(const std::string& tid) {
   std::string status = ReadFile("/proc/self/task/" + tid + "/status");
   size_t pos = status.find("SigBlk:\t");
@@ -149,8 +141,6 @@ class TavoFlushTest : public ::testing::Test {
 
 enum class Writer { kDirect, kReader };
 
-// A few records, then silence: the writer's file holds them within the bound
-// (plus slack), unless the bound is off.
 TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
   struct Case {
     const char* name;
@@ -187,7 +177,6 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
     if (c.flushed) {
       EXPECT_TRUE(Within(15, holdsAll));
     } else {
-      // Past the default bound and its last look: an ignored 0 would show.
       sleep(3);
       EXPECT_EQ("", TextOf(CopyOf(dir_, c.name)));
     }
@@ -197,9 +186,8 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
   }
 }
 
-// Copies taken while records stream in: every file decodes whole but for
-// a last member cut short, records come whole and in order, and every
-// record written more than the bound (and slack) before the copy is in it.
+// Every file of a copy decodes whole but for a last member cut short, and holds
+// every record written more than the bound (and slack) before the copy.
 TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBound) {
   constexpr int64_t kBoundNs = 200 * 1000000LL;
   constexpr int64_t kSlackNs = 1000 * 1000000LL;
@@ -251,8 +239,7 @@ TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBou
   EXPECT_TRUE(morvotest::Holds(morvotest::Sequence(TextOf(last)), 0, written.load()));
 }
 
-// One process-wide thread, started with the first writer that has a file,
-// joined when the last goes, and deaf to every signal the host may wait for.
+// Started with the first writer that has a file, joined when the last goes.
 TEST_F(TavoFlushTest, OneSignalBlindThreadLivesExactlyAsLongAsAWriter) {
   ScopedBound bound("1");
   ASSERT_TRUE(FlusherTasks().empty());
@@ -275,9 +262,6 @@ TEST_F(TavoFlushTest, OneSignalBlindThreadLivesExactlyAsLongAsAWriter) {
   EXPECT_TRUE(FlusherTasks().empty()) << "the bound is off";
 }
 
-// Writers made and destroyed on several threads while the flusher is
-// flushing them: every file holds exactly what was written to it, and no
-// thread is left once the last writer is gone.
 TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 25;
@@ -311,9 +295,8 @@ TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
   EXPECT_TRUE(FlusherTasks().empty());
 }
 
-// A child forked while the flusher runs has no such thread and must not
-// start one (a threaded parent's child may not): its writer still works and
-// flushes at its end, and nothing it inherited blocks it.
+// A threaded parent's child may not start a thread: its writer works without one
+// and nothing it inherited blocks it.
 TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
   ScopedBound bound("0.001");
   std::unique_ptr<Tavo> parent = NewTavo(File("parent", 0));
