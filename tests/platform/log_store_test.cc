@@ -26,11 +26,6 @@ using morvotest::RunChild;
 using morvotest::WaitChild;
 using Strings = std::vector<std::string>;
 
-long SizeOf(log_id_t id, long (*query)(qd_logger*)) {
-  ListPtr list = OpenList(kDrain, 0, 0, {id});
-  return list ? query(qd_logger_open(list.get(), id)) : -1;
-}
-
 TEST(LogIdsTest, NamesAndIdsRoundTripAndUnknownsAreRefused) {
   const char* names[] = {"morvo_main",  "morvo_radio", "morvo_events",   "morvo_system",
                          "morvo_crash", "morvo_stats", "morvo_security", "morvo_kernel"};
@@ -187,20 +182,6 @@ TEST(LogStoreTest, PidFilterKeepsOnlyThatProcessesRecordsAlsoInTheTail) {
     if (tail != 0) expected.erase(expected.begin());
     EXPECT_EQ(expected, morvotest::Messages(records)) << tail;
   }
-}
-
-TEST(LogStoreTest, ReadableSizeCountsHeadersAndPayloadsAndClearEmpties) {
-  morvotest::TempRoot root;
-  EXPECT_EQ(QD_LOGGER_DEFAULT_RING_SIZE, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_size));
-  EXPECT_EQ(0, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_readable_size));
-  ASSERT_EQ(5, Log(LOG_ID_EVENTS, "b", "a"));
-  ASSERT_EQ(10, Log(LOG_ID_EVENTS, "defg", "abc"));
-  EXPECT_EQ(28 + 5 + 28 + 10, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_readable_size));
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_EVENTS});
-  ASSERT_TRUE(list);
-  ASSERT_EQ(0, qd_logger_clear(qd_logger_open(list.get(), LOG_ID_EVENTS)));
-  EXPECT_EQ(0, SizeOf(LOG_ID_EVENTS, qd_logger_get_log_readable_size));
-  EXPECT_TRUE(ReadAll(list.get()).empty());
 }
 
 TEST(LogStoreTest, SetSizeIsCheckedAndKeepsTheNewestRecordsThatFit) {

@@ -17,7 +17,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "platform/tavo_cache.h"
 #include "platform/tavo_hook.h"
@@ -382,16 +381,6 @@ void AimAt(const std::string& cache, const std::string& victim) {
   Poke(cache, offsetof(Header, flushEnd), uint64_t{1});
 }
 
-void ExpectOwnCache(const std::string& cache) {
-  struct stat st;
-  ASSERT_EQ(0, lstat(cache.c_str(), &st));
-  EXPECT_TRUE(S_ISREG(st.st_mode));
-  EXPECT_EQ(geteuid(), st.st_uid);
-  EXPECT_EQ(0600u, st.st_mode & 07777);
-  EXPECT_EQ(1u, st.st_nlink);
-  EXPECT_LE(st.st_size, static_cast<off_t>(platform::TavoCache::kHeaderSize + (1 << 20)));
-}
-
 // At a restarted writer's cache name, maybe after a writer died holding records 0-29.
 struct CachePlant {
   const char* what;
@@ -439,7 +428,11 @@ TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
     }
     c.plant(cache, File(0), victim);
     auto t = NewTavo(File(1));  // the set's next file
-    ExpectOwnCache(cache);
+    struct stat st;             // the writer's own cache, whatever was there
+    ASSERT_EQ(0, lstat(cache.c_str(), &st));
+    EXPECT_TRUE(S_ISREG(st.st_mode) && st.st_uid == geteuid() && st.st_nlink == 1u);
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    EXPECT_LE(st.st_size, static_cast<off_t>(platform::TavoCache::kHeaderSize + (1 << 20)));
     ASSERT_TRUE(Put(t.get(), Records(30, 40)) && t->Flush());
     EXPECT_EQ(Records(30 - c.recovered, 40), ReadBack(File(1)));
     t.reset();
