@@ -124,8 +124,8 @@ std::string Refusal(const char* what, const std::string& path, const char* why) 
 }
 
 // Gives the folder mode 0775 and the system user; failures are only told.
-// Only for a folder the reader made or that is root's or system's already:
-// anyone else's is written as it is.
+// Only for a folder the reader made, or the system user's (its mode is
+// repaired): any other, root's "/dev" or "/etc" included, is written as it is.
 void TakeOver(int dirFd, const std::string& folder) {
   if (fchmod(dirFd, kFolderMode) != 0) {
     fprintf(stderr, "chmod [%s] failed: %s\n", folder.c_str(), strerror(errno));
@@ -174,7 +174,7 @@ int PrepareLogFolder(const char* path, std::string* refusal) {
     *refusal = Refusal("logFile folder", folder, "is writable by others or shared (sticky bit).");
     return -1;
   }
-  if (created || st.st_uid == 0 || st.st_uid == kSystemId) TakeOver(dir.fd(), folder);
+  if (created || st.st_uid == kSystemId) TakeOver(dir.fd(), folder);
   return 0;
 }
 

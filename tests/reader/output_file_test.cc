@@ -280,10 +280,12 @@ constexpr uid_t kNobody = 65534;
 constexpr char kShared[] = "is writable by others or shared (sticky bit).\n";
 
 const FolderCase kFolders[] = {
+    // Made by the run, or the system user's with its mode repaired.
     {"missing", 0, 0, 0, 0, 0775, kSystem, nullptr},
-    {"root's", S_IFDIR, 0750, 0, 0, 0775, kSystem, nullptr},
     {"system's", S_IFDIR, 0700, kSystem, 0, 0775, kSystem, nullptr},
-    // Not the reader's to take over; it is written as it is.
+    // Not the reader's to take over ("-f /dev/x", "-f /etc/x"); it is
+    // written as it is.
+    {"root's", S_IFDIR, 0755, 0, 0, 0755, 0, nullptr},
     {"another user's", S_IFDIR, 0755, kNobody, 0, 0755, kNobody, nullptr},
     // Shared folders such as /tmp: anyone could plant names there.
     {"sticky", S_IFDIR, 01777, 0, 1, 01777, 0, kShared},
