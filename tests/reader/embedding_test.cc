@@ -64,6 +64,14 @@ TEST_F(EmbeddingTest, TheHostKeepsEveryDescriptorItHandsIn) {
       {"errors to the output", {"-d", "2>&1"}},
       {"errors to /dev/null", {"-d", "2>/dev/null"}},
       {"output redirected", {"-d", ">/dev/null"}},
+      // Opening it as a shell would waits for a reader forever.
+      {"output to a FIFO nobody reads",
+       {"-d", ">" +
+                  [this] {
+                    std::string fifo = root_.path() + "/fifo";
+                    mkfifo(fifo.c_str(), 0600);
+                    return fifo;
+                  }()}},
       {"output file", {"-d", "-f", root_.path() + "/out/applog"}},
       {"usage error", {"-r", "0"}},
   };
