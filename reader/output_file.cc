@@ -100,15 +100,17 @@ void CheckWriterOutput(android_logcat_context_internal* ctx, MorvocatUtils* writ
     ctx->outByteCount = 0;
     if (!PrepareFolder(ctx)) return;
     writer->InitLogFiles();
-    writer->GetNewLog();
+    // GetNewLog, telling whether a file was opened: one that is deleted
+    // before the next look still counts.
+    if (writer->GetNewLogFileName() == 0) writerHadFile = true;
+    writer->RemoveRedundancy();
     // A run that never got a file reads every record into nowhere; one
     // whose file went later keeps records in the writer's cache and tries
     // again.
-    if (!writerHadFile && !writer->IsLogFileAccess()) {
+    if (!writerHadFile) {
       LogcatPanic(ctx, HELP_NONE, "no output file can be written\n");
       return;
     }
-    writerHadFile = true;
   }
   if (RotationDue(ctx)) {
     writer->Flush();

@@ -3,17 +3,23 @@
 // accepted, and the paths and folders a run as root must refuse rather
 // than damage.
 
+#include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/fanotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "morvocat/morvocat.h"
@@ -88,29 +94,6 @@ TEST_F(OutputFileTest, RestartRemovesPlainFilesAndContinuesTheSet) {
   ASSERT_EQ(2u, files.size());
   EXPECT_NE(std::string::npos, files[0].find(".I000."));
   EXPECT_NE(std::string::npos, files[1].find(".I001."));
-}
-
-TEST_F(OutputFileTest, FileDeletedWhileWrittenIsRecreatedAndLosesNothing) {
-  android_logcat_context ctx = CreateAndroidLogcat();
-  ASSERT_GE(morvotest::StartThread(ctx, {"-b", "morvo_main", "-f", Dir() + "/gone"}), 0);
-  qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "before the deletion");
-  ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(Dir(), "gone").size() == 1; }));
-  unlink(SetFiles(Dir(), "gone")[0].c_str());
-  // Records keep coming until the run has noticed and made a new file.
-  long written = 0;
-  for (; written < 5000 && SetFiles(Dir(), "gone").empty(); ++written) {
-    WriteSeq(written, written + 1);
-    usleep(1000);
-  }
-  ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(Dir(), "gone").size() == 1; }));
-  // Destroy stops the run at once: it must have read the records first.
-  usleep(100 * 1000);
-  EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
-  ASSERT_EQ(1u, SetFiles(Dir(), "gone").size());
-  std::string text = SetText(Dir(), "gone");
-  // What was cached when the file went is written into its successor.
-  EXPECT_NE(std::string::npos, text.find("before the deletion"));
-  EXPECT_TRUE(Counting(0, written) == Sequence(text));
 }
 
 // A read-only file system over dir holding an empty folder "out", in a
@@ -323,6 +306,130 @@ TEST_F(OutputFileTest, TheOutputFolderIsTakenOverOnlyWhenItIsTheReadersToTake) {
     } else {
       EXPECT_EQ(1u, SetFiles(folder, "p").size());
     }
+  }
+}
+
+// Holds every open of the folder dir until it is answered, or -1 where this
+// machine has no such watch. The run opens the folder to look for its file:
+// once the writer's cache is there the first file is made, and a file
+// deleted at the next open is gone before the run has looked for it once.
+int WatchFolderOpens(const std::string& dir) {
+  int watch = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
+  if (watch >= 0 &&
+      fanotify_mark(watch, FAN_MARK_ADD, FAN_OPEN_PERM | FAN_ONDIR, AT_FDCWD, dir.c_str()) != 0) {
+    close(watch);
+    return -1;
+  }
+  return watch;
+}
+
+// The name of a file of set "gone" in the folder dirFd, or "": read
+// through dirFd, as opening the folder again would wait for the watch.
+std::string SetFileIn(int dirFd) {
+  DIR* d = fdopendir(dup(dirFd));
+  if (d != nullptr) rewinddir(d);  // the offset is shared with dirFd
+  std::string name;
+  for (dirent* e; d != nullptr && name.empty() && (e = readdir(d)) != nullptr;) {
+    if (strncmp(e->d_name, "gone.I", 6) == 0) name = e->d_name;
+  }
+  if (d != nullptr) closedir(d);
+  return name;
+}
+
+// Answers the watch until the first file is deleted, then closes it.
+bool DeleteFirstFileBeforeItIsLookedFor(int watch, int dirFd) {
+  bool deleted = false;
+  pollfd p = {watch, POLLIN, 0};
+  while (!deleted && poll(&p, 1, 5000) == 1) {
+    alignas(fanotify_event_metadata) char buf[4096];
+    ssize_t n = read(watch, buf, sizeof(buf));
+    auto* e = reinterpret_cast<fanotify_event_metadata*>(buf);
+    for (; FAN_EVENT_OK(e, n); e = FAN_EVENT_NEXT(e, n)) {
+      std::string name = deleted ? "" : SetFileIn(dirFd);
+      if (!name.empty() && faccessat(dirFd, ".gone.tavocache", F_OK, AT_SYMLINK_NOFOLLOW) == 0) {
+        deleted = unlinkat(dirFd, name.c_str(), 0) == 0;
+      }
+      fanotify_response answer = {e->fd, FAN_ALLOW};
+      if (write(watch, &answer, sizeof(answer)) != sizeof(answer)) perror("fanotify answer");
+      close(e->fd);
+    }
+  }
+  close(watch);  // lets every later open through
+  close(dirFd);
+  return deleted;
+}
+
+// What the run writes into goes while records keep coming: its first file,
+// or a later file with its folder, which the run makes again or, when root
+// has put another there, writes into as it is.
+TEST_F(OutputFileTest, WhatIsDeletedWhileWrittenIsRecreatedAndNothingIsLost) {
+  struct Case {
+    const char* what;
+    bool folder;     // the folder goes too
+    bool rootsBack;  // root makes it again at once, mode 0755
+    mode_t modeAfter;
+    uid_t ownerAfter;
+  } const kCases[] = {
+      {"first file", false, false, 0775, kSystem},
+      {"folder", true, false, 0775, kSystem},
+      {"folder made again by root", true, true, 0755, 0},
+  };
+  for (const Case& c : kCases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
+    std::string dir = Dir() + "/" + c.what;
+    int watch = -1;
+    int dirFd = -1;
+    if (!c.folder) {
+      ASSERT_EQ(0, mkdir(dir.c_str(), 0775));
+      ASSERT_EQ(0, chown(dir.c_str(), kSystem, kSystem));
+      dirFd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      watch = WatchFolderOpens(dir);
+      if (watch < 0) {
+        printf("no fanotify permission events here (%s): row skipped\n", strerror(errno));
+        close(dirFd);
+        continue;
+      }
+    }
+    android_logcat_context ctx = CreateAndroidLogcat();
+    ASSERT_GE(morvotest::StartThread(ctx, {"-b", "morvo_main", "-f", dir + "/gone"}), 0);
+    qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "g", "before the deletion");
+    std::atomic<bool> deleted{false};
+    std::thread deleter;
+    if (c.folder) {
+      ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(dir, "gone").size() == 1; }));
+      usleep(100 * 1000);  // the run is done making it and waits for records
+      // The writer's cache may come back until the folder is gone.
+      ASSERT_TRUE(morvotest::Within(5, [&] {
+        for (const std::string& name : morvotest::Entries(dir)) unlink((dir + "/" + name).c_str());
+        return rmdir(dir.c_str()) == 0;
+      }));
+      ASSERT_TRUE(!c.rootsBack || (mkdir(dir.c_str(), 0755) == 0 && chmod(dir.c_str(), 0755) == 0));
+      deleted = true;
+    } else {
+      deleter = std::thread([&] { deleted = DeleteFirstFileBeforeItIsLookedFor(watch, dirFd); });
+    }
+    // Records keep coming until the run has noticed and made a new file.
+    long written = 0;
+    for (; written < 5000 && (!deleted || SetFiles(dir, "gone").empty()); ++written) {
+      WriteSeq(written, written + 1);
+      usleep(1000);
+    }
+    if (deleter.joinable()) deleter.join();
+    ASSERT_TRUE(deleted);
+    ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(dir, "gone").size() == 1; }));
+    // Destroy stops the run at once: it must have read the records first.
+    usleep(100 * 1000);
+    EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
+    ASSERT_EQ(1u, SetFiles(dir, "gone").size());
+    std::string text = SetText(dir, "gone");
+    // What was cached when the file went is written into its successor.
+    EXPECT_NE(std::string::npos, text.find("before the deletion")) << text;
+    EXPECT_TRUE(Counting(0, written) == Sequence(text));
+    struct stat st;
+    ASSERT_EQ(0, stat(dir.c_str(), &st));
+    EXPECT_EQ(c.modeAfter, st.st_mode & 07777);
+    EXPECT_EQ(c.ownerAfter, st.st_uid);
   }
 }
 
