@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -40,8 +41,16 @@ FdHolder OpenNode(const platform::DevicePath& path) {
   return holder;
 }
 
-ssize_t ReadWaiting(int fd, char* buf, size_t count) {
-  WaitPoint wait;
+// The teardown may stop the thread in the wait for data, never in the read:
+// a read stopped after it had taken text (the C library can act on a
+// cancellation as the call returns) would lose that text with the thread.
+ssize_t ReadWhenReady(int fd, char* buf, size_t count) {
+  struct pollfd ready = {fd, POLLIN, 0};
+  {
+    WaitPoint wait;
+    while (poll(&ready, 1, -1) < 0 && errno == EINTR) {
+    }
+  }
   return read(fd, buf, count);
 }
 
@@ -76,7 +85,8 @@ int DataSrcReader::NodeCatOnce(const char* path, size_t width, bool endsRecord) 
   char data[kReadBufSize];
   bool seen = false;
   for (;;) {
-    ssize_t n = ReadWaiting(*fd, data, sizeof(data) - 1);
+    // Opened non-blocking: the read is no wait, and keeps what it takes.
+    ssize_t n = read(*fd, data, sizeof(data) - 1);
     if (n <= 0) {
       if (seen) return 0;
       if (failureRetry == 0) return LogcatWriteStr(kReadFail, width, endsRecord);
@@ -101,7 +111,7 @@ int DataSrcReader::NodeCatAlterOnce(const TavoCommon::TavocatStrListT* list, siz
   }
   if (!fd || *fd < 0) return LogcatWriteStr(kReadFail, width, endsRecord);
   char data[kReadBufSize];
-  ssize_t n = ReadWaiting(*fd, data, sizeof(data) - 1);
+  ssize_t n = read(*fd, data, sizeof(data) - 1);
   if (n < 0) return LogcatWriteStr(kReadFail, width, endsRecord);
   data[n] = '\0';
   return WriteNodeText(data, width, endsRecord);
@@ -211,7 +221,7 @@ int DataSrcReader::NodeCatStream(const char* path) {
   for (;;) {
     if (streamFd < 0) streamFd = OpenStreamWaiting(path, &cshell);
     size_t room = kReadBufSize - 1 - streamCarry;
-    ssize_t n = ReadWaiting(streamFd, streamBuf + streamCarry, room);
+    ssize_t n = ReadWhenReady(streamFd, streamBuf + streamCarry, room);
     if (n > 0) {
       // A line the sink refused is the sink's to count; the stream goes on.
       ParseLines(streamBuf, streamCarry + static_cast<size_t>(n), streamBuf, &streamCarry);
@@ -275,7 +285,7 @@ int DataSrcReader::CopyCommandOutput(char* cmdLine) {
   char piece[kReadBufSize];
   int result = 0;
   for (;;) {
-    ssize_t n = ReadWaiting(child.Output(), piece, sizeof(piece));
+    ssize_t n = ReadWhenReady(child.Output(), piece, sizeof(piece));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     if (LogcatWrite(piece, static_cast<size_t>(n), true) != 0) result = 1;
