@@ -114,6 +114,9 @@ class Tavobase : public FileSet {
   // what is held. Every write does this; a runner whose source is idle may
   // call it so that held records do not wait for the next one.
   void RetryHeld();
+  // The same at once, due or not: at the group's end no later retry would
+  // write what is held.
+  void RetryHeldNow();
 
   // Files (group_rotation.cc).
   // Makes the directory part of path and gives it to root:system. 1 only

@@ -207,6 +207,11 @@ void Tavobase::RetryHeld() {
   held_.Release();
 }
 
+void Tavobase::RetryHeldNow() {
+  retryAtMillis_ = 0;
+  RetryHeld();
+}
+
 int Tavobase::WriteFormatted(const char* text, size_t width, bool endsRecord) {
   // Wider than the buffer can never fit.
   if (width >= kLineBuffer) return 1;

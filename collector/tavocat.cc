@@ -82,9 +82,9 @@ void Tavocat::Cancel() {
 void Tavocat::FlushAll() {
   if (inputMonitor.GatheredLength() > 0) inputMonitor.MonitorFlush();
   FlushStreamCarry();
-  // Space may have come back since the last line: what is held goes out
-  // before the end counts it as lost.
-  RetryHeld();
+  // Space may have come back since the last try, however short ago: what is
+  // held goes out before the end counts it as lost.
+  RetryHeldNow();
   LogcatClose();
 }
 

@@ -8,10 +8,12 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <regex>
 #include <string>
 
@@ -91,6 +93,41 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
     ASSERT_TRUE(std::regex_match(lines[i], match, stamped)) << lines[i];
     ASSERT_EQ(std::to_string(i + 1), match[1].str()) << collector.Err();
   }
+}
+
+// Lines held while the output fails go out at the stop once it works again,
+// whether or not a retry was due: the stop comes right after a file-size
+// limit that refused every flush is lifted.
+TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
+  AppendKmsg(1, 2000);
+  CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
+  ASSERT_TRUE(Announced(collector)) << collector.Err();
+  ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
+  std::string dir = root.Under("/data/log/android_logs");
+  struct stat st;
+  ASSERT_TRUE(grouptest::WaitFor(
+      [&] { return stat((dir + "/kmsgcat-log").c_str(), &st) == 0 && st.st_size > 0; }));
+  // The collector's standard error stays writable; no member of a full
+  // cache fits in what is left of the output.
+  off_t below = std::max<off_t>(st.st_size, ReadFile(root.Under("/collector.err")).size());
+  struct rlimit limit = {static_cast<rlim_t>(below + 4096), RLIM_INFINITY};
+  ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
+  // More than the writer's cache takes, so that lines are held.
+  AppendKmsg(2001, 18000);
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    return collector.Err().find("cannot write") != std::string::npos;
+  })) << collector.Err();
+  ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
+  limit.rlim_cur = RLIM_INFINITY;
+  ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
+  EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
+  // In order and once, each after its stamp "MM-DD hh:mm:ss.mmm ".
+  std::vector<std::string> lines = morvotest::Lines(Unzipped(dir, "kmsgcat-log"));
+  ASSERT_EQ(18000u, lines.size()) << collector.Err();
+  for (size_t i = 0; i < lines.size(); ++i) {
+    ASSERT_EQ(e2etest::Line(static_cast<long>(i) + 1), lines[i].substr(19) + "\n");
+  }
+  EXPECT_EQ(std::string::npos, collector.Err().find("stopped,")) << collector.Err();
 }
 
 TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
