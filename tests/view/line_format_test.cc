@@ -17,13 +17,6 @@ namespace {
 
 using view::LineKind;
 
-std::string DayTime(int dayMs) {
-  char text[32];
-  snprintf(text, sizeof(text), "%02d:%02d:%02d.%03d", dayMs / 3600000, dayMs / 60000 % 60,
-           dayMs / 1000 % 60, dayMs % 1000);
-  return text;
-}
-
 std::string Long(int64_t ms) {
   char text[24];
   view::FormatLong(ms, text, false);
@@ -35,42 +28,34 @@ std::string Long(int64_t ms) {
 std::string Parsed(const char* line) {
   view::ParsedLine p;
   view::ParseLine(line, strlen(line), &p);
-  char text[256];
-  std::string stamp = DayTime(p.dayMs);
-  switch (p.kind) {
-    case LineKind::kThreadTime:
-      snprintf(text, sizeof(text), "T %02d-%02d %s %d %d %c %.*s", p.month, p.day, stamp.c_str(),
-               p.pid, p.tid, p.priority, static_cast<int>(p.tagLength), p.tag);
-      break;
-    case LineKind::kStream:
-    case LineKind::kEvent:
-      snprintf(text, sizeof(text), "%c %02d-%02d %s", p.kind == LineKind::kStream ? 'S' : 'E',
-               p.month, p.day, stamp.c_str());
-      break;
-    case LineKind::kDated:
-      snprintf(text, sizeof(text), "D %s", Long(p.datedMs).c_str());
-      break;
-    default:
-      snprintf(text, sizeof(text), "P");
+  char stamp[32], text[256];
+  snprintf(stamp, sizeof(stamp), "%02d:%02d:%02d.%03d", p.dayMs / 3600000, p.dayMs / 60000 % 60,
+           p.dayMs / 1000 % 60, p.dayMs % 1000);
+  if (p.kind == LineKind::kThreadTime) {
+    snprintf(text, sizeof(text), "T %02d-%02d %s %d %d %c %.*s", p.month, p.day, stamp, p.pid,
+             p.tid, p.priority, static_cast<int>(p.tagLength), p.tag);
+  } else if (p.kind == LineKind::kStream || p.kind == LineKind::kEvent) {
+    snprintf(text, sizeof(text), "%c %02d-%02d %s", p.kind == LineKind::kStream ? 'S' : 'E',
+             p.month, p.day, stamp);
+  } else {
+    snprintf(text, sizeof(text), "%s",
+             p.kind == LineKind::kDated ? ("D " + Long(p.datedMs)).c_str() : "P");
   }
   std::string message(p.message, p.messageLength);
   return std::string(text) + "|" + (message == line ? "*" : message);
 }
 
 TEST(LineFormat, EachFormatTheSystemWrites) {
+  // clang-format off
   const char* const kCases[][2] = {
-      {"01-05 08:15:02.042  1234  1240 I ActivityManager: Start proc",
-       "T 01-05 08:15:02.042 1234 1240 I ActivityManager|Start proc"},
+      {"01-05 08:15:02.042  1234  1240 I ActivityManager: Start proc", "T 01-05 08:15:02.042 1234 1240 I ActivityManager|Start proc"},
       {"12-31 23:59:59.999    -1     7 W t       : a: b", "T 12-31 23:59:59.999 -1 7 W t|a: b"},
-      {"02-29 00:00:00.000 123456 123457 ? a:b tag: x",
-       "T 02-29 00:00:00.000 123456 123457 ? a:b tag|x"},
+      {"02-29 00:00:00.000 123456 123457 ? a:b tag: x", "T 02-29 00:00:00.000 123456 123457 ? a:b tag|x"},
       {"03-01 10:00:00.000  1  2 E empty   :", "T 03-01 10:00:00.000 1 2 E empty|"},
       {"11-16 15:52:03.042 <6>[ 1.5] kernel", "S 11-16 15:52:03.042|<6>[ 1.5] kernel"},
       {"11-16 15:52:03.042 1 2 X not threadtime", "S 11-16 15:52:03.042|1 2 X not threadtime"},
-      {"01-31 12:34:56 [1706704496.123456] KEY_POWER DOWN    ",
-       "E 01-31 12:34:56.000|[1706704496.123456] KEY_POWER DOWN    "},
-      {" 01-31 12:34:57 [1706704496.140122] S 00000000\trate 60",
-       "E 01-31 12:34:57.000|[1706704496.140122] S 00000000\trate 60"},
+      {"01-31 12:34:56 [1706704496.123456] KEY_POWER DOWN    ", "E 01-31 12:34:56.000|[1706704496.123456] KEY_POWER DOWN    "},
+      {" 01-31 12:34:57 [1706704496.140122] S 00000000\trate 60", "E 01-31 12:34:57.000|[1706704496.140122] S 00000000\trate 60"},
       {"2024-01-05 08:15:02 > 42    7", "D 2024-01-05 08:15:02.000|*"},
       {"current time: <battery>2024-1-5 8:15:2", "D 2024-01-05 08:15:02.000|*"},
       {"current time: <a>b>2023-12-31 23:59:59", "D 2023-12-31 23:59:59.000|*"},
@@ -81,6 +66,7 @@ TEST(LineFormat, EachFormatTheSystemWrites) {
       {"current time: <cmd>2024-13-1 0:0:0", "P|*"},
       {"12-31", "P|*"},
   };
+  // clang-format on
   for (const auto& c : kCases) EXPECT_EQ(c[1], Parsed(c[0])) << c[0];
 }
 
@@ -90,39 +76,23 @@ int64_t At(const char* iso) {
   return ms;
 }
 
-// Lines and their full times (to the second) are joined by "|".
-struct ClockCase {
-  const char* anchor;
-  bool anchorIsStart;
-  const char* lines;
-  const char* times;
-};
-
+// A set file into a new year, Dec 31 records in a Jan 1 file, a plain file (anchored at
+// its end), lines that carry their year, Feb 29, threads a little out of order.
 TEST(SetClock, YearFromTheFileAndTheLineBefore) {
-  const ClockCase cases[] = {
-      // A set file opened on Dec 31 that runs into the new year.
-      {"2023-12-31 23:59:58", true,
-       "12-31 23:59:59.000 a|01-01 00:00:01.000 b|title row|01-01 00:00:02.000 c",
+  // clang-format off
+  struct ClockCase { const char* anchor; bool anchorIsStart; const char *lines, *times; } const cases[] = {
+      {"2023-12-31 23:59:58", true, "12-31 23:59:59.000 a|01-01 00:00:01.000 b|title row|01-01 00:00:02.000 c",
        "2023-12-31 23:59:59|2024-01-01 00:00:01|2024-01-01 00:00:01|2024-01-01 00:00:02"},
-      // A file opened on Jan 1 holding records dumped from Dec 31.
-      {"2024-01-01 00:00:05", true, "12-31 23:59:50.000 old|01-01 00:00:06.000 new",
-       "2023-12-31 23:59:50|2024-01-01 00:00:06"},
-      // A plain file last written on Jan 1: lines before it.
-      {"2024-01-01 00:10:00", false,
-       "12-30 10:00:00.000 a|12-31 23:00:00.000 b|01-01 00:05:00.000 c",
+      {"2024-01-01 00:00:05", true, "12-31 23:59:50.000 old|01-01 00:00:06.000 new", "2023-12-31 23:59:50|2024-01-01 00:00:06"},
+      {"2024-01-01 00:10:00", false, "12-30 10:00:00.000 a|12-31 23:00:00.000 b|01-01 00:05:00.000 c",
        "2023-12-30 10:00:00|2023-12-31 23:00:00|2024-01-01 00:05:00"},
-      // Lines with their year set it; the lines after follow it.
-      {"2020-06-01 00:00:00", false,
-       "current time: <x>2024-12-31 23:59:59|01-01 00:00:01.000 a|output",
+      {"2020-06-01 00:00:00", false, "current time: <x>2024-12-31 23:59:59|01-01 00:00:01.000 a|output",
        "2024-12-31 23:59:59|2025-01-01 00:00:01|2025-01-01 00:00:01"},
-      // Feb 29 of a leap year.
-      {"2024-02-28 12:00:00", true, "02-29 01:00:00.000 leap|03-01 01:00:00.000 after",
-       "2024-02-29 01:00:00|2024-03-01 01:00:00"},
-      // Threads a little out of order stay in their year.
-      {"2023-12-31 23:59:59", true, "01-01 00:00:00.100 a|12-31 23:59:59.900 b",
-       "2024-01-01 00:00:00|2023-12-31 23:59:59"},
+      {"2024-02-28 12:00:00", true, "02-29 01:00:00.000 leap|03-01 01:00:00.000 after", "2024-02-29 01:00:00|2024-03-01 01:00:00"},
+      {"2023-12-31 23:59:59", true, "01-01 00:00:00.100 a|12-31 23:59:59.900 b", "2024-01-01 00:00:00|2023-12-31 23:59:59"},
   };
-  for (const ClockCase& c : cases) {
+  // clang-format on
+  for (const ClockCase& c : cases) {  // lines and their times to the second, joined by "|"
     SCOPED_TRACE(c.lines);
     view::SetClock clock;
     clock.Anchor(At(c.anchor), c.anchorIsStart);
@@ -139,12 +109,8 @@ TEST(SetClock, YearFromTheFileAndTheLineBefore) {
 
 TEST(SetNames, KindBaseAndNumber) {
   using view::NameParts;
-  struct {
-    const char* name;
-    NameParts::Kind kind;
-    const char* base;
-    long number;
-  } cases[] = {
+  // clang-format off
+  struct { const char* name; NameParts::Kind kind; const char* base; long number; } cases[] = {
       {"out.I007.20240105-081502.gz", NameParts::kIndexed, "out", 7},
       {"a.b.I999.20231231-235959.gz", NameParts::kIndexed, "a.b", 999},
       {"out.Ix07.20240105-081502.gz", NameParts::kPlain, "out.Ix07.20240105-081502.gz", 0},
@@ -157,6 +123,7 @@ TEST(SetNames, KindBaseAndNumber) {
       {"events.log", NameParts::kPlain, "events.log", 0},
       {"-0.tar.gz", NameParts::kPlain, "-0.tar.gz", 0},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     NameParts parts = view::ClassifyName(c.name);
