@@ -1,10 +1,9 @@
 #ifndef MORVOCAT_TESTS_READER_HOST_RUN_H_
 #define MORVOCAT_TESTS_READER_HOST_RUN_H_
 
-// The main of a host program that carries functions of its own under names
-// the library uses inside. Each of them calls HostFunctionRan() first: a call
-// while the library runs means the library bound to the host's function,
-// and the host ends at once with status 3 rather than run on with it.
+// The main of a host with functions under names the library uses inside.
+// Each calls HostFunctionRan() first: called while the library runs, the
+// library bound to the host's function, and the host ends with status 3.
 
 #include <stdio.h>
 #include <unistd.h>
@@ -20,7 +19,6 @@ static void HostFunctionRan(const char* name) {
   _exit(3);
 }
 
-// Runs argv with standard output and error as the run's channels.
 static int RunAsHost(int argc, char** argv) {
   extern char** environ;
   android_logcat_context ctx = CreateAndroidLogcat();

@@ -26,8 +26,6 @@ MorvocatUtils* NoWriter(const char*, uint32_t, uint64_t) { return nullptr; }
 using morvotest::Exists;
 using morvotest::ReadFile;
 using morvotest::RunCommand;
-using morvotest::RunResult;
-
 using morvotest::TarListing;
 using morvotest::Words;
 
@@ -52,32 +50,19 @@ class PlainOutputTest : public ::testing::Test {
   std::string base_;
 };
 
-// Names in a row are space-separated, in the row's own folder.
-struct RotationCase {
-  int records;   // of about 1 KiB each
-  int existing;  // bytes already in P
-  const char* args;
-  const char* present;
-  const char* absent;
-  const char* archived;  // what P-0.tar.gz holds
-};
-
-const RotationCase kRotations[] = {
-    // Rotated names are padded to the digits of the count...
-    {40, 0, "-r 2 -n 10", "p p.01 p.10", "p.1 p.11", ""},
-    // ...which is four by default.
-    {20, 0, "-r 2", "p.1 p.4", "p.5", ""},
-    // Full sets are packed into at most the given archives.
-    {120, 0, "-r 2 -n 4 -z 3", "p-0.tar.gz p-2.tar.gz", "p-3.tar.gz p_tmp", "p.1 p.2 p.3 p.4"},
-    // More than 32 rotated files are archived whole.
-    {90, 0, "-r 2 -n 40 -z 1", "", "p.40", "p.33 p.40"},
-    // Appending continues the count of an existing file: 1.5 KiB already
-    // there plus one record reach 2 KiB.
-    {1, 1500, "-r 2", "p.1", "", ""},
-};
-
 TEST_F(PlainOutputTest, RotationNamesCountsAndArchives) {
-  for (const RotationCase& c : kRotations) {
+  // Names are space-separated; records of about 1 KiB; bytes already in P.
+  struct Case {
+    int records, existing;
+    const char *args, *present, *absent, *archived;  // what P-0.tar.gz holds
+  } const kRotations[] = {
+      {40, 0, "-r 2 -n 10", "p p.01 p.10", "p.1 p.11", ""},  // padded to the count's digits
+      {20, 0, "-r 2", "p.1 p.4", "p.5", ""},                 // four by default
+      {120, 0, "-r 2 -n 4 -z 3", "p-0.tar.gz p-2.tar.gz", "p-3.tar.gz p_tmp", "p.1 p.2 p.3 p.4"},
+      {90, 0, "-r 2 -n 40 -z 1", "", "p.40", "p.33 p.40"},  // over 32 files: archived whole
+      {1, 1500, "-r 2", "p.1", "", ""},  // appending goes on counting P's 1.5 KiB
+  };
+  for (const Case& c : kRotations) {
     SCOPED_TRACE(c.args);
     morvotest::TempRoot root;  // each row on a store of its own
     root.MakeDirs("/data/log");
@@ -87,7 +72,7 @@ TEST_F(PlainOutputTest, RotationNamesCountsAndArchives) {
     WriteKilobyteRecords(c.records);
     std::vector<std::string> args = {"-d", "-b", "morvo_main", "-f", folder + "/p"};
     for (const std::string& a : Words(c.args)) args.push_back(a);
-    RunResult r = RunCommand(args);
+    morvotest::RunResult r = RunCommand(args);
     EXPECT_EQ(0, r.status) << r.err;
     for (const std::string& name : Words(c.present)) {
       EXPECT_TRUE(Exists(folder + "/" + name)) << name;
@@ -118,11 +103,10 @@ TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
   morvotest::Within(5, [&] { return ReadFile(base_).find("third") != std::string::npos; });
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "del", "wake up");
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
-  // P was gone, so no new P.1 was made: the old copy moved up to P.2.
+  // P was gone, so no new P.1: the old copy moved up to P.2.
   EXPECT_EQ("older copy\n", morvotest::ReadFile(base_ + ".2"));
   EXPECT_FALSE(Exists(base_ + ".1"));
-  // The record that revealed the deletion went to the deleted file; the
-  // fresh P takes the records after it.
+  // The record that revealed the deletion went to the deleted file.
   std::string text = morvotest::ReadFile(base_);
   EXPECT_EQ(std::string::npos, text.find("first"));
   EXPECT_NE(std::string::npos, text.find("third"));
@@ -130,43 +114,39 @@ TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
 
 // Links planted at the names a rotation writes, pointing outside the log
 // folder: nothing outside changes, and no temporary name is left behind.
-struct PlantedName {
-  const char* name;
-  enum Kind { kHardLink, kFileLink, kFolderLink } kind;
-  int status;
-  bool archived;
-};
-
-const PlantedName kPlantedNames[] = {
-    // A second name of the victim: appending to P would write into it.
-    {"p", PlantedName::kHardLink, 1, false},
-    {"p-0.tar.gz", PlantedName::kFileLink, 0, true},
-    // The work folder: moving P.1 into it would replace the victim's p.1.
-    {"p_tmp", PlantedName::kFolderLink, 0, false},
-};
-
 TEST_F(PlainOutputTest, LinksAtTheNamesARotationWritesAreNeverFollowed) {
+  enum Kind { kHardLink, kFileLink, kFolderLink };
+  struct Case {
+    const char* name;
+    Kind kind;
+    int status;
+    bool archived;
+  } const kPlantedNames[] = {
+      {"p", kHardLink, 1, false},  // appending to P would write into the victim
+      {"p-0.tar.gz", kFileLink, 0, true},
+      {"p_tmp", kFolderLink, 0, false},  // moving P.1 in would replace the victim's p.1
+  };
   WriteKilobyteRecords(20);
-  for (const PlantedName& c : kPlantedNames) {
+  for (const Case& c : kPlantedNames) {
     SCOPED_TRACE(c.name);
     std::string folder = root_.Under("/data/log/") + c.name + " row";
     std::string victim = root_.Under("/victim ") + c.name;
     ASSERT_EQ(0, mkdir(folder.c_str(), 0755));
     std::string file = victim;
-    if (c.kind == PlantedName::kFolderLink) {
+    if (c.kind == kFolderLink) {
       ASSERT_EQ(0, mkdir(victim.c_str(), 0755));
       file = victim + "/p.1";
     }
     morvotest::WriteFile(file, "precious\n");
     std::string at = folder + "/" + c.name;
-    ASSERT_EQ(0, c.kind == PlantedName::kHardLink ? link(victim.c_str(), at.c_str())
-                                                  : symlink(victim.c_str(), at.c_str()));
+    ASSERT_EQ(0, c.kind == kHardLink ? link(victim.c_str(), at.c_str())
+                                     : symlink(victim.c_str(), at.c_str()));
     std::string base = folder + "/p";
     morvotest::RunResult r =
         RunCommand({"-d", "-b", "morvo_main", "-f", base, "-r", "2", "-n", "4", "-z", "1"});
     EXPECT_EQ(c.status, r.status) << r.err;
     EXPECT_EQ("precious\n", morvotest::ReadFile(file));
-    if (c.kind == PlantedName::kFolderLink) {
+    if (c.kind == kFolderLink) {
       EXPECT_EQ(std::vector<std::string>{"p.1"}, morvotest::Entries(victim));
     }
     for (const std::string& name : morvotest::Entries(folder)) {

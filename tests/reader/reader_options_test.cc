@@ -1,8 +1,5 @@
-// The reader's command line as a host sees it: a table of command lines
-// over one store of records, each with its status and what it prints on
-// each channel; buffer operations act on the store; and every line,
-// divider and tail of a run as a plain reading of the same records gives
-// them.
+// The reader's command line as a host sees it, and its output checked
+// against a plain reading of the same records.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -50,8 +47,7 @@ const std::string kShort = "Unrecognized Option S\n";
 struct Case {
   std::vector<std::string> args;
   int status;
-  std::string out;  // after Plain()
-  std::string err;
+  std::string out, err;  // out after Plain()
 };
 
 const Case kCases[] = {
@@ -150,12 +146,10 @@ TEST(ReaderOptionsTest, BufferOperationsActOnTheStore) {
   qd_logger_list* list = qd_logger_list_alloc(QD_LOGGER_MODE_NONBLOCK, 0, 0);
   long used = qd_logger_get_log_readable_size(qd_logger_open(list, LOG_ID_MAIN));
   qd_logger_list_free(list);
+  // clang-format off
   const Case kSteps[] = {
       // A buffer named twice is reported once.
-      {{"-g", "-b", "morvo_main", "-b", "morvo_main,morvo_main"},
-       0,
-       Report("morvo_main", "256Kb", used),
-       ""},
+      {{"-g", "-b", "morvo_main", "-b", "morvo_main,morvo_main"}, 0, Report("morvo_main", "256Kb", used), ""},
       {{"-b", "morvo_radio", "-G", "64k"}, 0, "", ""},
       {{"-b", "morvo_radio", "-g"}, 0, Report("morvo_radio", "64Kb", 0), ""},
       {{"-b", "morvo_radio", "--buffer-size=0x2000"}, 0, "", ""},
@@ -164,6 +158,7 @@ TEST(ReaderOptionsTest, BufferOperationsActOnTheStore) {
       {{"-c", "-b", "morvo_main"}, 0, "", ""},
       {{"-d"}, 0, "--------- beginning of morvo_system\nI t       : system record\n", ""},
   };
+  // clang-format on
   for (const Case& c : kSteps) {
     SCOPED_TRACE(c.args.back());
     RunResult r = RunCommand(c.args);
@@ -213,16 +208,12 @@ TEST(ReaderOptionsTest, OperationsOnAnUnusableStoreReportTheFirstBuffer) {
 }
 
 // --wrap waits for the buffer to fill, then reads it all; another time
-// than its own is warned about. Rows run in order on one store.
+// than its own is warned about.
 TEST(ReaderOptionsTest, WrapWaitsForTheBufferToFillThenReadsItAll) {
   morvotest::TempRoot root;
   ASSERT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "8k"}).status);
-  const Case kSteps[] = {
-      {{"-b", "morvo_radio", "--wrap"}, 0, "", ""},
-      {{"-b", "morvo_radio", "--wrap=3600"}, 0, "", "WARNING: wrap 7200 seconds, ignoring 3600\n"},
-  };
-  for (const Case& c : kSteps) {
-    SCOPED_TRACE(c.args.back());
+  for (std::string wrap : {"--wrap", "--wrap=3600"}) {
+    SCOPED_TRACE(wrap);
     pid_t child = fork();
     if (child == 0) {
       usleep(100 * 1000);
@@ -230,17 +221,16 @@ TEST(ReaderOptionsTest, WrapWaitsForTheBufferToFillThenReadsItAll) {
       for (int i = 0; i < 100; ++i) qd_log_write(LOG_ID_RADIO, QD_LOG_INFO, "wrap", text.c_str());
       _exit(0);
     }
-    RunResult r = RunCommand(c.args);
+    RunResult r = RunCommand({"-b", "morvo_radio", wrap});
     waitpid(child, nullptr, 0);
-    EXPECT_EQ(c.status, r.status);
-    EXPECT_EQ(c.err, r.err);
+    EXPECT_EQ(0, r.status);
+    EXPECT_EQ(wrap.size() > 6 ? "WARNING: wrap 7200 seconds, ignoring 3600\n" : "", r.err);
     EXPECT_GT(Lines(r.out).size(), 10u);
     EXPECT_EQ(0u, Plain(r.out).find("I wrap    : www"));
   }
 }
 
-// The writer's pid and tid on each line of a message (the reference
-// reading below takes them from the records); --pid keeps one process's.
+// The writer's own pid and tid on each line of a message; --pid keeps one process's.
 TEST(ReadLoopTest, LinesCarryTheWritersPidAndTid) {
   morvotest::TempRoot root;
   qd_log_write(LOG_ID_MAIN, QD_LOG_DEBUG, "shape", "first\nsecond");
@@ -260,47 +250,29 @@ TEST(ReadLoopTest, LinesCarryTheWritersPidAndTid) {
   EXPECT_EQ(2u, Lines(out).size());
 }
 
-// A record as a straightforward reader sees it: read from its buffer alone,
-// with its buffer's id and its time as stored.
+// A record as a straightforward reader sees it: read from its buffer alone.
 struct Stored {
+  uint64_t stamp;
   log_id_t id;
   qd_log_msg msg;
 };
-
-std::vector<Stored> ReadBuffer(log_id_t id) {
-  std::vector<Stored> records;
-  morvotest::ListPtr list = morvotest::OpenList(QD_LOGGER_MODE_NONBLOCK, 0, 0, {id});
-  if (!list) return records;
-  Stored r{id, {}};
-  while (qd_logger_list_read(list.get(), &r.msg) > 0) records.push_back(r);
-  return records;
-}
-
-uint64_t StampOf(const Stored& r) {
-  return static_cast<uint64_t>(r.msg.entry.sec) * 1000000000ULL + r.msg.entry.nsec;
-}
 
 // What a run over ids prints, worked out the plain way: every buffer read
 // alone, merged by time (the lower id first on equal times), the last tail
 // records kept (all for 0), each formatted with snprintf.
 std::string Reference(const std::vector<log_id_t>& ids, size_t tail) {
-  std::vector<std::vector<Stored>> buffers;
-  for (log_id_t id : ids) buffers.push_back(ReadBuffer(id));
   std::vector<Stored> merged;
-  std::vector<size_t> next(buffers.size(), 0);
-  for (;;) {
-    int pick = -1;
-    for (size_t b = 0; b < buffers.size(); ++b) {
-      if (next[b] == buffers[b].size()) continue;
-      if (pick < 0 || StampOf(buffers[b][next[b]]) < StampOf(buffers[pick][next[pick]]) ||
-          (StampOf(buffers[b][next[b]]) == StampOf(buffers[pick][next[pick]]) &&
-           buffers[b][next[b]].id < buffers[pick][next[pick]].id)) {
-        pick = static_cast<int>(b);
-      }
+  for (log_id_t id : ids) {
+    morvotest::ListPtr list = morvotest::OpenList(QD_LOGGER_MODE_NONBLOCK, 0, 0, {id});
+    Stored r{0, id, {}};
+    while (list && qd_logger_list_read(list.get(), &r.msg) > 0) {
+      r.stamp = static_cast<uint64_t>(r.msg.entry.sec) * 1000000000ULL + r.msg.entry.nsec;
+      merged.push_back(r);
     }
-    if (pick < 0) break;
-    merged.push_back(buffers[pick][next[pick]++]);
   }
+  std::stable_sort(merged.begin(), merged.end(), [](const Stored& a, const Stored& b) {
+    return a.stamp != b.stamp ? a.stamp < b.stamp : a.id < b.id;
+  });
   if (tail != 0 && merged.size() > tail) merged.erase(merged.begin(), merged.end() - tail);
   std::string text;
   std::vector<log_id_t> introduced;
@@ -331,8 +303,7 @@ std::string Reference(const std::vector<log_id_t>& ids, size_t tail) {
   return text;
 }
 
-// Makes the record whose message is text unterminated, in the ring file of
-// name: a damaged record that readers skip.
+// Unterminates the record of text in the ring of name: damage readers skip.
 bool Unterminate(const morvotest::TempRoot& root, const char* name, const std::string& text) {
   std::string path = morvotest::RingPath(root, name);
   std::string ring = morvotest::ReadFile(path);
@@ -420,8 +391,6 @@ const ReferenceCase kReferenceCases[] = {
     {"-t 300 -b morvo_main", 0, WrappedWithDamage},
 };
 
-// The runs print what the plain reading of the same records gives, byte
-// for byte.
 TEST(ReadLoopReferenceTest, RunsPrintWhatAStraightforwardReadGives) {
   for (const ReferenceCase& c : kReferenceCases) {
     SCOPED_TRACE(c.args);

@@ -19,16 +19,14 @@ int getopt_long_r(int argc, char* const* argv, const char* optstring, const opti
   return -1;
 }
 
-namespace android {
-namespace base {
+namespace android::base {
 
 std::string StringPrintf(const char* format, ...) {
   HostFunctionRan(__func__);
   return format;
 }
 
-}  // namespace base
-}  // namespace android
+}  // namespace android::base
 
 extern "C" {
 

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "platform/logger.h"
-#include "reader/run_capture.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
+#include "support/reader_run.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
 
