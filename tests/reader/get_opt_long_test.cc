@@ -36,10 +36,7 @@ class Args {
     return getopt_long_r(argc, argv_.data(), letters, longopts, longindex, &ctx_);
   }
   Words Current() const { return Words(argv_.begin(), argv_.end() - 1); }
-  std::string Messages() {
-    fflush(out_);
-    return std::string(buf_, len_);
-  }
+  std::string Messages() { return fflush(out_) == 0 ? std::string(buf_, len_) : "<unflushed>"; }
   std::string Optarg() const { return ctx_.optarg != nullptr ? ctx_.optarg : "<null>"; }
   GetOptContext& ctx() { return ctx_; }
 
@@ -102,8 +99,7 @@ const option kWrapNames[] = {
 };
 
 // One parse to its end: a token per call, "<returned>[=optarg][!optopt]
-// [#longindex]@optind", where the returned value is a letter, or a number
-// when it is not one.
+// [#longindex]@optind", the returned value a letter or else a number.
 std::string Trace(Args* args, const char* letters, const option* longopts, bool indexed) {
   std::string trace;
   for (int calls = 0; calls < 20; ++calls) {
