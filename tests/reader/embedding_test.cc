@@ -224,15 +224,16 @@ TEST_F(EmbeddingTest, AContextRunsAgainAfterAFailedRunAndOnTheSameDescriptors) {
   android_logcat_context ctx = CreateAndroidLogcat();
   int out = memfd_create("out", 0);
   int err = memfd_create("err", 0);
+  EXPECT_EQ(1, RunOn(ctx, -1, err, {"-S"}));
   int both = dup(err);  // one descriptor for both channels, handed over
-  EXPECT_EQ(1, RunOn(ctx, both, both, {"-S"}));
+  EXPECT_EQ(1, RunOn(ctx, both, both, {"-d", "-b", "nosuch"}));
   EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
   EXPECT_EQ(0, RunOn(ctx, out, err, {"-d", "-b", "morvo_main"}));
   EXPECT_EQ(0, AndroidLogcatDestroy(&ctx));
   std::string text = ReadAll(out);
   EXPECT_EQ(text.substr(0, text.size() / 2), text.substr(text.size() / 2));
   EXPECT_EQ(31u, text.find("I host    : a record\n")) << text;
-  EXPECT_EQ("Unrecognized Option S\n", ReadAll(err));
+  EXPECT_EQ("Unrecognized Option S\nunknown buffer nosuch\n", ReadAll(err));
   close(out);
   close(err);
 }
