@@ -65,11 +65,11 @@ std::vector<Header> Members(const std::string& tar) {
 class TarzipTest : public morvotest::LogFolderTest {
  protected:
   TarzipTest() : LogFolderTest("/data/log/factory", "kmsg") {}
-  std::string Path(const std::string& name) { return dir_ + "/" + name; }
+  std::string Path(const std::string& name) { return root_.path() + "/" + name; }
   // Folders on the way are made.
   std::string MakeFile(const std::string& name, size_t size, char fill = 'a') {
     size_t slash = name.rfind('/');
-    if (slash != std::string::npos) root_.MakeDirs("/data/log/factory/" + name.substr(0, slash));
+    if (slash != std::string::npos) root_.MakeDirs("/" + name.substr(0, slash));
     std::string content;
     for (size_t i = 0; i < size; i++) content += static_cast<char>(fill + i % 23);
     WriteFile(Path(name), content);
@@ -87,12 +87,13 @@ class TarzipTest : public morvotest::LogFolderTest {
     EXPECT_EQ("", morvotest::Tar("-xzf '" + archive_ + "' -C '" + dest + "'"));
     return dest;
   }
-  std::string archive_ = dir_ + "/out.tar.gz";
+  std::string archive_ = root_.path() + "/out.tar.gz";
 };
 
 // The C entry points: an empty list is one zero block; a walk takes a prefix.
 TEST_F(TarzipTest, TheCEntryPoints) {
-  TarzipFiles(0, nullptr, archive_.c_str(), 0);
+  const char* none[] = {nullptr};
+  TarzipFiles(0, none, archive_.c_str(), 0);
   EXPECT_EQ(std::string(kBlock, '\0'), morvotest::Gunzip(archive_));
   MakeFile("d/one", 2);
   gzFile gz = gzopen(archive_.c_str(), "w");
@@ -223,7 +224,7 @@ TEST_F(TarzipTest, AnArchiveCutShortIsReportedIncomplete) {
   signal(SIGXFSZ, old);
   EXPECT_FALSE(complete);
   // The cut archive's temporary is gone.
-  EXPECT_EQ(std::vector<std::string>{"noise"}, Entries(dir_));
+  EXPECT_EQ((std::vector<std::string>{"data", "noise"}), Entries(root_.path()));
   EXPECT_TRUE(Pack({Path("noise")}));
 }
 
