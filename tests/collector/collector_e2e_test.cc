@@ -1,8 +1,5 @@
-// The collector process end to end under a temporary root: the two built-in
-// instances and the sample file, their files and links, the process name,
-// the watchdog, SIGUSR2 ending the process with status 12, and every
-// accepted line in the files exactly once; a group that ends said once; and
-// the starts that are refused.
+// The collector process under a temporary root: the built-in instances and
+// the sample file, the process name, the watchdog, SIGUSR2, refused starts.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -38,11 +35,9 @@ std::string Unzipped(const std::string& dir, const std::string& base) {
 class Collector : public ::testing::Test {
  protected:
   Collector() {
-    root.MakeDirs("/proc");
-    root.MakeDirs("/data/log/ksv_log");
+    for (const char* dir : {"/proc", "/data/log/ksv_log", "/system/etc"}) root.MakeDirs(dir);
     WriteFile(root.Under("/proc/reboot_watchdog"), "");
   }
-  // Appends numbered lines first..last to the kmsg stand-in.
   void AppendKmsg(int first, int last) {
     FILE* kmsg = fopen(root.Under("/proc/kmsg").c_str(), "a");
     fputs(e2etest::Lines(first, last + 1).c_str(), kmsg);
@@ -53,18 +48,11 @@ class Collector : public ::testing::Test {
       return ReadFile(root.Under("/proc/reboot_watchdog")) == std::to_string(collector.pid());
     });
   }
-  static void ExpectEachLineOnce(const std::string& output, int first, int last) {
-    for (int i = first; i <= last; ++i) {
-      std::string line = " " + e2etest::Line(i);
-      ASSERT_EQ(1u, grouptest::Count(output, line)) << line;
-    }
-  }
   morvotest::TempRoot root;
 };
 
-// Every line the stream took is in the files, whole, in order and once:
-// all of them once it has read to the end, and a prefix of them when
-// SIGUSR2 comes while it still reads.
+// Every line the stream took is in the files, whole, in order and once: a
+// prefix of them when SIGUSR2 comes while it still reads.
 TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   AppendKmsg(1, 2000);
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
@@ -145,8 +133,7 @@ TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
   std::string log = root.Under("/data/log/charge-log/charge-log");
   ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::Count(ReadFile(log), "\n") >= 3; }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-  // The time column's title is a title path, "Time", opened from the
-  // working directory like any relative node.
+  // The time column's title path, "Time", is opened from the working folder.
   std::regex rows(
       "^\nRead Fail {14}GaugeHead ChargeHead\n"
       "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d >  3900mV    500mA\n)+$");
@@ -156,7 +143,6 @@ TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
 TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   const char* source = getenv("MORVO_SOURCE_DIR");
   ASSERT_NE(nullptr, source);
-  root.MakeDirs("/system/etc");
   WriteFile(root.Under("/system/etc/tavocat_config.xml"),
             ReadFile(std::string(source) + "/etc/tavocat_config.xml"));
   root.MakeDirs("/dev/input");
@@ -172,8 +158,7 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
   setenv("PATH", savedPath.c_str(), 1);
   ASSERT_TRUE(Announced(collector)) << collector.Err();
-  // The file was parsed in a child: neither the XML parser nor what it
-  // pulls in was ever mapped into the resident process.
+  // The file was parsed in a child: no XML parser in the resident process.
   std::string maps = collector.Maps();
   EXPECT_EQ(std::string::npos, maps.find("libxml2")) << maps;
   EXPECT_EQ(std::string::npos, maps.find("libicu")) << maps;
@@ -190,17 +175,16 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
 
   std::string dir = root.Under("/data/log/android_logs");
-  ExpectEachLineOnce(Unzipped(dir, "kmsgcat-log"), 1, 300);
+  const std::string kmsg = Unzipped(dir, "kmsgcat-log");
+  for (int i = 1; i <= 300; ++i) EXPECT_EQ(1u, grouptest::Count(kmsg, " " + e2etest::Line(i))) << i;
   std::regex battery("^current time: <battery>[-0-9: ]+\r\nlevel: 87 \\(battery\\)\n$");
   std::string batteryLog = Unzipped(dir, "battery-log");
   EXPECT_TRUE(std::regex_match(batteryLog, battery)) << batteryLog;
-  // The FIFO reports no name, so gpio-keys does not pick it; the text
-  // gathered about it is handed over at the end.
+  // The text gathered about the nameless FIFO is handed over at the end.
   EXPECT_EQ("add device 1: " + fifo + "\n  name:     \"\"\n", Unzipped(dir, "input-log"));
 }
 
 TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
-  root.MakeDirs("/system/etc");
   WriteFile(root.Under("/system/etc/tavocat_config.xml"),
             "<config><tavocat name=\"once\" platform=\"Qcom\">"
             "<writeMode value=\"factory\"/><tavocatGroup>"
@@ -214,7 +198,6 @@ TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
   std::string log = root.Under("/data/log/once/once-log");
   ASSERT_TRUE(grouptest::WaitFor([&] { return ReadFile(log) == "12  \n"; })) << collector.Err();
   ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Comm() == "once"; }));
-  // The end is said once, with the instance, the group's output and why.
   const std::string said =
       "Main:tavocat [once] group /data/log/once/once-log ended: its polling is done\n";
   ASSERT_TRUE(grouptest::WaitFor([&] { return collector.Err().find(said) != std::string::npos; }))
@@ -224,32 +207,25 @@ TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
   EXPECT_FALSE(morvotest::Exists(root.Under("/proc/reboot_watchdog")));
 }
 
-// Starts that are refused: a configuration that does not load leaves a
-// paused process without a handler, so SIGUSR2 ends it as a signal does;
-// other kinds, overlong names and two charger triggers end at once. A name
-// of 255 characters is looked up.
+// A configuration that does not load leaves a paused process that SIGUSR2
+// ends as a signal; other kinds, long names, two triggers end at once.
 TEST_F(Collector, RefusedStarts) {
   const std::string trigger =
       "<tavocatGroup><logStyle value=\"cond_trigger\"/><outputFilePath "
       "value=\"/data/log/c/c-log\"/>"
       "<inputNodeSet><dataPath value=\"DateTime\"/></inputNodeSet></tavocatGroup>";
-  const struct {
-    std::string config;  // the file's text; empty: none
-    const char* kind;
-    std::string name;
-    const char* said;
-    bool paused;
-  } kCases[] = {
+  // config: the file's text (empty: none). A name of 255 characters is looked up.
+  // clang-format off
+  const struct { std::string config; const char* kind; std::string name; const char* said;
+                 bool paused; } kCases[] = {
       {"<config><tavocat", "2", "kmsglogcat", "Main:parse_config_file failed, exit!!\n", true},
       {"", "2", std::string(255, 'n'), "Main:parse_config_file failed, exit!!\n", true},
       {"", "1", "kmsglogcat", "Main:Unrecognized Option\n", false},
       {"", "2", std::string(256, 'n'), "Main:tavocatName strncpy_sp error!", false},
-      {"<config><tavocat name=\"twice\" platform=\"Qcom\">" + trigger + trigger +
-           "</tavocat></config>",
-       "2", "twice", "Main:tavocat [twice] has more than one cond_trigger group, refused!\n",
-       false},
+      {"<config><tavocat name=\"twice\" platform=\"Qcom\">" + trigger + trigger + "</tavocat></config>",
+       "2", "twice", "Main:tavocat [twice] has more than one cond_trigger group, refused!\n", false},
   };
-  root.MakeDirs("/system/etc");
+  // clang-format on
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.said);
     WriteFile(root.Under("/system/etc/tavocat_config.xml"), c.config);

@@ -2,8 +2,7 @@
 #define MORVOCAT_TESTS_COLLECTOR_COLLECTOR_PROCESS_H_
 
 // A collector started as the device starts it, "morvocat --tavo 2 -x NAME",
-// in a child process under a temporary root, and what can be seen of it
-// from outside: its name, its open files, its children, its end.
+// under a temporary root, and what can be seen of it from outside.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -22,7 +21,6 @@
 
 namespace e2etest {
 
-// The numbered kernel lines the tests feed to the kmsg stand-in.
 constexpr char kMarker[] = "<6>kernel line ";
 inline std::string Line(long n) { return kMarker + std::to_string(n) + "\n"; }
 inline std::string Lines(long first, long end) {
@@ -36,8 +34,7 @@ inline bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(
 
 class CollectorProcess {
  public:
-  // Starts the collector with args after the program name; standard error
-  // goes to a file of the root.
+  // Standard error goes to a file of the root.
   CollectorProcess(const morvotest::TempRoot& root, std::vector<std::string> args)
       : errPath_(root.Under("/collector.err")), dir_(root.path()) {
     const char* bin = getenv("MORVO_BIN_DIR");
@@ -71,8 +68,7 @@ class CollectorProcess {
   std::string Cmdline() const { return morvotest::ReadFile(Proc("cmdline")); }
   std::string Maps() const { return morvotest::ReadFile(Proc("maps")); }
 
-  // The wait status once the process has ended by itself within the
-  // helpers' deadline; -1 otherwise.
+  // The wait status once the process has ended within the deadline; else -1.
   int WaitEnd() {
     int status = -1;
     grouptest::WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
@@ -84,8 +80,7 @@ class CollectorProcess {
     return WaitEnd();
   }
 
-  // The read offset of the process's descriptor open on hostPath; -1 when
-  // it has none.
+  // The read offset of the process's descriptor on hostPath; -1 for none.
   long long ReadOffset(const std::string& hostPath) const {
     DIR* dir = opendir(Proc("fd").c_str());
     if (dir == nullptr) return -1;
@@ -101,9 +96,8 @@ class CollectorProcess {
     return offset;
   }
 
-  // The process has read all of the file at hostPath (a stream writes what
-  // it read before it next waits, where a stop can take it); waits on as
-  // long as it makes progress, since a slow (sanitized) build needs more time.
+  // The process has read all of hostPath; waits on while it makes progress,
+  // as a slow (sanitized) build needs more time.
   bool HasRead(const std::string& hostPath) const {
     auto size = [&] {
       struct stat st;

@@ -1,13 +1,12 @@
-// The sources a group copies: nodes read whole (widths, the line-end rule,
-// pieces of long nodes, "Read Fail", retries), alternative nodes, streams
-// split into time-stamped lines through long lines, NUL bytes and faults
-// that pass, and dumpsys output with its header, run without a shell.
+// The sources a group copies: nodes read whole, alternative nodes, streams
+// split into stamped lines, and dumpsys output run without a shell.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <memory>
 #include <random>
 #include <regex>
 #include <string>
@@ -17,7 +16,6 @@
 #include "collector/group_support.h"
 #include "platform/properties.h"
 #include "support/file_tree.h"
-#include "support/small_fs.h"
 #include "support/temp_root.h"
 
 namespace {
@@ -26,8 +24,7 @@ using grouptest::StderrCapture;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
 
-// A factory-mode sink over a plain file, so what the sources write is read
-// back as it is.
+// A factory-mode sink: what the sources write is read back as it is.
 class SourceSink : public DataSrcReader {
  public:
   explicit SourceSink(const TavoCommon::TavocatGroupT* group)
@@ -46,8 +43,7 @@ const char kStamp[] = "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d ";
 class DataSources : public ::testing::Test {
  protected:
   DataSources() : record(root.Under("/data/log/src/src-log"), TavoCommon::POLL_NODE) {
-    root.MakeDirs("/sys/node");
-    root.MakeDirs("/bin");
+    for (const char* dir : {"/sys/node", "/bin", "/proc", "/system/bin"}) root.MakeDirs(dir);
   }
   // The sink is made after the test has set the retry limit.
   SourceSink& Sink() {
@@ -59,26 +55,49 @@ class DataSources : public ::testing::Test {
     return "/sys/node/" + name;
   }
   std::string Written() { return ReadFile(record.path); }
+  std::string Kmsg() const { return root.Under("/proc/kmsg"); }
+  void Append(const std::string& text) const {
+    FILE* kmsg = fopen(Kmsg().c_str(), "a");
+    fwrite(text.data(), 1, text.size(), kmsg);
+    fclose(kmsg);
+  }
+  bool Arrived(const std::string& line) {
+    return grouptest::WaitFor([&] { return Written().find(line) != std::string::npos; });
+  }
+  // A stream read on a thread the collector's teardown way stops.
+  grouptest::GroupThread* Run(const char* path) {
+    return new grouptest::GroupThread([this, path] { Sink().NodeCatStream(path); });
+  }
+  // The written lines without their stamps; every line must have one.
+  std::vector<std::string> Lines() {
+    std::vector<std::string> lines;
+    std::regex stamp(std::string("^") + kStamp);
+    for (const std::string& line : morvotest::Lines(Written())) {
+      EXPECT_TRUE(std::regex_search(line, stamp)) << line.substr(0, 40);
+      lines.push_back(line.size() > kStampLength ? line.substr(kStampLength) : "");
+    }
+    return lines;
+  }
+  static constexpr size_t kStampLength = 19;
+  void Dumpsys(const std::string& body, const std::string& dir = "/system/bin") {
+    std::string script = root.Under(dir + "/dumpsys");
+    WriteFile(script, "#!/bin/sh\n" + body + "\n");
+    chmod(script.c_str(), 0755);
+  }
 
   morvotest::TempRoot root;
   grouptest::GroupRecord record;
   std::unique_ptr<SourceSink> sink;
 };
 
-// A node read whole: one line end is taken off and the text padded to its
-// width; a long node is written as pieces, each stripped by itself; an
-// unreadable or empty node reads "Read Fail" only with a width (no retries
-// are set); a relative node is opened from the working directory.
+// One line end is taken off and the text padded to its width; a long node is
+// written in pieces; a missing or empty node reads "Read Fail" with a width.
 TEST_F(DataSources, NodesAreWrittenToTheirWidth) {
   const std::string longest(8190, 'a');
-  const struct {
-    const char* name;  // null: no node
-    std::string text;  // of the node under /sys/node; "-": none there
-    size_t width;
-    bool ends;
-    int result;
-    std::string written;
-  } kCases[] = {
+  // name null: no node; text "-": none there; "Time" is opened relative.
+  // clang-format off
+  const struct { const char* name; std::string text; size_t width; bool ends; int result;
+                 std::string written; } kCases[] = {
       {"a", "42\n", 6, false, 0, "42    "},
       {"b", "\n", 0, false, 0, "\n"},
       {"c", "abcde", 3, false, 0, "abcde"},
@@ -90,6 +109,7 @@ TEST_F(DataSources, NodesAreWrittenToTheirWidth) {
       {"empty", "", 10, true, 0, "Read Fail "},
       {"Time", "Stamp\n", 0, true, 0, "Stamp"},
   };
+  // clang-format on
   char saved[4096];
   ASSERT_NE(nullptr, getcwd(saved, sizeof(saved)));
   ASSERT_EQ(0, chdir(root.Under("/sys/node").c_str()));
@@ -98,7 +118,6 @@ TEST_F(DataSources, NodesAreWrittenToTheirWidth) {
     SCOPED_TRACE(c.name != nullptr ? c.name : "null");
     std::string path = c.name == nullptr ? "" : "/sys/node/" + std::string(c.name);
     if (c.text != "-") Node(c.name, c.text);
-    // The last is given by a path relative to the working directory.
     if (std::string(c.name != nullptr ? c.name : "") == "Time") path = "Time";
     EXPECT_EQ(c.result,
               Sink().NodeCatOnce(c.name == nullptr ? nullptr : path.c_str(), c.width, c.ends));
@@ -154,68 +173,15 @@ TEST_F(DataSources, StreamTextIsSplitIntoStampedLinesAcrossReads) {
   EXPECT_EQ("start or buf is null ptr\n", err.Text());
 }
 
-// A stream read on its own thread, stopped as the collector's teardown
-// stops it, with its partial last line handed over.
-class StreamRun : public grouptest::GroupThread {
- public:
-  StreamRun(SourceSink* sink, const char* path)
-      : GroupThread([=] { sink->NodeCatStream(path); }), sink_(sink) {}
-  void Stop() {
-    GroupThread::Stop();
-    sink_->FlushStreamCarry();
-  }
-
- private:
-  SourceSink* sink_;
-};
-
-class StreamSource : public DataSources {
- protected:
-  StreamSource() { root.MakeDirs("/proc"); }
-  std::string Kmsg() const { return root.Under("/proc/kmsg"); }
-  void Append(const std::string& text) const {
-    FILE* kmsg = fopen(Kmsg().c_str(), "a");
-    fwrite(text.data(), 1, text.size(), kmsg);
-    fclose(kmsg);
-  }
-  bool Arrived(const std::string& line) {
-    return grouptest::WaitFor([&] { return Written().find(line) != std::string::npos; });
-  }
-  // The written lines without their stamps; every line must have one.
-  std::vector<std::string> Lines() {
-    std::vector<std::string> lines;
-    std::regex stamp(std::string("^") + kStamp);
-    for (const std::string& line : morvotest::Lines(Written())) {
-      EXPECT_TRUE(std::regex_search(line, stamp)) << line.substr(0, 40);
-      lines.push_back(line.size() > kStampLength ? line.substr(kStampLength) : "");
-    }
-    return lines;
-  }
-  static constexpr size_t kStampLength = 19;
-};
-
-TEST_F(StreamSource, AStreamAtEndOfFileGoesOnWithWhatIsAppended) {
-  WriteFile(Kmsg(), "first\npart");
-  StreamRun run(&Sink(), "/proc/kmsg");
-  ASSERT_TRUE(Arrived("first\n"));
-  Append("ial\n\nlast\n");
-  ASSERT_TRUE(Arrived("last\n"));
-  run.Stop();
-  std::regex lines(std::string("^") + kStamp + "first\n" + kStamp + "partial\n" + kStamp +
-                   "last\n$");
-  EXPECT_TRUE(std::regex_match(Written(), lines)) << Written();
-}
-
-TEST_F(StreamSource, LinesTooLongForOneStampedLineAreSplitAndTheNextLinesFollow) {
-  const struct {
-    size_t length;
-    std::vector<size_t> pieces;
-  } kCases[] = {
-      {8171, {8171}},     {8172, {8171, 1}},     {8191, {8171, 20}},
-      {8192, {8171, 21}}, {16342, {8171, 8171}}, {30000, {8171, 8171, 8171, 5487}},
+TEST_F(DataSources, LinesTooLongForOneStampedLineAreSplitAndTheNextLinesFollow) {
+  // clang-format off
+  const struct { size_t length; std::vector<size_t> pieces; } kCases[] = {
+      {8171, {8171}}, {8172, {8171, 1}}, {8191, {8171, 20}}, {8192, {8171, 21}},
+      {16342, {8171, 8171}}, {30000, {8171, 8171, 8171, 5487}},
   };
+  // clang-format on
   WriteFile(Kmsg(), "");
-  StreamRun run(&Sink(), "/proc/kmsg");
+  std::unique_ptr<grouptest::GroupThread> run(Run("/proc/kmsg"));
   std::vector<std::string> expected;
   for (const auto& c : kCases) {
     std::string line;
@@ -230,7 +196,7 @@ TEST_F(StreamSource, LinesTooLongForOneStampedLineAreSplitAndTheNextLinesFollow)
   EXPECT_EQ(expected, Lines());
 }
 
-TEST_F(StreamSource, NulAndBinaryBytesStayInTheirLines) {
+TEST_F(DataSources, NulAndBinaryBytesStayInTheirLines) {
   std::mt19937 random(7);
   std::string text;
   std::vector<std::string> expected;
@@ -245,36 +211,34 @@ TEST_F(StreamSource, NulAndBinaryBytesStayInTheirLines) {
     text += line + "\n";
   }
   WriteFile(Kmsg(), text);
-  StreamRun run(&Sink(), "/proc/kmsg");
+  std::unique_ptr<grouptest::GroupThread> run(Run("/proc/kmsg"));
   ASSERT_TRUE(Arrived(expected.back() + "\n"));
   EXPECT_EQ(expected, Lines());
 }
 
 // Faults that pass: the stream comes back by itself once the cause is gone.
-TEST_F(StreamSource, AStreamResumesAfterAFaultThatPasses) {
-  const struct {
-    const char* name;
-    bool first;  // the stream holds a line before the fault
-    void (*before)(const std::string& kmsg);
-    void (*fault)(const std::string& kmsg);
-  } kCases[] = {
-      {"missing at start", false, [](const std::string&) {}, [](const std::string&) {}},
-      {"removed and recreated", true, [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
-       [](const std::string& kmsg) { unlink(kmsg.c_str()); }},
-      {"replaced by rename", true, [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); },
-       [](const std::string& kmsg) {
+TEST_F(DataSources, AStreamResumesAfterAFaultThatPasses) {
+  // first: the stream holds a line before the fault.
+  using Step = void (*)(const std::string& kmsg);
+  const Step none = [](const std::string&) {};
+  const Step one = [](const std::string& kmsg) { WriteFile(kmsg, "one\n"); };
+  // clang-format off
+  const struct { const char* name; bool first; Step before; Step fault; } kCases[] = {
+      {"missing at start", false, none, none},
+      {"removed and recreated", true, one, [](const std::string& kmsg) { unlink(kmsg.c_str()); }},
+      {"replaced by rename", true, one, [](const std::string& kmsg) {
          WriteFile(kmsg + ".new", "");
-         rename((kmsg + ".new").c_str(), kmsg.c_str());
-       }},
+         rename((kmsg + ".new").c_str(), kmsg.c_str()); }},
       {"read error on a folder", false, [](const std::string& kmsg) { mkdir(kmsg.c_str(), 0755); },
        [](const std::string& kmsg) { rmdir(kmsg.c_str()); }},
   };
+  // clang-format on
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     c.before(Kmsg());
     StderrCapture err;
     {
-      StreamRun run(&Sink(), "/proc/kmsg");
+      std::unique_ptr<grouptest::GroupThread> run(Run("/proc/kmsg"));
       if (c.first) {
         ASSERT_TRUE(Arrived("one\n"));
       }
@@ -290,25 +254,7 @@ TEST_F(StreamSource, AStreamResumesAfterAFaultThatPasses) {
   }
 }
 
-TEST_F(StreamSource, LinesTheSinkRefusesDoNotEndTheStream) {
-  root.MakeDirs("/data/log/src");
-  morvotest::SmallFs fs(root.Under("/data/log/src"), 64);
-  if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
-  WriteFile(Kmsg(), "one\n");
-  Sink();
-  StderrCapture err;
-  StreamRun run(&Sink(), "/proc/kmsg");
-  ASSERT_TRUE(Arrived("one\n"));
-  fs.Fill();
-  Append(std::string(5000, 'x') + "\n");
-  ASSERT_TRUE(
-      grouptest::WaitFor([&] { return err.Peek().find("write fail") != std::string::npos; }));
-  fs.Free();
-  Append("two\n");
-  ASSERT_TRUE(Arrived("two\n"));
-}
-
-TEST_F(StreamSource, OnlyANullStreamPathEndsTheStream) {
+TEST_F(DataSources, OnlyANullStreamPathEndsTheStream) {
   StderrCapture err;
   EXPECT_EQ(1, Sink().NodeCatStream(nullptr));
   EXPECT_EQ("", err.Text());
@@ -317,14 +263,14 @@ TEST_F(StreamSource, OnlyANullStreamPathEndsTheStream) {
   EXPECT_STREQ("", value);
 }
 
-TEST_F(StreamSource, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
+TEST_F(DataSources, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
   record.group.failureRetry = 2;
   root.MakeDirs("/dev/cshell_log");
   Sink();
   StderrCapture err;
   char value[PROPERTY_VALUE_MAX] = "";
   {
-    StreamRun run(&Sink(), "/dev/cshell_log");
+    std::unique_ptr<grouptest::GroupThread> run(Run("/dev/cshell_log"));
     ASSERT_TRUE(grouptest::WaitFor([&] {
       property_get("ctl.stop", value, "");
       return strcmp(value, "kmsgcat_cp") == 0;
@@ -337,19 +283,9 @@ TEST_F(StreamSource, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
   EXPECT_EQ(0u, Sink().failureCount);
 }
 
-class DumpsysSource : public DataSources {
- protected:
-  DumpsysSource() { root.MakeDirs("/system/bin"); }
-  void Dumpsys(const std::string& body, const std::string& dir = "/system/bin") {
-    std::string script = root.Under(dir + "/dumpsys");
-    WriteFile(script, "#!/bin/sh\n" + body + "\n");
-    chmod(script.c_str(), 0755);
-  }
-};
-
 // The output follows a header unchanged; a command that fails silently
 // leaves its header.
-TEST_F(DumpsysSource, TheOutputFollowsAHeader) {
+TEST_F(DataSources, TheOutputFollowsAHeader) {
   const char* const kDate = "\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n";
   const struct {
     const char* script;
@@ -368,7 +304,7 @@ TEST_F(DumpsysSource, TheOutputFollowsAHeader) {
   }
 }
 
-TEST_F(DumpsysSource, ACommandTooLongForTheHeaderIsNotRun) {
+TEST_F(DataSources, ACommandTooLongForTheHeaderIsNotRun) {
   Dumpsys("touch " + root.Under("/ran"));
   Sink();
   StderrCapture err;
@@ -381,7 +317,7 @@ TEST_F(DumpsysSource, ACommandTooLongForTheHeaderIsNotRun) {
 
 // The collector is root: dumpsys comes from fixed system folders only, and
 // the command's words reach it as arguments, never through a shell.
-TEST_F(DumpsysSource, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
+TEST_F(DataSources, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
   root.MakeDirs("/bin");
   root.MakeDirs("/path");
   const char* path = getenv("PATH");
@@ -404,18 +340,6 @@ TEST_F(DumpsysSource, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
   EXPECT_NE(std::string::npos,
             Written().find("\r\n[battery;touch][" + root.Under("/injected") + "][$(id)]"))
       << Written();
-}
-
-TEST_F(DumpsysSource, ACommandThatNeverEndsGoesWithItsChildrenWhenTheThreadIsStopped) {
-  std::string marker = root.Under("/marker");
-  WriteFile(marker, "");
-  Dumpsys("echo started\ntail -f " + marker + " &\nwait");
-  grouptest::GroupThread command([&] { Sink().SystemCmdCat("battery"); });
-  ASSERT_TRUE(command.started());
-  ASSERT_TRUE(grouptest::WaitFor([&] { return Written().find("started\n") != std::string::npos; }));
-  ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.path()) == 2; }));
-  command.Stop();
-  EXPECT_TRUE(grouptest::WaitFor([&] { return grouptest::ProcessesWith(root.path()) == 0; }));
 }
 
 }  // namespace

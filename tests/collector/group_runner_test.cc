@@ -1,11 +1,9 @@
-// The group runner in each style: polled rows under their title row, the
-// trigger's index check, polled FIFOs that never block, dumpsys passes, the
-// kmsg-like stream and its partial last line, the input monitor writing
-// through the sink, and the charger presence sequence.
+// The group runner's rows and ends that the collector's own runs do not
+// reach, and a group under a temporary root that never reaches the device's.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,12 +16,14 @@
 #include "collector/charger_event.h"
 #include "collector/group_support.h"
 #include "collector/tavocat.h"
+#include "platform/root_path.h"
 #include "support/temp_root.h"
 
 namespace {
 
 using grouptest::GroupRecord;
 using grouptest::StderrCapture;
+using morvotest::Exists;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
 using namespace TavoCommon;
@@ -37,34 +37,9 @@ class GroupRunner : public ::testing::Test {
     root.MakeDirs("/data/log/g");
   }
   std::string Output() { return ReadFile(root.Under("/data/log/g/out")); }
-  // Stops a group whose thread runs for ever, as the collector's teardown does.
-  static void Stop(Tavocat& group) {
-    group.Cancel();
-    group.Wait();
-    EXPECT_TRUE(group.RunEnded());
-  }
   morvotest::TempRoot root;
   std::string outputPath = "/data/log/g/out";
 };
-
-TEST_F(GroupRunner, APollWithoutIntervalWritesTheTitleRowAndOneRow) {
-  WriteFile(root.Under("/sys/n/one"), "1");
-  WriteFile(root.Under("/sys/n/one_head"), "One\n");
-  WriteFile(root.Under("/sys/n/two"), "2\n");
-  std::string time = "DateTime", timeTitle = "Time", one = "/sys/n/one",
-              oneHead = "/sys/n/one_head", two = "/sys/n/two", twoTitle = "Two";
-  TavocatInputNodeSetT empty{};
-  TavocatInputNodeSetT second{0, Text(two), nullptr, Text(twoTitle), nullptr, &empty};
-  TavocatInputNodeSetT first{4, Text(one), Text(oneHead), nullptr, nullptr, &second};
-  TavocatInputNodeSetT stamp{23, Text(time), nullptr, Text(timeTitle), nullptr, &first};
-  GroupRecord record(outputPath, POLL_NODE);
-  record.group.inputSet = &stamp;
-  Tavocat group(&record.group, FACTORY_WRITE);
-  ASSERT_TRUE(group.Start());
-  group.Wait();
-  std::regex rows("^\nTime {19}One Two\n\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d >  1   2\n$");
-  EXPECT_TRUE(std::regex_match(Output(), rows)) << Output();
-}
 
 TEST_F(GroupRunner, NodesWithoutTitlesOrSourcesStillEndTheRow) {
   WriteFile(root.Under("/sys/n/alt"), "9\n");
@@ -111,22 +86,6 @@ TEST_F(GroupRunner, OtherStylesAndMissingSourcesEndAtOnce) {
   EXPECT_EQ("", Output());
 }
 
-TEST_F(GroupRunner, AStreamGroupStampsEachLineUntilStoppedThenHandsOverItsPartialLine) {
-  root.MakeDirs("/proc");
-  WriteFile(root.Under("/proc/kmsg"), "<6>boot\n<4>warn\n<3>no end");
-  std::string kmsg = "/proc/kmsg";
-  TavocatInputNodeSetT node{0, Text(kmsg), nullptr, nullptr, nullptr, nullptr};
-  GroupRecord record(outputPath, MONITOR_NODE);
-  record.group.inputSet = &node;
-  Tavocat group(&record.group, FACTORY_WRITE);
-  ASSERT_TRUE(group.Start());
-  ASSERT_TRUE(grouptest::WaitFor([&] { return Output().find("<4>warn\n") != std::string::npos; }));
-  Stop(group);
-  group.FlushAll();
-  std::regex lines("^[-0-9 :.]{19}<6>boot\n[-0-9 :.]{19}<4>warn\n[-0-9 :.]{19}<3>no end\n$");
-  EXPECT_TRUE(std::regex_match(Output(), lines)) << Output();
-}
-
 // Nodes read at each poll are opened without waiting: a FIFO with no writer
 // (as data or as title) reads as empty instead of holding the group.
 TEST_F(GroupRunner, APolledFifoWithoutAWriterReadsAsEmpty) {
@@ -152,58 +111,6 @@ TEST_F(GroupRunner, APolledFifoWithoutAWriterReadsAsEmpty) {
   poller.join();
   EXPECT_TRUE(finished);
   EXPECT_EQ("\nRead Fail \nRead Fail \n", Output());
-}
-
-TEST_F(GroupRunner, ACommandGroupRunsEachCommandEveryPass) {
-  root.MakeDirs("/system/bin");
-  std::string script = root.Under("/system/bin/dumpsys");
-  WriteFile(script, "#!/bin/sh\necho \"state of $1\"\n");
-  chmod(script.c_str(), 0755);
-  std::string battery = "battery", power = "power";
-  TavocatInputCmdSetT second{Text(power), nullptr};
-  TavocatInputCmdSetT first{Text(battery), &second};
-  GroupRecord record(outputPath, POLL_CMD);
-  record.group.inputSet = &first;
-  record.group.pollingInterval = 1;
-  Tavocat group(&record.group, FACTORY_WRITE);
-  ASSERT_TRUE(group.Start());
-  ASSERT_TRUE(
-      grouptest::WaitFor([&] { return grouptest::Count(Output(), "state of power") == 2; }));
-  Stop(group);
-  std::regex passes(
-      "^(current time: <battery>[-0-9: ]+\r\nstate of battery\n"
-      "current time: <power>[-0-9: ]+\r\nstate of power\n){2,3}$");
-  EXPECT_TRUE(std::regex_match(Output(), passes)) << Output();
-}
-
-TEST_F(GroupRunner, AnInputGroupWritesEventsThroughItsSink) {
-  signal(SIGPIPE, SIG_IGN);
-  root.MakeDirs("/dev/input");
-  std::string fifo = root.Under("/dev/input/event0");
-  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  std::string dir = "/dev/input", any;
-  any.push_back('\0');
-  TavocatStrListT pick{Text(any), nullptr};
-  TavocatInputDirSetT dirSet{Text(dir), &pick};
-  GroupRecord record(outputPath, MONITOR_DIR);
-  record.group.inputSet = &dirSet;
-  Tavocat group(&record.group, FACTORY_WRITE);
-  ASSERT_TRUE(group.Start());
-  int fd = -1;
-  ASSERT_TRUE(grouptest::WaitFor([&] {
-    fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    return fd >= 0;
-  }));
-  ASSERT_TRUE(grouptest::Send(fd, {5, 6, 1, 114, 0}));
-  ASSERT_TRUE(grouptest::Send(fd, {5, 7, 1, 116, 1}));
-  ASSERT_TRUE(grouptest::WaitFor([&] { return Output().find("KEY_POWER") != std::string::npos; }));
-  Stop(group);
-  close(fd);
-  std::regex text("^add device 1: " + fifo +
-                  "\n  name:     \"\"\n"
-                  "[-0-9 :]{15}\\[5\\.000006\\]  KEY_VOLUMEDOWN UP      \n "
-                  "[-0-9 :]{15}\\[5\\.000007\\]  KEY_POWER DOWN    $");
-  EXPECT_TRUE(std::regex_match(Output(), text)) << Output();
 }
 
 TEST(PollingDateTime, FormatsTheLocalTimeOrNothing) {
@@ -239,6 +146,49 @@ TEST(ChargerEvent, AMissingEventNodeReportsNoChange) {
   root.MakeDirs("/sys/class/qd_power/charger/charge_data");
   WriteFile(root.Under("/sys/class/qd_power/charger/charge_data/chargerType"), "1");
   EXPECT_FALSE(ChargerEventChanged());
+}
+
+// Neither the output nor the nodes of a group under a temporary root are
+// taken as written, even when the root leaves no room for them.
+TEST(DevicePathTest, AGroupUnderATemporaryRootNeverTouchesTheDevicePath) {
+  // The device's own tree: the group's configured paths name it.
+  morvotest::TempRoot device;
+  device.MakeDirs("/sys");
+  WriteFile(device.Under("/sys/n"), "device\n");
+  const std::string output = device.Under("/out/log");
+  const std::string node = device.Under("/sys/n");
+  const std::string tooLong = "/tmp/" + std::string(PATH_MAX - 5 - output.size() / 2, 'r');
+  for (int row = 0; row < 4; ++row) {
+    const bool fits = row < 2;
+    const TypeWrite mode = row % 2 == 0 ? FACTORY_WRITE : MMAP_WRITE;
+    SCOPED_TRACE(std::string(fits ? "root" : "too long a root") + " mode " + std::to_string(mode));
+    morvotest::TempRoot root;
+    if (fits) {
+      root.MakeDirs(device.Under("/sys"));
+      WriteFile(root.Under(node), "rooted\n");
+    } else {
+      setenv(platform::kRootEnv, tooLong.c_str(), 1);
+    }
+    std::string nodePath = node;
+    TavocatInputNodeSetT polled{0, &nodePath[0], nullptr, nullptr, nullptr, nullptr};
+    GroupRecord record(output, POLL_NODE);
+    record.group.inputSet = &polled;
+    // A group without a usable output path writes to standard output.
+    testing::internal::CaptureStdout();
+    {
+      Tavocat group(&record.group, mode);
+      EXPECT_TRUE(group.Start());
+      group.Wait();
+      group.FlushAll();
+    }
+    const std::string shown = testing::internal::GetCapturedStdout();
+    EXPECT_FALSE(Exists(device.Under("/out"))) << "the group wrote into the device's folder";
+    EXPECT_EQ("device\n", ReadFile(node));
+    EXPECT_EQ(std::string::npos, shown.find("device")) << "the device's node was read";
+    if (fits) {
+      EXPECT_TRUE(Exists(root.Under(device.Under("/out")))) << root.Under(output);
+    }
+  }
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
 #ifndef MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
 #define MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
 
-// Helpers for the tests of the collector's sources, runner and entry: group
-// records built in the test, standard error captured, a deadline-bounded
-// wait for a condition, the processes left running.
+// Group records built in the test, standard error captured, a bounded wait,
+// the processes left running, input_event records.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -24,8 +23,7 @@
 
 namespace grouptest {
 
-// A group and its instance, owned here; the group's style and sources are
-// set by the test.
+// A group and its instance; the test sets the style and sources.
 struct GroupRecord {
   explicit GroupRecord(const std::string& output, size_t rotateKbytes = 4096, size_t maxFiles = 10)
       : path(output) {
@@ -68,11 +66,6 @@ class StderrCapture {
     Restore();
     return morvotest::ReadFile(path_);
   }
-  // What was written so far; the capture goes on.
-  std::string Peek() const {
-    fflush(stderr);
-    return morvotest::ReadFile(path_);
-  }
 
  private:
   void Restore() {
@@ -87,8 +80,8 @@ class StderrCapture {
   std::string path_;
 };
 
-// body run as a group's thread runs it: it can be stopped only where it
-// waits, as the collector's teardown stops it.
+// body run as a group's thread, stopped only where it waits, as the
+// collector's teardown stops it.
 class GroupThread {
  public:
   explicit GroupThread(std::function<void()> body) : body_(std::move(body)) {
@@ -139,7 +132,6 @@ inline int ProcessesWith(const std::string& marker) {
   return count;
 }
 
-// An input_event record as the kernel writes it on a 64-bit system.
 struct Event {
   int64_t sec;
   int64_t usec;

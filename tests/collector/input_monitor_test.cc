@@ -1,23 +1,16 @@
-// The input monitor and its generated label tables (entry counts, the
-// four double names, lookups): picking by name, event lines, rate lines, the gather
-// buffer and its flushes, and the whole loop fed real input_event records
-// through FIFOs that appear and disappear in a device directory; faults it
-// lives through: short reads, a device at its end, a folder made late or
-// remade.
+// The input monitor and its label tables: picking, event and rate lines, the
+// gather buffer, and the loop fed input_event records through FIFOs.
 
 #include "collector/input_monitor.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/uinput.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <regex>
@@ -32,7 +25,6 @@ namespace {
 using morvotest::WriteFile;
 using TavoCommon::TavocatStrListT;
 
-// What the monitor hands to its sink, piece by piece.
 struct Collected {
   std::mutex mu;
   std::string text;
@@ -122,20 +114,14 @@ TEST_F(InputMonitorText, APieceThatWouldFillTheBufferFlushesFirst) {
   EXPECT_EQ('c', all.back());
 }
 
-TEST_F(InputMonitorText, APieceLongerThanTheEventBufferIsDropped) {
+TEST_F(InputMonitorText, APieceLongerThanTheEventBufferOrAnUnknownDeviceIsReported) {
   grouptest::StderrCapture err;
   monitor.MonitorWriteToBuf("%s", std::string(600, 'x').c_str());
-  EXPECT_EQ("couldn't write to event buf\n", err.Text());
   EXPECT_EQ(0, monitor.GatheredLength());
-}
-
-TEST_F(InputMonitorText, RemovingAnUnknownDeviceIsReported) {
-  grouptest::StderrCapture err;
   EXPECT_EQ(1, monitor.MonitorCloseDevice("/nowhere/event9"));
-  EXPECT_EQ("remote device: /nowhere/event9 not found", err.Text());
+  EXPECT_EQ("couldn't write to event buf\nremote device: /nowhere/event9 not found", err.Text());
 }
 
-// Bytes written to a FIFO and not yet read.
 int Unread(int fd) {
   int n = -1;
   ioctl(fd, FIONREAD, &n);
@@ -155,9 +141,8 @@ class InputMonitorLoop : public ::testing::Test {
     ASSERT_TRUE(thread->started());
   }
   void Stop() { thread.reset(); }
-  // A new FIFO device, held by the monitor, takes a power-key press: true
-  // once the monitor has handed it over, so the monitor is alive and
-  // watching the folder.
+  // True once a power-key press on a new FIFO device is handed over: the
+  // monitor is alive and watching the folder.
   bool NewDeviceIsRecorded(const std::string& name) {
     std::string path = dir + "/" + name;
     if (mkfifo(path.c_str(), 0600) != 0) return false;
@@ -221,30 +206,22 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
   close(fd1);
 }
 
-// A device read that comes short is reported and skipped; a device at its
-// end is let go. Either way the monitor goes on with the other devices.
-struct DeviceFault {
-  const char* name;
-  bool isFifo;  // else a regular file holding the same bytes
-  bool letGo;
-};
-
-void PrintTo(const DeviceFault& c, std::ostream* os) { *os << c.name; }
-
+// A short read (param: a FIFO) is reported and skipped; a device at its end
+// (a regular file) is let go. Either way the monitor goes on.
 class InputMonitorDeviceFault : public InputMonitorLoop,
-                                public ::testing::WithParamInterface<DeviceFault> {};
+                                public ::testing::WithParamInterface<bool> {};
 
 TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
-  const DeviceFault& c = GetParam();
+  const bool isFifo = GetParam(), letGo = !isFifo;
   std::string path = dir + "/event0";
-  if (c.isFifo) {
+  if (isFifo) {
     ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
   } else {
     WriteFile(path, "short read");
   }
   grouptest::StderrCapture err;
   Start();
-  if (c.isFifo) {
+  if (isFifo) {
     int fd = OpenWhenHeld(path);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(10, write(fd, "short read", 10));
@@ -253,20 +230,17 @@ TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
   }
   EXPECT_TRUE(NewDeviceIsRecorded("event1"));
   Stop();
-  // The count is of every descriptor ready in that poll: under load the
-  // folder watch can be ready together with the device.
+  // The count is of every ready descriptor: the folder watch may be one too.
   EXPECT_EQ(0u, err.Text().find("could not get event,poll result:")) << err.Text();
-  EXPECT_EQ(c.letGo ? 2 : 3, monitor.DeviceCount());
+  EXPECT_EQ(letGo ? 2 : 3, monitor.DeviceCount());
   monitor.MonitorFlush();
-  EXPECT_EQ(c.letGo, collected.Text().find("remove device 1: " + path + "\n") != std::string::npos)
+  EXPECT_EQ(letGo, collected.Text().find("remove device 1: " + path + "\n") != std::string::npos)
       << collected.Text();
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, InputMonitorDeviceFault,
-                         ::testing::Values(DeviceFault{"AShortRead", true, false},
-                                           DeviceFault{"AFileAtItsEnd", false, true}),
-                         [](const ::testing::TestParamInfo<DeviceFault>& info) {
-                           return std::string(info.param.name);
+INSTANTIATE_TEST_SUITE_P(Faults, InputMonitorDeviceFault, ::testing::Values(true, false),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                           return std::string(info.param ? "AShortRead" : "AFileAtItsEnd");
                          });
 
 TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
@@ -282,8 +256,7 @@ TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
   EXPECT_EQ(1, monitor.MonitorScanDir((dir + "/missing").c_str(), &pick));
 }
 
-// At boot the device folder may come after the collector; a tool may remove
-// and remake it. The monitor watches it once it is there again.
+// A device folder made after the start, or removed and remade, is watched.
 class InputMonitorLateFolder : public InputMonitorLoop,
                                public ::testing::WithParamInterface<bool> {};
 
@@ -299,7 +272,6 @@ TEST_P(InputMonitorLateFolder, IsWatchedOnceItIsThere) {
     ASSERT_EQ(0, unlink((dir + "/event0").c_str()));
     ASSERT_EQ(0, rmdir(dir.c_str()));
   }
-  // Some tries find the folder missing before it is back.
   struct timespec pause = {0, 300 * 1000000L};
   nanosleep(&pause, nullptr);
   root.MakeDirs("/dev/input");
@@ -319,64 +291,6 @@ INSTANTIATE_TEST_SUITE_P(Folder, InputMonitorLateFolder, ::testing::Values(false
                                                          : "MissingAtTheStart");
                          });
 
-// The event node the kernel made for a uinput device, found through sysfs.
-std::string EventNodeOf(int uinput) {
-  char sysname[64] = {0};
-  if (ioctl(uinput, UI_GET_SYSNAME(sizeof(sysname)), sysname) < 0) return "";
-  std::string dir = std::string("/sys/devices/virtual/input/") + sysname;
-  std::string node;
-  grouptest::WaitFor([&] {
-    DIR* entries = opendir(dir.c_str());
-    while (entries != nullptr && node.empty()) {
-      struct dirent* entry = readdir(entries);
-      if (entry == nullptr) break;
-      if (strncmp(entry->d_name, "event", 5) == 0)
-        node = std::string("/dev/input/") + entry->d_name;
-    }
-    if (entries != nullptr) closedir(entries);
-    return !node.empty() && access(node.c_str(), F_OK) == 0;
-  });
-  return node;
-}
-
-TEST_F(InputMonitorLoop, ARealVirtualDeviceIsPickedByItsName) {
-  int uinput = open("/dev/uinput", O_WRONLY | O_NONBLOCK);
-  if (uinput < 0) GTEST_SKIP() << "no /dev/uinput on this host";
-  ioctl(uinput, UI_SET_EVBIT, EV_KEY);
-  ioctl(uinput, UI_SET_KEYBIT, KEY_POWER);
-  struct uinput_setup setup = {};
-  setup.id.bustype = BUS_VIRTUAL;
-  strcpy(setup.name, "gpio-keys");
-  ASSERT_EQ(0, ioctl(uinput, UI_DEV_SETUP, &setup));
-  ASSERT_EQ(0, ioctl(uinput, UI_DEV_CREATE));
-  std::string node = EventNodeOf(uinput);
-  ASSERT_FALSE(node.empty());
-  ASSERT_EQ(0, symlink(node.c_str(), (dir + "/event0").c_str()));
-  char name[] = "GPIO-KEYS";
-  pick.str = name;
-  Start();
-  ASSERT_TRUE(grouptest::WaitFor([&] {
-    struct input_event press = {};
-    press.type = EV_KEY;
-    press.code = KEY_POWER;
-    press.value = 1;
-    if (write(uinput, &press, sizeof(press)) != sizeof(press)) return false;
-    struct input_event syn = {};
-    if (write(uinput, &syn, sizeof(syn)) != sizeof(syn)) return false;
-    return collected.Text().find(" KEY_POWER DOWN    ") != std::string::npos;
-  }));
-  grouptest::StderrCapture err;
-  ioctl(uinput, UI_DEV_DESTROY);
-  close(uinput);
-  // The device's end is a failed read: it is let go, the monitor goes on.
-  ASSERT_TRUE(grouptest::WaitFor([&] { return monitor.DeviceCount() == 1; }));
-  Stop();
-  monitor.MonitorFlush();
-  EXPECT_EQ(0u,
-            collected.Text().find("add device 1: " + dir + "/event0\n  name:     \"gpio-keys\"\n"));
-  EXPECT_NE(std::string::npos, collected.Text().find("remove device 1: " + dir + "/event0\n"));
-}
-
 size_t Entries(const label* table) {
   size_t n = 0;
   while (table[n].name != nullptr) ++n;
@@ -384,11 +298,11 @@ size_t Entries(const label* table) {
 }
 
 TEST(InputLabels, EveryTableHasItsEntryCountAndAscendingValues) {
-  const struct {
-    int type;
-    size_t entries;
-  } kTables[] = {{0, 4},   {1, 497}, {2, 10}, {3, 39},  {4, 5}, {5, 14},
-                 {17, 11}, {18, 3},  {20, 2}, {21, 16}, {23, 3}};
+  // clang-format off
+  const struct { int type; size_t entries; } kTables[] = {
+      {0, 4}, {1, 497}, {2, 10}, {3, 39}, {4, 5}, {5, 14}, {17, 11}, {18, 3}, {20, 2}, {21, 16},
+      {23, 3}};
+  // clang-format on
   for (const auto& t : kTables) {
     const label* table = GetCodeLabel(t.type);
     ASSERT_NE(nullptr, table) << "type " << t.type;
@@ -399,25 +313,18 @@ TEST(InputLabels, EveryTableHasItsEntryCountAndAscendingValues) {
   }
   EXPECT_EQ(3u, Entries(GetValueLabel(1, 30)));
   EXPECT_EQ(3u, Entries(GetValueLabel(3, 55)));
-}
-
-TEST(InputLabels, TypesWithoutNamesHaveNoTable) {
   for (int type : {-1, 6, 16, 19, 22, 24, 31}) EXPECT_EQ(nullptr, GetCodeLabel(type)) << type;
   EXPECT_EQ(nullptr, GetValueLabel(3, 53));
   EXPECT_EQ(nullptr, GetValueLabel(2, 55));
-  EXPECT_EQ(nullptr, MonitorGetLabel(nullptr, 0));
 }
 
-TEST(InputLabels, DoubleNamesAreBothListedAndTheFirstWins) {
-  const struct {
-    const char* first;
-    const char* second;
-    int type;
-    int value;
-  } kPairs[] = {{"KEY_HANGEUL", "KEY_HANGUEL", 1, 122},
-                {"KEY_COFFEE", "KEY_SCREENLOCK", 1, 152},
-                {"BTN_JOYSTICK", "BTN_TRIGGER", 1, 288},
-                {"SW_RFKILL_ALL", "SW_RADIO", 5, 3}};
+// Double names are both listed and the first wins.
+TEST(InputLabels, LookupsFindTheNamesTheMonitorPrints) {
+  // clang-format off
+  const struct { const char* first; const char* second; int type; int value; } kPairs[] = {
+      {"KEY_HANGEUL", "KEY_HANGUEL", 1, 122}, {"KEY_COFFEE", "KEY_SCREENLOCK", 1, 152},
+      {"BTN_JOYSTICK", "BTN_TRIGGER", 1, 288}, {"SW_RFKILL_ALL", "SW_RADIO", 5, 3}};
+  // clang-format on
   for (const auto& pair : kPairs) {
     const label* table = GetCodeLabel(pair.type);
     EXPECT_STREQ(pair.first, MonitorGetLabel(table, pair.value));
@@ -427,9 +334,6 @@ TEST(InputLabels, DoubleNamesAreBothListedAndTheFirstWins) {
     }
     EXPECT_EQ(1, seen) << pair.second;
   }
-}
-
-TEST(InputLabels, LookupsFindTheNamesTheMonitorPrints) {
   EXPECT_STREQ("KEY_POWER", MonitorGetLabel(GetCodeLabel(1), 116));
   EXPECT_STREQ("BTN_TRIGGER_HAPPY40", MonitorGetLabel(GetCodeLabel(1), 743));
   EXPECT_STREQ("ABS_MT_DISTANCE", MonitorGetLabel(GetCodeLabel(3), 59));
@@ -438,6 +342,7 @@ TEST(InputLabels, LookupsFindTheNamesTheMonitorPrints) {
   EXPECT_STREQ("MT_TOOL_MAX", MonitorGetLabel(GetValueLabel(3, 55), 15));
   EXPECT_EQ(nullptr, MonitorGetLabel(GetCodeLabel(1), 744));
   EXPECT_EQ(nullptr, MonitorGetLabel(GetValueLabel(1, 30), 3));
+  EXPECT_EQ(nullptr, MonitorGetLabel(nullptr, 0));
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
-// The thread base and the directory monitor: flushes on directory opens,
-// one per directory record, folders made late or remade, and a monitor that
-// ends with its group. The charger event wait, which must never spin.
+// The thread base, the directory monitor's flushes and its end with its
+// group, and the charger event wait, which must never spin.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -170,56 +169,43 @@ TEST_F(MonitorTest, MonitorsWithoutAWatchEndByThemselves) {
 
 // A folder missing when the monitor starts (made later at boot) or removed
 // and remade by a tool is watched once it is there.
-struct LateFolder {
-  const char* name;
-  const char* folder;  // under the temporary root
-  bool watchedFirst;   // removed after the monitor watched it
-};
-
-void PrintTo(const LateFolder& c, std::ostream* os) { *os << c.name; }
-
-class MonitorLateFolder : public MonitorTest, public ::testing::WithParamInterface<LateFolder> {};
-
-TEST_P(MonitorLateFolder, FlushesOnceTheFolderIsMadeAndOpened) {
-  const LateFolder& c = GetParam();
-  std::string folder = root_.Under(c.folder);
-  GroupConfig config(base_, 4096, 10);
-  TestSink sink(config, MMAP_WRITE);
-  ASSERT_EQ(sink.SetupOutput(), 0);
-  sink.dirMonitor->Stop();  // only the monitor under test flushes
-  ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
-  root_.MakeDirs("/data/log/late");
-  if (!c.watchedFirst) {
-    ASSERT_EQ(0, rmdir(folder.c_str()));
-  }
-  MonitorDir monitor((root_.Under("/data/log/late") + "/applog").c_str());
-  monitor.SetupLogBase(&sink);
-  CaptureStderr();
-  ASSERT_TRUE(monitor.Start());
-  if (c.watchedFirst) {
-    ASSERT_TRUE(OpensFlush(folder, sink.logFilePath, "first\n"));
-    ASSERT_EQ(0, rmdir(folder.c_str()));
-    ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
-  }
-  Pause(300);
-  mkdir(folder.c_str(), 0775);
-  std::string expected = c.watchedFirst ? "first\nsecond\n" : "first\n";
-  EXPECT_TRUE(OpensFlush(folder, sink.logFilePath, expected));
-  monitor.Stop();
-  size_t said = grouptest::Count(GetCapturedStderr(), "could not add watch for " + folder + "\n");
-  EXPECT_GE(1u, said);
-  if (!c.watchedFirst) {
-    EXPECT_EQ(1u, said);
+TEST_F(MonitorTest, ALateOrRemadeFolderIsWatchedOnceItIsThere) {
+  for (const char* path : {"/data/log/ksv_log", "/data/log/late"}) {
+    for (bool watchedFirst : {false, true}) {
+      SCOPED_TRACE(std::string(path) + (watchedFirst ? " remade" : " missing"));
+      std::string folder = root_.Under(path);
+      GroupConfig config(base_, 4096, 10);
+      TestSink sink(config, MMAP_WRITE);
+      ASSERT_EQ(sink.SetupOutput(), 0);
+      sink.dirMonitor->Stop();  // only the monitor under test flushes
+      ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
+      root_.MakeDirs("/data/log/late");
+      if (!watchedFirst) {
+        ASSERT_EQ(0, rmdir(folder.c_str()));
+      }
+      MonitorDir monitor((root_.Under("/data/log/late") + "/applog").c_str());
+      monitor.SetupLogBase(&sink);
+      CaptureStderr();
+      ASSERT_TRUE(monitor.Start());
+      if (watchedFirst) {
+        ASSERT_TRUE(OpensFlush(folder, sink.logFilePath, "first\n"));
+        ASSERT_EQ(0, rmdir(folder.c_str()));
+        ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
+      }
+      Pause(300);
+      mkdir(folder.c_str(), 0775);
+      EXPECT_TRUE(
+          OpensFlush(folder, sink.logFilePath, watchedFirst ? "first\nsecond\n" : "first\n"));
+      monitor.Stop();
+      size_t said =
+          grouptest::Count(GetCapturedStderr(), "could not add watch for " + folder + "\n");
+      EXPECT_GE(1u, said);
+      if (!watchedFirst) {
+        EXPECT_EQ(1u, said);
+      }
+    }
   }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Folders, MonitorLateFolder,
-    ::testing::Values(LateFolder{"KsvLogMissing", "/data/log/ksv_log", false},
-                      LateFolder{"GroupFolderMissing", "/data/log/late", false},
-                      LateFolder{"KsvLogRemade", "/data/log/ksv_log", true},
-                      LateFolder{"GroupFolderRemade", "/data/log/late", true}),
-    [](const ::testing::TestParamInfo<LateFolder>& info) { return std::string(info.param.name); });
 
 // A charge-event node that cannot be seeked (a FIFO planted there, opened
 // without a writer) is neither blocked on nor spun on: the wait tries again

@@ -1,9 +1,8 @@
 #ifndef MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_
 #define MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_
 
-// A group sink as the tests drive it: a configuration record to build it
-// from, its fields opened up, and ways to read back what it wrote (gzip
-// files through zcat, archives through tar).
+// A group sink with its fields opened up, and ways to read back what it
+// wrote (gzip files through zcat, archives through tar).
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -29,7 +28,6 @@ using GroupConfig = grouptest::GroupRecord;
 class TestSink : public Tavobase {
  public:
   TestSink(const GroupConfig& config, TavoCommon::TypeWrite mode) : Tavobase(&config.group, mode) {}
-  // A sink without a group.
   explicit TestSink(TavoCommon::TypeWrite mode) : Tavobase(nullptr, mode) {}
 
   using FileSet::fileVec;
@@ -44,13 +42,10 @@ class TestSink : public Tavobase {
   using Tavobase::rotateSizeKbytes;
   using Tavobase::tavoWriter;
 
-  // Written at the top of every new file when set, in two writes as a
-  // polling group's title row of columns is.
+  // Written at the top of every new file in two writes, as a title row is.
   std::string title;
   int opens = 0;
-  // The monitor flushes the writer when it sees the folder opened, at
-  // times of its own: without it, what was written waits in the writer's
-  // cache until the sink flushes.
+  // Without the monitor, what was written waits in the cache for the sink.
   void StopMonitor() {
     delete dirMonitor;
     dirMonitor = nullptr;
@@ -83,12 +78,10 @@ class TestSink : public Tavobase {
 using morvotest::ModeOf;
 using morvotest::Quoted;
 
-// The text of a file of gzip members.
 inline std::string Unzipped(const std::string& path) {
   return morvotest::CommandOutput("zcat " + Quoted(path) + " 2>/dev/null");
 }
 
-// One member of a tar.gz archive.
 inline std::string TarMember(const std::string& archive, const std::string& member) {
   return morvotest::CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) +
                                   " 2>/dev/null");
@@ -112,10 +105,8 @@ inline bool IsLink(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
-// A log folder under a fresh root; the group's path is base_. The group's
-// folder exists before the group is built, as on a device after its first
-// run: a monitor started for a missing folder ends at once.
-// Every test also puts a fake "chown" first on PATH: the sink must never run it.
+// The group's folder exists, as on a device after its first run. A fake
+// "chown" first on PATH must never run.
 class SinkTest : public morvotest::LogFolderTest {
  protected:
   SinkTest() : LogFolderTest("/data/log/group") {}
