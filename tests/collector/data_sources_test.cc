@@ -1,20 +1,29 @@
-// The sources a group copies: nodes read whole, alternative nodes, streams
-// split into stamped lines, and dumpsys output run without a shell.
+// The sources a group copies (nodes, streams, dumpsys run without a shell),
+// the runner's rows and ends the collector's own runs do not reach, and a
+// group under a temporary root that never reaches the device's paths.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "collector/charger_event.h"
 #include "collector/data_src_reader.h"
 #include "collector/group_support.h"
+#include "collector/tavocat.h"
 #include "platform/properties.h"
+#include "platform/root_path.h"
 #include "support/file_tree.h"
 #include "support/temp_root.h"
 
@@ -23,6 +32,7 @@ namespace {
 using grouptest::StderrCapture;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
+namespace tc = TavoCommon;
 
 // A factory-mode sink: what the sources write is read back as it is.
 class SourceSink : public DataSrcReader {
@@ -43,7 +53,9 @@ const char kStamp[] = "\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d ";
 class DataSources : public ::testing::Test {
  protected:
   DataSources() : record(root.Under("/data/log/src/src-log"), TavoCommon::POLL_NODE) {
-    for (const char* dir : {"/sys/node", "/bin", "/proc", "/system/bin"}) root.MakeDirs(dir);
+    for (const char* dir : {"/sys/node", "/sys/n", "/bin", "/proc", "/system/bin", "/data/log/g"}) {
+      root.MakeDirs(dir);
+    }
   }
   // The sink is made after the test has set the retry limit.
   SourceSink& Sink() {
@@ -55,6 +67,9 @@ class DataSources : public ::testing::Test {
     return "/sys/node/" + name;
   }
   std::string Written() { return ReadFile(record.path); }
+  // A runner's output.
+  std::string Output() { return ReadFile(root.Under(outputPath)); }
+  const std::string outputPath = "/data/log/g/out";
   std::string Kmsg() const { return root.Under("/proc/kmsg"); }
   void Append(const std::string& text) const {
     FILE* kmsg = fopen(Kmsg().c_str(), "a");
@@ -340,6 +355,206 @@ TEST_F(DataSources, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
   EXPECT_NE(std::string::npos,
             Written().find("\r\n[battery;touch][" + root.Under("/injected") + "][$(id)]"))
       << Written();
+}
+
+char* Text(std::string& s) { return &s[0]; }
+
+TEST_F(DataSources, NodesWithoutTitlesOrSourcesStillEndTheRow) {
+  WriteFile(root.Under("/sys/n/alt"), "9\n");
+  std::string current = "CurrentTime", missing = "/sys/n/none", alt = "/sys/n/alt";
+  tc::TavocatStrListT alternative{Text(alt), nullptr};
+  tc::TavocatStrListT alternatives{Text(missing), &alternative};
+  tc::TavocatInputNodeSetT last{3, nullptr, nullptr, nullptr, &alternatives, nullptr};
+  tc::TavocatInputNodeSetT nothing{5, nullptr, nullptr, nullptr, nullptr, &last};
+  tc::TavocatInputNodeSetT now{0, Text(current), nullptr, nullptr, nullptr, &nothing};
+  grouptest::GroupRecord record(outputPath, tc::POLL_NODE);
+  record.group.inputSet = &now;
+  Tavocat group(&record.group, tc::FACTORY_WRITE);
+  EXPECT_EQ("", Output());
+  EXPECT_EQ(0, group.PollNode());
+  std::regex row("^\ncurrent time: \\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n9  \n$");
+  EXPECT_TRUE(std::regex_match(Output(), row)) << Output();
+}
+
+TEST_F(DataSources, ATriggerWithAnUnknownIndexEndsAfterItsTitleRow) {
+  std::string title = "Type";
+  tc::TavocatInputNodeSetT node{6, nullptr, nullptr, Text(title), nullptr, nullptr};
+  grouptest::GroupRecord record(outputPath, tc::COND_TRIGGER);
+  record.group.inputSet = &node;
+  record.group.condIndex = 1;
+  Tavocat group(&record.group, tc::FACTORY_WRITE);
+  StderrCapture err;
+  ASSERT_TRUE(group.Start());
+  group.Wait();
+  EXPECT_EQ("invalid index!!\n", err.Text());
+  EXPECT_EQ("\nType  \n", Output());
+}
+
+TEST_F(DataSources, OtherStylesAndMissingSourcesEndAtOnce) {
+  grouptest::GroupRecord none(outputPath, tc::LOG_STYLE_NONE);
+  Tavocat idle(&none.group, tc::FACTORY_WRITE);
+  ASSERT_TRUE(idle.Start());
+  idle.Wait();
+  grouptest::GroupRecord stream(outputPath, tc::MONITOR_NODE);
+  Tavocat noStream(&stream.group, tc::FACTORY_WRITE);
+  EXPECT_EQ(1, noStream.MonitorNode());
+  grouptest::GroupRecord input(outputPath, tc::MONITOR_DIR);
+  Tavocat noDir(&input.group, tc::FACTORY_WRITE);
+  noDir.MonitorDir();
+  EXPECT_EQ("", Output());
+}
+
+// Each style on its own thread until the teardown stops it; what it held (a
+// partial stream line, text gathered about devices) is handed over at the end.
+TEST_F(DataSources, EachStyleRunsUntilStoppedAndHandsOverWhatItHeld) {
+  WriteFile(Kmsg(), "<6>boot\n<3>no end");
+  Dumpsys("echo \"state of $1\"");
+  root.MakeDirs("/dev/input");
+  const std::string fifo = root.Under("/dev/input/event0");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  std::string kmsg = "/proc/kmsg", battery = "battery", dir = "/dev/input", any(1, '\0');
+  tc::TavocatInputNodeSetT node{0, Text(kmsg), nullptr, nullptr, nullptr, nullptr};
+  tc::TavocatInputCmdSetT cmd{Text(battery), nullptr};
+  tc::TavocatStrListT pick{Text(any), nullptr};
+  tc::TavocatInputDirSetT dirSet{Text(dir), &pick};
+  auto wrote = [&](const char* text) {
+    return [this, text] { return Output().find(text) != std::string::npos; };
+  };
+  auto held = [&] {
+    int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd >= 0) close(fd);
+    return fd >= 0;
+  };
+  const std::string stamp = "[-0-9 :.]{19}",
+                    added = "add device 1: " + fifo + "\n  name:     \"\"\n";
+  // clang-format off
+  const struct { tc::LogStyle style; void* set; std::function<bool()> ready; std::string text; } kCases[] = {
+      {tc::MONITOR_NODE, &node, wrote("boot"), stamp + "<6>boot\n" + stamp + "<3>no end\n"},
+      {tc::POLL_CMD, &cmd, wrote("battery\n"), "(current time: <battery>[-0-9: ]+\r\nstate of battery\n)+"},
+      {tc::MONITOR_DIR, &dirSet, held, added + "(remove device 1: " + fifo + "\n)?"},
+  };
+  // clang-format on
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.style);
+    unlink(root.Under(outputPath).c_str());
+    grouptest::GroupRecord record(outputPath, c.style);
+    record.group.inputSet = c.set;
+    record.group.pollingInterval = 1;
+    Tavocat group(&record.group, tc::FACTORY_WRITE);
+    ASSERT_TRUE(group.Start());
+    ASSERT_TRUE(grouptest::WaitFor(c.ready));
+    group.Cancel();
+    group.Wait();
+    EXPECT_TRUE(group.RunEnded());
+    group.FlushAll();
+    EXPECT_TRUE(std::regex_match(Output(), std::regex("^" + c.text + "$"))) << Output();
+  }
+}
+
+// Nodes read at each poll are opened without waiting: a FIFO with no writer
+// (as data or as title) reads as empty instead of holding the group.
+TEST_F(DataSources, APolledFifoWithoutAWriterReadsAsEmpty) {
+  std::string fifo = root.Under("/sys/n/fifo");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  std::string path = "/sys/n/fifo";
+  tc::TavocatInputNodeSetT node{10, Text(path), Text(path), nullptr, nullptr, nullptr};
+  std::atomic<bool> done{false};
+  std::thread poller([&] {
+    grouptest::GroupRecord record(outputPath, tc::POLL_NODE);
+    record.group.inputSet = &node;
+    Tavocat group(&record.group, tc::FACTORY_WRITE);
+    group.PollNode();
+    done = true;
+  });
+  bool finished = grouptest::WaitFor([&] { return done.load(); });
+  // Hang guard: a blocked open is let go by a writer that comes and goes.
+  while (!done) {
+    int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd >= 0) close(fd);
+    usleep(20000);
+  }
+  poller.join();
+  EXPECT_TRUE(finished);
+  EXPECT_EQ("\nRead Fail \nRead Fail \n", Output());
+}
+
+TEST(PollingDateTime, FormatsTheLocalTimeOrNothing) {
+  char out[64];
+  Tavocat::PollingDateTime("%.4d-%.2d-%.2d %.2d:%.2d:%.2d > ", out, sizeof(out));
+  EXPECT_TRUE(std::regex_match(out, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d > ")))
+      << out;
+  char small[8];
+  Tavocat::PollingDateTime("%.4d-%.2d-%.2d %.2d:%.2d:%.2d > ", small, sizeof(small));
+  EXPECT_STREQ("", small);
+}
+
+TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
+  morvotest::TempRoot root;
+  root.MakeDirs("/sys/class/qd_power/charger/charge_data");
+  std::string node = root.Under("/sys/class/qd_power/charger/charge_data/chargerType");
+  EXPECT_FALSE(ChargerTypeChanged());
+  const struct {
+    const char* type;
+    bool changed;
+  } kSequence[] = {{"5", false}, {"5\n", false}, {"1", true},   {"1", false},
+                   {"5", true},  {"-1", false},  {"abc", true}, {"4", false}};
+  for (const auto& step : kSequence) {
+    WriteFile(node, step.type);
+    EXPECT_EQ(step.changed, ChargerTypeChanged()) << step.type;
+  }
+  WriteFile(node, "5");
+  EXPECT_TRUE(ChargerTypeChanged());
+}
+
+TEST(ChargerEvent, AMissingEventNodeReportsNoChange) {
+  morvotest::TempRoot root;
+  root.MakeDirs("/sys/class/qd_power/charger/charge_data");
+  WriteFile(root.Under("/sys/class/qd_power/charger/charge_data/chargerType"), "1");
+  EXPECT_FALSE(ChargerEventChanged());
+}
+
+// Neither the output nor the nodes of a group under a temporary root are
+// taken as written, even when the root leaves no room for them.
+TEST(DevicePathTest, AGroupUnderATemporaryRootNeverTouchesTheDevicePath) {
+  // The device's own tree: the group's configured paths name it.
+  morvotest::TempRoot device;
+  device.MakeDirs("/sys");
+  WriteFile(device.Under("/sys/n"), "device\n");
+  const std::string output = device.Under("/out/log");
+  const std::string node = device.Under("/sys/n");
+  const std::string tooLong = "/tmp/" + std::string(PATH_MAX - 5 - output.size() / 2, 'r');
+  for (int row = 0; row < 4; ++row) {
+    const bool fits = row < 2;
+    const tc::TypeWrite mode = row % 2 == 0 ? tc::FACTORY_WRITE : tc::MMAP_WRITE;
+    SCOPED_TRACE(std::string(fits ? "root" : "too long a root") + " mode " + std::to_string(mode));
+    morvotest::TempRoot root;
+    if (fits) {
+      root.MakeDirs(device.Under("/sys"));
+      WriteFile(root.Under(node), "rooted\n");
+    } else {
+      setenv(platform::kRootEnv, tooLong.c_str(), 1);
+    }
+    std::string nodePath = node;
+    tc::TavocatInputNodeSetT polled{0, &nodePath[0], nullptr, nullptr, nullptr, nullptr};
+    grouptest::GroupRecord record(output, tc::POLL_NODE);
+    record.group.inputSet = &polled;
+    // A group without a usable output path writes to standard output.
+    testing::internal::CaptureStdout();
+    {
+      Tavocat group(&record.group, mode);
+      EXPECT_TRUE(group.Start());
+      group.Wait();
+      group.FlushAll();
+    }
+    const std::string shown = testing::internal::GetCapturedStdout();
+    EXPECT_FALSE(morvotest::Exists(device.Under("/out")))
+        << "the group wrote into the device's folder";
+    EXPECT_EQ("device\n", ReadFile(node));
+    EXPECT_EQ(std::string::npos, shown.find("device")) << "the device's node was read";
+    if (fits) {
+      EXPECT_TRUE(morvotest::Exists(root.Under(device.Under("/out")))) << root.Under(output);
+    }
+  }
 }
 
 }  // namespace

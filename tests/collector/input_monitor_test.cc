@@ -68,67 +68,13 @@ TEST(InputMonitorPick, NamesMatchOverElevenCharactersIgnoringCase) {
   EXPECT_FALSE(InputMonitor::IsPicked("gpio-keys", nullptr));
 }
 
-class InputMonitorText : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_TRUE(monitor.AllocateBuffers()); }
-  std::string Flushed() {
-    monitor.MonitorFlush();
-    return collected.Text();
-  }
-  Collected collected;
-  InputMonitor monitor{&Collected::Write, &collected};
-};
-
-TEST_F(InputMonitorText, CodesAndValuesUseShortNamesLabelsOrHex) {
-  monitor.MonitorPrintEvent(3, 53, 0x10);
-  monitor.MonitorPrintEvent(3, 55, 1);
-  monitor.MonitorPrintEvent(9, 5, -1);
-  monitor.MonitorPrintEvent(0, 0, 0);
-  monitor.MonitorPrintEvent(3, 0x3a, 7);
-  EXPECT_EQ(0, collected.writes);
-  EXPECT_EQ(" X 00000010 ABS_MT_TOOL_TYPE MT_TOOL_ 0005 ffffffff S 00000000 P 00000007", Flushed());
-}
-
-TEST_F(InputMonitorText, OnlyThePowerKeyIsHandedOverAtOnce) {
-  monitor.MonitorPrintEvent(1, 115, 1);
-  EXPECT_EQ(0, collected.writes);
-  monitor.MonitorPrintEvent(1, 116, 0);
-  EXPECT_EQ(1, collected.writes);
-  EXPECT_EQ(" KEY_VOLUMEUP DOWN     KEY_POWER UP      ", collected.Text());
-  EXPECT_EQ(0, monitor.GatheredLength());
-}
-
-TEST_F(InputMonitorText, APieceThatWouldFillTheBufferFlushesFirst) {
-  std::string piece(400, 'a');
-  for (int i = 0; i < 40; ++i) monitor.MonitorWriteToBuf("%s", piece.c_str());
-  monitor.MonitorWriteToBuf("%s", std::string(383, 'b').c_str());
-  EXPECT_EQ(0, collected.writes);
-  EXPECT_EQ(16383, monitor.GatheredLength());
-  monitor.MonitorWriteToBuf("c");
-  ASSERT_EQ(1, collected.writes);
-  EXPECT_EQ(16383u, collected.Text().size());
-  EXPECT_EQ('b', collected.Text().back());
-  EXPECT_EQ(1, monitor.GatheredLength());
-  std::string all = Flushed();
-  EXPECT_EQ(16384u, all.size());
-  EXPECT_EQ('c', all.back());
-}
-
-TEST_F(InputMonitorText, APieceLongerThanTheEventBufferOrAnUnknownDeviceIsReported) {
-  grouptest::StderrCapture err;
-  monitor.MonitorWriteToBuf("%s", std::string(600, 'x').c_str());
-  EXPECT_EQ(0, monitor.GatheredLength());
-  EXPECT_EQ(1, monitor.MonitorCloseDevice("/nowhere/event9"));
-  EXPECT_EQ("couldn't write to event buf\nremote device: /nowhere/event9 not found", err.Text());
-}
-
 int Unread(int fd) {
   int n = -1;
   ioctl(fd, FIONREAD, &n);
   return n;
 }
 
-class InputMonitorLoop : public ::testing::Test {
+class InputMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     // A write to a FIFO the monitor has let go must fail, not end the test.
@@ -141,6 +87,10 @@ class InputMonitorLoop : public ::testing::Test {
     ASSERT_TRUE(thread->started());
   }
   void Stop() { thread.reset(); }
+  std::string Flushed() {
+    monitor.MonitorFlush();
+    return collected.Text();
+  }
   // True once a power-key press on a new FIFO device is handed over: the
   // monitor is alive and watching the folder.
   bool NewDeviceIsRecorded(const std::string& name) {
@@ -163,7 +113,54 @@ class InputMonitorLoop : public ::testing::Test {
   std::unique_ptr<grouptest::GroupThread> thread;
 };
 
-TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
+TEST_F(InputMonitorTest, CodesAndValuesUseShortNamesLabelsOrHex) {
+  ASSERT_TRUE(monitor.AllocateBuffers());
+  monitor.MonitorPrintEvent(3, 53, 0x10);
+  monitor.MonitorPrintEvent(3, 55, 1);
+  monitor.MonitorPrintEvent(9, 5, -1);
+  monitor.MonitorPrintEvent(0, 0, 0);
+  monitor.MonitorPrintEvent(3, 0x3a, 7);
+  EXPECT_EQ(0, collected.writes);
+  EXPECT_EQ(" X 00000010 ABS_MT_TOOL_TYPE MT_TOOL_ 0005 ffffffff S 00000000 P 00000007", Flushed());
+}
+
+TEST_F(InputMonitorTest, OnlyThePowerKeyIsHandedOverAtOnce) {
+  ASSERT_TRUE(monitor.AllocateBuffers());
+  monitor.MonitorPrintEvent(1, 115, 1);
+  EXPECT_EQ(0, collected.writes);
+  monitor.MonitorPrintEvent(1, 116, 0);
+  EXPECT_EQ(1, collected.writes);
+  EXPECT_EQ(" KEY_VOLUMEUP DOWN     KEY_POWER UP      ", collected.Text());
+  EXPECT_EQ(0, monitor.GatheredLength());
+}
+
+TEST_F(InputMonitorTest, APieceThatWouldFillTheBufferFlushesFirst) {
+  ASSERT_TRUE(monitor.AllocateBuffers());
+  std::string piece(400, 'a');
+  for (int i = 0; i < 40; ++i) monitor.MonitorWriteToBuf("%s", piece.c_str());
+  monitor.MonitorWriteToBuf("%s", std::string(383, 'b').c_str());
+  EXPECT_EQ(0, collected.writes);
+  EXPECT_EQ(16383, monitor.GatheredLength());
+  monitor.MonitorWriteToBuf("c");
+  ASSERT_EQ(1, collected.writes);
+  EXPECT_EQ(16383u, collected.Text().size());
+  EXPECT_EQ('b', collected.Text().back());
+  EXPECT_EQ(1, monitor.GatheredLength());
+  std::string all = Flushed();
+  EXPECT_EQ(16384u, all.size());
+  EXPECT_EQ('c', all.back());
+}
+
+TEST_F(InputMonitorTest, APieceLongerThanTheEventBufferOrAnUnknownDeviceIsReported) {
+  ASSERT_TRUE(monitor.AllocateBuffers());
+  grouptest::StderrCapture err;
+  monitor.MonitorWriteToBuf("%s", std::string(600, 'x').c_str());
+  EXPECT_EQ(0, monitor.GatheredLength());
+  EXPECT_EQ(1, monitor.MonitorCloseDevice("/nowhere/event9"));
+  EXPECT_EQ("couldn't write to event buf\nremote device: /nowhere/event9 not found", err.Text());
+}
+
+TEST_F(InputMonitorTest, EventsBecomeLinesAndDevicesComeAndGo) {
   std::string first = dir + "/event0";
   std::string second = dir + "/event1";
   ASSERT_EQ(0, mkfifo(first.c_str(), 0600));
@@ -208,7 +205,7 @@ TEST_F(InputMonitorLoop, EventsBecomeLinesAndDevicesComeAndGo) {
 
 // A short read (param: a FIFO) is reported and skipped; a device at its end
 // (a regular file) is let go. Either way the monitor goes on.
-class InputMonitorDeviceFault : public InputMonitorLoop,
+class InputMonitorDeviceFault : public InputMonitorTest,
                                 public ::testing::WithParamInterface<bool> {};
 
 TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
@@ -243,7 +240,7 @@ INSTANTIATE_TEST_SUITE_P(Faults, InputMonitorDeviceFault, ::testing::Values(true
                            return std::string(info.param ? "AShortRead" : "AFileAtItsEnd");
                          });
 
-TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
+TEST_F(InputMonitorTest, DevicesNotPickedAreListedButNotHeld) {
   std::string path = dir + "/event3";
   ASSERT_EQ(0, mkfifo(path.c_str(), 0600));
   char other[] = "gpio-keys";
@@ -257,7 +254,7 @@ TEST_F(InputMonitorLoop, DevicesNotPickedAreListedButNotHeld) {
 }
 
 // A device folder made after the start, or removed and remade, is watched.
-class InputMonitorLateFolder : public InputMonitorLoop,
+class InputMonitorLateFolder : public InputMonitorTest,
                                public ::testing::WithParamInterface<bool> {};
 
 TEST_P(InputMonitorLateFolder, IsWatchedOnceItIsThere) {

@@ -7,7 +7,6 @@
 #include <string.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -48,22 +47,16 @@ TEST(ThreadBaseTest, StartsOneThreadAndWaitForgetsIt) {
   EXPECT_EQ(ThreadBase::ProxyFunction(nullptr), nullptr);
 }
 
-void Pause(long millis) {
-  struct timespec pause = {millis / 1000, (millis % 1000) * 1000000L};
-  nanosleep(&pause, nullptr);
-}
-
 void OpenDir(const std::string& dir) {
   DIR* d = opendir(dir.c_str());
   if (d != nullptr) closedir(d);
 }
 
-// Opens dir until file holds text once unzipped; false when it never does
-// within a generous bound.
+// Opens dir until file holds text once unzipped, within a generous bound.
 bool OpensFlush(const std::string& dir, const std::string& file, const std::string& text) {
   for (int tries = 0; tries < 200; ++tries) {
     OpenDir(dir);
-    Pause(50);
+    usleep(50 * 1000);
     if (sinktest::Unzipped(file) == text) return true;
   }
   return false;
@@ -71,19 +64,12 @@ bool OpensFlush(const std::string& dir, const std::string& file, const std::stri
 
 class MonitorTest : public sinktest::SinkTest {};
 
-// Either log folder opened flushes the writer; on a fresh device the
-// group's folder is made by the sink's set-up, and is watched as well.
-TEST_F(MonitorTest, OpeningEitherLogFolderFlushesTheWriter) {
-  for (const std::string& group : {dir_, dir_ + "/fresh"}) {
-    SCOPED_TRACE(group);
-    GroupConfig config(group + "/applog", 4096, 10);
-    TestSink sink(config, MMAP_WRITE);
-    ASSERT_EQ(sink.SetupOutput(), 0);
-    ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
-    EXPECT_TRUE(OpensFlush(group, sink.logFilePath, "first\n"));
-    ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
-    EXPECT_TRUE(OpensFlush(root_.Under("/data/log/ksv_log"), sink.logFilePath, "first\nsecond\n"));
-  }
+// On a fresh device the sink's set-up makes the group's folder, then watches it.
+TEST_F(MonitorTest, AFolderTheSinkMadeIsWatched) {
+  sinktest::OwnSink sink(dir_ + "/fresh/applog", 4096, 10, MMAP_WRITE);
+  ASSERT_EQ(sink.SetupOutput(), 0);
+  ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
+  EXPECT_TRUE(OpensFlush(dir_ + "/fresh", sink.logFilePath, "first\n"));
 }
 
 // n inotify records: the masks, each followed by a name of name bytes.
@@ -102,8 +88,7 @@ std::string Events(std::initializer_list<uint32_t> masks, uint32_t name) {
 }
 
 TEST_F(MonitorTest, EachDirectoryRecordOfOneReadFlushesOnce) {
-  GroupConfig config(base_, 4096, 10);
-  TestSink sink(config, MMAP_WRITE);
+  sinktest::OwnSink sink(base_, 4096, 10, MMAP_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
   ASSERT_EQ(sink.LogcatWrite("cached\n", 7, true), 0);
   MonitorDir monitor(base_.c_str());
@@ -122,8 +107,7 @@ TEST_F(MonitorTest, EachDirectoryRecordOfOneReadFlushesOnce) {
 }
 
 TEST_F(MonitorTest, DestroyingTheGroupStopsItsMonitor) {
-  GroupConfig config(base_, 4096, 10);
-  auto* sink = new TestSink(config, MMAP_WRITE);
+  auto* sink = new sinktest::OwnSink(base_, 4096, 10, MMAP_WRITE);
   ASSERT_EQ(sink->SetupOutput(), 0);
   ASSERT_EQ(sink->LogcatWrite("kept\n", 5, true), 0);
   std::string file = sink->logFilePath;
@@ -131,13 +115,12 @@ TEST_F(MonitorTest, DestroyingTheGroupStopsItsMonitor) {
   delete sink;                                    // returns only once the monitor has been joined
   // A monitor still running would now flush a freed group.
   for (int i = 0; i < 20; ++i) OpenDir(dir_);
-  Pause(100);
+  usleep(100 * 1000);
   EXPECT_EQ(sinktest::Unzipped(file), "kept\n");
 }
 
 TEST_F(MonitorTest, AStoppedMonitorFlushesNoMore) {
-  GroupConfig config(base_, 4096, 10);
-  TestSink sink(config, MMAP_WRITE);
+  sinktest::OwnSink sink(base_, 4096, 10, MMAP_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
   MonitorDir monitor(base_.c_str());
   monitor.SetupLogBase(&sink);
@@ -147,7 +130,7 @@ TEST_F(MonitorTest, AStoppedMonitorFlushesNoMore) {
   sink.dirMonitor->Stop();
   ASSERT_EQ(sink.LogcatWrite("later\n", 6, true), 0);
   for (int i = 0; i < 20; ++i) OpenDir(dir_);
-  Pause(100);
+  usleep(100 * 1000);
   EXPECT_EQ(sinktest::Unzipped(sink.logFilePath), "");
 }
 
@@ -174,8 +157,7 @@ TEST_F(MonitorTest, ALateOrRemadeFolderIsWatchedOnceItIsThere) {
     for (bool watchedFirst : {false, true}) {
       SCOPED_TRACE(std::string(path) + (watchedFirst ? " remade" : " missing"));
       std::string folder = root_.Under(path);
-      GroupConfig config(base_, 4096, 10);
-      TestSink sink(config, MMAP_WRITE);
+      sinktest::OwnSink sink(base_, 4096, 10, MMAP_WRITE);
       ASSERT_EQ(sink.SetupOutput(), 0);
       sink.dirMonitor->Stop();  // only the monitor under test flushes
       ASSERT_EQ(sink.LogcatWrite("first\n", 6, true), 0);
@@ -192,7 +174,7 @@ TEST_F(MonitorTest, ALateOrRemadeFolderIsWatchedOnceItIsThere) {
         ASSERT_EQ(0, rmdir(folder.c_str()));
         ASSERT_EQ(sink.LogcatWrite("second\n", 7, true), 0);
       }
-      Pause(300);
+      usleep(300 * 1000);
       mkdir(folder.c_str(), 0775);
       EXPECT_TRUE(
           OpensFlush(folder, sink.logFilePath, watchedFirst ? "first\nsecond\n" : "first\n"));
@@ -224,7 +206,7 @@ TEST(ChargerEvent, AnUnseekableNodeIsWaitedOnNotSpunOn) {
       ++calls;
     }
   });
-  Pause(1500);
+  usleep(1500 * 1000);
   int returned = calls;
   // An open held on the FIFO is let go by a writer, so the thread can end.
   stop = true;

@@ -81,8 +81,7 @@ TEST_F(RotationTest, FactoryArchivesKeepTheNewestFilesAndDropTheOldest) {
   for (size_t limit : {10, 1}) {  // two archives of five; one, replaced each time
     SCOPED_TRACE(limit);
     const std::string base = base_ + std::to_string(limit);
-    GroupConfig config(base, 1, limit);
-    TestSink sink(config, FACTORY_WRITE);
+    sinktest::OwnSink sink(base, 1, limit, FACTORY_WRITE);
     EXPECT_EQ(sink.maxFiles, limit == 10 ? 2u : 1u);
     ASSERT_EQ(sink.SetupOutput(), 0);
     WriteRecords(sink, 0, 3);
@@ -102,8 +101,7 @@ TEST_F(RotationTest, FactoryArchivesKeepTheNewestFilesAndDropTheOldest) {
 // Archives that cannot be made (folders in their way) keep their members in
 // the work folder until one can; a stale empty work folder is used.
 TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
-  GroupConfig config(base_, 1, 10);
-  TestSink sink(config, FACTORY_WRITE);
+  sinktest::OwnSink sink(base_, 1, 10, FACTORY_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
   root_.MakeDirs("/data/log/group/applog-1.tar.gz/in");
   root_.MakeDirs("/data/log/group/applog-0.tar.gz");
@@ -122,8 +120,7 @@ TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
   EXPECT_FALSE(Exists(Work()));
 
   ASSERT_EQ(system(("rm -rf " + dir_ + "/*").c_str()), 0);
-  GroupConfig again(base_, 1, 10);
-  TestSink stale(again, FACTORY_WRITE);
+  sinktest::OwnSink stale(base_, 1, 10, FACTORY_WRITE);
   ASSERT_EQ(stale.SetupOutput(), 0);
   root_.MakeDirs("/data/log/group/applog_tmp");
   testing::internal::CaptureStderr();
@@ -145,8 +142,7 @@ TEST_F(RotationTest, WhatIsPlantedWhereTheGroupWritesNextIsReplacedNeverUsed) {
       SCOPED_TRACE(std::string(morvotest::NameOf(plant)) + (mode == MMAP_WRITE ? " mmap" : ""));
       morvotest::MakeVictim(victim);
       const std::string base = dir_ + "/planted" + std::to_string(group++);
-      GroupConfig config(base, 1, 10);
-      TestSink sink(config, mode);
+      sinktest::OwnSink sink(base, 1, 10, mode);
       const std::string record = Record(0);
       if (mode == FACTORY_WRITE) {
         morvotest::PlantAt(base, plant, victim);
@@ -186,8 +182,7 @@ TEST_F(RotationTest, WhatIsPlantedWhereTheGroupWritesNextIsReplacedNeverUsed) {
 TEST_F(RotationTest, WhatIsPlantedAtNumberedNamesNeverReachesAnArchive) {
   const std::string victim = root_.Under("/victim");
   morvotest::MakeVictim(victim);
-  GroupConfig config(base_, 1, 10);
-  TestSink sink(config, FACTORY_WRITE);
+  sinktest::OwnSink sink(base_, 1, 10, FACTORY_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
   morvotest::PlantAt(Numbered(2), morvotest::Plant::SYMLINK, victim);
   morvotest::PlantAt(Numbered(3), morvotest::Plant::HARD_LINK, victim);
@@ -226,8 +221,7 @@ TEST_F(RotationTest, MmapSetAndLinksThroughRotationsAndARestart) {
 
 // Where a record ends is checked by the long run; here the threshold's unit.
 TEST_F(RotationTest, MmapRotationFallsInWholeKibibytes) {
-  GroupConfig large(base_, 4096, 10);
-  TestSink big(large, MMAP_WRITE);
+  sinktest::OwnSink big(base_, 4096, 10, MMAP_WRITE);
   ASSERT_EQ(big.SetupOutput(), 0);
   const std::string current = big.logFilePath;
   big.curFileSize = 4194000;
@@ -237,8 +231,7 @@ TEST_F(RotationTest, MmapRotationFallsInWholeKibibytes) {
   EXPECT_NE(big.logFilePath, current);
   EXPECT_EQ(big.curFileSize, 0u);
 
-  GroupConfig off(base_, 0, 10);
-  TestSink never(off, MMAP_WRITE);
+  sinktest::OwnSink never(base_, 0, 10, MMAP_WRITE);
   ASSERT_EQ(never.SetupOutput(), 0);
   const std::string kept = never.logFilePath;
   never.curFileSize = SIZE_MAX / 2;
@@ -246,8 +239,9 @@ TEST_F(RotationTest, MmapRotationFallsInWholeKibibytes) {
   EXPECT_EQ(never.logFilePath, kept);
 }
 
-// The current file taken away or replaced: when a look is due, before a
-// rotation or when the cache is full, a new own file takes what came since.
+// The current file taken away or replaced: a look (only when due, it costs
+// most of a record), a rotation or a full cache makes a new own file that
+// takes what came since.
 TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
   const std::string victim = root_.Under("/victim");
   const std::string renamed = base_ + ".old";
@@ -263,7 +257,7 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
     };
   };
   const int64_t due = TestSink::kFileCheckMillis;
-  const std::string rotating = std::string(1019, 'r') + "\n", full = std::string(999, 'c') + "\n";
+  const std::string rotating = std::string(1015, 'r') + "\n", full = std::string(999, 'c') + "\n";
   using P = morvotest::Plant;
   const auto M = MMAP_WRITE, F = FACTORY_WRITE;
   // before: factory, what the old file keeps (null: it is gone).
@@ -271,15 +265,15 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
   const struct { const char* what; TavoCommon::TypeWrite mode; size_t rotateKbytes;
                  std::function<void(const std::string&)> takeAway; int64_t waitMillis;
                  std::string record; int records; const char* before; } kCases[] = {
-      {"deleted", M, 4096, unlinkFile, due, "two\n", 1, nullptr},
+      {"deleted", M, 4096, unlinkFile, due, "three\n", 1, nullptr},
       {"its folder removed", M, 4096, removeAll, due, "three\n", 1, nullptr},
-      // 4 + 1020 bytes reach 1 KiB: due, but the new file takes it whole.
+      // 8 + 1016 bytes reach 1 KiB: due, but the new file takes it whole.
       {"folder removed, a rotation first", M, 1, removeAll, 0, rotating, 1, nullptr},
       {"deleted, the cache full first", M, 4096, unlinkFile, 0, full, 600, nullptr},
-      {"a link", M, 4096, plant(P::SYMLINK), due, "two\n", 1, nullptr},
-      {"a dangling link", M, 4096, plant(P::DANGLING_LINK), due, "two\n", 1, nullptr},
-      {"a hard link", M, 4096, plant(P::HARD_LINK), due, "two\n", 1, nullptr},
-      {"a FIFO", M, 4096, plant(P::FIFO), due, "two\n", 1, nullptr},
+      {"a link", M, 4096, plant(P::SYMLINK), due, "three\n", 1, nullptr},
+      {"a dangling link", M, 4096, plant(P::DANGLING_LINK), due, "three\n", 1, nullptr},
+      {"a hard link", M, 4096, plant(P::HARD_LINK), due, "three\n", 1, nullptr},
+      {"a FIFO", M, 4096, plant(P::FIFO), due, "three\n", 1, nullptr},
       {"deleted", F, 4096, unlinkFile, due, "three\n", 1, nullptr},
       {"a link", F, 4096, plant(P::SYMLINK), due, "three\n", 1, nullptr},
       {"a hard link", F, 4096, plant(P::HARD_LINK), due, "three\n", 1, nullptr},
@@ -290,20 +284,18 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
     SCOPED_TRACE(std::string(c.what) + (c.mode == MMAP_WRITE ? " mmap" : " factory"));
     morvotest::MakeVictim(victim);
     root_.MakeDirs("/data/log/group");
-    GroupConfig config(base_, c.rotateKbytes, 10);
-    TestSink sink(config, c.mode);
+    sinktest::OwnSink sink(base_, c.rotateKbytes, 10, c.mode);
     sink.StopMonitor();
     sink.stillClocks = true;
     ASSERT_EQ(sink.SetupOutput(), 0);
     ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
-    // Mmap: "one" still waits in the writer's cache and goes to the new file.
-    std::string expected = c.mode == MMAP_WRITE ? "one\n" : "";
     c.takeAway(sink.logFilePath);
     testing::internal::CaptureStderr();
-    if (c.mode == FACTORY_WRITE) {
-      // Written before a look is due: a deleted file is not written.
-      ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
-      if (c.before == nullptr) expected += "two\n";
+    // Before a look is due. Mmap: both wait in the cache and go to the new file.
+    ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
+    std::string expected = c.mode == MMAP_WRITE ? "one\ntwo\n" : c.before ? "" : "two\n";
+    if (c.mode == MMAP_WRITE) {
+      EXPECT_EQ(sink.opens, 1);
     }
     sink.millis += c.waitMillis;
     for (int i = 0; i < c.records; ++i) {
@@ -329,32 +321,9 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
   }
 }
 
-// The path lookup is the costliest step of a record: only when a look is due.
-TEST_F(RotationTest, AVanishedFileIsLookedForOnlyWhenALookIsDue) {
-  GroupConfig config(base_, 4096, 10);
-  TestSink sink(config, MMAP_WRITE);
-  sink.StopMonitor();
-  sink.stillClocks = true;
-  ASSERT_EQ(sink.SetupOutput(), 0);
-  ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
-  const std::string first = sink.logFilePath;
-  ASSERT_EQ(unlink(first.c_str()), 0);
-  ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
-  sink.millis += TestSink::kFileCheckMillis - 1;
-  ASSERT_EQ(sink.LogcatWrite("three\n", 6, true), 0);
-  EXPECT_EQ(sink.opens, 1);
-  EXPECT_FALSE(Exists(first));
-  sink.millis += 1;
-  ASSERT_EQ(sink.LogcatWrite("four\n", 5, true), 0);
-  EXPECT_EQ(sink.opens, 2);
-  sink.LogcatClose();
-  EXPECT_EQ(Unzipped(sink.logFilePath), "one\ntwo\nthree\nfour\n");
-}
-
 // A limit of zero never deletes the file being written; each file gets its title.
 TEST_F(RotationTest, AnMmapLimitOfZeroKeepsEveryFileEachWithItsTitle) {
-  GroupConfig config(base_, 1, 0);
-  TestSink sink(config, MMAP_WRITE);
+  sinktest::OwnSink sink(base_, 1, 0, MMAP_WRITE);
   sink.title = "TITLE\n";
   EXPECT_EQ(sink.maxFiles, 0u);
   ASSERT_EQ(sink.SetupOutput(), 0);

@@ -75,6 +75,13 @@ class TestSink : public Tavobase {
   }
 };
 
+// A sink that owns its configuration.
+class OwnSink : private GroupConfig, public TestSink {
+ public:
+  OwnSink(const std::string& path, size_t kbytes, size_t maxFiles, TavoCommon::TypeWrite mode)
+      : GroupConfig(path, kbytes, maxFiles), TestSink(*this, mode) {}
+};
+
 using morvotest::ModeOf;
 using morvotest::Quoted;
 

@@ -171,8 +171,7 @@ TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
 }
 
 TEST_F(SinkWriteTest, AGroupWithoutAPathWritesToStandardOutput) {
-  GroupConfig config("", 4096, 10);
-  TestSink sink(config, FACTORY_WRITE);
+  sinktest::OwnSink sink("", 4096, 10, FACTORY_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
   EXPECT_EQ(sink.logFd, 1);
   testing::internal::CaptureStdout();
@@ -222,8 +221,7 @@ TEST_F(SinkWriteTest, AGroupFolderReplacedByALinkIsNeverEntered) {
   for (TavoCommon::TypeWrite mode : {MMAP_WRITE, FACTORY_WRITE}) {
     SCOPED_TRACE(mode);
     morvotest::MakeVictimFolder(outside);
-    GroupConfig config(group + "/applog", 1, 10);
-    TestSink sink(config, mode);
+    sinktest::OwnSink sink(group + "/applog", 1, 10, mode);
     ASSERT_EQ(sink.SetupOutput(), 0);
     ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
     ASSERT_EQ(system(("rm -rf " + sinktest::Quoted(group)).c_str()), 0);
@@ -246,8 +244,7 @@ TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {
   CaptureStderr();
   EXPECT_EQ(sink_.CreateBugreportsDir("applog"), 1);
   EXPECT_EQ(GetCapturedStderr(), "pend is invalide.\n");
-  GroupConfig config("applog", 4096, 10);
-  TestSink sink(config, FACTORY_WRITE);
+  sinktest::OwnSink sink("applog", 4096, 10, FACTORY_WRITE);
   CaptureStderr();
   EXPECT_EQ(sink.SetupOutput(), 1);
   EXPECT_EQ(GetCapturedStderr(), "pend is invalide.\ncreate bugreports dir error!!\n");
@@ -265,17 +262,18 @@ TEST_F(SinkWriteTest, RefusedWritesWithTitleRowsEndNeitherProcessNorGroup) {
   fflush(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
-    GroupConfig config(base_, 4096, 10);
-    TestSink sink(config, FACTORY_WRITE);
+    sinktest::OwnSink sink(base_, 4096, 10, FACTORY_WRITE);
     sink.title = "Time    Level\n";
     if (sink.SetupOutput() != 0) _exit(3);
     signal(SIGXFSZ, SIG_IGN);
-    struct rlimit limit = {4096, 4096};
+    struct rlimit limit = {4096, RLIM_INFINITY};
     setrlimit(RLIMIT_FSIZE, &limit);
     const std::string record = std::string(99, 'r') + "\n";
     int refused = 0;  // each record is taken, as a polling group goes on
     for (int i = 0; i < 200; ++i) refused += sink.LogcatWrite(record.data(), record.size(), true);
-    _exit(refused == 0 ? 0 : 4);
+    limit.rlim_cur = RLIM_INFINITY;  // so a coverage build can write its counts
+    setrlimit(RLIMIT_FSIZE, &limit);
+    exit(refused == 0 ? 0 : 4);
   }
   int status = 0;
   waitpid(pid, &status, 0);
