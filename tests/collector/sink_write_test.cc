@@ -283,8 +283,10 @@ TEST_F(SinkWriteTest, RefusedWritesWithTitleRowsEndNeitherProcessNorGroup) {
     const std::string record = std::string(99, 'r') + "\n";
     int refused = 0;  // each record is taken, as a polling group goes on
     for (int i = 0; i < 200; ++i) refused += sink.LogcatWrite(record.data(), record.size(), true);
-    limit.rlim_cur = RLIM_INFINITY;  // so a coverage build can write its counts
+    limit.rlim_cur = RLIM_INFINITY;  // room again, and for a coverage build's counts
     setrlimit(RLIMIT_FSIZE, &limit);
+    usleep(static_cast<useconds_t>(TestSink::kRetryMillis + 100) * 1000);
+    refused += sink.LogcatWrite(record.data(), record.size(), true);
     exit(refused == 0 ? 0 : 4);
   }
   int status = 0;
