@@ -15,13 +15,13 @@
 
 namespace {
 
+using morvotest::Exists;
 using morvotest::SetFiles;
 using morvotest::Zcat;
 using settest::Coded;
-using settest::Indices;
 using settest::MakeSetFile;
 using settest::SetName;
-using settest::StampAfter;
+using strings = std::vector<std::string>;
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
@@ -48,15 +48,9 @@ TYPED_TEST(FileSetTest, SortingIsByteOrderSoIndexThenStamp) {
   EXPECT_FALSE(TypeParam::SortByEarlyTime("abc", "ab"));
   EXPECT_FALSE(TypeParam::SortByEarlyTime("ab", "ab"));
   EXPECT_TRUE(TypeParam::SortByEarlyTime("a", "\xff"));  // bytes compare unsigned
-  const std::string& b = this->base_;
-  std::vector<std::string> names = {SetName(b, 2, "20240101-000000"),
-                                    SetName(b, 1, "20250101-000000"),
-                                    SetName(b, 1, "20240101-000000")};
+  strings names = Coded(this->base_, {"2", "1@L", "1"});
   std::sort(names.begin(), names.end(), TypeParam::SortByEarlyTime);
-  EXPECT_EQ(
-      (std::vector<std::string>{SetName(b, 1, "20240101-000000"), SetName(b, 1, "20250101-000000"),
-                                SetName(b, 2, "20240101-000000")}),
-      names);
+  EXPECT_EQ(Coded(this->base_, {"1", "1@L", "2"}), names);
 }
 
 // Empty arguments, a missing folder, base paths without a folder part and
@@ -76,7 +70,6 @@ TYPED_TEST(FileSetTest, ScansThatNeverHappen) {
   trailing.ProcessMmapFileVec(0);
   EXPECT_TRUE(trailing.fileVec.empty());
 
-  // Relative and root-level base paths.
   char cwd[4096];
   ASSERT_NE(nullptr, getcwd(cwd, sizeof(cwd)));
   ASSERT_EQ(0, chdir(this->dir_.c_str()));
@@ -97,32 +90,35 @@ TYPED_TEST(FileSetTest, ScansThatNeverHappen) {
   set.ProcessMmapFileVec(2);
   set.ProcessMmapFileVec(-1);
   EXPECT_TRUE(set.fileVec.empty());
-  EXPECT_TRUE(morvotest::Exists(shortName));
+  EXPECT_TRUE(Exists(shortName));
 }
 
 TYPED_TEST(FileSetTest, RotateMovesWhatFollowsThePivotToTheFront) {
   TypeParam set(this->base_, 10);
-  std::vector<std::string> list = {"a", "P", "b", "P", "c"};
-  set.RotateVec(list, "P");
-  EXPECT_EQ((std::vector<std::string>{"b", "c", "a", "P", "P"}), list);
-
-  list = {"a", "b", "c"};
-  set.RotateVec(list, "x");
-  set.RotateVec(list, "");
-  set.RotateVec(list, "c");
-  EXPECT_EQ((std::vector<std::string>{"a", "b", "c"}), list);
+  // clang-format off
+  const struct { strings list; std::string pivot; strings rotated; } rows[] = {
+      {{"a", "P", "b", "P", "c"}, "P", {"b", "c", "a", "P", "P"}},
+      {{"a", "b", "c"}, "x", {"a", "b", "c"}},
+      {{"a", "b", "c"}, "", {"a", "b", "c"}},
+      {{"a", "b", "c"}, "c", {"a", "b", "c"}},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
+    strings list = row.list;
+    set.RotateVec(list, row.pivot);
+    EXPECT_EQ(row.rotated, list) << row.pivot;
+  }
+  strings list = {"a", "b", "c"};
   set.RotateVec(list, list[0]);  // a pivot taken from the list itself
-  EXPECT_EQ((std::vector<std::string>{"b", "c", "a"}), list);
+  EXPECT_EQ((strings{"b", "c", "a"}), list);
 }
 
 TYPED_TEST(FileSetTest, LatestStampWinsAndTiesKeepTheEarlierEntry) {
   TypeParam set(this->base_, 10);
   const std::string& b = this->base_;
-  std::string early = SetName(b, 1, "20240101-000000");
-  std::string late = SetName(b, 2, "20240301-000000");
-  std::string lateToo = SetName(b, 3, "20240301-000000");
-  EXPECT_EQ(late, set.GetFileByMaxTimestamp({early, late, lateToo}));
-  EXPECT_EQ(late, set.GetFileByMaxTimestamp({"short", early, late, b + "x"}));
+  strings names = Coded(b, {"1", "2@L", "3@L"});
+  EXPECT_EQ(names[1], set.GetFileByMaxTimestamp(names));
+  EXPECT_EQ(names[1], set.GetFileByMaxTimestamp({"short", names[0], names[1], b + "x"}));
   EXPECT_EQ("", set.GetFileByMaxTimestamp({"short", b + "x"}));
   EXPECT_EQ("", set.GetFileByMaxTimestamp({}));
 }
@@ -137,46 +133,24 @@ TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
   CaptureStderr();
   set.RemoveRedundancy();
   EXPECT_EQ("unlink [" + gone + "] fail\n", GetCapturedStderr());
-  EXPECT_EQ(std::vector<std::string>{newest}, set.fileVec);
-  EXPECT_FALSE(morvotest::Exists(present));
-  EXPECT_TRUE(morvotest::Exists(newest));
-}
+  EXPECT_EQ(strings{newest}, set.fileVec);
+  EXPECT_FALSE(Exists(present));
+  EXPECT_TRUE(Exists(newest));
 
-// Whatever the limit (none, or above the cap), one index stays free and the
-// current file is never pruned.
-TYPED_TEST(FileSetTest, OneIndexStaysFreeWhateverTheLimitAndNeverTheCurrentFile) {
-  const std::string& b = this->base_;
-  std::vector<std::string> names;
-  std::string current = MakeSetFile(b, 0, "20240301-000000");
-  for (uint64_t limit : {uint64_t{0}, uint64_t{1000}, uint64_t{5000}}) {
-    SCOPED_TRACE(limit);
-    names.clear();
-    for (int index = 0; index < 1000; ++index) names.push_back(MakeSetFile(b, index));
-    TypeParam set(b, limit);
-    set.fileVec = names;
-    set.fileVec.push_back(current);
-    set.RemoveRedundancy();
-    ASSERT_EQ(999u, set.fileVec.size());
-    EXPECT_EQ(names[2], set.fileVec.front());
-    EXPECT_EQ(current, set.fileVec.back());
-    EXPECT_FALSE(morvotest::Exists(names[1]));
-    EXPECT_TRUE(morvotest::Exists(current));
-  }
   // Index 0 came round within the same second: the oldest name is the
   // current file's, and only the entry goes.
-  TypeParam set(b, 2);
-  set.fileVec = {current, names[5], current};
-  set.RemoveRedundancy();
-  EXPECT_EQ((std::vector<std::string>{names[5], current}), set.fileVec);
-  EXPECT_TRUE(morvotest::Exists(current));
+  TypeParam again(b, 2);
+  again.fileVec = {newest, present, newest};
+  again.RemoveRedundancy();
+  EXPECT_EQ((strings{present, newest}), again.fileVec);
+  EXPECT_TRUE(Exists(newest));
 }
 
 // The set's folder swapped for a link to a folder outside the tree that
-// holds files of the set's names: pruning, the old-style sweep and the purge
-// delete nothing there.
+// holds files of the set's names: pruning, sweep and purge delete nothing.
 TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   const std::string& b = this->base_;
-  std::vector<std::string> names;
+  strings names;
   for (int index = 0; index < 3; ++index) names.push_back(MakeSetFile(b, index));
   for (const std::string& other : {b + ".I03.20240105-081502.gz", b + ".1", b + "-0.tar.gz"}) {
     morvotest::WriteFile(other, "x");
@@ -186,7 +160,7 @@ TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   const std::string outside = this->root_.Under("/outside");
   ASSERT_EQ(rename(this->dir_.c_str(), outside.c_str()), 0);
   ASSERT_EQ(symlink(outside.c_str(), this->dir_.c_str()), 0);
-  const std::vector<std::string> before = morvotest::Entries(outside);
+  const strings before = morvotest::Entries(outside);
   CaptureStderr();
   set.RemoveRedundancy();
   set.DeleteOldStyleFiles();
@@ -194,16 +168,6 @@ TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   set.FormFileVectors();
   GetCapturedStderr();
   EXPECT_EQ(before, morvotest::Entries(outside));
-}
-
-// The 1000 names of a set that holds every index, in writing order: the
-// oldest has the index after the newest's. perSecond files share a stamp.
-std::vector<std::string> FullSetInWritingOrder(const std::string& base, int newest, int perSecond) {
-  std::vector<std::string> names;
-  for (int k = 0; k < 1000; ++k) {
-    names.push_back(SetName(base, (newest + 1 + k) % 1000, StampAfter(k / perSecond)));
-  }
-  return names;
 }
 
 // A new set file is a whole gzip stream from the moment it exists, so a
@@ -214,46 +178,40 @@ TYPED_TEST(FileSetTest, NewSetFilesAreWholeGzipStreamsBeforeAnyWrite) {
   std::string second;
   ASSERT_TRUE(set.AddNewFile(0, &first));
   ASSERT_TRUE(set.AddNewFile(1, &second));
-  for (const std::string& name : {first, second}) {
+  // Two files of one second differ only in the index.
+  for (int index : {0, 1}) {
+    const std::string& name = index == 0 ? first : second;
+    EXPECT_EQ(SetName(this->base_, index, set.GetTimestamp(name)), name);
     EXPECT_EQ("", Zcat(name)) << name;
     EXPECT_EQ(20u, morvotest::ReadFile(name).size());
   }
-  EXPECT_EQ((std::vector<std::string>{first, second}), set.fileVec);
+  EXPECT_EQ((strings{first, second}), set.fileVec);
 }
 
-// Lists in, writing order and next index out: "@L" marks the later stamp.
-struct OrderRow {
-  const char* what;
-  std::vector<std::string> list;  // as sorted
-  std::vector<std::string> order;
-  uint32_t next;
-};
-
-const std::vector<OrderRow> kOrders = {
-    {"one run", {"0", "1", "2"}, {"0", "1", "2"}, 3},
-    {"wrapped once", {"0", "1", "2", "997", "998", "999"}, {"997", "998", "999", "0", "1", "2"}, 3},
-    {"wrapped, one file each side", {"0", "999"}, {"999", "0"}, 1},
-    {"gap, newest run end by stamp", {"3", "4@L", "10", "11"}, {"10", "11", "3", "4@L"}, 5},
-    {"three runs", {"0", "1@L", "500", "999"}, {"500", "999", "0", "1@L"}, 2},
-    {"previous result again", {"500", "999", "0", "1@L"}, {"999", "0", "1@L", "500"}, 501},
-    {"single", {"5"}, {"5"}, 6},
-    {"ordered across the wrap",
-     {"997", "998", "999", "0", "1"},
-     {"997", "998", "999", "0", "1"},
-     2},
-    {"ordered to the wrap", {"997", "998", "999"}, {"997", "998", "999"}, 0},
-    {"ordered", {"10", "11", "12"}, {"10", "11", "12"}, 13},
-    {"empty", {}, {}, 0},
-    {"negative indices dropped", {"-12@L", "-01@L"}, {}, 0},
-    // 001 002 | abc(0): two runs without 999, the later stamp is the newest.
-    {"non-numeric reads as 0", {"001", "002", "abc@L"}, {"001", "002", "abc@L"}, 0},
-};
-
+// Lists in (as sorted), writing order and next index out.
 TYPED_TEST(FileSetTest, OrderAndNextIndexTable) {
+  // clang-format off
+  const struct { const char* what; strings list, order; uint32_t next; } rows[] = {
+      {"one run", {"0", "1", "2"}, {"0", "1", "2"}, 3},
+      {"wrapped once", {"0", "1", "2", "997", "998", "999"}, {"997", "998", "999", "0", "1", "2"}, 3},
+      {"wrapped, one file each side", {"0", "999"}, {"999", "0"}, 1},
+      {"gap, newest run end by stamp", {"3", "4@L", "10", "11"}, {"10", "11", "3", "4@L"}, 5},
+      {"three runs", {"0", "1@L", "500", "999"}, {"500", "999", "0", "1@L"}, 2},
+      {"previous result again", {"500", "999", "0", "1@L"}, {"999", "0", "1@L", "500"}, 501},
+      {"single", {"5"}, {"5"}, 6},
+      {"ordered across the wrap", {"997", "998", "999", "0", "1"}, {"997", "998", "999", "0", "1"}, 2},
+      {"ordered to the wrap", {"997", "998", "999"}, {"997", "998", "999"}, 0},
+      {"ordered", {"10", "11", "12"}, {"10", "11", "12"}, 13},
+      {"empty", {}, {}, 0},
+      {"negative indices dropped", {"-12@L", "-01@L"}, {}, 0},
+      // 001 002 | abc(0): two runs without 999, the later stamp is the newest.
+      {"non-numeric reads as 0", {"001", "002", "abc@L"}, {"001", "002", "abc@L"}, 0},
+  };
+  // clang-format on
   TypeParam set(this->base_, 10);
-  for (const OrderRow& row : kOrders) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
-    std::vector<std::string> list = Coded(this->base_, row.list);
+    strings list = Coded(this->base_, row.list);
     set.AdjustFileVecOrder(list);
     EXPECT_EQ(Coded(this->base_, row.order), list);
     list = Coded(this->base_, row.list);
@@ -266,40 +224,19 @@ TYPED_TEST(FileSetTest, OrderAndNextIndexTable) {
 // what stays on disk. Zero-byte files ("e", left by a kill before the first
 // flush) are given an empty member and keep their place.
 TYPED_TEST(FileSetTest, FormingTable) {
-  struct Row {
-    const char* what;
-    std::vector<std::string> files;
-    uint64_t limit;
-    std::vector<std::string> formed, gone;
-    uint32_t next;
-  };
-  const std::vector<Row> rows = {
+  // clang-format off
+  const struct { const char* what; strings files; uint64_t limit; strings formed, gone; uint32_t next; } rows[] = {
       {"negative index: off the list, on disk", {"-12@L", "0", "1"}, 1, {"1"}, {"0"}, 2},
-      {"wrap restored, oldest pruned",
-       {"998", "999", "0", "1", "2"},
-       3,
-       {"0", "1", "2"},
-       {"998", "999"},
-       3},
+      {"wrap restored, oldest pruned", {"998", "999", "0", "1", "2"}, 3, {"0", "1", "2"}, {"998", "999"}, 3},
       {"empty folder", {}, 10, {}, {}, 0},
       {"zero-byte files", {"0", "1e", "2e", "3"}, 10, {"0", "1", "2", "3"}, {}, 4},
-      {"old-style names only",
-       {".0", ".1", ".2", ".3", ".4", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-3.tar.gz"},
-       10,
-       {},
-       {},
-       0},
+      {"old-style names only", {".0", ".1", ".2", ".3", ".4", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-3.tar.gz"}, 10, {}, {}, 0},
   };
-  for (const Row& row : rows) {
+  // clang-format on
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
-    for (const std::string& name : morvotest::Entries(this->dir_)) {
-      unlink((this->dir_ + "/" + name).c_str());
-    }
-    for (std::string code : row.files) {
-      bool empty = code.back() == 'e';
-      morvotest::WriteFile(Coded(this->base_, empty ? code.substr(0, code.size() - 1) : code),
-                           empty ? "" : "data\n");
-    }
+    this->Clear();
+    for (const std::string& code : row.files) settest::WriteCoded(this->base_, code);
     TypeParam set(this->base_, row.limit);
     set.fileVec = {"stale"};
     set.FormFileVectors();
@@ -310,7 +247,7 @@ TYPED_TEST(FileSetTest, FormingTable) {
       bool empty = code.back() == 'e';
       if (empty) code.pop_back();
       std::string name = Coded(this->base_, code);
-      EXPECT_NE(gone, morvotest::Exists(name)) << code;
+      EXPECT_NE(gone, Exists(name)) << code;
       if (!gone) {
         EXPECT_EQ(empty ? "" : "data\n", empty ? Zcat(name) : morvotest::ReadFile(name));
       }
@@ -328,34 +265,21 @@ TYPED_TEST(FileSetTest, FormingTable) {
 // never makes a file part of the set; odd lengths of the set's own names are
 // purged, old-style names and anything not a regular file are left.
 TYPED_TEST(FileSetTest, ScanTable) {
-  struct Row {
-    const char* folder;
-    const char* base;
-    std::vector<std::string> collected, stay, gone;
-  };
-  const std::vector<Row> rows = {
-      {"/data/log/sets",
-       "applog",
-       {"applog.I001.20240105-081502.gz", "applog.I002.20240105-081502.gz",
-        "applog.I000.2024010X-08150Y.gz", "applog.Iabc.20240105-081502.gz"},
-       {"applog.I003.20240105-081502.xz", "apples.I004.20240105-081502.gz", "applog-1.tar.gz",
-        "applog-4.tar.gz", "applog.1", "other.gz", "applog.gz", "applog.I01.20240105-081502.xz"},
+  // clang-format off
+  const struct { const char* folder; const char* base; strings collected, stay, gone; } rows[] = {
+      {"/data/log/sets", "applog",
+       {"applog.I001.20240105-081502.gz", "applog.I002.20240105-081502.gz", "applog.I000.2024010X-08150Y.gz", "applog.Iabc.20240105-081502.gz"},
+       {"applog.I003.20240105-081502.xz", "apples.I004.20240105-081502.gz", "applog-1.tar.gz", "applog-4.tar.gz", "applog.1", "other.gz", "applog.gz", "applog.I01.20240105-081502.xz"},
        {"applog.I01.20240105-081502.gz", "applog.I0001.20240105-081502.gz", "applog-7.tar.gz"}},
-      {"/data/log",
-       "log",
-       {"log.I001.20240105-081502.gz"},
-       {"applog.I001.20240105-081502.gz", "applog-3.tar.gz", "kmsg.gz",
-        "abc.I001.20240105-081502.gz", "logcat.I001.20240105-081502.gz",
-        "log-kernel.I001.20240105-081502.gz", "log-kernel-0.tar.gz", "log.gz"},
+      {"/data/log", "log", {"log.I001.20240105-081502.gz"},
+       {"applog.I001.20240105-081502.gz", "applog-3.tar.gz", "kmsg.gz", "abc.I001.20240105-081502.gz", "logcat.I001.20240105-081502.gz", "log-kernel.I001.20240105-081502.gz", "log-kernel-0.tar.gz", "log.gz"},
        {"log.I01.20240105-081502.gz", "log-12.tar.gz"}},
-      {"/data/log/charge-log",
-       "charge-log",
-       {"charge-log.I001.20240105-081502.gz"},
-       {"kernel.I001.20240105-081502.gz", "bugreport.tar.gz", "charge-log_old.gz",
-        "charge-log-x.tar.gz", "xxxxxxxxxx.I001.20240105-081502.gz"},
+      {"/data/log/charge-log", "charge-log", {"charge-log.I001.20240105-081502.gz"},
+       {"kernel.I001.20240105-081502.gz", "bugreport.tar.gz", "charge-log_old.gz", "charge-log-x.tar.gz", "xxxxxxxxxx.I001.20240105-081502.gz"},
        {"charge-log.I1.20240105-081502.gz", "charge-log-5.tar.gz"}},
   };
-  for (const Row& row : rows) {
+  // clang-format on
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.folder);
     const std::string folder = this->root_.Under(row.folder);
     this->root_.MakeDirs(row.folder);
@@ -368,7 +292,7 @@ TYPED_TEST(FileSetTest, ScanTable) {
     ASSERT_EQ(0, mkdir(SetName(base, 6, "20240105-081502").c_str(), 0775));
     TypeParam set(base, 10);
     set.ProcessMmapFileVec(0);
-    std::vector<std::string> found = set.fileVec, expected;
+    strings found = set.fileVec, expected;
     for (const std::string& name : row.collected) expected.push_back(folder + "/" + name);
     std::sort(found.begin(), found.end());
     std::sort(expected.begin(), expected.end());
@@ -378,43 +302,43 @@ TYPED_TEST(FileSetTest, ScanTable) {
     EXPECT_TRUE(set.fileVec.empty());
     for (const auto* names : {&row.collected, &row.stay, &row.gone}) {
       for (const std::string& name : *names) {
-        EXPECT_EQ(names != &row.gone, morvotest::Exists(folder + "/" + name)) << name;
+        EXPECT_EQ(names != &row.gone, Exists(folder + "/" + name)) << name;
       }
     }
-    EXPECT_TRUE(morvotest::Exists(SetName(base, 6, "20240105-081502")));
+    EXPECT_TRUE(Exists(SetName(base, 6, "20240105-081502")));
   }
 }
 
-// A set holding all 1000 indices (by a run that opened a file without
-// pruning, or a kill between opening and pruning), or at the cap with its
-// one free index. With every index there is no gap to show where writing
-// stopped: the stamps do (perSecond files share one). Forming keeps the
-// newest files, adding a file never fills the last index, and a restart
-// still finds the newest.
+// A set holding all 1000 indices (a run that opened a file without pruning,
+// or a kill between opening and pruning), or at the cap with its one free
+// index: no gap shows where writing stopped, the stamps do (perSecond files
+// share one). Rows on disk: forming keeps the newest files, adding a file
+// never fills the last index (whatever the limit), and a restart still
+// finds the newest.
 TYPED_TEST(FileSetTest, FullSetsAreOrderedByStampsAndKeepAnIndexFree) {
   struct Row {
     uint64_t limit;
     int newest;     // the index written last
     int perSecond;  // files opened within one second
     bool oneFree;   // the index after the newest is missing
-    size_t kept;    // entries after the new file was added
+    size_t kept;    // entries after the new file was added; 0: order only
   };
   for (const Row& row :
        {Row{0, 300, 1, false, 999}, Row{1000, 999, 1, false, 999}, Row{5, 0, 3, false, 6},
-        Row{0, 2, 7, false, 999}, Row{0, 641, 16, false, 999}, Row{0, 998, 1, true, 999},
-        Row{999, 999, 1, true, 999}, Row{999, 400, 1, true, 999}}) {
+        Row{0, 2, 7, false, 0}, Row{0, 641, 16, false, 0}, Row{0, 998, 1, true, 999},
+        Row{999, 999, 1, true, 0}, Row{999, 400, 1, true, 999}}) {
     TypeParam order(this->base_, 0);
     SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
-    for (const std::string& name : SetFiles(this->dir_, "applog")) unlink(name.c_str());
-    std::vector<std::string> written =
-        FullSetInWritingOrder(this->base_, row.newest, row.perSecond);
+    strings written = settest::FullSet(this->base_, row.newest, row.perSecond);
     if (row.oneFree) written.erase(written.begin());
-    std::vector<std::string> list = written;
+    strings list = written;
     std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
     for (int again = 0; again < 2; ++again) {
       order.AdjustFileVecOrder(list);
       EXPECT_EQ(written, list);
     }
+    if (row.kept == 0) continue;
+    for (const std::string& name : SetFiles(this->dir_, "applog")) unlink(name.c_str());
     for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
 
     TypeParam set(this->base_, row.limit);
@@ -423,9 +347,8 @@ TYPED_TEST(FileSetTest, FullSetsAreOrderedByStampsAndKeepAnIndexFree) {
     EXPECT_EQ(written.back(), set.fileVec.back());
     std::string added;
     ASSERT_TRUE(set.AddNewFile(set.GetNewLogFileIndex(set.fileVec), &added));
-    EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), Indices(set, {added})[0]);
-    std::vector<std::string> expected(written.end() - static_cast<long>(row.kept - 1),
-                                      written.end());
+    EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), settest::Indices(set, {added})[0]);
+    strings expected(written.end() - static_cast<long>(row.kept - 1), written.end());
     expected.push_back(added);
     EXPECT_EQ(expected, set.fileVec);
     std::sort(expected.begin(), expected.end());
@@ -437,7 +360,7 @@ TYPED_TEST(FileSetTest, FullSetsAreOrderedByStampsAndKeepAnIndexFree) {
     ASSERT_EQ(std::min<uint64_t>(row.kept, cap), restarted.fileVec.size());
     EXPECT_EQ(added, restarted.fileVec.back());
     EXPECT_EQ(written.back(), restarted.fileVec[restarted.fileVec.size() - 2]);
-    EXPECT_TRUE(morvotest::Exists(written.back()));
+    EXPECT_TRUE(Exists(written.back()));
   }
 }
 

@@ -43,59 +43,22 @@ TEST_F(MorvocatUtilsTest, OtherModesAndEmptyPathsChooseNoFile) {
 // Start over what is in the folder, open a file, write, restart: "e" marks
 // an empty file, "@L" the later stamp; the other files hold a record.
 TEST_F(MorvocatUtilsTest, StartNewFileAndRestartTable) {
-  struct Row {
-    const char* what;
-    std::vector<std::string> files;
-    uint64_t limit;
-    std::vector<int> started, opened, restarted;
-    bool plainScheme = false;  // the base path, .1 to .4, -0 to -9.tar.gz: removed
-  };
-  const std::vector<Row> rows = {
-      {"limit 3 over 5 prunes on start and after each new file",
-       {"0", "1", "2", "3", "4"},
-       3,
-       {2, 3, 4},
-       {3, 4, 5},
-       {4, 5, 6}},
-      {"limit 0 prunes nothing below the cap",
-       {"0", "1", "2", "3", "4"},
-       0,
-       {0, 1, 2, 3, 4},
-       {0, 1, 2, 3, 4, 5},
-       {0, 1, 2, 3, 4, 5, 6}},
+  // clang-format off
+  const struct { const char* what; std::vector<std::string> files; uint64_t limit; std::vector<int> started, opened, restarted; } rows[] = {
+      {"limit 3 over 5 prunes on start and after each new file", {"0", "1", "2", "3", "4"}, 3, {2, 3, 4}, {3, 4, 5}, {4, 5, 6}},
+      {"limit 0 prunes nothing below the cap", {"0", "1", "2", "3", "4"}, 0, {0, 1, 2, 3, 4}, {0, 1, 2, 3, 4, 5}, {0, 1, 2, 3, 4, 5, 6}},
       {"an empty newest file is continued as it is", {"0", "1e"}, 10, {0, 1}, {0, 1}, {0, 1, 2}},
-      {"the index after the newest",
-       {"3", "4@L", "10", "11"},
-       10,
-       {10, 11, 3, 4},
-       {10, 11, 3, 4, 5},
-       {10, 11, 3, 4, 5, 6}},
-      {"999 wraps to 000",
-       {"997", "998", "999"},
-       10,
-       {997, 998, 999},
-       {997, 998, 999, 0},
-       {997, 998, 999, 0, 1}},
+      {"the index after the newest", {"3", "4@L", "10", "11"}, 10, {10, 11, 3, 4}, {10, 11, 3, 4, 5}, {10, 11, 3, 4, 5, 6}},
+      {"999 wraps to 000", {"997", "998", "999"}, 10, {997, 998, 999}, {997, 998, 999, 0}, {997, 998, 999, 0, 1}},
   };
-  for (const Row& row : rows) {
+  // clang-format on
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     for (const std::string& name : SetFiles(dir_, "applog")) unlink(name.c_str());
     std::vector<std::string> files;
-    for (std::string code : row.files) {
-      bool empty = code.back() == 'e';
-      if (empty) code.pop_back();
-      files.push_back(settest::Coded(base_, code));
-      morvotest::WriteFile(files.back(), empty ? "" : "data\n");
-    }
-    std::vector<std::string> plain = {base_};
-    for (int n = 1; n < 5; ++n) plain.push_back(platform::NumberedName(base_, n));
-    for (int n = 0; n < 10; ++n) plain.push_back(platform::ArchiveName(base_, n));
-    for (const auto& name : plain) {
-      if (row.plainScheme) morvotest::WriteFile(name, "old");
-    }
+    for (const std::string& code : row.files) files.push_back(settest::WriteCoded(base_, code));
     ReaderOwner writer(base_, row.limit);
     writer.InitLogFiles();
-    for (const auto& name : plain) EXPECT_FALSE(morvotest::Exists(name)) << name;
     EXPECT_FALSE(writer.IsLogFileAccess());  // no file chosen yet
     EXPECT_EQ(row.started, Indices(writer, writer.fileVec));
     writer.GetNewLog();
@@ -103,10 +66,10 @@ TEST_F(MorvocatUtilsTest, StartNewFileAndRestartTable) {
     EXPECT_EQ(writer.fileVec.back(), writer.logFilePath);
     EXPECT_TRUE(writer.IsLogFileAccess());
     EXPECT_EQ(0664u, settest::ModeOf(writer.logFilePath));
-    for (size_t i = 0; i < files.size(); ++i) {
-      int index = Indices(writer, {files[i]})[0];
+    for (const std::string& file : files) {
+      int index = Indices(writer, {file})[0];
       bool kept = std::find(row.opened.begin(), row.opened.end(), index) != row.opened.end();
-      EXPECT_EQ(kept, morvotest::Exists(files[i])) << files[i];
+      EXPECT_EQ(kept, morvotest::Exists(file)) << file;
     }
     writer.Write("continued\n", 64);
     writer.Flush();
@@ -118,33 +81,6 @@ TEST_F(MorvocatUtilsTest, StartNewFileAndRestartTable) {
   }
 }
 
-TEST_F(MorvocatUtilsTest, TwoNewFilesInOneSecondDifferOnlyInTheIndex) {
-  ReaderOwner writer(base_, 0);
-  writer.InitLogFiles();
-  std::string first;
-  std::string second;
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    writer.Write("a record\n", 64);
-    writer.GetNewLog();
-    first = writer.logFilePath;
-    writer.Write("another\n", 64);
-    writer.Flush();
-    writer.GetNewLog();
-    second = writer.logFilePath;
-    ASSERT_NE(first, second);
-    if (writer.GetTimestamp(first) == writer.GetTimestamp(second)) break;
-    writer.Write("z\n", 2);  // crossed a second: try again from a full file
-    writer.Flush();
-  }
-  ASSERT_EQ(writer.GetTimestamp(first), writer.GetTimestamp(second));
-  EXPECT_EQ(writer.ConvertStringToIndex(writer.GetIndex(first)),
-            static_cast<uint32_t>(atoi(writer.GetIndex(second).c_str())));
-  std::string withoutIndex = first;
-  withoutIndex.replace(base_.size() + 2, 3, writer.GetIndex(second));
-  EXPECT_EQ(second, withoutIndex);
-  EXPECT_TRUE(morvotest::Exists(first));
-}
-
 TEST_F(MorvocatUtilsTest, WriteStopsAtTheFirstNulOrTheMaximumLength) {
   ReaderOwner writer(base_, 10);
   writer.InitLogFiles();
@@ -154,50 +90,6 @@ TEST_F(MorvocatUtilsTest, WriteStopsAtTheFirstNulOrTheMaximumLength) {
   writer.Write(nullptr, 5);
   writer.Flush();
   EXPECT_EQ("abcxy", morvotest::Gunzip(writer.logFilePath));
-}
-
-// Many files written in one run, then a restart: the set stays bounded and
-// in order, and the restart goes on after the file that was really newest
-// (without a limit the set keeps as many files as it can name).
-TEST_F(MorvocatUtilsTest, WrappedSetsStayBoundedOrderedAndRestartAfterTheNewest) {
-  struct Row {
-    int files;
-    uint64_t limit;
-    size_t kept;
-    int front, back;  // the restarted set's first and last index
-  };
-  for (const Row& row : {Row{2345, 4, 4, 342, 345}, Row{1300, 0, 999, 302, 300}}) {
-    SCOPED_TRACE(row.files);
-    for (const std::string& name : SetFiles(dir_, "applog")) unlink(name.c_str());
-    ReaderOwner writer(base_, row.limit);
-    writer.InitLogFiles();
-    for (int i = 0; i < row.files; ++i) {
-      writer.GetNewLog();
-      writer.Write((std::to_string(i) + "\n").c_str(), 16);
-      writer.Flush();
-      ASSERT_EQ(writer.fileVec.back(), writer.logFilePath) << i;
-      std::vector<int> indices = Indices(writer, writer.fileVec);
-      ASSERT_LE(indices.size(), row.kept);
-      for (size_t k = 1; k < indices.size(); ++k) {
-        ASSERT_EQ((indices[k - 1] + 1) % 1000, indices[k]) << i;
-      }
-    }
-    writer.Write("last\n", 16);
-    writer.Flush();
-    ASSERT_EQ(row.kept, writer.fileVec.size());
-    EXPECT_EQ((row.back + 999) % 1000, Indices(writer, {writer.fileVec.back()})[0]);
-    EXPECT_EQ(std::to_string(row.files - static_cast<int>(row.kept) + 1) + "\n",
-              morvotest::Gunzip(writer.fileVec[1]));
-    EXPECT_EQ(std::to_string(row.files - 1) + "\nlast\n", morvotest::Gunzip(writer.fileVec.back()));
-    EXPECT_EQ(row.kept, SetFiles(dir_, "applog").size());
-    ReaderOwner restarted(base_, row.limit);
-    restarted.InitLogFiles();
-    restarted.GetNewLog();
-    std::vector<int> indices = Indices(restarted, restarted.fileVec);
-    ASSERT_EQ(row.kept, indices.size());
-    EXPECT_EQ(row.front, indices.front());
-    EXPECT_EQ(row.back, indices.back());
-  }
 }
 
 TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {

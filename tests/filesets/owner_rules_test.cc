@@ -47,6 +47,8 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
     missing += "unlink [" + Path("-" + std::to_string(n) + ".tar.gz") + "] fail\n";
   }
   const std::string odd = ".I03.20240105-081502.gz";
+  std::vector<std::string> gone = {"", ".1", ".2", ".3", ".4"};
+  for (int n = 0; n < 10; ++n) gone.push_back("-" + std::to_string(n) + ".tar.gz");
   struct Row {
     const char* what;
     FileSet* set;
@@ -56,25 +58,18 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
     std::vector<std::string> formed;
     bool detectsAfter, sweepsAgain;
   };
-  std::vector<std::string> gone = {"", ".1", ".2", ".3", ".4"};
-  for (int n = 0; n < 10; ++n) gone.push_back("-" + std::to_string(n) + ".tar.gz");
+  // clang-format off
   const std::vector<Row> rows = {
       {"reader", &reader, &reader.fileVec, allOld, gone, "", {}, true, true},
       {"reader not memory-mapped", &plain, nullptr, allOld, {}, "", {}, true, false},
       {"reader without a path", &unnamed, nullptr, allOld, {}, "", {}, false, false},
-      {"collector",
-       &sink,
-       &sink.fileVec,
-       {".0", ".1", ".2", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-7.tar.gz"},
-       {".0", ".1", ".2", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-7.tar.gz", odd},
-       missing,
-       {Path("3")},
-       false,
-       false},
+      {"collector", &sink, &sink.fileVec, {".0", ".1", ".2", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-7.tar.gz"},
+       {".0", ".1", ".2", "-0.tar.gz", "-1.tar.gz", "-2.tar.gz", "-7.tar.gz", odd}, missing, {Path("3")}, false, false},
   };
+  // clang-format on
   for (const Row& row : rows) {
     SCOPED_TRACE(row.what);
-    for (const std::string& name : morvotest::Entries(dir_)) unlink((dir_ + "/" + name).c_str());
+    Clear();
     std::vector<std::string> made = row.made;
     made.insert(made.end(), {"3", odd});
     for (const std::string& code : made) morvotest::WriteFile(Path(code), "data\n");
@@ -125,87 +120,62 @@ TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
   EXPECT_EQ(std::vector<std::string>{"kept as it is"}, sink.fileVec);
 }
 
-TEST_F(OwnerRulesTest, OnlyTheReaderContinuesAnEmptyNewestFile) {
-  MakeSetFile(base_, 0);
-  std::string empty = settest::SetName(base_, 1, "20240105-081502");
-  morvotest::WriteFile(empty, "");
-  ReaderOwner reader(base_, 10);
-  reader.FormFileVectors();
-  // Forming gave the empty file its empty member; it still holds no record.
-  EXPECT_EQ("", morvotest::Zcat(empty));
-  EXPECT_EQ(filesets::kContinueNewest, reader.GetNewLogFileIndex());
-  EXPECT_EQ(filesets::kContinueNewest, reader.GetNewLogFileIndex(reader.fileVec));
-  CollectorOwner sink(base_, 10);
-  sink.FormFileVectors();
-  EXPECT_EQ(2u, sink.GetNewLogFileIndex(sink.fileVec));
-
-  // A newest entry whose status cannot be read is not an empty file.
-  reader.fileVec.push_back(settest::SetName(base_, 2, "20240105-081502"));
-  EXPECT_EQ(3u, reader.GetNewLogFileIndex());
-}
-
-// What stands at the newest name instead of the reader's own empty file (a
-// link to an empty file outside, a second name of one) is not continued:
-// the writer would write through it, or refuse it and keep the records.
-TEST_F(OwnerRulesTest, ReaderContinuesOnlyItsOwnEmptyFile) {
+// Forming gives a zero-byte newest file its empty member; only the reader
+// continues it, and only as its own regular file: through a link to an empty
+// file outside or a second name of one, the writer would write outside.
+TEST_F(OwnerRulesTest, OnlyTheReaderContinuesItsOwnEmptyNewestFile) {
   const std::string victim = root_.Under("/victim");
   MakeSetFile(base_, 0);
   std::string newest = settest::SetName(base_, 1, "20240105-081502");
-  for (morvotest::Plant plant : {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK}) {
-    SCOPED_TRACE(morvotest::NameOf(plant));
+  CollectorOwner sink(base_, 10);
+  morvotest::WriteFile(newest, "");
+  sink.FormFileVectors();
+  EXPECT_EQ(2u, sink.GetNewLogFileIndex(sink.fileVec));
+  for (int plant : {-1, int(morvotest::Plant::SYMLINK), int(morvotest::Plant::HARD_LINK)}) {
+    SCOPED_TRACE(plant);
     morvotest::WriteFile(newest, "");
     ReaderOwner reader(base_, 10);
     reader.FormFileVectors();
     ASSERT_EQ(newest, reader.fileVec.back());
-    morvotest::WriteFile(victim, "");
-    ASSERT_EQ(0, unlink(newest.c_str()));
-    morvotest::PlantAt(newest, plant, victim);
-    EXPECT_EQ(2u, reader.GetNewLogFileIndex());
+    EXPECT_EQ("", morvotest::Zcat(newest));
+    if (plant >= 0) {
+      morvotest::WriteFile(victim, "");
+      ASSERT_EQ(0, unlink(newest.c_str()));
+      morvotest::PlantAt(newest, morvotest::Plant(plant), victim);
+    }
+    uint32_t next = plant < 0 ? filesets::kContinueNewest : 2u;
+    EXPECT_EQ(next, reader.GetNewLogFileIndex());
+    EXPECT_EQ(next, reader.GetNewLogFileIndex(reader.fileVec));
     unlink(newest.c_str());
     unlink(victim.c_str());
   }
-}
-
-// The file each owner opens is a whole gzip stream before its first flush,
-// and stays one, record after record.
-TEST_F(OwnerRulesTest, EachOwnersNewFileIsAWholeGzipStreamFromTheStart) {
-  ReaderOwner reader(dir_ + "/reader", 10);
-  reader.InitLogFiles();
-  reader.GetNewLog();
-  TavobaseOwner sink(base_, 10);
-  sink.FormFileVectors();
-  sink.OpenLogFile();
-  ASSERT_EQ(1u, sink.fileVec.size());
-  for (const std::string& name : {reader.logFilePath, sink.fileVec.back()}) {
-    EXPECT_EQ("", morvotest::Zcat(name)) << name;
-  }
-  reader.Write("one\n", 16);
-  reader.Flush();
-  sink.MmapWrite("two\n", 4, true);
-  sink.MmapClose();
-  EXPECT_EQ("one\n", morvotest::Zcat(reader.logFilePath));
-  EXPECT_EQ("two\n", morvotest::Zcat(sink.fileVec.back()));
+  // A newest entry whose status cannot be read is not an empty file.
+  ReaderOwner reader(base_, 10);
+  reader.fileVec = {newest};
+  EXPECT_EQ(2u, reader.GetNewLogFileIndex());
 }
 
 // A group with the default limit restarted over a set holding all 1000
 // indices: setup and the first rotation (which forms the set again) keep
-// the previous run's newest files and go on after them.
+// the previous run's newest files and go on after them. The file it opens
+// is a whole gzip stream before its first record and after the last.
 TEST_F(OwnerRulesTest, GroupRestartOverAFullSetKeepsTheNewestThroughItsFirstRotation) {
   for (uint64_t limit : {uint64_t{0}, uint64_t{999}}) {
     SCOPED_TRACE(limit);
     for (const std::string& name : morvotest::SetFiles(dir_, "applog")) unlink(name.c_str());
-    std::vector<std::string> written;
-    for (int k = 0; k < 1000; ++k) {
-      written.push_back(settest::SetName(base_, (301 + k) % 1000, settest::StampAfter(k)));
-      morvotest::WriteFile(written.back(), "data\n");
-    }
+    std::vector<std::string> written = settest::FullSet(base_, 300);
+    for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
     TavobaseOwner sink(base_, limit);
     sink.FormFileVectors();
     sink.OpenLogFile();
     EXPECT_LE(morvotest::SetFiles(dir_, "applog").size(), 999u);
-    testing::internal::CaptureStderr();
+    const std::string opened = sink.fileVec.back();
+    EXPECT_EQ("", morvotest::Zcat(opened));
+    sink.MmapWrite("two\n", 4, true);
+    CaptureStderr();
     sink.RotateLog(uint64_t{4096} << 10);
-    testing::internal::GetCapturedStderr();
+    GetCapturedStderr();
+    EXPECT_EQ("two\n", morvotest::Zcat(opened));
     EXPECT_EQ(999u, morvotest::SetFiles(dir_, "applog").size());
     ASSERT_EQ(999u, sink.fileVec.size());
     EXPECT_EQ((std::vector<int>{300, 301, 302}),

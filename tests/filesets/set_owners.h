@@ -112,6 +112,15 @@ inline std::vector<std::string> Coded(const std::string& base,
   for (const std::string& code : codes) out.push_back(Coded(base, code));
   return out;
 }
+// Writes the file of code holding a record, or nothing when code ends in
+// "e" (a kill before the first flush); its name.
+inline std::string WriteCoded(const std::string& base, std::string code) {
+  bool empty = code.back() == 'e';
+  if (empty) code.pop_back();
+  std::string name = Coded(base, code);
+  morvotest::WriteFile(name, empty ? "" : "data\n");
+  return name;
+}
 
 // The index fields of list as numbers (-1 for a field that is not).
 inline std::vector<int> Indices(const FileSet& set, const std::vector<std::string>& list) {
@@ -133,6 +142,16 @@ inline std::string StampAfter(long seconds) {
   return stamp;
 }
 
+// The 1000 names of a set that holds every index, in writing order: the
+// oldest has the index after the newest's. perSecond files share a stamp.
+inline std::vector<std::string> FullSet(const std::string& base, int newest, int perSecond = 1) {
+  std::vector<std::string> names;
+  for (int k = 0; k < 1000; ++k) {
+    names.push_back(SetName(base, (newest + 1 + k) % 1000, StampAfter(k / perSecond)));
+  }
+  return names;
+}
+
 using morvotest::ModeOf;
 
 // A log folder under a fresh root, with the base path applog in it.
@@ -144,6 +163,9 @@ class SetDirTest : public ::testing::Test {
     root_.MakeDirs("/data/log/ksv_log");
     dir_ = root_.Under("/data/log");
     base_ = dir_ + "/applog";
+  }
+  void Clear() const {
+    for (const std::string& name : morvotest::Entries(dir_)) unlink((dir_ + "/" + name).c_str());
   }
 
   morvotest::TempRoot root_;
