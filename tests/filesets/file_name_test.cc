@@ -103,10 +103,8 @@ TEST(LogFileNames, EachNameParsesAsOneKindAndIsMadeAgainByteForByte) {
 
 TEST(LogFileNames, EncodersMakeTheWritersNamesAndNothingTooLongForAPath) {
   const std::string tooLong(PATH_MAX, 'p');
-  const struct {
-    std::string got;
-    std::string want;
-  } rows[] = {
+  // clang-format off
+  const struct { std::string got, want; } rows[] = {
       {SetFileName("B", 7, "20240105-081502"), "B.I007.20240105-081502.gz"},
       {SetFileName("B", 1000, "s"), "B.I1000.s.gz"},
       {SetFileName("B", 0, ""), "B.I000..gz"},
@@ -125,6 +123,7 @@ TEST(LogFileNames, EncodersMakeTheWritersNamesAndNothingTooLongForAPath) {
       {SetFileName(tooLong.substr(0, PATH_MAX - 25), 1, "20240105-081502").substr(PATH_MAX - 25),
        ".I001.20240105-081502.gz"},
   };
+  // clang-format on
   for (const auto& row : rows) EXPECT_EQ(row.want, row.got);
   std::string now = platform::LocalStamp();
   platform::StampFields fields;
@@ -176,34 +175,25 @@ TYPED_TEST_SUITE(FileNameTest, settest::SetOwners);
 // The owners' field readers keep their exact, lax behaviour.
 TYPED_TEST(FileNameTest, FieldsComeOnlyFromNamesOfTheSetLength) {
   TypeParam set(this->base_, 10);
-  const struct {
-    uint32_t total, start, count;
-    const char* field;
-  } fields[] = {
-      {6, 2, 3, "cde"},        {7, 2, 3, ""},  // length differs
-      {6, 5, 3, ""},                           // field ends past the name
-      {6, 5, 2, "f"},                          // ends one past: cut short
-      {6, 6, 1, ""},                           // starts at the end
-      {6, 0xFFFFFFFFu, 2, ""},                 // sum wraps to 0
-      {6, 0, 0, ""},                           // 0 - 1 wraps to the top
-  };
-  for (const auto& f : fields)
+  // Other length; ends past the name; ends one past (cut short); starts at
+  // the end; the sum wraps to 0; 0 - 1 wraps to the top.
+  // clang-format off
+  const struct { uint32_t total, start, count; const char* field; } fields[] = {
+      {6, 2, 3, "cde"}, {7, 2, 3, ""}, {6, 5, 3, ""}, {6, 5, 2, "f"}, {6, 6, 1, ""}, {6, 0xFFFFFFFFu, 2, ""}, {6, 0, 0, ""}};
+  // clang-format on
+  for (const auto& f : fields) {
     EXPECT_EQ(f.field, set.GetInterger("abcdef", f.total, f.start, f.count));
+  }
 
   const std::string& b = this->base_;
   const std::string name = settest::SetName(b, 7, "20240105-081502");
   EXPECT_EQ(b + ".I007.20240105-081502.gz", name);
-  const struct {
-    std::string name;
-    const char* index;
-    const char* stamp;
-  } names[] = {
-      {name, "007", "20240105-081502"},
-      {name + "x", "", ""},
-      {name.substr(1), "", ""},
+  // clang-format off
+  const struct { std::string name; const char* index; const char* stamp; } names[] = {
+      {name, "007", "20240105-081502"}, {name + "x", "", ""}, {name.substr(1), "", ""},
       {b + ".I-12.20240105-081502.gz", "-12", "20240105-081502"},  // not examined
-      {b + ".Iabc.2024010X-08150Y.gz", "abc", "2024010X-08150Y"},
-  };
+      {b + ".Iabc.2024010X-08150Y.gz", "abc", "2024010X-08150Y"}};
+  // clang-format on
   for (const auto& n : names) {
     EXPECT_EQ(n.index, set.GetIndex(n.name)) << n.name;
     EXPECT_EQ(n.stamp, set.GetTimestamp(n.name)) << n.name;
@@ -212,11 +202,11 @@ TYPED_TEST(FileNameTest, FieldsComeOnlyFromNamesOfTheSetLength) {
   EXPECT_EQ("", unnamed.GetIndex(".I007.20240105-081502.gz"));
   EXPECT_EQ("", unnamed.GetTimestamp(".I007.20240105-081502.gz"));
 
-  const struct {
-    const char* text;
-    uint32_t next;
-  } next[] = {{"000", 1},  {"041", 42}, {"998", 999}, {"999", 0}, {"", 0},    {"99", 0},
-              {"1000", 0}, {"-12", 0},  {"a01", 0},   {"01a", 0}, {" 01", 0}, {"+01", 0}};
+  // clang-format off
+  const struct { const char* text; uint32_t next; } next[] = {
+      {"000", 1}, {"041", 42}, {"998", 999}, {"999", 0}, {"", 0}, {"99", 0},
+      {"1000", 0}, {"-12", 0}, {"a01", 0}, {"01a", 0}, {" 01", 0}, {"+01", 0}};
+  // clang-format on
   for (const auto& n : next) EXPECT_EQ(n.next, set.ConvertStringToIndex(n.text)) << n.text;
 
   for (const EntryRow& row : kEntries) {

@@ -53,44 +53,45 @@ TYPED_TEST(FileSetTest, SortingIsByteOrderSoIndexThenStamp) {
   EXPECT_EQ(Coded(this->base_, {"1", "1@L", "2"}), names);
 }
 
-// Empty arguments, a missing folder, base paths without a folder part and
-// modes other than collect and purge scan nothing.
+// Empty arguments, a missing folder, base paths without a folder part (a
+// trailing "/" would match every name of the set's length; "applog" is
+// read in the set's folder) and modes other than collect and purge scan
+// nothing and delete nothing.
 TYPED_TEST(FileSetTest, ScansThatNeverHappen) {
-  MakeSetFile(this->base_, 1);
-  TypeParam set(this->base_, 10);
-  EXPECT_EQ(1, set.ScanDir(0, "", "applog"));
-  EXPECT_EQ(1, set.ScanDir(0, this->dir_, ""));
-  CaptureStderr();
-  EXPECT_EQ(1, set.ScanDir(0, this->dir_ + "/missing", "applog"));
-  EXPECT_EQ("open pdir error.\n", GetCapturedStderr());
-  // A base path ending in "/" would match every name of the right length.
-  std::string slashBase = this->dir_ + "/";
-  morvotest::WriteFile(slashBase + std::string(24 - 3, 'a') + ".gz", "x");
-  TypeParam trailing(slashBase, 10);
-  trailing.ProcessMmapFileVec(0);
-  EXPECT_TRUE(trailing.fileVec.empty());
-
+  const std::string& dir = this->dir_;
+  for (const std::string& name :
+       {Coded(this->base_, "1"), dir + "/applog.gz", dir + "/" + std::string(21, 'a') + ".gz"}) {
+    morvotest::WriteFile(name, "data\n");
+  }
   char cwd[4096];
   ASSERT_NE(nullptr, getcwd(cwd, sizeof(cwd)));
-  ASSERT_EQ(0, chdir(this->dir_.c_str()));
-  MakeSetFile("applog", 1);
-  TypeParam relative("applog", 10);
-  relative.ProcessMmapFileVec(0);
-  EXPECT_TRUE(relative.fileVec.empty());
+  ASSERT_EQ(0, chdir(dir.c_str()));
+  // clang-format off
+  const struct { std::string base, folder, name; int mode, result; const char* err; } rows[] = {
+      {this->base_, "", "applog", 0, 1, ""},
+      {this->base_, dir, "", 0, 1, ""},
+      {this->base_, dir + "/missing", "applog", 0, 1, "open pdir error.\n"},
+      {dir + "/", "", "", 0, 0, ""},
+      {"applog", "", "", 0, 0, ""},
+      {"/applog", "", "", 0, 0, ""},
+      {this->base_, "", "", 2, 0, ""},
+      {this->base_, "", "", -1, 0, ""},
+  };
+  // clang-format on
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.base + " " + row.folder + " " + row.name + " " + std::to_string(row.mode));
+    TypeParam set(row.base, 10);
+    CaptureStderr();
+    if (row.folder.empty() && row.name.empty()) {
+      set.ProcessMmapFileVec(row.mode);
+    } else {
+      EXPECT_EQ(row.result, set.ScanDir(row.mode, row.folder, row.name));
+    }
+    EXPECT_EQ(row.err, GetCapturedStderr());
+    EXPECT_TRUE(set.fileVec.empty());
+  }
   ASSERT_EQ(0, chdir(cwd));
-
-  TypeParam atRoot("/applog", 10);
-  CaptureStderr();
-  atRoot.ProcessMmapFileVec(0);
-  EXPECT_EQ("", GetCapturedStderr());
-  EXPECT_TRUE(atRoot.fileVec.empty());
-
-  std::string shortName = this->base_ + ".gz";
-  morvotest::WriteFile(shortName, "x");
-  set.ProcessMmapFileVec(2);
-  set.ProcessMmapFileVec(-1);
-  EXPECT_TRUE(set.fileVec.empty());
-  EXPECT_TRUE(Exists(shortName));
+  EXPECT_EQ(4u, morvotest::Entries(dir).size());
 }
 
 TYPED_TEST(FileSetTest, RotateMovesWhatFollowsThePivotToTheFront) {
@@ -125,9 +126,9 @@ TYPED_TEST(FileSetTest, LatestStampWinsAndTiesKeepTheEarlierEntry) {
 
 TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
   const std::string& b = this->base_;
-  std::string gone = SetName(b, 0, "20240101-000000");
-  std::string present = MakeSetFile(b, 1);
-  std::string newest = MakeSetFile(b, 2);
+  std::string gone = Coded(b, "0");
+  std::string present = MakeSetFile(b, "1");
+  std::string newest = MakeSetFile(b, "2");
   TypeParam set(b, 1);
   set.fileVec = {gone, present, newest};
   CaptureStderr();
@@ -151,7 +152,7 @@ TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
 TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   const std::string& b = this->base_;
   strings names;
-  for (int index = 0; index < 3; ++index) names.push_back(MakeSetFile(b, index));
+  for (int index = 0; index < 3; ++index) names.push_back(MakeSetFile(b, std::to_string(index)));
   for (const std::string& other : {b + ".I03.20240105-081502.gz", b + ".1", b + "-0.tar.gz"}) {
     morvotest::WriteFile(other, "x");
   }
@@ -236,7 +237,7 @@ TYPED_TEST(FileSetTest, FormingTable) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     this->Clear();
-    for (const std::string& code : row.files) settest::WriteCoded(this->base_, code);
+    for (const std::string& code : row.files) MakeSetFile(this->base_, code);
     TypeParam set(this->base_, row.limit);
     set.fileVec = {"stale"};
     set.FormFileVectors();
@@ -287,9 +288,8 @@ TYPED_TEST(FileSetTest, ScanTable) {
       for (const std::string& name : *names) morvotest::WriteFile(folder + "/" + name, "x");
     }
     const std::string base = folder + "/" + row.base;
-    ASSERT_EQ(0, symlink((folder + "/" + row.collected[0]).c_str(),
-                         SetName(base, 5, "20240105-081502").c_str()));
-    ASSERT_EQ(0, mkdir(SetName(base, 6, "20240105-081502").c_str(), 0775));
+    ASSERT_EQ(0, symlink((folder + "/" + row.collected[0]).c_str(), Coded(base, "5").c_str()));
+    ASSERT_EQ(0, mkdir(Coded(base, "6").c_str(), 0775));
     TypeParam set(base, 10);
     set.ProcessMmapFileVec(0);
     strings found = set.fileVec, expected;
@@ -305,7 +305,7 @@ TYPED_TEST(FileSetTest, ScanTable) {
         EXPECT_EQ(names != &row.gone, Exists(folder + "/" + name)) << name;
       }
     }
-    EXPECT_TRUE(Exists(SetName(base, 6, "20240105-081502")));
+    EXPECT_TRUE(Exists(Coded(base, "6")));
   }
 }
 

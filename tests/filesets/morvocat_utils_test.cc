@@ -56,7 +56,7 @@ TEST_F(MorvocatUtilsTest, StartNewFileAndRestartTable) {
     SCOPED_TRACE(row.what);
     for (const std::string& name : SetFiles(dir_, "applog")) unlink(name.c_str());
     std::vector<std::string> files;
-    for (const std::string& code : row.files) files.push_back(settest::WriteCoded(base_, code));
+    for (const std::string& code : row.files) files.push_back(MakeSetFile(base_, code));
     ReaderOwner writer(base_, row.limit);
     writer.InitLogFiles();
     EXPECT_FALSE(writer.IsLogFileAccess());  // no file chosen yet
@@ -94,7 +94,7 @@ TEST_F(MorvocatUtilsTest, WriteStopsAtTheFirstNulOrTheMaximumLength) {
 
 TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {
   ReaderOwner writer(base_, 10);
-  std::string name = MakeSetFile(base_, 1);
+  std::string name = MakeSetFile(base_, "1");
   EXPECT_EQ(5u, writer.GetFileSize(name));
   EXPECT_EQ(UINT64_MAX, writer.GetFileSize(base_ + ".missing"));
 }
@@ -129,7 +129,7 @@ TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
 TEST_F(MorvocatUtilsTest, CurrentFileIsThereOnlyAsItsOwnRegularFile) {
   const std::string victim = root_.Under("/victim");
   morvotest::MakeVictim(victim);
-  MakeSetFile(base_, 6);
+  MakeSetFile(base_, "6");
   const std::vector<const char*> breaks = {"deleted", "link",          "hard link",
                                            "FIFO",    "dangling link", "second name"};
   const morvotest::Plant plants[] = {morvotest::Plant::SYMLINK, morvotest::Plant::HARD_LINK,

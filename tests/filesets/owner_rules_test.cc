@@ -96,8 +96,8 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
 }
 
 TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
-  std::vector<std::string> indexed = {MakeSetFile(base_, 0), MakeSetFile(base_, 1),
-                                      MakeSetFile(base_, 2)};
+  std::vector<std::string> indexed = {MakeSetFile(base_, "0"), MakeSetFile(base_, "1"),
+                                      MakeSetFile(base_, "2")};
   morvotest::WriteFile(Numbered(1), "x");
   CollectorOwner sink(base_, 1, SetScheme::NUMBERED);
   sink.FormFileVectors();  // before the sweep it still lists and never prunes
@@ -105,7 +105,7 @@ TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
   sink.RemoveRedundancy();
   EXPECT_EQ(3u, sink.fileVec.size());
 
-  std::string gone = settest::SetName(base_, 9, "20240105-081502");
+  std::string gone = settest::Coded(base_, "9");
   sink.fileVec.push_back(gone);
   CaptureStderr();
   sink.DeleteOldStyleFiles();
@@ -114,7 +114,7 @@ TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
   EXPECT_TRUE(morvotest::Exists(Numbered(1)));  // the scheme's own file
   EXPECT_TRUE(sink.fileVec.empty());
 
-  MakeSetFile(base_, 5);
+  MakeSetFile(base_, "5");
   sink.fileVec = {"kept as it is"};
   sink.FormFileVectors();
   EXPECT_EQ(std::vector<std::string>{"kept as it is"}, sink.fileVec);
@@ -125,8 +125,8 @@ TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
 // file outside or a second name of one, the writer would write outside.
 TEST_F(OwnerRulesTest, OnlyTheReaderContinuesItsOwnEmptyNewestFile) {
   const std::string victim = root_.Under("/victim");
-  MakeSetFile(base_, 0);
-  std::string newest = settest::SetName(base_, 1, "20240105-081502");
+  MakeSetFile(base_, "0");
+  std::string newest = settest::Coded(base_, "1");
   CollectorOwner sink(base_, 10);
   morvotest::WriteFile(newest, "");
   sink.FormFileVectors();

@@ -83,15 +83,6 @@ inline std::string SetName(const std::string& base, int index, const std::string
   return platform::SetFileName(base, static_cast<uint32_t>(index), stamp);
 }
 
-// A set file with some content (an empty newest file is continued by the
-// reader, so files that stand for written ones are never empty).
-inline std::string MakeSetFile(const std::string& base, int index,
-                               const std::string& stamp = "20240105-081502") {
-  std::string name = SetName(base, index, stamp);
-  morvotest::WriteFile(name, "data\n");
-  return name;
-}
-
 // Set names written short, for tables: "7" is index 007, "abc" or "-12"
 // the index field as given, "7@L" the same with the later stamp
 // 20240301-000000 (else 20240101-000000); a code holding a "." is a suffix
@@ -112,9 +103,10 @@ inline std::vector<std::string> Coded(const std::string& base,
   for (const std::string& code : codes) out.push_back(Coded(base, code));
   return out;
 }
-// Writes the file of code holding a record, or nothing when code ends in
-// "e" (a kill before the first flush); its name.
-inline std::string WriteCoded(const std::string& base, std::string code) {
+// Writes the file of code holding a record (an empty newest file is
+// continued by the reader), or nothing when code ends in "e" (a kill
+// before the first flush); its name.
+inline std::string MakeSetFile(const std::string& base, std::string code) {
   bool empty = code.back() == 'e';
   if (empty) code.pop_back();
   std::string name = Coded(base, code);
