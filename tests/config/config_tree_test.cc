@@ -57,11 +57,9 @@ TEST(FreeTest, NullArgumentsAreHarmlessAndSingleRecordFreesDoNotFollowNext) {
   EXPECT_EQ(nullptr, second);
 }
 
-class ValidateTest : public ConfigTest {};
-
 // A zero-filled root fails after the dump; so does a style past the known
 // ones, even with sources, which are not shown.
-TEST_F(ValidateTest, ZeroRootAndUnknownStyleFailAfterTheDump) {
+TEST_F(ConfigTest, ZeroRootAndUnknownStyleFailAfterTheDump) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(1, TavoConfig::ValidateTavocatInfo(info_));
   EXPECT_EQ(ExpectedDump(info_), testing::internal::GetCapturedStderr());
@@ -74,7 +72,7 @@ TEST_F(ValidateTest, ZeroRootAndUnknownStyleFailAfterTheDump) {
   info_.groups->style = TavoCommon::MONITOR_NODE;
 }
 
-TEST_F(ValidateTest, NullSetsAreNotValidAndPrintNothing) {
+TEST_F(ConfigTest, NullSetsAreNotValidAndPrintNothing) {
   EXPECT_FALSE(IsValidNodeSet(nullptr));
   EXPECT_FALSE(IsValidDirSet(nullptr));
   EXPECT_FALSE(IsValidCmdSet(nullptr));

@@ -30,7 +30,6 @@ namespace {
 
 using morvotest::EachAllocationFailing;
 
-using TavoConfig::ApartLimits;
 using TavoConfig::BuildTreeApart;
 using TavoConfig::DecodeTavocatInfo;
 using TavoConfig::kParseLimits;
@@ -125,17 +124,6 @@ TEST_F(WireTest, EachFailedAllocationIsRefusedWholeAndLeaksNothing) {
   EXPECT_GT(count, 20);
 }
 
-// Builds apart into info_, with standard error kept in err_.
-class ApartTest : public ConfigTest {
- protected:
-  int BuildApart(TavoConfig::TreeBuilder build, const void* arg, const ApartLimits& limits) {
-    testing::internal::CaptureStderr();
-    int result = BuildTreeApart(build, arg, limits, &info_);
-    err_ = testing::internal::GetCapturedStderr();
-    return result;
-  }
-};
-
 // This process's address space in bytes.
 unsigned long long AddressSpace() {
   return strtoull(morvotest::ReadFile("/proc/self/statm").c_str(), nullptr, 10) *
@@ -198,7 +186,7 @@ int BuildHugeTree(const void*, TavocatInfoT* info) {
 
 // A child gives its tree, however large; past its memory or time bound it
 // fails the parse. Either way it is reaped.
-TEST_F(ApartTest, ChildIsBoundedAndGivesItsTree) {
+TEST_F(ConfigTest, ChildIsBoundedAndGivesItsTree) {
   const struct {
     TavoConfig::TreeBuilder build;
     int deadlineMs;
@@ -218,8 +206,10 @@ TEST_F(ApartTest, ChildIsBoundedAndGivesItsTree) {
     SCOPED_TRACE(c.err);
     FreeConfigFile(&info_);
     TavocatInfoT here = {};
-    EXPECT_EQ(c.result, BuildApart(c.build, nullptr, {c.deadlineMs, kParseLimits.memoryGrowth}));
-    EXPECT_EQ(c.err, err_);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(c.result,
+              BuildTreeApart(c.build, nullptr, {c.deadlineMs, kParseLimits.memoryGrowth}, &info_));
+    EXPECT_EQ(c.err, testing::internal::GetCapturedStderr());
     EXPECT_EQ(0, c.name != nullptr ? 0 : c.build(nullptr, &here));
     EXPECT_TRUE((c.name != nullptr ? c.name : Describe(here)) == Describe(info_))
         << Describe(info_).substr(0, 200);
@@ -237,7 +227,7 @@ int TellPidAndHang(const void* arg, TavocatInfoT*) {
   for (;;) pause();
 }
 
-TEST_F(ApartTest, ChildEndsWhenTheProcessThatStartedItDies) {
+TEST_F(ConfigTest, ChildEndsWhenTheProcessThatStartedItDies) {
   // Orphans come to us, so the child can be watched after its parent died.
   ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));
   std::string pidFile = root_.Under("/child.pid");
