@@ -1,7 +1,5 @@
-// Files the parser must survive: malformed or rootless XML, over-long names,
-// DOCTYPEs (entity bombs, entities and DTDs that point outside the file),
-// deep nesting, huge files, things that are not files, and allocation
-// failures at every step.
+// Files the parser must survive: malformed XML, over-long names, DOCTYPEs,
+// deep nesting, huge files, non-files, and allocation failures at each step.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -54,10 +52,8 @@ const ParseCase kBadInput[] = {
     {"CutNameIsAPrefixAndPrefixesDoNotMatch",
      Instance(KmsgGroup(), "name=\"" + kLongName + "\" platform=\"Qcom\""), 1, "", "",
      kLongName.substr(0, 256)},
-    // The format needs no DOCTYPE, and every harm an XML file can do through
-    // one (entities that grow without bound, files or hosts it names,
-    // defaults a DTD adds) is refused at the declaration, before any of it
-    // is read.
+    // The format needs no DOCTYPE: every harm one can do (entity growth, files
+    // or hosts it names, DTD defaults) is refused at the declaration.
     {"ExternalEntityInAValue",
      "<!DOCTYPE config [<!ENTITY e SYSTEM \"file://$ROOT/secret\">]>\n" + kUseEntity, 1, "",
      kRefused},
@@ -98,9 +94,8 @@ TEST_F(ConfigTest, SomethingOtherThanAFileIsRefused) {
   EXPECT_EQ("Config file [" + ConfigPath() + "] is not a regular file!\n", err_);
 }
 
-// Whatever allocation fails, the parse ends with a result and a partial tree
-// is freeable twice. A failed source or group is skipped, so a success may
-// hold less, but never a tree that fails validation.
+// Whatever allocation fails, a partial tree is freeable twice; a success may
+// hold less (a failed source or group is skipped) but always validates.
 TEST_F(ConfigTest, EveryFailedAllocationLeavesAFreeableTree) {
   WriteConfig(morvotest::ReadFile(morvotest::SourcePath("etc/tavocat_config.xml")));
   long count = EachAllocationFailing([this](long n) {

@@ -1,9 +1,8 @@
 #ifndef MORVOCAT_TESTS_CONFIG_CONFIG_TEST_SUPPORT_H_
 #define MORVOCAT_TESTS_CONFIG_CONFIG_TEST_SUPPORT_H_
 
-// A temporary device root with a configuration file and system properties,
-// a root record that is freed after each test, the parser's standard error
-// captured, and the table of parse cases most tests are rows of.
+// A temporary root with a configuration file and properties, a tree freed
+// after each test, and the table of parse cases most tests are rows of.
 
 #include <gtest/gtest.h>
 
@@ -56,10 +55,8 @@ std::string QuadraticBlowup();
 // text (ASCII) as UTF-16 with a byte-order mark.
 std::string Utf16(const std::string& text);
 
-// Every field of a tree on one line: the root, then per group its style,
-// numbers, path and sources. Zero numbers and null strings are left out; an
-// empty string shows as "". A group that does not point back at its root
-// says so.
+// Every field of a tree on one line, without zero numbers and null strings
+// ("" for an empty one); " info?" marks a group not pointing at its root.
 std::string Describe(const TavocatInfoT& info);
 // The dump of info, byte for byte as PrintTavocatInfo must write it.
 std::string ExpectedDump(const TavocatInfoT& info);
@@ -88,11 +85,9 @@ constexpr const char kNoFile[] = "(no file)";
 // Marks a row whose errors are libxml2's: each line names the file.
 constexpr const char kXmlErrors[] = "(xml errors)";
 
-// One parse, here and in a child process: the file (kNoFile for none;
-// "$ROOT" stands for the temporary root) read for an instance under some
-// properties ("key=value;..."), and the result, tree and standard error it
-// must give. In err, "$PATH" stands for the file's path and "$DUMP" for
-// ExpectedDump of the tree.
+// One parse, here and in a child: the file (kNoFile: none; "$ROOT": the
+// temporary root), instance and properties ("key=value;..."), and the result,
+// tree and standard error ("$PATH": the file's path, "$DUMP": ExpectedDump).
 struct ParseCase {
   const char* label;
   std::string xml;

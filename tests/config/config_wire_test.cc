@@ -1,8 +1,5 @@
-// The tree survives the trip through bytes field for field; cut, damaged or
-// padded encodings and failed allocations are refused with nothing left
-// behind; the parse child is bounded in time and memory, ends with its
-// parent and delivers a tree of any size. (Every parse case also runs in a
-// child.)
+// The tree's trip through bytes (every parse case also runs in a child),
+// refused encodings, and the parse child's bounds, end and delivery.
 
 #include "config/config_wire.h"
 
@@ -70,8 +67,7 @@ class WireTest : public ConfigTest {
     ASSERT_TRUE(TavoConfig::EncodeTavocatInfo(info_, &wire));
     bytes_.assign(wire.data, wire.data + wire.size);
   }
-  // The tree bytes decode to, described, or "refused"; a refused tree must
-  // be left empty.
+  // The tree bytes decode to, described, or "refused" (and left empty).
   static std::string Decoded(const std::vector<unsigned char>& bytes) {
     TavocatInfoT info = {};
     int result = DecodeTavocatInfo(bytes.data(), bytes.size(), &info);
@@ -97,15 +93,12 @@ TEST_F(WireTest, CutOrPaddedEncodingsAreRefused) {
 }
 
 TEST_F(WireTest, DamagedWordsNeverReadPastTheBytes) {
-  // Each word in turn made huge, all ones (the null mark) and one past the
-  // bytes: every count, length and mark meets a value it must refuse or take
-  // without reading outside the buffer.
+  // Each word made huge, all ones (the null mark) and one past the bytes:
+  // Decoded checks a refused tree is empty, the sanitizers every read.
   for (size_t at = 0; at + sizeof(uint64_t) <= bytes_.size(); at += sizeof(uint64_t)) {
     for (uint64_t value : {uint64_t{1} << 40, UINT64_MAX, uint64_t{bytes_.size()}}) {
       std::vector<unsigned char> damaged = bytes_;
       memcpy(damaged.data() + at, &value, sizeof(value));
-      // Decoded checks that a refused tree is left empty; the sanitizer
-      // builds check every read stays inside the bytes.
       Decoded(damaged);
     }
   }
@@ -187,13 +180,9 @@ int BuildHugeTree(const void*, TavocatInfoT* info) {
 // A child gives its tree, however large; past its memory or time bound it
 // fails the parse. Either way it is reaped.
 TEST_F(ConfigTest, ChildIsBoundedAndGivesItsTree) {
-  const struct {
-    TavoConfig::TreeBuilder build;
-    int deadlineMs;
-    int result;
-    const char* err;
-    const char* name;  // null: the tree the builder gives here
-  } cases[] = {
+  // name: the tree's, or null for the tree the builder gives here.
+  // clang-format off
+  const struct { TavoConfig::TreeBuilder build; int deadlineMs, result; const char *err, *name; } cases[] = {
     {ReportBounds, kParseLimits.deadlineMs, 0, "", "bounded"},
     {BuildHugeTree, kParseLimits.deadlineMs, 0, "", nullptr},
   // The sanitizers reserve more address space than the bound.
@@ -202,6 +191,7 @@ TEST_F(ConfigTest, ChildIsBoundedAndGivesItsTree) {
 #endif
     {Hang, 300, 1, "Config parser process ran past its 300 ms deadline and was killed!\n", ""},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.err);
     FreeConfigFile(&info_);

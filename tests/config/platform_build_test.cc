@@ -29,12 +29,8 @@ using TavoConfig::ParseKmsgcatNodeSet;
 // Known platforms must occur in the attribute, case-sensitively; an unknown
 // platform accepts any attribute, but never none.
 TEST_F(ConfigTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
-  const struct {
-    const char* hardware;
-    const char* platform;
-    const char* attribute;  // null: none
-    bool accepted;
-  } cases[] = {
+  // clang-format off
+  const struct { const char* hardware, *platform, *attribute; bool accepted; } cases[] = {
       {"qcom", "Qcom", "Qcom", true},
       {"qcom-mt6789", "Qcom", "Qcom,Mtk,Zeru", true},
       {"qcom", "Qcom", "MtkQcom", true},
@@ -50,6 +46,7 @@ TEST_F(ConfigTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
       {"z", "", nullptr, false},
       {"", "", "Mtk", true},
   };
+  // clang-format on
   EXPECT_EQ("", GetPlatformInfo());
   EXPECT_FALSE(IsRightPlatform(nullptr));
   for (const auto& c : cases) {

@@ -35,8 +35,7 @@ class SampleConfigTest : public ConfigTest {
     return morvotest::RunCaught(morvotest::ToolPath("tavocat-config") + " " + args, root_.path(),
                                 out, err);
   }
-  // What the collector does with the file at path: 0 when it would start
-  // its groups, 1 when it refuses the configuration; its messages in err.
+  // 0 when the collector would start its groups from the file, else 1.
   int CollectorVerdict(const std::string& path, const char* name, std::string* err) {
     TavocatInfoT info = {};
     testing::internal::CaptureStderr();
@@ -54,12 +53,8 @@ TEST_F(SampleConfigTest, CheckerAndCollectorAgreeOnEveryFile) {
   std::string corpus = morvotest::SourcePath("fuzz/corpus/config_fuzzer/");
   std::string doctype = root_.Under("/doctype.xml");
   morvotest::WriteFile(doctype, "<!DOCTYPE config>\n" + Instance(KmsgGroup()));
-  const struct {
-    std::string path;
-    const char* name;
-    int verdict;
-    const char* errEnd;  // what err ends with
-  } cases[] = {
+  // clang-format off
+  const struct { std::string path; const char* name; int verdict; const char* errEnd; } cases[] = {
       {kSample, "kmsglogcat", 0, "------------- printTavocatInfo end ---------------\n"},
       {kSample, "chargelogcat", 1, ""},
       {corpus + "sample.xml", "kmsglogcat", 0, ""},
@@ -72,6 +67,7 @@ TEST_F(SampleConfigTest, CheckerAndCollectorAgreeOnEveryFile) {
       {corpus + "charge.xml", "kmsglogcat", 1, ""},
       {doctype, "kmsglogcat", 1, ""},
   };
+  // clang-format on
   for (const auto& c : cases) {
     SCOPED_TRACE(c.path + " " + c.name);
     std::string out, err, collectorErr;

@@ -316,17 +316,15 @@ TYPED_TEST(FileSetTest, ScanTable) {
 // never fills the last index (whatever the limit), and a restart still
 // finds the newest.
 TYPED_TEST(FileSetTest, FullSetsAreOrderedByStampsAndKeepAnIndexFree) {
-  struct Row {
-    uint64_t limit;
-    int newest;     // the index written last
-    int perSecond;  // files opened within one second
-    bool oneFree;   // the index after the newest is missing
-    size_t kept;    // entries after the new file was added; 0: order only
-  };
-  for (const Row& row :
-       {Row{0, 300, 1, false, 999}, Row{1000, 999, 1, false, 999}, Row{5, 0, 3, false, 6},
-        Row{0, 2, 7, false, 0}, Row{0, 641, 16, false, 0}, Row{0, 998, 1, true, 999},
-        Row{999, 999, 1, true, 0}, Row{999, 400, 1, true, 999}}) {
+  // newest: the index written last; perSecond: files opened within one
+  // second; oneFree: the index after the newest is missing; kept: entries
+  // after the new file was added (0: the order only).
+  // clang-format off
+  struct Row { uint64_t limit; int newest, perSecond; bool oneFree; size_t kept; };
+  for (const Row& row : {Row{0, 300, 1, false, 999}, Row{1000, 999, 1, false, 999}, Row{5, 0, 3, false, 6},
+                         Row{0, 2, 7, false, 0}, Row{0, 641, 16, false, 0}, Row{0, 998, 1, true, 999},
+                         Row{999, 999, 1, true, 0}, Row{999, 400, 1, true, 999}}) {
+    // clang-format on
     TypeParam order(this->base_, 0);
     SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
     strings written = settest::FullSet(this->base_, row.newest, row.perSecond);
