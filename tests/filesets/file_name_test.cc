@@ -20,13 +20,10 @@ using platform::SetFileName;
 
 enum Kind { kSet, kNumbered, kArchive, kNone };
 
-struct NameRow {
-  std::string name;
-  Kind kind;
-  size_t baseLength = 0;
-  uint64_t number = 0;  // index, n or j
-  const char* stamp = nullptr;
-};
+// number: the index, n or j.
+// clang-format off
+struct NameRow { std::string name; Kind kind; size_t baseLength = 0; uint64_t number = 0; const char* stamp = nullptr; };
+// clang-format on
 
 const std::string kLongBase(300, 'b');
 
@@ -130,12 +127,9 @@ TEST(LogFileNames, EncodersMakeTheWritersNamesAndNothingTooLongForAPath) {
   EXPECT_TRUE(platform::ParseStamp(now.c_str(), now.size(), &fields)) << now;
 }
 
-struct EntryRow {
-  const char* name;
-  bool setEntry;
-  bool archiveEntry;
-  bool oldStyle;  // against the base "applog", five old numbers
-};
+// oldStyle: against the base "applog", five old numbers.
+// clang-format off
+struct EntryRow { const char* name; bool setEntry, archiveEntry, oldStyle; };
 const EntryRow kEntries[] = {
     {"applog.I007.20240105-081502.gz", true, false, false},
     {"applog.I01.20240105-081502.gz", true, false, false},  // any length
@@ -158,6 +152,7 @@ const EntryRow kEntries[] = {
     {"applo.1", false, false, false},
     {"applog", false, false, false},
 };
+// clang-format on
 
 TEST(LogFileNames, EntriesAndOldNamesAreReadAgainstTheBaseName) {
   for (const EntryRow& row : kEntries) {

@@ -23,7 +23,6 @@ using testing::internal::GetCapturedStderr;
 
 class OwnerRulesTest : public settest::SetDirTest {
  protected:
-  std::string Numbered(int n) const { return platform::OldStyleNumberedName(base_, n); }
   // "" is the base path itself, other codes as settest::Coded reads them.
   std::string Path(const std::string& code) const {
     return code.empty() ? base_ : settest::Coded(base_, code);
@@ -85,12 +84,12 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
       EXPECT_EQ(row.formed, *row.list);
     }
     // Once per set for the collector: old names are plain names afterwards.
-    EXPECT_EQ(row.detectsAfter, row.set->DetectOldStyleFiles(Numbered(1).c_str()));
-    morvotest::WriteFile(Numbered(2), "x");
+    EXPECT_EQ(row.detectsAfter, row.set->DetectOldStyleFiles(Path(".1").c_str()));
+    morvotest::WriteFile(Path(".2"), "x");
     CaptureStderr();
     row.set->DeleteOldStyleFiles();
     EXPECT_EQ("", GetCapturedStderr());
-    EXPECT_NE(row.sweepsAgain, morvotest::Exists(Numbered(2)));
+    EXPECT_NE(row.sweepsAgain, morvotest::Exists(Path(".2")));
   }
   EXPECT_FALSE(sink.oldStyleCheck);
 }
@@ -98,7 +97,7 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
 TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
   std::vector<std::string> indexed = {MakeSetFile(base_, "0"), MakeSetFile(base_, "1"),
                                       MakeSetFile(base_, "2")};
-  morvotest::WriteFile(Numbered(1), "x");
+  morvotest::WriteFile(Path(".1"), "x");
   CollectorOwner sink(base_, 1, SetScheme::NUMBERED);
   sink.FormFileVectors();  // before the sweep it still lists and never prunes
   EXPECT_EQ((std::vector<int>{0, 1, 2}), Indices(sink, sink.fileVec));
@@ -111,7 +110,7 @@ TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
   sink.DeleteOldStyleFiles();
   EXPECT_EQ("unlink [" + gone + "] fail\n", GetCapturedStderr());
   for (const std::string& name : indexed) EXPECT_FALSE(morvotest::Exists(name)) << name;
-  EXPECT_TRUE(morvotest::Exists(Numbered(1)));  // the scheme's own file
+  EXPECT_TRUE(morvotest::Exists(Path(".1")));  // the scheme's own file
   EXPECT_TRUE(sink.fileVec.empty());
 
   MakeSetFile(base_, "5");
