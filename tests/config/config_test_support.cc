@@ -223,7 +223,9 @@ TEST_P(ParseTest, GivesItsTreeResultAndMessagesHereAndInAChild) {
   EXPECT_EQ(err_, testing::internal::GetCapturedStderr());
   EXPECT_EQ(c.result == 0 ? tree : "", Describe(info_));
   ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &children));
-  if (measurable) EXPECT_LT(children.ru_maxrss, bound);
+  if (measurable) {
+    EXPECT_LT(children.ru_maxrss, bound);
+  }
 }
 
 }  // namespace configtest
