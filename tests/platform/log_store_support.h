@@ -1,7 +1,9 @@
 #ifndef MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
 #define MORVOCAT_TESTS_PLATFORM_LOG_STORE_SUPPORT_H_
 
+#include <fcntl.h>
 #include <grp.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <string.h>
@@ -31,7 +33,6 @@ struct Record {
   std::string message;
 };
 
-// The payload is priority byte, tag, NUL, message, NUL.
 inline Record Parse(const qd_log_msg& msg) {
   Record r;
   r.lid = msg.entry.lid;
@@ -50,7 +51,6 @@ struct ListDeleter {
 };
 using ListPtr = std::unique_ptr<qd_logger_list, ListDeleter>;
 
-// A list with the given buffers open; null when one fails to open.
 inline ListPtr OpenList(int mode, unsigned int tail, pid_t pid, std::vector<log_id_t> ids) {
   ListPtr list(qd_logger_list_alloc(mode, tail, pid));
   if (!list) return nullptr;
@@ -60,7 +60,6 @@ inline ListPtr OpenList(int mode, unsigned int tail, pid_t pid, std::vector<log_
   return list;
 }
 
-// Reads until the list reports something other than a record, which goes to *end.
 inline std::vector<Record> ReadAll(qd_logger_list* list, int* end = nullptr) {
   std::vector<Record> records;
   qd_log_msg msg;
@@ -76,11 +75,22 @@ inline std::vector<std::string> Messages(const std::vector<Record>& records) {
   return messages;
 }
 
-// The messages a reader of ids opening now reads (the last tail of them).
 inline std::vector<std::string> MessagesOf(std::vector<log_id_t> ids, unsigned tail = 0) {
   ListPtr list = OpenList(kDrain, tail, 0, ids);
   if (!list) return {"(does not open)"};
   return Messages(ReadAll(list.get()));
+}
+
+inline void Patch(const std::string& path, size_t offset, const std::string& bytes) {
+  int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(static_cast<ssize_t>(bytes.size()),
+            pwrite(fd, bytes.data(), bytes.size(), static_cast<off_t>(offset)));
+  close(fd);
+}
+
+template <class T>
+inline std::string BytesOf(T value) {
+  return std::string(reinterpret_cast<const char*>(&value), sizeof(value));
 }
 
 inline int Log(log_id_t id, const std::string& message, const char* tag = "t") {
@@ -114,7 +124,6 @@ inline bool WriteInChild(log_id_t id, const char* message) {
   return WaitChild(RunChild([id, message] { return Log(id, message) > 0 ? 0 : 1; })) == 0;
 }
 
-// A one-shot "I am ready" between a child and the test.
 struct Gate {
   int fds[2] = {-1, -1};
   Gate() {
@@ -155,7 +164,6 @@ inline int RunAsNobody(const std::string& command) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// In a child: becomes kNobody with gid as its only group.
 inline bool BecomeNobody(gid_t gid) {
   return setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(kNobody) == 0;
 }

@@ -80,7 +80,6 @@ TEST(SafeStringTest, FormattingFailsInsteadOfCutting) {
   EXPECT_STREQ("1234567", buf);
   EXPECT_EQ(-1, snprintf_s(buf, sizeof(buf), sizeof(buf) - 1, "%s", "12345678"));
   EXPECT_STREQ("", buf);
-  // The count limits below the buffer size too.
   EXPECT_EQ(-1, snprintf_s(buf, sizeof(buf), 3, "%d", 1234));
   EXPECT_EQ(-1, snprintf_s(buf, sizeof(buf), sizeof(buf), "%d", 1));
   EXPECT_EQ(3, sprintf_s(buf, sizeof(buf), "%03d", 7));

@@ -18,7 +18,6 @@
 
 namespace {
 
-// What sits at the output name before the open, and what the open answers.
 struct PlantCase {
   const char* what;
   void (*plant)(const std::string& dir);
@@ -86,7 +85,6 @@ TEST(SafeFileTest, FolderLinksAreRefusedAndMadeFoldersReported) {
   EXPECT_NE(0, access((dir + "/logs/out").c_str(), F_OK));
 }
 
-// Each refusal names its cause.
 TEST(SafeFileTest, RefusalsSayWhy) {
   morvotest::TempRoot root;
   const std::string dir = root.path();
@@ -112,7 +110,6 @@ TEST(SafeFileTest, RefusalsSayWhy) {
   EXPECT_FALSE(morvotest::Exists(dir + "/out"));
 }
 
-// A write that fails says why, and how much went in before it.
 TEST(SafeFileTest, WriteFullyGivesTheCauseAndThePartWritten) {
   morvotest::TempRoot root;
   int readOnly = open((root.path() + "/r").c_str(), O_RDONLY | O_CREAT, 0600);

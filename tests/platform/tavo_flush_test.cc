@@ -1,6 +1,3 @@
-// The background flusher: the bound holds for quiet writers and for copies
-// taken at any instant; writers come and go on threads without a race.
-
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -33,7 +30,6 @@ using morvotest::SetFiles;
 using morvotest::TempRoot;
 using morvotest::Within;
 
-// Sets the bound for the writers made while it lives; null unsets it.
 struct ScopedBound {
   explicit ScopedBound(const char* value) {
     if (value != nullptr) setenv(platform::kFlushBoundEnv, value, 1);
@@ -95,7 +91,6 @@ std::string Record(long i) {
   return "11-23 09:00:00.000  100  101 I flush: seq " + std::to_string(i) + "\n";
 }
 
-// The flusher threads of this process (the shipped library's too, when a run is on).
 std::vector<std::string> FlusherTasks() {
   std::vector<std::string> tids;
   DIR* d = opendir("/proc/self/task");
@@ -186,8 +181,7 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
   }
 }
 
-// Every file of a copy decodes whole but for a last member cut short, and holds
-// every record written more than the bound (and slack) before the copy.
+// Each copy decodes whole but for a cut last member, and holds what is older than the bound.
 TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBound) {
   constexpr int64_t kBoundNs = 200 * 1000000LL;
   constexpr int64_t kSlackNs = 1000 * 1000000LL;
@@ -295,8 +289,7 @@ TEST_F(TavoFlushTest, WritersComeAndGoOnSeveralThreadsWhileFlushesAreInFlight) {
   EXPECT_TRUE(FlusherTasks().empty());
 }
 
-// A threaded parent's child may not start a thread: its writer works without one
-// and nothing it inherited blocks it.
+// A threaded parent's child may not start a thread: its writer works without one.
 TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
   ScopedBound bound("0.001");
   std::unique_ptr<Tavo> parent = NewTavo(File("parent", 0));

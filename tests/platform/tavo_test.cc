@@ -6,14 +6,11 @@
 #include <stddef.h>
 #include <stdio.h>
 #include <string.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <memory>
 #include <set>
 #include <string>
@@ -24,15 +21,17 @@
 #include "support/gzip_text.h"
 #include "support/small_fs.h"
 #include "support/temp_root.h"
+#include "tests/platform/log_store_support.h"
 
 namespace {
 
+using morvotest::BytesOf;
 using morvotest::Exists;
+using morvotest::Patch;
 using morvotest::RandomBytes;
 using morvotest::TempRoot;
 using morvotest::Zcat;
 
-// Both readers must agree on the content.
 std::string ReadBack(const std::string& path) {
   std::string viaZlib = morvotest::Gunzip(path);
   EXPECT_EQ(viaZlib, Zcat(path)) << path;
@@ -85,7 +84,6 @@ class TavoTest : public ::testing::Test {
     dir_ = root_.path() + "/log";
     mkdir(dir_.c_str(), 0775);
   }
-  // A fresh output folder for the next row of a table.
   void NewFolder() {
     dir_ = root_.path() + "/log" + std::to_string(++folders_);
     mkdir(dir_.c_str(), 0775);
@@ -271,7 +269,6 @@ void KillAtStage(platform::TavoFlushStage stage) {
   if (stage == gKillAt) raise(SIGKILL);
 }
 
-// Runs body in a child; its wait status.
 template <class Body>
 int RunChild(Body body) {
   pid_t pid = fork();
@@ -283,44 +280,10 @@ int RunChild(Body body) {
   return pid < 0 || waitpid(pid, &status, 0) != pid ? -1 : status;
 }
 
-// Runs body in a child, which must die of SIGKILL.
 template <class Body>
 void RunKilled(Body body) {
   int status = RunChild(body);
   ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-}
-
-TEST_F(TavoTest, AWriterKilledAtAnyMomentLosesNoRecordAndDoublesNone) {
-  void* mem = mmap(nullptr, sizeof(std::atomic<int>), PROT_READ | PROT_WRITE,
-                   MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  ASSERT_NE(MAP_FAILED, mem);
-  std::atomic<int>* shared = new (mem) std::atomic<int>(0);  // records the child has handed over
-  std::string path = File(0);
-  for (int round = 0, next = 0; round < 8; round++) {
-    pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      Tavo* t = new (std::nothrow) Tavo();
-      t->InitTavo();
-      if (!t->SetOutputPath(path.c_str())) _exit(2);
-      for (int i = next;; i++) {
-        if (!Put(t, Record(i))) _exit(3);
-        shared->store(i + 1);
-        if (i % 101 == 0) t->Flush();
-      }
-    }
-    while (shared->load() < next + 2000 + round * 7000) usleep(50);
-    kill(pid, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(pid, waitpid(pid, &status, 0));
-    ASSERT_TRUE(WIFSIGNALED(status)) << "child failed with " << status;
-    NewTavo(path);
-    std::string text = ReadBack(path);
-    next = static_cast<int>(std::count(text.begin(), text.end(), '\n'));
-    ASSERT_TRUE(next == shared->load() || next == shared->load() + 1) << "round " << round;
-    ASSERT_TRUE(text == Records(0, next)) << "round " << round;
-  }
-  munmap(mem, sizeof(std::atomic<int>));
 }
 
 TEST_F(TavoTest, AWriterKilledInsideAFlushIsRecoveredExactlyOnce) {
@@ -360,15 +323,7 @@ TEST_F(TavoTest, ACacheRemovedUnderALiveWriterIsMadeAgainAtTheNextFile) {
   EXPECT_EQ(Records(10, 20), ReadBack(File(2)));
 }
 
-void Poke(const std::string& file, size_t offset, const void* data, size_t length) {
-  int fd = open(file.c_str(), O_WRONLY | O_NOFOLLOW);
-  EXPECT_EQ(static_cast<ssize_t>(length), pwrite(fd, data, length, static_cast<off_t>(offset)));
-  close(fd);
-}
-
-void Poke(const std::string& file, size_t offset, uint64_t value) {
-  Poke(file, offset, &value, sizeof(value));
-}
+void Poke(Path file, size_t offset, uint64_t value) { Patch(file, offset, BytesOf(value)); }
 
 // Claims a flush into victim was begun when it was empty: a writer believing it cuts victim.
 void AimAt(const std::string& cache, const std::string& victim) {
@@ -448,7 +403,7 @@ TEST_F(TavoTest, AHeaderScribbledWhileTheWriterRunsIsNeverReadBack) {
     t.InitTavo();
     if (!t.SetOutputPath(File(0).c_str())) _exit(2);
     std::string garbage(platform::TavoCache::kHeaderSize, '\xff');
-    Poke(cache, 0, garbage.data(), garbage.size());
+    Patch(cache, 0, garbage);
     AimAt(cache, victim);
     Poke(cache, offsetof(Header, capacity), uint64_t{1} << 40);
     Poke(cache, offsetof(Header, end), uint64_t{0});
