@@ -228,7 +228,6 @@ struct StoreCase {
 
 // clang-format off
 const StoreCase kStoreCases[] = {
-    {"made by root 0750", true, 0750, nullptr},
     {"made by root 0755", true, 0755, nullptr},
     {"setgid for its group of readers", true, 02750, nullptr},
     {"world-writable", false, 01777, nullptr},

@@ -35,7 +35,6 @@ TEST(RootPathTest, ResolvesEveryDevicePathUnderTheRootOrNotAtAll) {
       {nullptr, kDevice, "/data/log/x", nullptr, "/data/log/x", 0},
       {"", kDevice, "/data/log/x", nullptr, "/data/log/x", 0},
       {"/tmp/r", kDevice, "/data/log/x", nullptr, "/tmp/r/data/log/x", 0},
-      {"/tmp/r/", kDevice, "/data/log/x", nullptr, "/tmp/r/data/log/x", 0},
       {"/tmp/r//", kDevice, "/data/log/x", nullptr, "/tmp/r/data/log/x", 0},
       {"/", kDevice, "/proc/kmsg", nullptr, "/proc/kmsg", 0},
       // A relative path is appended to the root as it stands.

@@ -131,7 +131,6 @@ const OutputPlant kOutputPlants[] = {
     {"a link, before the path", [](Path out, Path v) { symlink(v.c_str(), out.c_str()); }, true},
     {"a link, between flushes", [](Path out, Path v) { symlink(v.c_str(), out.c_str()); }, false},
     {"a hard link, between flushes", [](Path out, Path v) { link(v.c_str(), out.c_str()); }, false},
-    {"a FIFO, before the path", [](Path out, Path) { mkfifo(out.c_str(), 0666); }, true},
     {"a FIFO, between flushes", [](Path out, Path) { mkfifo(out.c_str(), 0666); }, false},
 };
 // clang-format on
@@ -269,21 +268,13 @@ void KillAtStage(platform::TavoFlushStage stage) {
   if (stage == gKillAt) raise(SIGKILL);
 }
 
-template <class Body>
-int RunChild(Body body) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    body();
-    _exit(0);
-  }
-  int status = -1;
-  return pid < 0 || waitpid(pid, &status, 0) != pid ? -1 : status;
-}
-
+// Runs body in a child, which must die of SIGKILL.
 template <class Body>
 void RunKilled(Body body) {
-  int status = RunChild(body);
-  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+  int status = -1;
+  pid_t pid = morvotest::RunChild([&] { return body(), 0; });
+  ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) &&
+              WTERMSIG(status) == SIGKILL);
 }
 
 TEST_F(TavoTest, AWriterKilledInsideAFlushIsRecoveredExactlyOnce) {
@@ -323,11 +314,12 @@ TEST_F(TavoTest, ACacheRemovedUnderALiveWriterIsMadeAgainAtTheNextFile) {
   EXPECT_EQ(Records(10, 20), ReadBack(File(2)));
 }
 
+using Header = platform::TavoCacheHeader;
+
 void Poke(Path file, size_t offset, uint64_t value) { Patch(file, offset, BytesOf(value)); }
 
 // Claims a flush into victim was begun when it was empty: a writer believing it cuts victim.
 void AimAt(const std::string& cache, const std::string& victim) {
-  using Header = platform::TavoCacheHeader;
   struct stat st;
   ASSERT_EQ(0, stat(victim.c_str(), &st));
   Poke(cache, offsetof(Header, flushDev), static_cast<uint64_t>(st.st_dev));
@@ -343,8 +335,6 @@ struct CachePlant {
   void (*plant)(Path cache, Path first, Path victim);
   int recovered;  // of those records, found at the start of the next file
 };
-
-using Header = platform::TavoCacheHeader;
 
 // clang-format off
 const CachePlant kCachePlants[] = {
@@ -398,21 +388,21 @@ TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
 TEST_F(TavoTest, AHeaderScribbledWhileTheWriterRunsIsNeverReadBack) {
   std::string cache = dir_ + "/.x.tavocache", victim = MakeVictim(dir_ + "-victim");
   const int kCount = 40000;  // several times the cache
-  int status = RunChild([&] {
+  int status = morvotest::WaitChild(morvotest::RunChild([&] {
     Tavo t;
     t.InitTavo();
-    if (!t.SetOutputPath(File(0).c_str())) _exit(2);
+    if (!t.SetOutputPath(File(0).c_str())) return 2;
     std::string garbage(platform::TavoCache::kHeaderSize, '\xff');
     Patch(cache, 0, garbage);
     AimAt(cache, victim);
     Poke(cache, offsetof(Header, capacity), uint64_t{1} << 40);
     Poke(cache, offsetof(Header, end), uint64_t{0});
     for (int i = 0; i < kCount; i += 100) {
-      if (!Put(&t, Records(i, i + 100))) _exit(3);
+      if (!Put(&t, Records(i, i + 100))) return 3;
     }
-    _exit(t.Flush() ? 0 : 4);
-  });
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    return t.Flush() ? 0 : 4;
+  }));
+  EXPECT_EQ(0, status);
   ExpectIntact(victim);
   EXPECT_TRUE(Records(0, kCount) == ReadBack(File(0)));
 }
