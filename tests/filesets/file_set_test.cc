@@ -1,5 +1,4 @@
-// The rules every owner of a file set shares: names, scan, ordering, next
-// index, forming and pruning. Each test runs once per owner.
+// The rules every owner of a file set shares; each test runs once per owner.
 
 #include <gtest/gtest.h>
 #include <stdint.h>
@@ -53,10 +52,7 @@ TYPED_TEST(FileSetTest, SortingIsByteOrderSoIndexThenStamp) {
   EXPECT_EQ(Coded(this->base_, {"1", "1@L", "2"}), names);
 }
 
-// Empty arguments, a missing folder, base paths without a folder part (a
-// trailing "/" would match every name of the set's length; "applog" is
-// read in the set's folder) and modes other than collect and purge scan
-// nothing and delete nothing.
+// Empty arguments, a missing folder, folder-less bases and other modes scan and delete nothing.
 TYPED_TEST(FileSetTest, ScansThatNeverHappen) {
   const std::string& dir = this->dir_;
   for (const std::string& name :
@@ -138,8 +134,7 @@ TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
   EXPECT_FALSE(Exists(present));
   EXPECT_TRUE(Exists(newest));
 
-  // Index 0 came round within the same second: the oldest name is the
-  // current file's, and only the entry goes.
+  // Index 0 came round within one second: only the duplicate entry goes.
   TypeParam again(b, 2);
   again.fileVec = {newest, present, newest};
   again.RemoveRedundancy();
@@ -147,8 +142,7 @@ TYPED_TEST(FileSetTest, PruningDropsEntriesEvenWhenTheFileIsGone) {
   EXPECT_TRUE(Exists(newest));
 }
 
-// The set's folder swapped for a link to a folder outside the tree that
-// holds files of the set's names: pruning, sweep and purge delete nothing.
+// The set's folder swapped for a link to an outside folder: nothing is deleted through it.
 TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   const std::string& b = this->base_;
   strings names;
@@ -171,15 +165,12 @@ TYPED_TEST(FileSetTest, PruningAndPurgeNeverDeleteThroughALinkedFolder) {
   EXPECT_EQ(before, morvotest::Entries(outside));
 }
 
-// A new set file is a whole gzip stream from the moment it exists, so a
-// kill before the first flush leaves nothing zcat rejects.
+// A new set file is a whole gzip stream at once: a kill before the first flush leaves it valid.
 TYPED_TEST(FileSetTest, NewSetFilesAreWholeGzipStreamsBeforeAnyWrite) {
   TypeParam set(this->base_, 10);
-  std::string first;
-  std::string second;
+  std::string first, second;
   ASSERT_TRUE(set.AddNewFile(0, &first));
   ASSERT_TRUE(set.AddNewFile(1, &second));
-  // Two files of one second differ only in the index.
   for (int index : {0, 1}) {
     const std::string& name = index == 0 ? first : second;
     EXPECT_EQ(SetName(this->base_, index, set.GetTimestamp(name)), name);
@@ -205,7 +196,6 @@ TYPED_TEST(FileSetTest, OrderAndNextIndexTable) {
       {"ordered", {"10", "11", "12"}, {"10", "11", "12"}, 13},
       {"empty", {}, {}, 0},
       {"negative indices dropped", {"-12@L", "-01@L"}, {}, 0},
-      // 001 002 | abc(0): two runs without 999, the later stamp is the newest.
       {"non-numeric reads as 0", {"001", "002", "abc@L"}, {"001", "002", "abc@L"}, 0},
   };
   // clang-format on
@@ -221,9 +211,7 @@ TYPED_TEST(FileSetTest, OrderAndNextIndexTable) {
   }
 }
 
-// Sets formed from the folder (over a stale list): order, pruning, and
-// what stays on disk. Zero-byte files ("e", left by a kill before the first
-// flush) are given an empty member and keep their place.
+// Sets formed over a stale list; zero-byte files ("e": killed before a flush) keep their place.
 TYPED_TEST(FileSetTest, FormingTable) {
   // clang-format off
   const struct { const char* what; strings files; uint64_t limit; strings formed, gone; uint32_t next; } rows[] = {
@@ -261,10 +249,7 @@ TYPED_TEST(FileSetTest, FormingTable) {
   EXPECT_TRUE(lost.fileVec.empty());
 }
 
-// The collection and the purge read a directory entry's own name: the base
-// name found in the folder's path, or at the start of another group's name,
-// never makes a file part of the set; odd lengths of the set's own names are
-// purged, old-style names and anything not a regular file are left.
+// Scans read an entry's own name; odd lengths of the set's names are purged, other files left.
 TYPED_TEST(FileSetTest, ScanTable) {
   // clang-format off
   const struct { const char* folder; const char* base; strings collected, stay, gone; } rows[] = {
@@ -309,57 +294,50 @@ TYPED_TEST(FileSetTest, ScanTable) {
   }
 }
 
-// A set holding all 1000 indices (a run that opened a file without pruning,
-// or a kill between opening and pruning), or at the cap with its one free
-// index: no gap shows where writing stopped, the stamps do (perSecond files
-// share one). Rows on disk: forming keeps the newest files, adding a file
-// never fills the last index (whatever the limit), and a restart still
-// finds the newest.
-TYPED_TEST(FileSetTest, FullSetsAreOrderedByStampsAndKeepAnIndexFree) {
-  // newest: the index written last; perSecond: files opened within one
-  // second; oneFree: the index after the newest is missing; kept: entries
-  // after the new file was added (0: the order only).
-  // clang-format off
+// Full sets (all 1000 indices, or one free): stamps give the order, adding never fills the last
+// index. newest: last written; perSecond: files per stamp; kept: entries after adding (0: order
+// only).
+// clang-format off
   struct Row { uint64_t limit; int newest, perSecond; bool oneFree; size_t kept; };
   for (const Row& row : {Row{0, 300, 1, false, 999}, Row{1000, 999, 1, false, 999}, Row{5, 0, 3, false, 6},
                          Row{0, 2, 7, false, 0}, Row{0, 641, 16, false, 0}, Row{0, 998, 1, true, 999},
                          Row{999, 999, 1, true, 0}, Row{999, 400, 1, true, 999}}) {
-    // clang-format on
-    TypeParam order(this->base_, 0);
-    SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
-    strings written = settest::FullSet(this->base_, row.newest, row.perSecond);
-    if (row.oneFree) written.erase(written.begin());
-    strings list = written;
-    std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
-    for (int again = 0; again < 2; ++again) {
-      order.AdjustFileVecOrder(list);
-      EXPECT_EQ(written, list);
-    }
-    if (row.kept == 0) continue;
-    for (const std::string& name : SetFiles(this->dir_, "applog")) unlink(name.c_str());
-    for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
-
-    TypeParam set(this->base_, row.limit);
-    set.FormFileVectors();
-    EXPECT_LE(SetFiles(this->dir_, "applog").size(), 999u);
-    EXPECT_EQ(written.back(), set.fileVec.back());
-    std::string added;
-    ASSERT_TRUE(set.AddNewFile(set.GetNewLogFileIndex(set.fileVec), &added));
-    EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), settest::Indices(set, {added})[0]);
-    strings expected(written.end() - static_cast<long>(row.kept - 1), written.end());
-    expected.push_back(added);
-    EXPECT_EQ(expected, set.fileVec);
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, SetFiles(this->dir_, "applog"));
-
-    TypeParam restarted(this->base_, row.limit);
-    restarted.FormFileVectors();
-    uint64_t cap = row.limit == 0 ? 999 : std::min<uint64_t>(row.limit, 999);
-    ASSERT_EQ(std::min<uint64_t>(row.kept, cap), restarted.fileVec.size());
-    EXPECT_EQ(added, restarted.fileVec.back());
-    EXPECT_EQ(written.back(), restarted.fileVec[restarted.fileVec.size() - 2]);
-    EXPECT_TRUE(Exists(written.back()));
+  // clang-format on
+  TypeParam order(this->base_, 0);
+  SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
+  strings written = settest::FullSet(this->base_, row.newest, row.perSecond);
+  if (row.oneFree) written.erase(written.begin());
+  strings list = written;
+  std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
+  for (int again = 0; again < 2; ++again) {
+    order.AdjustFileVecOrder(list);
+    EXPECT_EQ(written, list);
   }
+  if (row.kept == 0) continue;
+  for (const std::string& name : SetFiles(this->dir_, "applog")) unlink(name.c_str());
+  for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
+
+  TypeParam set(this->base_, row.limit);
+  set.FormFileVectors();
+  EXPECT_LE(SetFiles(this->dir_, "applog").size(), 999u);
+  EXPECT_EQ(written.back(), set.fileVec.back());
+  std::string added;
+  ASSERT_TRUE(set.AddNewFile(set.GetNewLogFileIndex(set.fileVec), &added));
+  EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), settest::Indices(set, {added})[0]);
+  strings expected(written.end() - static_cast<long>(row.kept - 1), written.end());
+  expected.push_back(added);
+  EXPECT_EQ(expected, set.fileVec);
+  std::sort(expected.begin(), expected.end());
+  EXPECT_EQ(expected, SetFiles(this->dir_, "applog"));
+
+  TypeParam restarted(this->base_, row.limit);
+  restarted.FormFileVectors();
+  uint64_t cap = row.limit == 0 ? 999 : std::min<uint64_t>(row.limit, 999);
+  ASSERT_EQ(std::min<uint64_t>(row.kept, cap), restarted.fileVec.size());
+  EXPECT_EQ(added, restarted.fileVec.back());
+  EXPECT_EQ(written.back(), restarted.fileVec[restarted.fileVec.size() - 2]);
+  EXPECT_TRUE(Exists(written.back()));
+}
 }
 
 }  // namespace
