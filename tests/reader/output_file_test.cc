@@ -1,7 +1,4 @@
-// -f through the rotating writer: indexed .gz files that hold every record
-// once, rotation by size, recovery of what a stopped or killed run had
-// accepted, and the paths and folders a run as root must refuse rather
-// than damage.
+// -f through the rotating writer: indexed .gz files, rotation, recovery, and refused paths.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -96,8 +93,7 @@ TEST_F(OutputFileTest, RestartRemovesPlainFilesAndContinuesTheSet) {
   EXPECT_NE(std::string::npos, files[1].find(".I001."));
 }
 
-// A read-only file system over dir holding an empty folder "out", in a
-// mount namespace of the calling process's own.
+// A read-only file system over dir holding an empty folder "out", in the caller's mount namespace.
 bool ReadOnlyFolder(const std::string& dir) {
   mkdir(dir.c_str(), 0775);
   return morvotest::EnterPrivateMounts() &&
@@ -106,9 +102,7 @@ bool ReadOnlyFolder(const std::string& dir) {
          mount(nullptr, dir.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr) == 0;
 }
 
-// Reading on without an output would lose every line behind a clean
-// status: the run ends with status 1 instead. A folder that is there but
-// takes no file (a read-only file system) is one such output.
+// Reading on without an output would lose every line: the run ends with status 1 instead.
 TEST_F(OutputFileTest, AnOutputThatCannotBeSetUpEndsTheRun) {
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "f", "nowhere to go");
   struct Case {
@@ -144,9 +138,7 @@ TEST_F(OutputFileTest, AnOutputThatCannotBeSetUpEndsTheRun) {
   }
 }
 
-// The writer slot is the process's: a second file-writing run is refused
-// and a run beside it without -f neither writes into its files nor frees
-// its writer when it ends.
+// The writer slot is the process's: a second -f run is refused, a run without -f leaves it alone.
 TEST_F(OutputFileTest, OneFileWritingRunPerProcess) {
   android_logcat_context first = CreateAndroidLogcat();
   ASSERT_GE(morvotest::StartThread(first, {"-b", "morvo_main", "-f", Dir() + "/one"}), 0);
@@ -165,10 +157,7 @@ TEST_F(OutputFileTest, OneFileWritingRunPerProcess) {
   EXPECT_TRUE(Counting(0, 2) == Sequence(SetText(Dir(), "one")));
 }
 
-// Ctrl-C or SIGTERM on the front end: the run ends normally, so every
-// record it took is in the set, its newest file a complete gzip file,
-// without a later run to recover it. A killed run keeps what it had
-// accepted: the next run recovers it into the set before writing anything.
+// Ctrl-C/SIGTERM: the set holds every record; a killed run's records are recovered by the next run.
 TEST_F(OutputFileTest, AStoppedOrKilledFrontEndLosesNothingItHadTaken) {
   constexpr long kRecords = 5000;
   for (int sig : {SIGINT, SIGTERM, SIGKILL}) {
@@ -192,8 +181,7 @@ TEST_F(OutputFileTest, AStoppedOrKilledFrontEndLosesNothingItHadTaken) {
   }
 }
 
-// Things that are no regular file, planted at the output path; false when
-// this machine does not let them be made.
+// Things that are no regular file, planted at the output path; false where they cannot be made.
 struct Plant {
   const char* what;
   bool (*make)(const std::string& path, const std::string& victim);
@@ -212,8 +200,7 @@ const Plant kPlants[] = {
      [](const std::string& p, const std::string&) { return mkdir(p.c_str(), 0755) == 0; }},
     {"socket", [](const std::string& p,
                   const std::string&) { return mknod(p.c_str(), S_IFSOCK | 0666, 0) == 0; }},
-    // A regular file, but a second name of the victim: the run may take the
-    // name away, never write through it.
+    // A second name of the victim: the run may take the name away, never write through it.
     {"hard link",
      [](const std::string& p, const std::string& v) { return link(v.c_str(), p.c_str()) == 0; }},
 };
@@ -266,8 +253,7 @@ const FolderCase kFolders[] = {
     // Made by the run, or the system user's with its mode repaired.
     {"missing", 0, 0, 0, 0, 0775, kSystem, nullptr},
     {"system's", S_IFDIR, 0700, kSystem, 0, 0775, kSystem, nullptr},
-    // Not the reader's to take over ("-f /dev/x", "-f /etc/x"); it is
-    // written as it is.
+    // Not the reader's to take over ("-f /dev/x", "-f /etc/x"): written as it is.
     {"root's", S_IFDIR, 0755, 0, 0, 0755, 0, nullptr},
     {"another user's", S_IFDIR, 0755, kNobody, 0, 0755, kNobody, nullptr},
     // Shared folders such as /tmp: anyone could plant names there.
@@ -309,10 +295,7 @@ TEST_F(OutputFileTest, TheOutputFolderIsTakenOverOnlyWhenItIsTheReadersToTake) {
   }
 }
 
-// Holds every open of the folder dir until it is answered, or -1 where this
-// machine has no such watch. The run opens the folder to look for its file:
-// once the writer's cache is there the first file is made, and a file
-// deleted at the next open is gone before the run has looked for it once.
+// Holds every open of the folder dir until it is answered, or -1 where the machine has no watch.
 int WatchFolderOpens(const std::string& dir) {
   int watch = fanotify_init(FAN_CLASS_CONTENT | FAN_CLOEXEC, O_RDONLY);
   if (watch >= 0 &&
@@ -323,8 +306,7 @@ int WatchFolderOpens(const std::string& dir) {
   return watch;
 }
 
-// The name of a file of set "gone" in the folder dirFd, or "": read
-// through dirFd, as opening the folder again would wait for the watch.
+// The name of a file of set "gone" in dirFd, or "" (opening the folder again would wait).
 std::string SetFileIn(int dirFd) {
   DIR* d = fdopendir(dup(dirFd));
   if (d != nullptr) rewinddir(d);  // the offset is shared with dirFd
@@ -359,9 +341,7 @@ bool DeleteFirstFileBeforeItIsLookedFor(int watch, int dirFd) {
   return deleted;
 }
 
-// What the run writes into goes while records keep coming: its first file,
-// or a later file with its folder, which the run makes again or, when root
-// has put another there, writes into as it is.
+// What the run writes into goes while records come: the run makes it again, or uses root's.
 TEST_F(OutputFileTest, WhatIsDeletedWhileWrittenIsRecreatedAndNothingIsLost) {
   struct Case {
     const char* what;
@@ -399,7 +379,6 @@ TEST_F(OutputFileTest, WhatIsDeletedWhileWrittenIsRecreatedAndNothingIsLost) {
     if (c.folder) {
       ASSERT_TRUE(morvotest::Within(5, [&] { return SetFiles(dir, "gone").size() == 1; }));
       usleep(100 * 1000);  // the run is done making it and waits for records
-      // The writer's cache may come back until the folder is gone.
       ASSERT_TRUE(morvotest::Within(5, [&] {
         for (const std::string& name : morvotest::Entries(dir)) unlink((dir + "/" + name).c_str());
         return rmdir(dir.c_str()) == 0;
