@@ -1,5 +1,4 @@
-// The reader's command line as a host sees it, and its output checked
-// against a plain reading of the same records.
+// The reader's command line as a host sees it, output checked against a plain reading.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -42,8 +41,7 @@ const std::string kError = "E drop    : error of drop\n";
 const std::string kAll = kDebug + kInfo + kError;
 const std::string kShort = "Unrecognized Option S\n";
 
-// "@" in an argument stands for the temporary root; an argument
-// "ANDROID_LOG_TAGS=..." goes into the run's environment instead.
+// "@" in an argument is the temporary root; "ANDROID_LOG_TAGS=..." goes into the environment.
 struct Case {
   std::vector<std::string> args;
   int status;
@@ -51,7 +49,6 @@ struct Case {
 };
 
 const Case kCases[] = {
-    // Every rejected option ends the run with its message.
     {{"-t", "12x"}, 1, "", "Invalid parameter \"12x\" to -t\n"},
     {{"-G", "0"}, 1, "", "ERROR: -G <num><multiplier>\n"},
     {{"-G", "10M"}, 1, "", "ERROR: -G <num><multiplier>\n"},
@@ -82,7 +79,6 @@ const Case kCases[] = {
     {{"-t"}, 1, "", "Unrecognized Option t\n"},
     {{"-d", "tag:Q"}, 1, "", "Invalid filter expression 'tag:Q'\n"},
     {{"-d", "ANDROID_LOG_TAGS=bad:Q"}, 1, "", "Invalid filter expression in ANDROID_LOG_TAGS\n"},
-    // Accepted options without effect.
     {{"-d"}, 0, kMain + kAll, ""},
     {{"-d", "--debug"}, 0, kMain + kAll, ""},
     {{"-d", "--print"}, 0, kMain + kAll, ""},
@@ -94,14 +90,11 @@ const Case kCases[] = {
     {{"-d", "-b", "morvo_main morvo_radio"}, 0, kMain + kAll, ""},
     {{"-d", "--pid", "0x10"}, 0, "", ""},
     {{"-d", "-s", "-b", "morvo_main"}, 0, "", ""},
-    // A refused collector ends the run before reading.
     {{"--tavo", "1", "-x", "kmsglogcat", "-d"}, 0, "", ""},
-    // Filters as arguments and from the environment, unread with a filter argument.
     {{"-d", "-b", "morvo_main", "-s", "keep:D", "drop:E"}, 0, kDebug + kError, ""},
     {{"-d", "-b", "morvo_main", "ANDROID_LOG_TAGS=*:e"}, 0, kError, ""},
     {{"-d", "-b", "morvo_main", "*:V", "ANDROID_LOG_TAGS=bad:Q"}, 0, kAll, ""},
     {{"-t", "1", "-b", "morvo_main"}, 0, kError, ""},
-    // Redirections written as arguments are no filters.
     {{"-d", "-b", "morvo_main", "2>&1"}, 0, kAll, ""},
     {{"-S", "2>&1"}, 1, kShort, ""},
     {{"-S", "2>/dev/null"}, 1, "", ""},
@@ -149,19 +142,16 @@ TEST(ReaderOptionsTest, BufferOperationsActOnTheStore) {
   qd_logger_list_free(list);
   // clang-format off
   const Case kSteps[] = {
-      // A buffer named twice is reported once.
       {{"-g", "-b", "morvo_main", "-b", "morvo_main,morvo_main"}, 0, Report("morvo_main", "256Kb", used), ""},
       {{"-b", "morvo_radio", "-G", "64k"}, 0, "", ""},
       {{"-b", "morvo_radio", "-g"}, 0, Report("morvo_radio", "64Kb", 0), ""},
       {{"-b", "morvo_radio", "--buffer-size=0x2000"}, 0, "", ""},
       {{"-b", "morvo_radio", "-g"}, 0, Report("morvo_radio", "8Kb", 0), ""},
-      // Clear empties the selected buffers only.
       {{"-c", "-b", "morvo_main"}, 0, "", ""},
       {{"-d"}, 0, "--------- beginning of morvo_system\nI t       : system record\n", ""},
   };
   // clang-format on
   for (const Case& c : kSteps) Check(c, root.path());
-  // The default buffers of an operation are the five known ones.
   std::string names;
   for (const std::string& line : Lines(RunCommand({"-g"}).out))
     names += line.substr(0, line.find(':')) + " ";
@@ -201,8 +191,8 @@ TEST(ReaderOptionsTest, OperationsOnAnUnusableStoreReportTheFirstBuffer) {
   EXPECT_EQ("Unable to open log device 'morvo_main'\n", r.err);
 }
 
-// --wrap waits for the buffer to fill, then reads it all; another time
-// than its own is warned about.
+// --wrap waits for the buffer to fill, then reads it all; another time than its own is warned
+// about.
 TEST(ReaderOptionsTest, WrapWaitsForTheBufferToFillThenReadsItAll) {
   morvotest::TempRoot root;
   ASSERT_EQ(0, RunCommand({"-b", "morvo_radio", "-G", "8k"}).status);
@@ -249,9 +239,8 @@ struct Stored {
   qd_log_msg msg;
 };
 
-// What a run over ids prints, worked out the plain way: every buffer read
-// alone, merged by time (the lower id first on equal times), the last tail
-// records kept (all for 0), each formatted with snprintf.
+// A run's output worked out the plain way: each buffer read alone, merged by time (lower id
+// first on ties), the last tail records kept (all for 0), each formatted with snprintf.
 std::string Reference(const std::vector<log_id_t>& ids, size_t tail) {
   std::vector<Stored> merged;
   for (log_id_t id : ids) {
@@ -346,8 +335,7 @@ void DamagedAmong(const Root& root) {
   Unterminate(root, "morvo_system", "damaged-me");
 }
 
-// A wrapped main ring with a record in system, or a damaged one in main,
-// 100 records before main's head.
+// A wrapped main ring with a record in system, or a damaged one in main, 100 before main's head.
 template <bool damaged>
 void Wrapped(const Root& root) {
   RunCommand({"-b", "morvo_main", "-G", "64k"});
