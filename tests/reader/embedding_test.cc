@@ -1,5 +1,4 @@
-// The library from a host's side. Hosts whose descriptors matter run in a
-// child process so that they are their own.
+// The library from a host's side; hosts whose descriptors matter run in a child.
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -33,8 +32,7 @@ using morvotest::RunCommand;
 using morvotest::RunOn;
 using morvotest::StartThread;
 
-// The host's checks run in a child: its exit code is the number of the
-// first check that failed (0: all held); a signal shows as 128 + signal.
+// Runs host in a child: exit code = number of the first failed check (0: all held), 128+signal.
 int InHost(const std::function<int()>& host) {
   pid_t child = fork();
   if (child == 0) _exit(host());
@@ -166,8 +164,7 @@ TEST_F(EmbeddingTest, AWarningReachesTheHostBeforeTheHostDies) {
   ASSERT_EQ(0, pipe(ends));
   InHost([&] {
     dup2(ends[1], STDOUT_FILENO);
-    // The wrap run warns, then waits for its buffer to fill; the host ends
-    // meanwhile without flushing its streams, as a signal would end it.
+    // The wrap run waits for its buffer; the host ends meanwhile without flushing, as on a signal.
     std::thread([] {
       android_logcat_context ctx = CreateAndroidLogcat();
       RunOn(ctx, -1, -1, {"--wrap=5", "-b", "morvo_main", "2>&1"});
@@ -238,8 +235,7 @@ TEST_F(EmbeddingTest, AContextRunsAgainAfterAFailedRunAndOnTheSameDescriptors) {
   close(err);
 }
 
-// The embedding interface and nothing else: the platform layer, the C++
-// runtime and every subsystem stay inside, where a host cannot displace them.
+// Only the embedding interface is exported: the platform layer and C++ runtime stay inside.
 TEST_F(EmbeddingTest, LibraryExportsExactlyTheEmbeddingInterface) {
   const std::set<std::string> interface = {
       "CreateAndroidLogcat",
@@ -272,7 +268,6 @@ TEST_F(EmbeddingTest, LibraryExportsExactlyTheEmbeddingInterface) {
 TEST_F(EmbeddingTest, HostsWithFunctionsOfTheSameNamesRunTheLibraryNormally) {
   if (morvotest::UnderQemu()) GTEST_SKIP() << "qemu-user: a test cannot exec the AArch64 hosts";
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "host", "seen by the host");
-  // Each run with a line it prints.
   for (std::string host : {MORVO_SAFE_STRING_HOST, MORVO_SAME_NAMES_HOST}) {
     for (std::string run : {" -d -b morvo_main\tI host    : seen by the host\n",
                             " -g -b morvo_main\tmorvo_main: ring buffer is 256Kb"}) {

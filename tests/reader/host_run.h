@@ -1,9 +1,8 @@
 #ifndef MORVOCAT_TESTS_READER_HOST_RUN_H_
 #define MORVOCAT_TESTS_READER_HOST_RUN_H_
 
-// The main of a host with functions under names the library uses inside.
-// Each calls HostFunctionRan() first: called while the library runs, the
-// library bound to the host's function, and the host ends with status 3.
+// A host defining names the library uses inside; each calls HostFunctionRan() first, which ends
+// the host with status 3 (the library bound to the host's function).
 
 #include <stdio.h>
 #include <unistd.h>

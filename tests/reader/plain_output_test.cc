@@ -1,5 +1,4 @@
-// The plain output file, which a run uses only when its rotating writer
-// cannot be allocated. This program makes exactly that allocation fail.
+// The plain output file, used only when the rotating writer's allocation fails (made to here).
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -111,8 +110,7 @@ TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
   EXPECT_NE(std::string::npos, text.find("third"));
 }
 
-// Links planted at the names a rotation writes, pointing outside the log
-// folder: nothing outside changes, and no temporary name is left behind.
+// Links planted at a rotation's names, pointing outside: nothing outside changes, no temp left.
 TEST_F(PlainOutputTest, LinksAtTheNamesARotationWritesAreNeverFollowed) {
   // p: a hard link, appending to P would write into the victim; p_tmp: a
   // folder link, moving P.1 in would replace the victim's p.1.
