@@ -1,5 +1,4 @@
-// The pieces of morvo-view that read one line or one name: the line
-// formats, the year a line is given, file names, tar headers.
+// The pieces of morvo-view that read one line or one name: formats, years, file names, tar.
 
 #include <gtest/gtest.h>
 #include <string.h>
@@ -23,8 +22,7 @@ std::string Long(int64_t ms) {
   return text;
 }
 
-// What the parser found, written as "<kind letter> <fields>|<message>",
-// the message as "*" when it is the whole line.
+// What the parser found: "<kind letter> <fields>|<message>", the message "*" if the whole line.
 std::string Parsed(const char* line) {
   view::ParsedLine p;
   view::ParseLine(line, strlen(line), &p);
@@ -76,8 +74,8 @@ int64_t At(const char* iso) {
   return ms;
 }
 
-// A set file into a new year, Dec 31 records in a Jan 1 file, a plain file (anchored at
-// its end), lines that carry their year, Feb 29, threads a little out of order.
+// New years, Dec 31 records in a Jan 1 file, plain files, dated lines, Feb 29, threads out of
+// order.
 TEST(SetClock, YearFromTheFileAndTheLineBefore) {
   // clang-format off
   struct ClockCase { const char* anchor; bool anchorIsStart; const char *lines, *times; } const cases[] = {
@@ -133,8 +131,7 @@ TEST(SetNames, KindBaseAndNumber) {
   }
 }
 
-// A header block as the archive writer makes it (v7, zero mtime) or as
-// tar makes it (ustar with a prefix).
+// A header block as the archive writer makes it (v7, zero mtime) or tar (ustar with a prefix).
 void Header(unsigned char block[512], const char* name, const char* size, const char* prefix) {
   memset(block, 0, 512);
   memcpy(block, name, strlen(name));

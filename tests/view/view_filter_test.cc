@@ -1,6 +1,4 @@
-// morvo-view's filters, output forms and command line, over a small tree:
-// a reader capture and a collector stream; and the lnav formats shipped in
-// etc/lnav, read by the real lnav.
+// morvo-view's filters, output forms and command line over a small tree; lnav formats via lnav.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -31,7 +29,6 @@ class ViewFilterTest : public ::testing::Test {
     morvotest::WriteFile(root_.Under("/data/log/kernel/kmsg"),
                          "03-01 10:00:01.000 <6> kernel one\n"
                          "03-01 10:00:03.000 <3> kernel two\t\x01\xff\n");
-    // The files' modification times give their year.
     system(("touch -d '2024-03-01 10:00:05' " + root_.Under("/data/log/reader/capture") + " " +
             root_.Under("/data/log/kernel/kmsg"))
                .c_str());
@@ -87,7 +84,6 @@ TEST_F(ViewFilterTest, OutputForms) {
                 "\"message\":\"<3> kernel two\\u0009\\u0001\\ufffd\"}",
             lines[4]);
   EXPECT_NE(std::string::npos, lines[5].find("\"message\":\"crash \\\\ now\"")) << lines[5];
-  // The divider takes the time of the line after it, at the top of its set.
   EXPECT_EQ(0u, lines[0].find("{\"time\":\"2024-03-01T10:00:00.000\""));
   EXPECT_EQ("03-01 10:00:00.000 --------- beginning of morvo_main", text[0]);
   EXPECT_EQ("03-01 10:00:00.000   100   101 I ActivityManager: start \"x\"", text[1]);
@@ -150,7 +146,6 @@ TEST(LnavFormatTest, EachFileKindGivesItsFields) {
   morvotest::TempRoot root;
   const char* source = getenv("MORVO_SOURCE_DIR");
   std::string formats = std::string(source != nullptr ? source : ".") + "/etc/lnav/";
-  // Installed into a home of its own, as a user installs them.
   std::string home = "HOME=" + Quoted(root.path()) + " lnav ";
   ASSERT_EQ(0, system((home + "-i " + Quoted(formats + "morvocat_threadtime.json") + " " +
                        Quoted(formats + "morvocat_stream.json") + " >/dev/null 2>&1")

@@ -67,8 +67,7 @@ void WriteGroup(const std::string& base, TavoCommon::TypeWrite mode, const std::
   sink.LogcatClose();
 }
 
-// The reader's set: seq from..end stamped start + seq, flushed every
-// perFlush records, then, with newFiles, a new file.
+// The reader's set: seq from..end stamped start + seq, flushed every perFlush, then a new file.
 void WriteReaderSet(const std::string& base, long from, long end, time_t start, long perFlush,
                     bool newFiles) {
   MorvocatUtils writer(base, MorvocatUtils::kMMapWriteMode, 0);
@@ -108,7 +107,6 @@ TEST_F(ViewTreeTest, ReaderSetThroughTheWrapIntoANewYear) {
       morvotest::WritingOrder(morvotest::SetFiles(dir, "out"), base.size());
   ASSERT_EQ(6u, files.size());
   EXPECT_EQ(1, morvotest::IndexOf(files.back(), base.size()));  // wrapped past 999
-  // A set file's name says when it was opened: stamp each as its first record.
   std::vector<std::string> times = {Format(earlier, "%Y-%m-%dT%H:%M:%S.000")};
   for (size_t i = 0; i < files.size(); ++i) {
     time_t opened = i == 0 ? earlier : start + 1 + 10 * (i - 1);
@@ -129,8 +127,7 @@ TEST_F(ViewTreeTest, ReaderSetThroughTheWrapIntoANewYear) {
   }
 }
 
-// Indexed files with links P and P.1 beside a numbered set with archives and
-// titles; hard links, links, a pulled copy of P and hidden files add no record.
+// Indexed files, links P, P.1, archives, titles; links, a pulled copy and hidden files add nothing.
 TEST_F(ViewTreeTest, CollectorGroupsInBothModesEachRecordOnce) {
   const long kRecords = 600;
   std::string mmapBase = dir_ + "/mmaplog";
@@ -166,8 +163,7 @@ TEST_F(ViewTreeTest, CollectorGroupsInBothModesEachRecordOnce) {
   EXPECT_NE(std::string::npos, run.out.find("\"message\":\"TITLE column1 column2\""));
 }
 
-// A copy taken mid-member: read as far as it decodes, one warning, other sets
-// still out.
+// A copy taken mid-member: read as far as it decodes, one warning, other sets still out.
 TEST_F(ViewTreeTest, LastMemberCutShort) {
   root_.MakeDirs("/data/log/reader");
   std::string dir = root_.Under("/data/log/reader"), base = dir + "/out";
@@ -192,8 +188,7 @@ TEST_F(ViewTreeTest, LastMemberCutShort) {
   EXPECT_NE(std::string::npos, run.out.find("other set"));
 }
 
-// Each unreadable file (missing, FIFO, corrupt, foreign-owned): one line,
-// status 1, the rest printed.
+// Each unreadable file (missing, FIFO, corrupt, foreign-owned): one line, status 1, rest printed.
 TEST_F(ViewTreeTest, UnreadableFilesAreReportedAndTheRestGoesOn) {
   root_.MakeDirs("/data/log/a");
   std::string good = root_.Under("/data/log/a/kmsg");
@@ -210,8 +205,7 @@ TEST_F(ViewTreeTest, UnreadableFilesAreReportedAndTheRestGoesOn) {
   std::string scratch = root_.Under("/scratch");
   mkdir(scratch.c_str(), 0777);
   chmod(scratch.c_str(), 0777);
-  // GCOV_PREFIX: where the unprivileged run may write a coverage build's
-  // counters.
+  // GCOV_PREFIX: where the unprivileged run may write a coverage build's counters.
   std::string nobody =
       "setpriv --reuid=65534 --regid=65534 --clear-groups env GCOV_PREFIX=" + scratch + "/gcov ";
   struct Case {
