@@ -1,5 +1,4 @@
-// Files the parser must survive: malformed XML, over-long names, DOCTYPEs,
-// deep nesting, huge files, non-files, and allocation failures at each step.
+// Files the parser must survive: bad XML, long names, DOCTYPEs, size, non-files, failed allocations.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -39,7 +38,6 @@ const ParseCase kBadInput[] = {
     {"DeepNestingFailsCleanly", DeepNesting(), 1, "", kXmlErrors},
     {"EmptyFile", "", 1, "", kXmlErrors},
     {"RootWithoutEntries", "<config/>", 1, "", ""},
-    // An empty value is kept as an empty string; an empty node is still linked.
     {"EmptyAttributesFailValidation",
      Instance(Group(Values("logStyle outputFilePath=") + Set("inputNodeSet", "dataPath="))), 1,
      "kmsglogcat | none out=\"\""},
@@ -52,8 +50,7 @@ const ParseCase kBadInput[] = {
     {"CutNameIsAPrefixAndPrefixesDoNotMatch",
      Instance(KmsgGroup(), "name=\"" + kLongName + "\" platform=\"Qcom\""), 1, "", "",
      kLongName.substr(0, 256)},
-    // The format needs no DOCTYPE: every harm one can do (entity growth, files
-    // or hosts it names, DTD defaults) is refused at the declaration.
+    // Any DOCTYPE is refused at once (entity growth, named files or hosts, DTD defaults).
     {"ExternalEntityInAValue",
      "<!DOCTYPE config [<!ENTITY e SYSTEM \"file://$ROOT/secret\">]>\n" + kUseEntity, 1, "",
      kRefused},
@@ -69,7 +66,6 @@ const ParseCase kBadInput[] = {
     {"DoctypeAfterAComment",
      "<?xml version=\"1.0\"?>\n<!-- a comment first -->\n<!DOCTYPE config>\n" +
      Instance(KmsgGroup()), 1, "", kRefused},
-    // A text search for the declaration would miss it in another encoding.
     {"DoctypeInUtf16",
      Utf16("<?xml version=\"1.0\" encoding=\"UTF-16\"?>\n" + BillionLaughs() + kUseEntity), 1, "",
      kRefused},
@@ -94,8 +90,7 @@ TEST_F(ConfigTest, SomethingOtherThanAFileIsRefused) {
   EXPECT_EQ("Config file [" + ConfigPath() + "] is not a regular file!\n", err_);
 }
 
-// Whatever allocation fails, a partial tree is freeable twice; a success may
-// hold less (a failed source or group is skipped) but always validates.
+// Whatever allocation fails, a partial tree frees twice; a success may hold less but validates.
 TEST_F(ConfigTest, EveryFailedAllocationLeavesAFreeableTree) {
   WriteConfig(morvotest::ReadFile(morvotest::SourcePath("etc/tavocat_config.xml")));
   long count = EachAllocationFailing([this](long n) {

@@ -32,7 +32,6 @@ std::string Field(const char* key, const TavocatStrListT* list) {
   return !out.empty() ? std::string(" ") + key + "=" + out : "";
 }
 
-// " kind{fields}", without the fields' leading space.
 std::string Record(const char* kind, const std::string& fields) {
   return std::string(" ") + kind + "{" + (fields.empty() ? "" : fields.substr(1)) + "}";
 }
@@ -189,7 +188,6 @@ TEST_P(ParseTest, GivesItsTreeResultAndMessagesHereAndInAChild) {
     size_t eq = c.props.find('=', at);
     SetProp(c.props.substr(at, eq - at).c_str(), c.props.substr(eq + 1, end - eq - 1).c_str());
   }
-  // Files a hostile DOCTYPE may name.
   morvotest::WriteFile(root_.Under("/secret"), "SECRET-TEXT");
   morvotest::WriteFile(root_.Under("/defaults.dtd"),
                        "<!ATTLIST outputFilePath value CDATA \"/from-dtd\">\n");
@@ -200,20 +198,17 @@ TEST_P(ParseTest, GivesItsTreeResultAndMessagesHereAndInAChild) {
   if (c.err != kXmlErrors) {
     EXPECT_EQ(Replace(Replace(c.err, "$PATH", ConfigPath()), "$DUMP", ExpectedDump(info_)), err_);
   } else {
-    // One line per diagnostic, each naming the file, and no dump.
     ASSERT_FALSE(err_.empty());
     EXPECT_EQ('\n', err_.back());
     for (size_t at = 0; at < err_.size(); at = err_.find('\n', at) + 1) {
       EXPECT_EQ(0u, err_.compare(at, ConfigPath().size() + 1, ConfigPath() + ":")) << err_;
     }
   }
-  // Whatever the parse left, it frees to a zero-filled root, twice.
   FreeConfigFile(&info_);
   FreeConfigFile(&info_);
   EXPECT_EQ("", Describe(info_));
-  // The child gives the same result and messages, and brings back a tree
-  // only on success. No row lets a child near its memory bound (the peak
-  // counts every child so far: an earlier, larger one hides it).
+  // The child gives the same result and messages, and a tree only on success; its memory peak is
+  // checked while earlier children left it below the bound.
   const long bound = long{TavoConfig::kParseLimits.memoryGrowth >> 10};
   struct rusage children;
   ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &children));

@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_CONFIG_CONFIG_TEST_SUPPORT_H_
 #define MORVOCAT_TESTS_CONFIG_CONFIG_TEST_SUPPORT_H_
 
-// A temporary root with a configuration file and properties, a tree freed
-// after each test, and the table of parse cases most tests are rows of.
+// A temporary root with a configuration file and properties, and the table of parse cases.
 
 #include <gtest/gtest.h>
 
@@ -25,10 +24,8 @@ using TavoCommon::TavocatStrListT;
 using TavoConfig::CopyString;
 using TavoConfig::FreeConfigFile;
 
-// Elements from words: "name=value" is <name value="value"/>, a bare "name"
-// is <name/>.
+// Elements from words: "name=value" is <name value="value"/>, a bare "name" is <name/>.
 std::string Values(const std::string& words);
-// <set>Values(words)</set>
 inline std::string Set(const std::string& set, const std::string& words) {
   return "<" + set + ">" + Values(words) + "</" + set + ">";
 }
@@ -48,15 +45,13 @@ inline std::string KmsgGroup() {
 }
 constexpr const char kKmsgTree[] = " | monitor_node out=/data/log/k node{data=/proc/kmsg}";
 
-// Internal subsets declaring entity e: ten levels of ten references each
-// (10^10 copies), and one 100 KB text referenced in attribute values.
+// Internal subsets declaring entity e: 10^10 copies, or a 100 KB text referenced 2000 times.
 std::string BillionLaughs();
 std::string QuadraticBlowup();
 // text (ASCII) as UTF-16 with a byte-order mark.
 std::string Utf16(const std::string& text);
 
-// Every field of a tree on one line, without zero numbers and null strings
-// ("" for an empty one); " info?" marks a group not pointing at its root.
+// Every field of a tree on one line, without zero numbers and null strings ("" for empty).
 std::string Describe(const TavocatInfoT& info);
 // The dump of info, byte for byte as PrintTavocatInfo must write it.
 std::string ExpectedDump(const TavocatInfoT& info);
@@ -72,7 +67,6 @@ class ConfigTest : public ::testing::Test {
   }
   void SetProp(const char* key, const char* value) { ASSERT_EQ(0, property_set(key, value)); }
 
-  // ParseConfigFile on info_, with standard error kept in err_.
   int Parse(const char* name = "kmsglogcat");
 
   morvotest::TempRoot root_;
@@ -104,8 +98,8 @@ class ParseTest : public ConfigTest, public ::testing::WithParamInterface<ParseC
 
 std::string RowName(const ::testing::TestParamInfo<ParseCase>& row);
 
-// A row whose file holds one group of the style with output path /o, then
-// body; tree is what Describe shows past "kmsglogcat | STYLE out=/o".
+// A row whose file holds one group of the style with output /o, then body; tree follows "| STYLE
+// out=/o".
 ParseCase GroupRow(const char* label, const char* style, const std::string& body, int result,
                    const std::string& tree, const std::string& err = "$DUMP");
 

@@ -1,5 +1,4 @@
-// The tree's building blocks (string copies, the release of records), and
-// validation and dump of trees no file gives.
+// The tree's building blocks, and validation and dump of trees no file gives.
 
 #include "config/config_tree.h"
 
@@ -19,8 +18,7 @@ using TavoConfig::IsValidCmdSet;
 using TavoConfig::IsValidDirSet;
 using TavoConfig::IsValidNodeSet;
 
-// Copies, cuts and replacements are in every parse case; here, the
-// failures: a null argument or a failed allocation leaves the field null.
+// A null argument or a failed allocation leaves the field null.
 TEST(CopyStringTest, FailureLeavesTheFieldNull) {
   char* field = nullptr;
   ASSERT_EQ(0, CopyString("old", &field));
@@ -34,8 +32,7 @@ TEST(CopyStringTest, FailureLeavesTheFieldNull) {
   EXPECT_EQ(nullptr, field);
 }
 
-// Trees of every style are freed after each parse case; leaks show up under
-// the leak checker. A single record's free does not follow next.
+// A single record's free does not follow next (leaks show under the leak checker).
 TEST(FreeTest, NullArgumentsAreHarmlessAndSingleRecordFreesDoNotFollowNext) {
   FreeConfigFile(nullptr);
   TavoConfig::FreeLogcatGroup(nullptr);
@@ -57,8 +54,7 @@ TEST(FreeTest, NullArgumentsAreHarmlessAndSingleRecordFreesDoNotFollowNext) {
   EXPECT_EQ(nullptr, second);
 }
 
-// A zero-filled root fails after the dump; so does a style past the known
-// ones, even with sources, which are not shown.
+// A zero-filled root fails after the dump; so does a style past the known ones.
 TEST_F(ConfigTest, ZeroRootAndUnknownStyleFailAfterTheDump) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(1, TavoConfig::ValidateTavocatInfo(info_));

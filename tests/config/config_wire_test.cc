@@ -1,5 +1,4 @@
-// The tree's trip through bytes (every parse case also runs in a child),
-// refused encodings, and the parse child's bounds, end and delivery.
+// The tree's trip through bytes, refused encodings, and the parse child's bounds, end and delivery.
 
 #include "config/config_wire.h"
 
@@ -31,8 +30,7 @@ using TavoConfig::BuildTreeApart;
 using TavoConfig::DecodeTavocatInfo;
 using TavoConfig::kParseLimits;
 
-// Every style, lists of several entries, an empty string beside missing
-// ones, and values holding a line break and a tab; how Describe shows it.
+// Every style, multi-entry lists, an empty string beside missing ones, a line break and a tab.
 const std::string kEveryStyle = Instance(
     Values("logRotateSizeKBytes=77 maxCompressdFiles=9 writeMode=mmap") +
     Group("<logStyle value=\"monitor_node\" failureRetry=\"3\"/>" +
@@ -93,8 +91,7 @@ TEST_F(WireTest, CutOrPaddedEncodingsAreRefused) {
 }
 
 TEST_F(WireTest, DamagedWordsNeverReadPastTheBytes) {
-  // Each word made huge, all ones (the null mark) and one past the bytes:
-  // Decoded checks a refused tree is empty, the sanitizers every read.
+  // Each word made huge, all ones (the null mark) and one past the bytes: refused trees are empty.
   for (size_t at = 0; at + sizeof(uint64_t) <= bytes_.size(); at += sizeof(uint64_t)) {
     for (uint64_t value : {uint64_t{1} << 40, UINT64_MAX, uint64_t{bytes_.size()}}) {
       std::vector<unsigned char> damaged = bytes_;
@@ -103,8 +100,7 @@ TEST_F(WireTest, DamagedWordsNeverReadPastTheBytes) {
     }
   }
   std::vector<unsigned char> badStyle = bytes_;
-  // The first group's style word: mark, three numbers, the name, a count,
-  // then interval and failureRetry.
+  // The first group's style word: mark, three numbers, the name, a count, interval, failureRetry.
   size_t at = 4 * 8 + 8 + strlen("kmsglogcat") + 8 + 2 * 8;
   uint64_t style = uint64_t{1} << 32;
   memcpy(badStyle.data() + at, &style, sizeof(style));
@@ -123,8 +119,8 @@ unsigned long long AddressSpace() {
          static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
 }
 
-// Whether the child is bounded in memory, dies with its parent and survives
-// a closed pipe, sent back as the instance name.
+// Whether the child is memory-bounded, dies with its parent and survives a closed pipe (as its
+// name).
 int ReportBounds(const void*, TavocatInfoT* info) {
   struct rlimit as = {};
   int deathSignal = 0;
@@ -177,8 +173,8 @@ int BuildHugeTree(const void*, TavocatInfoT* info) {
   return 0;
 }
 
-// A child gives its tree, however large; past its memory or time bound it
-// fails the parse. Either way it is reaped.
+// A child gives its tree, however large; past its memory or time bound the parse fails; it is
+// reaped.
 TEST_F(ConfigTest, ChildIsBoundedAndGivesItsTree) {
   // name: the tree's, or null for the tree the builder gives here.
   // clang-format off

@@ -1,7 +1,4 @@
-// How the parser reads values (the number rule, which of repeated elements
-// wins, the order rule of logStyle, elements it does not know), and
-// validation: every kind of incomplete tree fails, after the dump of the
-// whole tree.
+// How the parser reads values, repeated and unknown elements, the logStyle order rule, validation.
 
 #include <gtest/gtest.h>
 
@@ -38,13 +35,11 @@ const ParseCase kRules[] = {
     GroupRow("FirstNonZeroWidthWins", "poll_node",
      Set("inputNodeSet", "dataPath=/a width=0 width=-3 width=7 width=9"), 0,
      " node{data=/a width=7}"),
-    // An element without a value leaves the field.
     {"RootSettingsAndOutputPathLastOneWins",
      Instance(Values("logRotateSizeKBytes=1 logRotateSizeKBytes=2 maxCompressdFiles=3 maxCompressdFiles=4 maxCompressdFiles") +
               Group(Values("logStyle=monitor_node outputFilePath=/first") + Set("inputNodeSet", "dataPath=/proc/kmsg") +
                     Values("outputFilePath=/second outputFilePath"))),
      0, "kmsglogcat rotate=2 files=4 | monitor_node out=/second node{data=/proc/kmsg}"},
-    // An alternative path alone is enough.
     GroupRow("NodeStringsFirstOneWinsAndListsKeepDocumentOrder", "poll_node",
      Set("inputNodeSet", "dataPath dataPath=/d1 dataPath=/d2 titlePath=/t1 titlePath=/t2 title=T1 title=T2 "
                          "alterdataPath=/a1 alterdataPath alterdataPath=/a2") +
@@ -71,10 +66,8 @@ const ParseCase kRules[] = {
               Group(Set("inputDirSet", "inputDirPath=/dev/input") + Values("logStyle=monitor_dir")) +
               Group(Set("inputCmdSet", "command=battery") + Values("logStyle=poll_cmd"))),
      1, "kmsglogcat | monitor_node | monitor_dir | poll_cmd"},
-    // A group without sources fails.
     GroupRow("SourcesOfAnotherStyleAreIgnored", "monitor_node",
      Set("inputCmdSet", "command=battery") + Set("inputDirSet", "inputDirPath=/dev/input"), 1, ""),
-    // The rest of the element is still read.
     {"StyleDoesNotChangeOnceSourcesAreHeld",
      Instance(Group(Values("logStyle=monitor_node outputFilePath=/o") + Set("inputNodeSet", "dataPath=/proc/kmsg") +
                     "<logStyle value=\"poll_cmd\" interval=\"9\"/>" + Set("inputCmdSet", "command=battery"))),
@@ -94,7 +87,6 @@ const ParseCase kRules[] = {
     {"UnknownStyleNameLeavesNoStyleAndFails",
      Instance(Group(Values("logStyle=Monitor_node outputFilePath=/o") + Set("inputNodeSet", "dataPath=/a"))),
      1, "kmsglogcat | none out=/o"},
-    // Validation.
     {"NoGroupsFails", Instance(""), 1, "kmsglogcat"},
     {"GroupWithoutOutputPathFails",
      Instance(Group(Values("logStyle=monitor_node") + Set("inputNodeSet", "dataPath=/a"))), 1,
@@ -104,7 +96,6 @@ const ParseCase kRules[] = {
      " node{data=/a} node{title=Title width=8}"),
     GroupRow("DirSetWithoutPathFails", "monitor_dir", Set("inputDirSet", "pickNode=gpio-keys"), 1,
      " dir{pick=gpio-keys}"),
-    // Groups keep document order.
     {"LaterInvalidGroupFailsTheTreeAndEveryGroupIsDumped",
      Instance(KmsgGroup() + Group(Values("logStyle=poll_cmd outputFilePath=/b") + Set("inputCmdSet", "command=battery")) +
               Group(Values("logStyle=poll_cmd outputFilePath=/c"))),

@@ -1,6 +1,4 @@
-// The platform match, the write-mode rule on each kind of build, and the
-// built-in instances: used only when the file is absent, never in recovery,
-// and never half-made.
+// The platform match, the write-mode rule per build, and the built-in instances (file absent only).
 
 #include <gtest/gtest.h>
 #include <libxml/tree.h>
@@ -26,8 +24,8 @@ using TavoConfig::ParseChargelogcatNodeSet;
 using TavoConfig::ParseDefault;
 using TavoConfig::ParseKmsgcatNodeSet;
 
-// Known platforms must occur in the attribute, case-sensitively; an unknown
-// platform accepts any attribute, but never none.
+// Known platforms must occur in the attribute, case-sensitively; an unknown one accepts any but
+// none.
 TEST_F(ConfigTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
   // clang-format off
   const struct { const char* hardware, *platform, *attribute; bool accepted; } cases[] = {
@@ -111,9 +109,7 @@ const ParseCase kPlatformAndBuild[] = {
     Mode("OrdinaryLastOtherWins", kUser, kMmap + std::string("<writeMode value=\"x\"/>"), true),
     Mode("EngBuildWithPlatformVersionIsOrdinary", "ro.build.type=eng;ro.build.version.ovra=12.0",
      kMmap, false),
-    // Factory and chipset vendor builds force factory wherever writeMode is
-    // given; no writeMode element keeps the zero-filled mode. Each probe
-    // needs its exact value.
+    // Factory and chipset vendor builds force factory wherever writeMode is given.
     Mode("FactoryBuildForcesFactory", "ro.runmode=factory;ro.build.type=user", kMmap, true),
     Mode("FactoryBuildWithoutWriteMode", "ro.runmode=factory;ro.build.type=user", "", false),
     Mode("ChipsetVendorBuildForcesFactory", "ro.build.type=eng", kMmap, true),
@@ -121,8 +117,6 @@ const ParseCase kPlatformAndBuild[] = {
     Mode("RunmodeWithASuffixIsOrdinary", "ro.runmode=factory1", kMmap, false),
     Mode("RunmodeInCapitalsIsOrdinary", "ro.runmode=Factory", kMmap, false),
     Mode("BuildTypeWithASuffixIsOrdinary", "ro.build.type=engx", kMmap, false),
-    // The built-in instances: used only when the file is absent, never in
-    // recovery, and not dumped.
     {"KmsglogcatWithoutTheFile", kNoFile, 0, kKmsg, ""},
     {"ChargelogcatWithoutTheFileListsTimeGaugeCharge", kNoFile, 0,
      "chargelogcat rotate=4096 files=20 factory | poll_node every=5 out=/data/log/charge-log/charge-log "
@@ -187,8 +181,7 @@ TEST_F(ConfigTest, NodeSetBuildersPushAtTheFrontAndFreeTheWholeListOnFailure) {
   EXPECT_EQ(nullptr, head);
 }
 
-// Every allocation of a built-in tree is needed: failing any one of them
-// fails the whole parse and leaves nothing behind.
+// Failing any allocation of a built-in tree fails the whole parse and leaves nothing behind.
 TEST_F(ConfigTest, BuiltinTreeFailsCleanlyAtEachFailedAllocation) {
   for (const char* name : {"kmsglogcat", "chargelogcat"}) {
     long count = EachAllocationFailing([&](long n) {

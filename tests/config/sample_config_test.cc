@@ -1,5 +1,4 @@
-// The shipped sample configuration gives the tree it describes, and
-// tavocat-config gives the collector's verdict on any file.
+// The shipped sample gives the tree it describes; tavocat-config gives the collector's verdict.
 
 #include <gtest/gtest.h>
 #include <string.h>
@@ -30,12 +29,10 @@ INSTANTIATE_TEST_SUITE_P(Sample, ParseTest, testing::ValuesIn(kSampleRows), RowN
 
 class SampleConfigTest : public ConfigTest {
  protected:
-  // Runs tavocat-config with args; its exit status, output and errors.
   int RunTool(const std::string& args, std::string* out, std::string* err) {
     return morvotest::RunCaught(morvotest::ToolPath("tavocat-config") + " " + args, root_.path(),
                                 out, err);
   }
-  // 0 when the collector would start its groups from the file, else 1.
   int CollectorVerdict(const std::string& path, const char* name, std::string* err) {
     TavocatInfoT info = {};
     testing::internal::CaptureStderr();
