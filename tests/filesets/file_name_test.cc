@@ -1,6 +1,4 @@
-// The names of log files as one table: what each parser takes from a name,
-// what it refuses, and that every accepted name is made again byte for byte.
-// Then the lax readers the set owners use, through their own methods.
+// Log file names: what each parser takes or refuses, accepted names made again byte for byte.
 
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -27,10 +25,8 @@ struct NameRow { std::string name; Kind kind; size_t baseLength = 0; uint64_t nu
 
 const std::string kLongBase(300, 'b');
 
-// Names no parser takes, separated by "|", the last one empty: wrong
-// digits, four-digit and negative indices, month 13, day 0 and 32, hour 24,
-// minute and second 60 and 61, wrong separators, extra suffixes, no base,
-// nine digits at most.
+// Names no parser takes, "|"-separated, the last one empty: bad digits, dates, separators,
+// suffixes.
 const char kRefused[] =
     "x.Ix07.20240105-081502.gz|x.I07.20240105-081502.gz|x.I0007.20240105-081502.gz|"
     "x.I1000.20240105-081502.gz|x.I-12.20240105-081502.gz|x.I007.20241305-081502.gz|"
@@ -73,7 +69,6 @@ TEST(LogFileNames, EachNameParsesAsOneKindAndIsMadeAgainByteForByte) {
                       platform::ParseNumberedName(row.name, &length[kNumbered], &n[0]),
                       platform::ParseArchiveName(row.name, &length[kArchive], &n[1])};
     for (int kind : {kSet, kNumbered, kArchive}) {
-      // An archive name is no numbered name: ".gz" is not a number.
       EXPECT_EQ(kind == row.kind, parsed[kind]) << kind;
       if (kind != row.kind) {
         EXPECT_EQ(99u, length[kind]) << kind;
@@ -170,8 +165,6 @@ TYPED_TEST_SUITE(FileNameTest, settest::SetOwners);
 // The owners' field readers keep their exact, lax behaviour.
 TYPED_TEST(FileNameTest, FieldsComeOnlyFromNamesOfTheSetLength) {
   TypeParam set(this->base_, 10);
-  // Other length; ends past the name; ends one past (cut short); starts at
-  // the end; the sum wraps to 0; 0 - 1 wraps to the top.
   // clang-format off
   const struct { uint32_t total, start, count; const char* field; } fields[] = {
       {6, 2, 3, "cde"}, {7, 2, 3, ""}, {6, 5, 3, ""}, {6, 5, 2, "f"}, {6, 6, 1, ""}, {6, 0xFFFFFFFFu, 2, ""}, {6, 0, 0, ""}};

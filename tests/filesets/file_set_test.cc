@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "set_owners.h"
-#include "support/planted.h"
 
 namespace {
 

@@ -1,5 +1,4 @@
-// The reader's rotating writer over the real memory-mapped writer: start-up
-// over an existing folder, rotation, restarts, wrap-around and pruning.
+// The reader's rotating writer over the real memory-mapped writer.
 
 #include <gtest/gtest.h>
 #include <stdint.h>
@@ -10,7 +9,6 @@
 #include <vector>
 
 #include "set_owners.h"
-#include "support/planted.h"
 
 namespace {
 
@@ -40,8 +38,7 @@ TEST_F(MorvocatUtilsTest, OtherModesAndEmptyPathsChooseNoFile) {
   EXPECT_EQ(0u, SetFiles(dir_, "applog").size());
 }
 
-// Start over what is in the folder, open a file, write, restart: "e" marks
-// an empty file, "@L" the later stamp; the other files hold a record.
+// Start over the folder, open, write, restart: "e" an empty file, "@L" the later stamp.
 TEST_F(MorvocatUtilsTest, StartNewFileAndRestartTable) {
   // clang-format off
   const struct { const char* what; std::vector<std::string> files; uint64_t limit; std::vector<int> started, opened, restarted; } rows[] = {
@@ -99,8 +96,7 @@ TEST_F(MorvocatUtilsTest, FileSizeComesFromTheFileStatus) {
   EXPECT_EQ(UINT64_MAX, writer.GetFileSize(base_ + ".missing"));
 }
 
-// What a local user puts at the name of the next file is removed and the
-// writer's own file made there; the file outside the tree stays as it was.
+// What a local user plants at the next file's name is replaced; the file outside stays as it was.
 TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
   const std::string victim = root_.Under("/victim");
   int set = 0;
@@ -123,9 +119,7 @@ TEST_F(MorvocatUtilsTest, WhatIsPlantedAtTheNextNameIsReplacedNeverUsed) {
   }
 }
 
-// The current file counts as there only as a regular file of one name:
-// deleted, or a link, a FIFO or a second name put in its place, makes the
-// caller open a new file of its own and go on there.
+// The current file counts only as a regular file of one name; otherwise the caller opens a new one.
 TEST_F(MorvocatUtilsTest, CurrentFileIsThereOnlyAsItsOwnRegularFile) {
   const std::string victim = root_.Under("/victim");
   morvotest::MakeVictim(victim);

@@ -1,6 +1,4 @@
-// The rules in which the reader's writer and the collector's group sink
-// differ: old-style names and their sweep, continuing an empty newest file,
-// forming and pruning in the numbered scheme, and the 1000-file cap.
+// Where the reader's writer and the collector's group sink differ: old names, empty files, the cap.
 
 #include <gtest/gtest.h>
 
@@ -9,7 +7,6 @@
 #include <vector>
 
 #include "set_owners.h"
-#include "support/planted.h"
 
 namespace {
 
@@ -29,10 +26,8 @@ class OwnerRulesTest : public settest::SetDirTest {
   }
 };
 
-// The old-style sweep. The reader's is silent, runs every time, only in
-// memory-mapped mode with a path, and leaves forming to the caller. The
-// collector's runs once, reports every name it cannot delete (a missing
-// one too), purges the set's names of other lengths and forms the set.
+// The old-style sweep: the reader's is silent and leaves forming to the caller; the collector's
+// runs once, reports what it cannot delete, purges other lengths and forms the set.
 TEST_F(OwnerRulesTest, OldStyleSweepTable) {
   ReaderOwner reader(base_, 10), unnamed("", 10);
   MorvocatUtils plain(base_, 0, 10);
@@ -83,7 +78,6 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
     if (row.list != nullptr) {
       EXPECT_EQ(row.formed, *row.list);
     }
-    // Once per set for the collector: old names are plain names afterwards.
     EXPECT_EQ(row.detectsAfter, row.set->DetectOldStyleFiles(Path(".1").c_str()));
     morvotest::WriteFile(Path(".2"), "x");
     CaptureStderr();
@@ -119,9 +113,7 @@ TEST_F(OwnerRulesTest, CollectorNumberedSchemeDropsIndexedFilesAndKeepsNoList) {
   EXPECT_EQ(std::vector<std::string>{"kept as it is"}, sink.fileVec);
 }
 
-// Forming gives a zero-byte newest file its empty member; only the reader
-// continues it, and only as its own regular file: through a link to an empty
-// file outside or a second name of one, the writer would write outside.
+// Only the reader continues a zero-byte newest file, and only its own regular file (not via links).
 TEST_F(OwnerRulesTest, OnlyTheReaderContinuesItsOwnEmptyNewestFile) {
   const std::string victim = root_.Under("/victim");
   MakeSetFile(base_, "0");
@@ -154,10 +146,7 @@ TEST_F(OwnerRulesTest, OnlyTheReaderContinuesItsOwnEmptyNewestFile) {
   EXPECT_EQ(2u, reader.GetNewLogFileIndex());
 }
 
-// A group with the default limit restarted over a set holding all 1000
-// indices: setup and the first rotation (which forms the set again) keep
-// the previous run's newest files and go on after them. The file it opens
-// is a whole gzip stream before its first record and after the last.
+// A group restarted over a full set keeps the newest files and goes on after them in whole gzip.
 TEST_F(OwnerRulesTest, GroupRestartOverAFullSetKeepsTheNewestThroughItsFirstRotation) {
   for (uint64_t limit : {uint64_t{0}, uint64_t{999}}) {
     SCOPED_TRACE(limit);

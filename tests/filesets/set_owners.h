@@ -1,9 +1,7 @@
 #ifndef MORVOCAT_TESTS_FILESETS_SET_OWNERS_H_
 #define MORVOCAT_TESTS_FILESETS_SET_OWNERS_H_
 
-// The owners of a file set as the tests see them: each opens up the set's
-// fields. The shared tests run once per owner listed in SetOwners. A set
-// file is whole when zcat reads it without complaint (morvotest::Zcat).
+// The owners of a file set as the tests see them, each opening up the set's fields.
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
@@ -22,6 +20,7 @@
 #include "support/file_tree.h"
 #include "support/gzip_text.h"
 #include "support/log_set.h"
+#include "support/planted.h"
 #include "support/temp_root.h"
 
 namespace settest {
@@ -46,8 +45,7 @@ class CollectorOwner : public FileSet {
   using FileSet::oldStyleCheck;
 };
 
-// The collector's group sink itself, in memory-mapped mode, configured with
-// limit files.
+// The collector's group sink itself, in memory-mapped mode, keeping limit files.
 class TavobaseOwner : public Tavobase {
  public:
   TavobaseOwner(const std::string& base, uint64_t limit)
@@ -83,10 +81,8 @@ inline std::string SetName(const std::string& base, int index, const std::string
   return platform::SetFileName(base, static_cast<uint32_t>(index), stamp);
 }
 
-// Set names written short, for tables: "7" is index 007, "abc" or "-12"
-// the index field as given, "7@L" the same with the later stamp
-// 20240301-000000 (else 20240101-000000); a code holding a "." is a suffix
-// of the base ("-0.tar.gz", ".1").
+// Set names short: "7" is index 007, "abc"/"-12" the field as given, "7@L" with the later stamp
+// 20240301-000000 (else 20240101-000000); a code holding "." is a suffix of the base.
 inline std::string Coded(const std::string& base, const std::string& code) {
   if (code.find('.') != std::string::npos) return base + code;
   size_t at = code.find('@');
@@ -103,9 +99,7 @@ inline std::vector<std::string> Coded(const std::string& base,
   for (const std::string& code : codes) out.push_back(Coded(base, code));
   return out;
 }
-// Writes the file of code holding a record (an empty newest file is
-// continued by the reader), or nothing when code ends in "e" (a kill
-// before the first flush); its name.
+// Writes the file of code holding a record, or an empty one when code ends in "e"; its name.
 inline std::string MakeSetFile(const std::string& base, std::string code) {
   bool empty = code.back() == 'e';
   if (empty) code.pop_back();
@@ -134,8 +128,7 @@ inline std::string StampAfter(long seconds) {
   return stamp;
 }
 
-// The 1000 names of a set that holds every index, in writing order: the
-// oldest has the index after the newest's. perSecond files share a stamp.
+// The 1000 names of a full set in writing order; perSecond files share a stamp.
 inline std::vector<std::string> FullSet(const std::string& base, int newest, int perSecond = 1) {
   std::vector<std::string> names;
   for (int k = 0; k < 1000; ++k) {
@@ -146,24 +139,7 @@ inline std::vector<std::string> FullSet(const std::string& base, int newest, int
 
 using morvotest::ModeOf;
 
-// A log folder under a fresh root, with the base path applog in it.
-class SetDirTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    // The group sink's directory monitor watches ksv_log too; without it the
-    // monitor would report on standard error while tests capture it.
-    root_.MakeDirs("/data/log/ksv_log");
-    dir_ = root_.Under("/data/log");
-    base_ = dir_ + "/applog";
-  }
-  void Clear() const {
-    for (const std::string& name : morvotest::Entries(dir_)) unlink((dir_ + "/" + name).c_str());
-  }
-
-  morvotest::TempRoot root_;
-  std::string dir_;
-  std::string base_;
-};
+using SetDirTest = morvotest::LogFolderTest;
 
 }  // namespace settest
 

@@ -132,6 +132,10 @@ class LogFolderTest : public ::testing::Test {
     base_ = dir_ + "/" + name;
   }
 
+  void Clear() const {
+    for (const std::string& name : Entries(dir_)) unlink((dir_ + "/" + name).c_str());
+  }
+
   TempRoot root_;
   std::string dir_;
   std::string base_;
