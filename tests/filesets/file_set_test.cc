@@ -293,50 +293,50 @@ TYPED_TEST(FileSetTest, ScanTable) {
   }
 }
 
-// Full sets (all 1000 indices, or one free): stamps give the order, adding never fills the last
-// index. newest: last written; perSecond: files per stamp; kept: entries after adding (0: order
-// only).
-// clang-format off
+// Full sets (all 1000 indices, or one free): stamps order them, adding never fills the last index.
+// newest: last written; perSecond: files per stamp; kept: entries after adding (0: order only).
+TYPED_TEST(FileSetTest, FullSetsAreOrderedByStampsAndKeepAnIndexFree) {
+  // clang-format off
   struct Row { uint64_t limit; int newest, perSecond; bool oneFree; size_t kept; };
   for (const Row& row : {Row{0, 300, 1, false, 999}, Row{1000, 999, 1, false, 999}, Row{5, 0, 3, false, 6},
                          Row{0, 2, 7, false, 0}, Row{0, 641, 16, false, 0}, Row{0, 998, 1, true, 999},
                          Row{999, 999, 1, true, 0}, Row{999, 400, 1, true, 999}}) {
-  // clang-format on
-  TypeParam order(this->base_, 0);
-  SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
-  strings written = settest::FullSet(this->base_, row.newest, row.perSecond);
-  if (row.oneFree) written.erase(written.begin());
-  strings list = written;
-  std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
-  for (int again = 0; again < 2; ++again) {
-    order.AdjustFileVecOrder(list);
-    EXPECT_EQ(written, list);
+    // clang-format on
+    TypeParam order(this->base_, 0);
+    SCOPED_TRACE(testing::Message() << "limit " << row.limit << " newest " << row.newest);
+    strings written = settest::FullSet(this->base_, row.newest, row.perSecond);
+    if (row.oneFree) written.erase(written.begin());
+    strings list = written;
+    std::sort(list.begin(), list.end(), TypeParam::SortByEarlyTime);
+    for (int again = 0; again < 2; ++again) {
+      order.AdjustFileVecOrder(list);
+      EXPECT_EQ(written, list);
+    }
+    if (row.kept == 0) continue;
+    for (const std::string& name : SetFiles(this->dir_, "applog")) unlink(name.c_str());
+    for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
+
+    TypeParam set(this->base_, row.limit);
+    set.FormFileVectors();
+    EXPECT_LE(SetFiles(this->dir_, "applog").size(), 999u);
+    EXPECT_EQ(written.back(), set.fileVec.back());
+    std::string added;
+    ASSERT_TRUE(set.AddNewFile(set.GetNewLogFileIndex(set.fileVec), &added));
+    EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), settest::Indices(set, {added})[0]);
+    strings expected(written.end() - static_cast<long>(row.kept - 1), written.end());
+    expected.push_back(added);
+    EXPECT_EQ(expected, set.fileVec);
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, SetFiles(this->dir_, "applog"));
+
+    TypeParam restarted(this->base_, row.limit);
+    restarted.FormFileVectors();
+    uint64_t cap = row.limit == 0 ? 999 : std::min<uint64_t>(row.limit, 999);
+    ASSERT_EQ(std::min<uint64_t>(row.kept, cap), restarted.fileVec.size());
+    EXPECT_EQ(added, restarted.fileVec.back());
+    EXPECT_EQ(written.back(), restarted.fileVec[restarted.fileVec.size() - 2]);
+    EXPECT_TRUE(Exists(written.back()));
   }
-  if (row.kept == 0) continue;
-  for (const std::string& name : SetFiles(this->dir_, "applog")) unlink(name.c_str());
-  for (const std::string& name : written) morvotest::WriteFile(name, "data\n");
-
-  TypeParam set(this->base_, row.limit);
-  set.FormFileVectors();
-  EXPECT_LE(SetFiles(this->dir_, "applog").size(), 999u);
-  EXPECT_EQ(written.back(), set.fileVec.back());
-  std::string added;
-  ASSERT_TRUE(set.AddNewFile(set.GetNewLogFileIndex(set.fileVec), &added));
-  EXPECT_EQ(static_cast<int>((row.newest + 1) % 1000), settest::Indices(set, {added})[0]);
-  strings expected(written.end() - static_cast<long>(row.kept - 1), written.end());
-  expected.push_back(added);
-  EXPECT_EQ(expected, set.fileVec);
-  std::sort(expected.begin(), expected.end());
-  EXPECT_EQ(expected, SetFiles(this->dir_, "applog"));
-
-  TypeParam restarted(this->base_, row.limit);
-  restarted.FormFileVectors();
-  uint64_t cap = row.limit == 0 ? 999 : std::min<uint64_t>(row.limit, 999);
-  ASSERT_EQ(std::min<uint64_t>(row.kept, cap), restarted.fileVec.size());
-  EXPECT_EQ(added, restarted.fileVec.back());
-  EXPECT_EQ(written.back(), restarted.fileVec[restarted.fileVec.size() - 2]);
-  EXPECT_TRUE(Exists(written.back()));
-}
 }
 
 }  // namespace
