@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "filesets/morvocat_utils.h"
+#include "support/gzip_text.h"
 #include "support/temp_root.h"
 #include "view/view_run.h"
 
