@@ -1,4 +1,5 @@
-// Files the parser must survive: bad XML, long names, DOCTYPEs, size, non-files, failed allocations.
+// Files the parser must survive: bad XML, long names, DOCTYPEs, size, non-files, failed
+// allocations.
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <sstream>
 
+#include "config/config_check.h"
 #include "config/config_parser.h"
 #include "config/parse_apart.h"
 
@@ -99,47 +100,9 @@ std::string Describe(const TavocatInfoT& info) {
 }
 
 std::string ExpectedDump(const TavocatInfoT& info) {
-  auto line = [](const char* key, const std::string& value) { return key + value + "\n"; };
-  auto str = [](const char* value) { return std::string(value != nullptr ? value : "nullptr"); };
-  auto num = [](size_t value) { return std::to_string(value); };
-  std::string out = "------------- printTavocatInfo begin -------------\n" +
-                    line("name              : ", str(info.name)) +
-                    line("rotateSizeKbytes  : ", num(info.rotateSizeKbytes)) +
-                    line("maxCompressdFiles : ", num(info.maxCompressdFiles)) +
-                    line("writeMode         : ", num(info.writeMode));
-  for (const TavocatGroupT* group = info.groups; group != nullptr; group = group->next) {
-    out += "~~~~~~ TavocatGroup begin ~~~~~~\n" +
-           line("pollingInterval   : ", num(group->pollingInterval)) +
-           line("failureRetry      : ", num(group->failureRetry)) +
-           line("condition index   : ", num(group->condIndex)) +
-           line("style             : ", num(group->style)) +
-           line("outputFilePath    : ", str(group->outputFilePath));
-    if (TavoCommon::IsNodeStyle(group->style)) {
-      for (auto* node = static_cast<const TavocatInputNodeSetT*>(group->inputSet); node != nullptr;
-           node = node->next) {
-        out += line("dataPath         : ", str(node->dataPath)) +
-               line("titlePath        : ", str(node->titlePath)) +
-               line("title             : ", str(node->title)) +
-               line("width             : ", num(node->width));
-        for (auto* alt = node->alterDataPath; alt != nullptr; alt = alt->next) {
-          out += line("alterDataPath   : ", str(alt->str));
-        }
-      }
-    } else if (group->style == TavoCommon::MONITOR_DIR && group->inputSet != nullptr) {
-      auto* dir = static_cast<const TavocatInputDirSetT*>(group->inputSet);
-      out += line("inputDirPath      : ", str(dir->inputDirPath));
-      for (auto* pick = dir->pickNode; pick != nullptr; pick = pick->next) {
-        out += line("pickNode          : ", str(pick->str));
-      }
-    } else if (group->style == POLL_CMD) {
-      for (auto* cmd = static_cast<const TavocatInputCmdSetT*>(group->inputSet); cmd != nullptr;
-           cmd = cmd->next) {
-        out += line("command           : ", str(cmd->command));
-      }
-    }
-    out += "~~~~~~ TavocatGroup end ~~~~~~~~\n";
-  }
-  return out + "------------- printTavocatInfo end ---------------\n";
+  testing::internal::CaptureStderr();
+  TavoConfig::PrintTavocatInfo(info);
+  return testing::internal::GetCapturedStderr();
 }
 
 int ConfigTest::Parse(const char* name) {

@@ -53,7 +53,7 @@ std::string Utf16(const std::string& text);
 
 // Every field of a tree on one line, without zero numbers and null strings ("" for empty).
 std::string Describe(const TavocatInfoT& info);
-// The dump of info, byte for byte as PrintTavocatInfo must write it.
+// The dump of info (its layout is checked once against a fixed text).
 std::string ExpectedDump(const TavocatInfoT& info);
 
 class ConfigTest : public ::testing::Test {

@@ -58,14 +58,44 @@ TEST(FreeTest, NullArgumentsAreHarmlessAndSingleRecordFreesDoNotFollowNext) {
 TEST_F(ConfigTest, ZeroRootAndUnknownStyleFailAfterTheDump) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(1, TavoConfig::ValidateTavocatInfo(info_));
-  EXPECT_EQ(ExpectedDump(info_), testing::internal::GetCapturedStderr());
+  std::string err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(ExpectedDump(info_), err);
   WriteConfig(Instance(KmsgGroup()));
   ASSERT_EQ(0, Parse());
   info_.groups->style = static_cast<TavoCommon::LogStyle>(6);
   testing::internal::CaptureStderr();
   EXPECT_EQ(1, TavoConfig::ValidateTavocatInfo(info_));
-  EXPECT_EQ(ExpectedDump(info_), testing::internal::GetCapturedStderr());
+  err = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(ExpectedDump(info_), err);
   info_.groups->style = TavoCommon::MONITOR_NODE;
+}
+
+// The dump's exact layout: every kind of line, a null string as "nullptr".
+TEST_F(ConfigTest, DumpWritesEveryFieldInItsLayout) {
+  WriteConfig(Instance(
+      Group(Values("logStyle=poll_node outputFilePath=/n") +
+            Set("inputNodeSet", "dataPath=/d titlePath=/t title=T width=5 alterdataPath=/a") +
+            Set("inputNodeSet", "dataPath=/e")) +
+      Group(Values("logStyle=monitor_dir outputFilePath=/m") +
+            Set("inputDirSet", "inputDirPath=/i pickNode=p")) +
+      Group(Values("logStyle=poll_cmd outputFilePath=/c") + Set("inputCmdSet", "command=c"))));
+  ASSERT_EQ(0, Parse());
+  auto group = [](const char* style, const char* out) {
+    return std::string("~~~~~~ TavocatGroup begin ~~~~~~\npollingInterval   : 0\n") +
+           "failureRetry      : 0\ncondition index   : 0\nstyle             : " + style +
+           "\noutputFilePath    : " + out + "\n";
+  };
+  const std::string end = "~~~~~~ TavocatGroup end ~~~~~~~~\n";
+  EXPECT_EQ(
+      "------------- printTavocatInfo begin -------------\nname              : kmsglogcat\n"
+      "rotateSizeKbytes  : 0\nmaxCompressdFiles : 0\nwriteMode         : 0\n" +
+          group("3", "/n") + "dataPath         : /d\ntitlePath        : /t\n" +
+          "title             : T\nwidth             : 5\nalterDataPath   : /a\n" +
+          "dataPath         : /e\ntitlePath        : nullptr\ntitle             : nullptr\n" +
+          "width             : 0\n" + end + group("2", "/m") + "inputDirPath      : /i\n" +
+          "pickNode          : p\n" + end + group("4", "/c") + "command           : c\n" + end +
+          "------------- printTavocatInfo end ---------------\n",
+      err_);
 }
 
 TEST_F(ConfigTest, NullSetsAreNotValidAndPrintNothing) {
