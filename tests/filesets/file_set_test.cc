@@ -29,16 +29,9 @@ class FileSetTest : public settest::SetDirTest {};
 TYPED_TEST_SUITE(FileSetTest, settest::SetOwners);
 
 TYPED_TEST(FileSetTest, TimeStampIsTheLocalTimeNow) {
-  auto localNow = [] {
-    char text[32];
-    time_t now = time(nullptr);
-    struct tm local;
-    localtime_r(&now, &local);
-    strftime(text, sizeof(text), "%Y%m%d-%H%M%S", &local);
-    return std::string(text);
-  };
-  std::string before = localNow(), stamp = TypeParam(this->base_, 10).GetTimeStamp();
-  EXPECT_TRUE(stamp == before || stamp == localNow()) << stamp;
+  std::string before = morvotest::TimeText(time(nullptr));
+  std::string stamp = TypeParam(this->base_, 10).GetTimeStamp();
+  EXPECT_TRUE(stamp == before || stamp == morvotest::TimeText(time(nullptr))) << stamp;
 }
 
 TYPED_TEST(FileSetTest, SortingIsByteOrderSoIndexThenStamp) {

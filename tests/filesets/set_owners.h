@@ -120,12 +120,7 @@ inline std::vector<int> Indices(const FileSet& set, const std::vector<std::strin
 
 // A stamp some seconds after a fixed moment, as a set name carries it.
 inline std::string StampAfter(long seconds) {
-  time_t at = 1704442502 + seconds;  // 2024-01-05 08:15:02 UTC
-  struct tm utc;
-  gmtime_r(&at, &utc);
-  char stamp[32];
-  strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M%S", &utc);
-  return stamp;
+  return morvotest::TimeText(1704442502 + seconds, "%Y%m%d-%H%M%S", true);  // from 2024-01-05
 }
 
 // The 1000 names of a full set in writing order; perSecond files share a stamp.

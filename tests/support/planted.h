@@ -75,13 +75,9 @@ inline std::vector<std::string> ComingSetNames(const std::string& base, int inde
   std::vector<std::string> names;
   time_t now = time(nullptr);
   for (time_t at = now; at < now + 3; ++at) {
-    struct tm local;
-    char stamp[32];
-    localtime_r(&at, &local);
-    strftime(stamp, sizeof(stamp), "%Y%m%d-%H%M%S", &local);
     char tag[16];
     snprintf(tag, sizeof(tag), ".I%03d.", index);
-    names.push_back(base + tag + stamp + ".gz");
+    names.push_back(base + tag + TimeText(at) + ".gz");
   }
   return names;
 }

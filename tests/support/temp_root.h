@@ -7,6 +7,7 @@
 #include <stddef.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -16,6 +17,19 @@
 #include <vector>
 
 namespace morvotest {
+
+// at as strftime writes it, in local time or UTC; the default is a set file's stamp.
+inline std::string TimeText(time_t at, const char* format = "%Y%m%d-%H%M%S", bool utc = false) {
+  struct tm tm;
+  if (utc) {
+    gmtime_r(&at, &tm);
+  } else {
+    localtime_r(&at, &tm);
+  }
+  char text[64];
+  strftime(text, sizeof(text), format, &tm);
+  return text;
+}
 
 class TempRoot {
  public:

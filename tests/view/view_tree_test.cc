@@ -24,13 +24,7 @@ using viewtest::Lines;
 using viewtest::RunView;
 
 // A UTC clock stands in for the local one.
-std::string Format(time_t t, const char* format) {
-  struct tm tm;
-  gmtime_r(&t, &tm);
-  char text[64];
-  strftime(text, sizeof(text), format, &tm);
-  return text;
-}
+std::string Format(time_t t, const char* format) { return morvotest::TimeText(t, format, true); }
 
 time_t Utc(const char* text) {
   struct tm tm {};
