@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_ALLOC_FAILURE_H_
 #define MORVOCAT_TESTS_SUPPORT_ALLOC_FAILURE_H_
 
-// Makes one chosen new (std::nothrow) fail; a program using this links
-// support/alloc_failure.cc, which replaces the non-throwing forms.
+// Makes one chosen new (std::nothrow) fail; link support/alloc_failure.cc with it.
 
 namespace morvotest {
 
@@ -11,8 +10,7 @@ void FailNothrowAllocation(long n);
 // Non-throwing allocations since the last FailNothrowAllocation.
 long NothrowAllocations();
 
-// step(-1) with nothing failing, then step(n) with the nth of that run's allocations
-// failing, for each n; how many there were.
+// step(-1), then step(n) with the nth of that run's allocations failing for each n; their count.
 template <class Step>
 long EachAllocationFailing(Step step) {
   FailNothrowAllocation(-1);

@@ -32,8 +32,7 @@ inline int RunCaught(const std::string& command, const std::string& folder, std:
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// scripts/cross-test marks AArch64 runs under qemu-user with MORVO_UNDER_QEMU. There
-// /proc shows qemu's name and arguments, and an emulated program cannot exec another.
+// MORVO_UNDER_QEMU: an AArch64 run under qemu-user (its /proc shows qemu; no exec).
 inline bool UnderQemu() {
   const char* value = getenv("MORVO_UNDER_QEMU");
   return value != nullptr && value[0] != '\0';

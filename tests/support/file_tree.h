@@ -49,7 +49,6 @@ inline Node NodeAt(const std::string& path) {
   return node;
 }
 
-// A path as one shell word, the permission bits at a path, and the lines of a text.
 // path in single quotes, its own single quotes escaped.
 inline std::string Quoted(const std::string& path) {
   std::string quoted = "'";

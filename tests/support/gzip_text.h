@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
 #define MORVOCAT_TESTS_SUPPORT_GZIP_TEXT_H_
 
-// Reading back what the system compressed, through zlib and the stock zcat and tar
-// a user would run. Gunzip and Zcat answer "<bad>" for anything but a whole gzip stream.
+// What the system compressed, read back through zlib, zcat and tar; "<bad>" unless whole gzip.
 
 #include <stdio.h>
 #include <sys/wait.h>
@@ -47,8 +46,7 @@ inline std::string Zcat(const std::string& path) {
   return status == 0 ? text : kBadGzip;
 }
 
-// What tar prints, or "<tar failed>" when it fails, so that a listing cut short never
-// passes for a whole one.
+// What tar prints, or "<tar failed>" so that a listing cut short never passes for a whole one.
 inline std::string Tar(const std::string& arguments) {
   int status;
   std::string out = CommandOutput("tar " + arguments + " 2>/dev/null", &status);

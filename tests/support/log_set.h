@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_LOG_SET_H_
 #define MORVOCAT_TESTS_SUPPORT_LOG_SET_H_
 
-// A rotating set of indexed files read back: its files and the numbered "seq N"
-// records written through it; and the front end program started as a user starts it.
+// A rotating set read back: its files, its "seq N" records, and the front end as a user starts it.
 
 #include <dirent.h>
 #include <stdlib.h>
@@ -34,8 +33,7 @@ inline int IndexOf(const std::string& file, size_t baseLength) {
   return atoi(file.substr(baseLength + 2, 3).c_str());
 }
 
-// The set files in writing order: after a wrap the run that starts right
-// after the free index is the oldest.
+// The set files in writing order: after a wrap, the run right after the free index is the oldest.
 inline std::vector<std::string> WritingOrder(std::vector<std::string> files, size_t baseLength) {
   for (size_t i = 1; i < files.size(); ++i) {
     if (IndexOf(files[i], baseLength) != IndexOf(files[i - 1], baseLength) + 1) {

@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_SUPPORT_PLANTED_H_
 #define MORVOCAT_TESTS_SUPPORT_PLANTED_H_
 
-// What a local user can plant to make a root writer act outside the log folder, and
-// the files and folders outside the tree that must stay as they were.
+// What a local user can plant to make a root writer act outside the log folder, and victims.
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -115,8 +114,7 @@ class FakeChownOnPath {
   std::string oldPath_;
 };
 
-// A log folder under a fresh root with a base path in it. ksv_log is made too, or a
-// group's directory monitor reports on standard error while tests capture it.
+// A log folder under a fresh root with a base path; ksv_log too, or a monitor writes to stderr.
 class LogFolderTest : public ::testing::Test {
  protected:
   // folder is a device path; the base path is folder/name.

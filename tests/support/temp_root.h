@@ -99,8 +99,7 @@ inline std::vector<std::string> Words(const std::string& text) {
   return words;
 }
 
-// Polls until done() or the deadline, to wait for another thread or process; never a
-// measure of speed.
+// Polls until done() or the deadline, to wait for another thread or process (never a speed test).
 template <class Done>
 bool Within(int seconds, Done done) {
   for (int i = 0; i < seconds * 100; i++) {
