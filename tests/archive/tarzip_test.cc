@@ -1,5 +1,4 @@
-// The tar.gz writer, byte by byte and through the stock tar; the factory
-// archive step with links planted at the names it writes.
+// The tar.gz writer, byte by byte and through stock tar; the factory archive step.
 
 #include "archive/tarzip.h"
 
@@ -145,8 +144,7 @@ TEST_F(TarzipTest, ContentTakesWholeBlocksPaddedWithZerosAndStockTarExtractsIt) 
   }
 }
 
-// Folders walked with or without their name as prefix, names cut to their
-// fields; links, missing files and null entries left out.
+// Names cut to their fields; links, missing files and null entries left out.
 TEST_F(TarzipTest, EachListIsNamedAsStockTarListsIt) {
   const std::string d60(60, 'd'), f60(60, 'f'), b60(60, 'b'), n100(100, 'n'), m140(140, 'm');
   std::vector<std::string> leaves;
@@ -205,8 +203,7 @@ TEST_F(TarzipTest, ContentFollowsTheSizeGivenWhateverTheFileHolds) {
   EXPECT_EQ("0123456789" + std::string(1014, '\0'), tar.substr(kBlock));
 }
 
-// An archive that cannot be written, or only in part, is reported
-// incomplete and never takes the name; a later one can.
+// A cut-short archive is reported incomplete and never takes the name.
 TEST_F(TarzipTest, AnArchiveCutShortIsReportedIncomplete) {
   WriteFile(Path("noise"), morvotest::RandomBytes(400000, 5));
   std::string wanted = archive_;
@@ -238,8 +235,7 @@ TEST_F(TarzipTest, AFileTooLargeForTheSizeFieldKeepsTheArchiveConsistentButIncom
   EXPECT_EQ(512u, m[0].size);
 }
 
-// A link at the work folder or the archive's name: its target stays as it
-// was and no numbered file is lost.
+// A link at the work folder or archive name: the target stays, no member is lost.
 TEST_F(TarzipTest, AFactoryArchiveNeverWritesThroughAPlantedLink) {
   const std::string victim = root_.Under("/victim");
   const struct {

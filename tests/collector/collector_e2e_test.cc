@@ -1,5 +1,4 @@
-// The collector process under a temporary root: the built-in instances and
-// the sample file, the process name, the watchdog, SIGUSR2, refused starts.
+// The collector process under a temporary root, as the device starts it.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -51,8 +50,7 @@ class Collector : public ::testing::Test {
   morvotest::TempRoot root;
 };
 
-// Every line the stream took is in the files, whole, in order and once: a
-// prefix of them when SIGUSR2 comes while it still reads.
+// Every line taken is written whole, in order, once; a prefix when stopped mid-read.
 TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   AppendKmsg(1, 2000);
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
@@ -83,9 +81,7 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   }
 }
 
-// Lines held while the output fails go out at the stop once it works again,
-// whether or not a retry was due: the stop comes right after a file-size
-// limit that refused every flush is lifted.
+// Lines held while a file-size limit refused every flush go out at the stop.
 TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
   AppendKmsg(1, 2000);
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
@@ -95,8 +91,7 @@ TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
   struct stat st;
   ASSERT_TRUE(grouptest::WaitFor(
       [&] { return stat((dir + "/kmsgcat-log").c_str(), &st) == 0 && st.st_size > 0; }));
-  // The collector's standard error stays writable; no member of a full
-  // cache fits in what is left of the output.
+  // No member of a full cache fits in what is left of the output.
   off_t below = std::max<off_t>(st.st_size, ReadFile(root.Under("/collector.err")).size());
   struct rlimit limit = {static_cast<rlim_t>(below + 4096), RLIM_INFINITY};
   ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
@@ -207,8 +202,7 @@ TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
   EXPECT_FALSE(morvotest::Exists(root.Under("/proc/reboot_watchdog")));
 }
 
-// A configuration that does not load leaves a paused process that SIGUSR2
-// ends as a signal; other kinds, long names, two triggers end at once.
+// A configuration that does not load leaves a paused process SIGUSR2 ends.
 TEST_F(Collector, RefusedStarts) {
   const std::string trigger =
       "<tavocatGroup><logStyle value=\"cond_trigger\"/><outputFilePath "

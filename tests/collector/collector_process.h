@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_COLLECTOR_COLLECTOR_PROCESS_H_
 #define MORVOCAT_TESTS_COLLECTOR_COLLECTOR_PROCESS_H_
 
-// A collector started as the device starts it, "morvocat --tavo 2 -x NAME",
-// under a temporary root, and what can be seen of it from outside.
+// A collector started as "morvocat --tavo 2 -x NAME" under a temporary root.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -96,8 +95,7 @@ class CollectorProcess {
     return offset;
   }
 
-  // The process has read all of hostPath; waits on while it makes progress,
-  // as a slow (sanitized) build needs more time.
+  // All of hostPath is read; waits on while it makes progress (slow sanitized builds).
   bool HasRead(const std::string& hostPath) const {
     auto size = [&] {
       struct stat st;

@@ -1,6 +1,4 @@
-// The sources a group copies (nodes, streams, dumpsys run without a shell),
-// the runner's rows and ends the collector's own runs do not reach, and a
-// group under a temporary root that never reaches the device's paths.
+// The sources a group copies, the runner's rows, and a group under a temporary root.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -10,7 +8,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
 #include <memory>
 #include <random>
 #include <regex>
@@ -29,9 +26,10 @@
 
 namespace {
 
-using grouptest::StderrCapture;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 namespace tc = TavoCommon;
 
 // A factory-mode sink: what the sources write is read back as it is.
@@ -57,7 +55,6 @@ class DataSources : public ::testing::Test {
       root.MakeDirs(dir);
     }
   }
-  // The sink is made after the test has set the retry limit.
   SourceSink& Sink() {
     if (sink == nullptr) sink.reset(new SourceSink(&record.group));
     return *sink;
@@ -67,7 +64,6 @@ class DataSources : public ::testing::Test {
     return "/sys/node/" + name;
   }
   std::string Written() { return ReadFile(record.path); }
-  // A runner's output.
   std::string Output() { return ReadFile(root.Under(outputPath)); }
   const std::string outputPath = "/data/log/g/out";
   std::string Kmsg() const { return root.Under("/proc/kmsg"); }
@@ -105,8 +101,7 @@ class DataSources : public ::testing::Test {
   std::unique_ptr<SourceSink> sink;
 };
 
-// One line end is taken off and the text padded to its width; a long node is
-// written in pieces; a missing or empty node reads "Read Fail" with a width.
+// One line end taken off, padded to the width; missing or empty reads "Read Fail".
 TEST_F(DataSources, NodesAreWrittenToTheirWidth) {
   const std::string longest(8190, 'a');
   // name null: no node; text "-": none there; "Time" is opened relative.
@@ -183,9 +178,9 @@ TEST_F(DataSources, StreamTextIsSplitIntoStampedLinesAcrossReads) {
   EXPECT_EQ(0, carry);
   std::regex lines(std::string("^") + kStamp + "a\n" + kStamp + "bc\n$");
   EXPECT_TRUE(std::regex_match(Written(), lines)) << Written();
-  StderrCapture err;
+  CaptureStderr();
   EXPECT_EQ(1, Sink().ParseEachLine(nullptr, buf, &carry));
-  EXPECT_EQ("start or buf is null ptr\n", err.Text());
+  EXPECT_EQ("start or buf is null ptr\n", GetCapturedStderr());
 }
 
 TEST_F(DataSources, LinesTooLongForOneStampedLineAreSplitAndTheNextLinesFollow) {
@@ -251,7 +246,7 @@ TEST_F(DataSources, AStreamResumesAfterAFaultThatPasses) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.name);
     c.before(Kmsg());
-    StderrCapture err;
+    CaptureStderr();
     {
       std::unique_ptr<grouptest::GroupThread> run(Run("/proc/kmsg"));
       if (c.first) {
@@ -264,26 +259,17 @@ TEST_F(DataSources, AStreamResumesAfterAFaultThatPasses) {
     }
     unlink(Kmsg().c_str());
     // Said once while the stream is away, however often it is retried.
-    EXPECT_LE(grouptest::Count(err.Text(), "failed to translate path"), 1u);
+    EXPECT_LE(grouptest::Count(GetCapturedStderr(), "failed to translate path"), 1u);
     sink.reset();
     unlink(record.path.c_str());
   }
-}
-
-TEST_F(DataSources, OnlyANullStreamPathEndsTheStream) {
-  StderrCapture err;
-  EXPECT_EQ(1, Sink().NodeCatStream(nullptr));
-  EXPECT_EQ("", err.Text());
-  char value[PROPERTY_VALUE_MAX];
-  property_get("ctl.stop", value, "");
-  EXPECT_STREQ("", value);
 }
 
 TEST_F(DataSources, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
   record.group.failureRetry = 2;
   root.MakeDirs("/dev/cshell_log");
   Sink();
-  StderrCapture err;
+  CaptureStderr();
   char value[PROPERTY_VALUE_MAX] = "";
   {
     std::unique_ptr<grouptest::GroupThread> run(Run("/dev/cshell_log"));
@@ -292,15 +278,13 @@ TEST_F(DataSources, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
       return strcmp(value, "kmsgcat_cp") == 0;
     }));
   }
-  std::string text = err.Text();
+  std::string text = GetCapturedStderr();
   std::string message = "read failure!reserved_buf_size = 8191\n";
   EXPECT_LE(1u, grouptest::Count(text, message));
   EXPECT_EQ(text.size(), grouptest::Count(text, message) * message.size()) << text;
   EXPECT_EQ(0u, Sink().failureCount);
 }
 
-// The output follows a header unchanged; a command that fails silently
-// leaves its header.
 TEST_F(DataSources, TheOutputFollowsAHeader) {
   const char* const kDate = "\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n";
   const struct {
@@ -323,16 +307,15 @@ TEST_F(DataSources, TheOutputFollowsAHeader) {
 TEST_F(DataSources, ACommandTooLongForTheHeaderIsNotRun) {
   Dumpsys("touch " + root.Under("/ran"));
   Sink();
-  StderrCapture err;
+  CaptureStderr();
   EXPECT_EQ(1, Sink().SystemCmdCat(std::string(240, 'c').c_str()));
   EXPECT_EQ(1, Sink().SystemCmdCat(nullptr));
-  EXPECT_EQ("format current time failed\n", err.Text());
+  EXPECT_EQ("format current time failed\n", GetCapturedStderr());
   EXPECT_EQ("", Written());
   EXPECT_FALSE(morvotest::Exists(root.Under("/ran")));
 }
 
-// The collector is root: dumpsys comes from fixed system folders only, and
-// the command's words reach it as arguments, never through a shell.
+// Root: dumpsys only from fixed system folders, its words as arguments, no shell.
 TEST_F(DataSources, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
   root.MakeDirs("/bin");
   root.MakeDirs("/path");
@@ -342,10 +325,10 @@ TEST_F(DataSources, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
   Dumpsys("touch " + root.Under("/from-path"), "/path");
   Sink();
   {
-    StderrCapture err;
+    CaptureStderr();
     EXPECT_EQ(1, Sink().SystemCmdCat("battery"));
     EXPECT_EQ("dumpsys not found in /system/bin:/system/xbin:/vendor/bin:/usr/bin:/bin\n",
-              err.Text());
+              GetCapturedStderr());
   }
   Dumpsys("for a; do printf '[%s]' \"$a\"; done", "/bin");
   std::string attack = "battery;touch " + root.Under("/injected") + " $(id)";
@@ -384,10 +367,10 @@ TEST_F(DataSources, ATriggerWithAnUnknownIndexEndsAfterItsTitleRow) {
   record.group.inputSet = &node;
   record.group.condIndex = 1;
   Tavocat group(&record.group, tc::FACTORY_WRITE);
-  StderrCapture err;
+  CaptureStderr();
   ASSERT_TRUE(group.Start());
   group.Wait();
-  EXPECT_EQ("invalid index!!\n", err.Text());
+  EXPECT_EQ("invalid index!!\n", GetCapturedStderr());
   EXPECT_EQ("\nType  \n", Output());
 }
 
@@ -405,55 +388,7 @@ TEST_F(DataSources, OtherStylesAndMissingSourcesEndAtOnce) {
   EXPECT_EQ("", Output());
 }
 
-// Each style on its own thread until the teardown stops it; what it held (a
-// partial stream line, text gathered about devices) is handed over at the end.
-TEST_F(DataSources, EachStyleRunsUntilStoppedAndHandsOverWhatItHeld) {
-  WriteFile(Kmsg(), "<6>boot\n<3>no end");
-  Dumpsys("echo \"state of $1\"");
-  root.MakeDirs("/dev/input");
-  const std::string fifo = root.Under("/dev/input/event0");
-  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
-  std::string kmsg = "/proc/kmsg", battery = "battery", dir = "/dev/input", any(1, '\0');
-  tc::TavocatInputNodeSetT node{0, Text(kmsg), nullptr, nullptr, nullptr, nullptr};
-  tc::TavocatInputCmdSetT cmd{Text(battery), nullptr};
-  tc::TavocatStrListT pick{Text(any), nullptr};
-  tc::TavocatInputDirSetT dirSet{Text(dir), &pick};
-  auto wrote = [&](const char* text) {
-    return [this, text] { return Output().find(text) != std::string::npos; };
-  };
-  auto held = [&] {
-    int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
-    if (fd >= 0) close(fd);
-    return fd >= 0;
-  };
-  const std::string stamp = "[-0-9 :.]{19}",
-                    added = "add device 1: " + fifo + "\n  name:     \"\"\n";
-  // clang-format off
-  const struct { tc::LogStyle style; void* set; std::function<bool()> ready; std::string text; } kCases[] = {
-      {tc::MONITOR_NODE, &node, wrote("boot"), stamp + "<6>boot\n" + stamp + "<3>no end\n"},
-      {tc::POLL_CMD, &cmd, [this] { return grouptest::Count(Output(), "of battery") >= 2; }, "(current time: <battery>[-0-9: ]+\r\nstate of battery\n)+"},
-      {tc::MONITOR_DIR, &dirSet, held, added + "(remove device 1: " + fifo + "\n)?"},
-  };
-  // clang-format on
-  for (const auto& c : kCases) {
-    SCOPED_TRACE(c.style);
-    unlink(root.Under(outputPath).c_str());
-    grouptest::GroupRecord record(outputPath, c.style);
-    record.group.inputSet = c.set;
-    record.group.pollingInterval = 1;
-    Tavocat group(&record.group, tc::FACTORY_WRITE);
-    ASSERT_TRUE(group.Start());
-    ASSERT_TRUE(grouptest::WaitFor(c.ready));
-    group.Cancel();
-    group.Wait();
-    EXPECT_TRUE(group.RunEnded());
-    group.FlushAll();
-    EXPECT_TRUE(std::regex_match(Output(), std::regex("^" + c.text + "$"))) << Output();
-  }
-}
-
-// Nodes read at each poll are opened without waiting: a FIFO with no writer
-// (as data or as title) reads as empty instead of holding the group.
+// Polled nodes open without waiting: a FIFO with no writer reads as empty.
 TEST_F(DataSources, APolledFifoWithoutAWriterReadsAsEmpty) {
   std::string fifo = root.Under("/sys/n/fifo");
   ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
@@ -479,16 +414,6 @@ TEST_F(DataSources, APolledFifoWithoutAWriterReadsAsEmpty) {
   EXPECT_EQ("\nRead Fail \nRead Fail \n", Output());
 }
 
-TEST(PollingDateTime, FormatsTheLocalTimeOrNothing) {
-  char out[64];
-  Tavocat::PollingDateTime("%.4d-%.2d-%.2d %.2d:%.2d:%.2d > ", out, sizeof(out));
-  EXPECT_TRUE(std::regex_match(out, std::regex("\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d > ")))
-      << out;
-  char small[8];
-  Tavocat::PollingDateTime("%.4d-%.2d-%.2d %.2d:%.2d:%.2d > ", small, sizeof(small));
-  EXPECT_STREQ("", small);
-}
-
 TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
   morvotest::TempRoot root;
   root.MakeDirs("/sys/class/qd_power/charger/charge_data");
@@ -507,15 +432,7 @@ TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
   EXPECT_TRUE(ChargerTypeChanged());
 }
 
-TEST(ChargerEvent, AMissingEventNodeReportsNoChange) {
-  morvotest::TempRoot root;
-  root.MakeDirs("/sys/class/qd_power/charger/charge_data");
-  WriteFile(root.Under("/sys/class/qd_power/charger/charge_data/chargerType"), "1");
-  EXPECT_FALSE(ChargerEventChanged());
-}
-
-// Neither the output nor the nodes of a group under a temporary root are
-// taken as written, even when the root leaves no room for them.
+// Even a root too long for the paths never lets a group reach the device's paths.
 TEST(DevicePathTest, AGroupUnderATemporaryRootNeverTouchesTheDevicePath) {
   // The device's own tree: the group's configured paths name it.
   morvotest::TempRoot device;

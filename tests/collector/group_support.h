@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
 #define MORVOCAT_TESTS_COLLECTOR_GROUP_SUPPORT_H_
 
-// Group records built in the test, standard error captured, a bounded wait,
-// the processes left running, input_event records.
+// Group records, a bounded wait, the processes left running, input_event records.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -43,45 +42,7 @@ struct GroupRecord {
   TavoCommon::TavocatGroupT group{};
 };
 
-// Standard error of everything between construction and Text().
-class StderrCapture {
- public:
-  StderrCapture() {
-    fflush(stderr);
-    char name[] = "/tmp/morvo_stderr_XXXXXX";
-    fd_ = mkstemp(name);
-    path_ = name;
-    saved_ = dup(STDERR_FILENO);
-    dup2(fd_, STDERR_FILENO);
-  }
-  ~StderrCapture() {
-    Restore();
-    close(fd_);
-    unlink(path_.c_str());
-  }
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
-
-  std::string Text() {
-    Restore();
-    return morvotest::ReadFile(path_);
-  }
-
- private:
-  void Restore() {
-    if (saved_ < 0) return;
-    fflush(stderr);
-    dup2(saved_, STDERR_FILENO);
-    close(saved_);
-    saved_ = -1;
-  }
-  int fd_;
-  int saved_;
-  std::string path_;
-};
-
-// body run as a group's thread, stopped only where it waits, as the
-// collector's teardown stops it.
+// body run as a group's thread, stopped only where it waits, as the teardown does.
 class GroupThread {
  public:
   explicit GroupThread(std::function<void()> body) : body_(std::move(body)) {

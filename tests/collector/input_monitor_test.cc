@@ -1,5 +1,4 @@
-// The input monitor and its label tables: picking, event and rate lines, the
-// gather buffer, and the loop fed input_event records through FIFOs.
+// The input monitor and its label tables, fed input_event records through FIFOs.
 
 #include "collector/input_monitor.h"
 
@@ -24,6 +23,8 @@ namespace {
 
 using morvotest::WriteFile;
 using TavoCommon::TavocatStrListT;
+using testing::internal::CaptureStderr;
+using testing::internal::GetCapturedStderr;
 
 struct Collected {
   std::mutex mu;
@@ -91,8 +92,7 @@ class InputMonitorTest : public ::testing::Test {
     monitor.MonitorFlush();
     return collected.Text();
   }
-  // True once a power-key press on a new FIFO device is handed over: the
-  // monitor is alive and watching the folder.
+  // True once a power-key press on a new FIFO device is handed over.
   bool NewDeviceIsRecorded(const std::string& name) {
     std::string path = dir + "/" + name;
     if (mkfifo(path.c_str(), 0600) != 0) return false;
@@ -153,18 +153,19 @@ TEST_F(InputMonitorTest, APieceThatWouldFillTheBufferFlushesFirst) {
 
 TEST_F(InputMonitorTest, APieceLongerThanTheEventBufferOrAnUnknownDeviceIsReported) {
   ASSERT_TRUE(monitor.AllocateBuffers());
-  grouptest::StderrCapture err;
+  CaptureStderr();
   monitor.MonitorWriteToBuf("%s", std::string(600, 'x').c_str());
   EXPECT_EQ(0, monitor.GatheredLength());
   EXPECT_EQ(1, monitor.MonitorCloseDevice("/nowhere/event9"));
-  EXPECT_EQ("couldn't write to event buf\nremote device: /nowhere/event9 not found", err.Text());
+  EXPECT_EQ("couldn't write to event buf\nremote device: /nowhere/event9 not found",
+            GetCapturedStderr());
 }
 
 TEST_F(InputMonitorTest, EventsBecomeLinesAndDevicesComeAndGo) {
   std::string first = dir + "/event0";
   std::string second = dir + "/event1";
   ASSERT_EQ(0, mkfifo(first.c_str(), 0600));
-  grouptest::StderrCapture err;
+  CaptureStderr();
   Start();
   int fd0 = OpenWhenHeld(first);
   ASSERT_GE(fd0, 0);
@@ -192,7 +193,7 @@ TEST_F(InputMonitorTest, EventsBecomeLinesAndDevicesComeAndGo) {
   // The removal closes the monitor's end: a write then finds no reader.
   ASSERT_TRUE(grouptest::WaitFor([&] { return write(fd0, "x", 1) < 0 && errno == EPIPE; }));
   Stop();
-  EXPECT_EQ("", err.Text());
+  EXPECT_EQ("", GetCapturedStderr());
   EXPECT_EQ(2, monitor.DeviceCount());
   EXPECT_STREQ(second.c_str(), monitor.DeviceName(1));
   monitor.MonitorFlush();
@@ -203,8 +204,7 @@ TEST_F(InputMonitorTest, EventsBecomeLinesAndDevicesComeAndGo) {
   close(fd1);
 }
 
-// A short read (param: a FIFO) is reported and skipped; a device at its end
-// (a regular file) is let go. Either way the monitor goes on.
+// A short read (FIFO) is skipped; a device at its end (file) is let go; it goes on.
 class InputMonitorDeviceFault : public InputMonitorTest,
                                 public ::testing::WithParamInterface<bool> {};
 
@@ -216,7 +216,7 @@ TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
   } else {
     WriteFile(path, "short read");
   }
-  grouptest::StderrCapture err;
+  CaptureStderr();
   Start();
   if (isFifo) {
     int fd = OpenWhenHeld(path);
@@ -228,7 +228,8 @@ TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
   EXPECT_TRUE(NewDeviceIsRecorded("event1"));
   Stop();
   // The count is of every ready descriptor: the folder watch may be one too.
-  EXPECT_EQ(0u, err.Text().find("could not get event,poll result:")) << err.Text();
+  const std::string said = GetCapturedStderr();
+  EXPECT_EQ(0u, said.find("could not get event,poll result:")) << said;
   EXPECT_EQ(letGo ? 2 : 3, monitor.DeviceCount());
   monitor.MonitorFlush();
   EXPECT_EQ(letGo, collected.Text().find("remove device 1: " + path + "\n") != std::string::npos)
@@ -262,7 +263,7 @@ TEST_P(InputMonitorLateFolder, IsWatchedOnceItIsThere) {
   if (!watchedFirst) {
     ASSERT_EQ(0, rmdir(dir.c_str()));
   }
-  grouptest::StderrCapture err;
+  CaptureStderr();
   Start();
   if (watchedFirst) {
     ASSERT_TRUE(NewDeviceIsRecorded("event0"));
@@ -275,7 +276,7 @@ TEST_P(InputMonitorLateFolder, IsWatchedOnceItIsThere) {
   EXPECT_TRUE(NewDeviceIsRecorded("event1"));
   Stop();
   // Said once for each time the folder went missing, however many tries.
-  size_t said = grouptest::Count(err.Text(), "could not add watch for " + dir + "\n");
+  size_t said = grouptest::Count(GetCapturedStderr(), "could not add watch for " + dir + "\n");
   EXPECT_GE(1u, said);
   if (!watchedFirst) {
     EXPECT_EQ(1u, said);

@@ -1,5 +1,4 @@
-// Rotation in both write modes (factory: P, P.N and archives of five; mmap:
-// indexed files and the links P and P.1), what is planted or taken away.
+// Rotation in both write modes, and what is planted or taken away.
 
 #include <dirent.h>
 #include <gtest/gtest.h>
@@ -48,9 +47,10 @@ class RotationTest : public sinktest::SinkTest {
     const std::string leaf = path.substr(dir_.size() + 1, path.rfind('-') - dir_.size() - 1);
     std::vector<std::string> members;
     for (int n = 1; n <= 5; ++n) members.push_back(leaf + "." + std::to_string(n));
-    EXPECT_EQ(sinktest::TarMembers(path), members) << k;
+    EXPECT_EQ(morvotest::Lines(morvotest::TarListing(path)), members) << k;
     for (int n = 1; n <= 5; ++n) {
-      EXPECT_EQ(sinktest::TarMember(path, members[n - 1]), Record(last - n + 1)) << k;
+      EXPECT_EQ(morvotest::Tar("-xzOf '" + path + "' " + members[n - 1]), Record(last - n + 1))
+          << k;
     }
   }
   std::vector<std::string> SetFiles() const {
@@ -98,8 +98,7 @@ TEST_F(RotationTest, FactoryArchivesKeepTheNewestFilesAndDropTheOldest) {
   }
 }
 
-// Archives that cannot be made (folders in their way) keep their members in
-// the work folder until one can; a stale empty work folder is used.
+// Archives blocked by folders keep their members in the work folder until one can.
 TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
   sinktest::OwnSink sink(base_, 1, 10, FACTORY_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
@@ -131,8 +130,7 @@ TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
   EXPECT_FALSE(Exists(Work()));
 }
 
-// A link, dangling link (would make a file outside), FIFO (would block) or
-// hard link where the group writes next is replaced by a file of its own.
+// A link, dangling link, FIFO or hard link at the next file is replaced, never used.
 TEST_F(RotationTest, WhatIsPlantedWhereTheGroupWritesNextIsReplacedNeverUsed) {
   const std::string victim = root_.Under("/victim");
   int group = 0;
@@ -239,9 +237,7 @@ TEST_F(RotationTest, MmapRotationFallsInWholeKibibytes) {
   EXPECT_EQ(never.logFilePath, kept);
 }
 
-// The current file taken away or replaced: a look (only when due, it costs
-// most of a record), a rotation or a full cache makes a new own file that
-// takes what came since.
+// The current file taken away or replaced: a new own file takes what came since.
 TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
   const std::string victim = root_.Under("/victim");
   const std::string renamed = base_ + ".old";
@@ -340,8 +336,7 @@ TEST_F(RotationTest, AnMmapLimitOfZeroKeepsEveryFileEachWithItsTitle) {
   for (int n = 0; n < 5; ++n) EXPECT_EQ(Unzipped(files[n]), "TITLE\n" + Record(n)) << n;
 }
 
-// Record n in two parts, so only its end allows a rotation; lengths vary so
-// the threshold falls at every offset.
+// Record n in two parts of varying length, so only its end allows a rotation.
 int WriteNumbered(TestSink& sink, int n) {
   char head[32];
   snprintf(head, sizeof(head), "record %06d ", n);
@@ -351,9 +346,7 @@ int WriteNumbered(TestSink& sink, int n) {
   return sink.LogcatWrite(tail.data(), tail.size(), true);
 }
 
-// Hundreds of mmap rotations while the log folders are opened over and over,
-// so the monitor flushes from its own thread (the race check under TSan);
-// each file holds whole records, together all of them once, in order.
+// Mmap rotations while the monitor flushes from its own thread (TSan race check).
 TEST_F(RotationTest, LongMmapRunsKeepEveryRecordOnceAndWhole) {
   constexpr int kRecords = 50000;
   GroupConfig config(base_, 4, 1000);

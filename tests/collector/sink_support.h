@@ -1,8 +1,7 @@
 #ifndef MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_
 #define MORVOCAT_TESTS_COLLECTOR_SINK_SUPPORT_H_
 
-// A group sink with its fields opened up, and ways to read back what it
-// wrote (gzip files through zcat, archives through tar).
+// A group sink with its fields opened up, and ways to read back what it wrote.
 
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -89,15 +88,6 @@ inline std::string Unzipped(const std::string& path) {
   return morvotest::CommandOutput("zcat " + Quoted(path) + " 2>/dev/null");
 }
 
-inline std::string TarMember(const std::string& archive, const std::string& member) {
-  return morvotest::CommandOutput("tar -xzOf " + Quoted(archive) + " " + Quoted(member) +
-                                  " 2>/dev/null");
-}
-
-inline std::vector<std::string> TarMembers(const std::string& archive) {
-  return morvotest::Lines(morvotest::CommandOutput("tar -tzf " + Quoted(archive) + " 2>/dev/null"));
-}
-
 using morvotest::Entries;
 
 // Where the link at path points; empty when it is no link.
@@ -112,8 +102,7 @@ inline bool IsLink(const std::string& path) {
   return lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode);
 }
 
-// The group's folder exists, as on a device after its first run. A fake
-// "chown" first on PATH must never run.
+// The group's folder exists; a fake "chown" first on PATH must never run.
 class SinkTest : public morvotest::LogFolderTest {
  protected:
   SinkTest() : LogFolderTest("/data/log/group") {}

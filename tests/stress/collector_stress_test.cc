@@ -1,5 +1,4 @@
-// A collector under load and faults in both write modes, numbered lines fed to its
-// kmsg stand-in; and its end on SIGUSR2 from every wait a group can be in.
+// A collector under load and faults in both write modes; SIGUSR2 from every wait.
 
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -164,8 +163,7 @@ TEST_P(CollectorStress, RotationsPastAThousandKeepAContiguousTail) {
   EXPECT_GT(Numbers(root.Text(Factory())).front(), kLines / 2);
 }
 
-// The stream writes what one read brought before it reads again, so only the last
-// read's lines may be lost; the next run gets only what was not read yet.
+// Only the last read's lines may be lost at a kill; the next run reads only the rest.
 TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
   CollectorRoot root(Factory(), 4, 1000);
   std::mt19937 random(Factory() ? 1123 : 2311);
@@ -224,8 +222,7 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
   EXPECT_EQ(numbers.size(), at);
 }
 
-// Full for five seconds, more than the cache and hold take: said once at the start
-// and once at the end, nothing torn or doubled, nothing after the space returned lost.
+// Full longer than the cache holds: said once each way, nothing torn or lost after.
 TEST_P(CollectorStress, AFullFolderIsWaitedOutAndNoLineAfterItIsLost) {
   if (!morvotest::EnterPrivateMounts()) GTEST_SKIP() << "no mount namespace of our own here";
   CollectorRoot root(Factory(), 64, 1000);
@@ -266,26 +263,6 @@ TEST_P(CollectorStress, AFullFolderIsWaitedOutAndNoLineAfterItIsLost) {
   for (size_t i = 1; i < numbers.size(); ++i) ASSERT_LT(numbers[i - 1], numbers[i]);
   EXPECT_TRUE(Holds(numbers, 0, 1000));
   EXPECT_TRUE(Holds(numbers, resumed, next));
-}
-
-TEST_P(CollectorStress, LinksPlantedAtTheOutputAreNeverWrittenThrough) {
-  CollectorRoot root(Factory(), 1, 5);
-  std::string base = root.Base();
-  std::string planted[] = {base, base + ".1",
-                           Factory() ? base + ".3" : base + ".I000.20260101-000000.gz"};
-  for (int i = 0; i < 3; ++i) {
-    std::string outside = root.root().Under("/outside" + std::to_string(i));
-    morvotest::WriteFile(outside, "precious " + std::to_string(i) + "\n");
-    ASSERT_EQ(0, symlink(outside.c_str(), planted[i].c_str()));
-  }
-  Collector collector(root);
-  Feed(root, collector, 0, 2000);
-  ASSERT_TRUE(collector.Stop()) << collector.Err();
-  for (int i = 0; i < 3; ++i) {
-    std::string outside = root.root().Under("/outside" + std::to_string(i));
-    EXPECT_EQ("precious " + std::to_string(i) + "\n", morvotest::ReadFile(outside));
-  }
-  ExpectContiguousTail(root, 1999);
 }
 
 std::string PollGroup(const std::string& style, const std::string& sets) {
