@@ -38,9 +38,7 @@ class Collector : public ::testing::Test {
     WriteFile(root.Under("/proc/reboot_watchdog"), "");
   }
   void AppendKmsg(int first, int last) {
-    FILE* kmsg = fopen(root.Under("/proc/kmsg").c_str(), "a");
-    fputs(e2etest::Lines(first, last + 1).c_str(), kmsg);
-    fclose(kmsg);
+    grouptest::Append(root.Under("/proc/kmsg"), e2etest::Lines(first, last + 1));
   }
   bool Announced(const CollectorProcess& collector) {
     return grouptest::WaitFor([&] {

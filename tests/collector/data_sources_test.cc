@@ -67,11 +67,7 @@ class DataSources : public ::testing::Test {
   std::string Output() { return ReadFile(root.Under(outputPath)); }
   const std::string outputPath = "/data/log/g/out";
   std::string Kmsg() const { return root.Under("/proc/kmsg"); }
-  void Append(const std::string& text) const {
-    FILE* kmsg = fopen(Kmsg().c_str(), "a");
-    fwrite(text.data(), 1, text.size(), kmsg);
-    fclose(kmsg);
-  }
+  void Append(const std::string& text) const { grouptest::Append(Kmsg(), text); }
   bool Arrived(const std::string& line) {
     return grouptest::WaitFor([&] { return Written().find(line) != std::string::npos; });
   }

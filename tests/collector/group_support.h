@@ -93,6 +93,12 @@ inline int ProcessesWith(const std::string& marker) {
   return count;
 }
 
+inline void Append(const std::string& path, const std::string& text) {
+  FILE* file = fopen(path.c_str(), "a");
+  fwrite(text.data(), 1, text.size(), file);
+  fclose(file);
+}
+
 struct Event {
   int64_t sec;
   int64_t usec;
