@@ -1,5 +1,3 @@
-// The tar.gz writer, byte by byte and through stock tar; the factory archive step.
-
 #include "archive/tarzip.h"
 
 #include <gtest/gtest.h>
@@ -56,7 +54,6 @@ std::vector<Header> Members(const std::string& tar) {
     members.push_back(m);
     pos += kBlock * (1 + (m.size + kBlock - 1) / kBlock);
   }
-  // Exactly one end block closes the stream.
   EXPECT_EQ(tar.size(), pos + kBlock);
   return members;
 }
@@ -65,7 +62,6 @@ class TarzipTest : public morvotest::LogFolderTest {
  protected:
   TarzipTest() : LogFolderTest("/data/log/factory", "kmsg") {}
   std::string Path(const std::string& name) { return root_.path() + "/" + name; }
-  // Folders on the way are made.
   std::string MakeFile(const std::string& name, size_t size, char fill = 'a') {
     size_t slash = name.rfind('/');
     if (slash != std::string::npos) root_.MakeDirs("/" + name.substr(0, slash));
@@ -74,7 +70,6 @@ class TarzipTest : public morvotest::LogFolderTest {
     WriteFile(Path(name), content);
     return content;
   }
-  // An empty path stands for a null entry.
   bool Pack(const std::vector<std::string>& paths, int dirMode = 0) {
     std::vector<const char*> p;
     for (const std::string& s : paths) p.push_back(s.empty() ? nullptr : s.c_str());
@@ -117,7 +112,6 @@ TEST_F(TarzipTest, HeaderFieldsAreByteExact) {
   // 819 + 256 + the name's bytes (560) + the digit 0 (48) = 1683 = 03223.
   expected.replace(148, 5, std::string("3223\0", 5));
   EXPECT_EQ(expected, tar.substr(0, kBlock));
-  // A name of 100 bytes fills its field: the mode follows it directly.
   EXPECT_EQ(full + "1", tar.substr(kBlock, 101));
 }
 
@@ -134,7 +128,6 @@ TEST_F(TarzipTest, ContentTakesWholeBlocksPaddedWithZerosAndStockTarExtractsIt) 
   std::vector<Header> m = Members(tar);
   ASSERT_EQ(5u, m.size());
   for (size_t i = 0; i < m.size(); i++) EXPECT_EQ(contents[i].size(), m[i].size) << names[i];
-  // a0: header; b512: header + 1; c513: header + 2.
   EXPECT_EQ(contents[1], tar.substr(2 * kBlock, 512));
   EXPECT_EQ(contents[2] + std::string(511, '\0'), tar.substr(4 * kBlock, 1024));
   EXPECT_EQ("1001", std::string(tar.data() + 4 * kBlock - 512 + 124));  // 513 in octal
@@ -175,7 +168,6 @@ TEST_F(TarzipTest, EachListIsNamedAsStockTarListsIt) {
     EXPECT_TRUE(Pack(paths, c.dirMode));
     EXPECT_EQ(c.err, testing::internal::GetCapturedStderr());
     EXPECT_EQ(c.names, TarNames(archive_));
-    // Members under a whole name hold the bytes of their file.
     std::string dest = Extracted();
     for (const std::string& name : c.names) {
       std::string leaf = name.substr(name.rfind('/') + 1);
@@ -220,14 +212,12 @@ TEST_F(TarzipTest, AnArchiveCutShortIsReportedIncomplete) {
   setrlimit(RLIMIT_FSIZE, &saved);
   signal(SIGXFSZ, old);
   EXPECT_FALSE(complete);
-  // The cut archive's temporary is gone.
   EXPECT_EQ((std::vector<std::string>{"data", "noise"}), Entries(root_.path()));
   EXPECT_TRUE(Pack({Path("noise")}));
 }
 
 TEST_F(TarzipTest, AFileTooLargeForTheSizeFieldKeepsTheArchiveConsistentButIncomplete) {
   WriteFile(Path("huge"), "");
-  // Sparse: 4 GiB + 512 bytes, of which the field keeps the low 512.
   ASSERT_EQ(0, truncate(Path("huge").c_str(), (off_t{1} << 32) + 512));
   EXPECT_FALSE(Pack({Path("huge")}));
   std::vector<Header> m = Members(morvotest::Gunzip(archive_));
@@ -260,7 +250,6 @@ TEST_F(TarzipTest, AFactoryArchiveNeverWritesThroughAPlantedLink) {
     EXPECT_EQ(std::vector<std::string>{"kmsg.1"}, Entries(victim));
     EXPECT_EQ("precious\n", ReadFile(victim + "/kmsg.1"));
     if (atWork) {
-      // The numbered files wait where they were for a step that can run.
       numbered.push_back("kmsg_tmp");
       EXPECT_EQ(numbered, Entries(dir_));
     } else {

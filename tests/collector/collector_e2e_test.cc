@@ -1,5 +1,3 @@
-// The collector process under a temporary root, as the device starts it.
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
@@ -89,11 +87,9 @@ TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
   struct stat st;
   ASSERT_TRUE(grouptest::WaitFor(
       [&] { return stat((dir + "/kmsgcat-log").c_str(), &st) == 0 && st.st_size > 0; }));
-  // No member of a full cache fits in what is left of the output.
   off_t below = std::max<off_t>(st.st_size, ReadFile(root.Under("/collector.err")).size());
   struct rlimit limit = {static_cast<rlim_t>(below + 4096), RLIM_INFINITY};
   ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
-  // More than the writer's cache takes, so that lines are held.
   AppendKmsg(2001, 18000);
   ASSERT_TRUE(grouptest::WaitFor([&] {
     return collector.Err().find("cannot write") != std::string::npos;
@@ -102,7 +98,6 @@ TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
   limit.rlim_cur = RLIM_INFINITY;
   ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-  // In order and once, each after its stamp "MM-DD hh:mm:ss.mmm ".
   std::vector<std::string> lines = morvotest::Lines(Unzipped(dir, "kmsgcat-log"));
   ASSERT_EQ(18000u, lines.size()) << collector.Err();
   for (size_t i = 0; i < lines.size(); ++i) {
@@ -126,7 +121,6 @@ TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
   std::string log = root.Under("/data/log/charge-log/charge-log");
   ASSERT_TRUE(grouptest::WaitFor([&] { return grouptest::Count(ReadFile(log), "\n") >= 3; }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-  // The time column's title path, "Time", is opened from the working folder.
   std::regex rows(
       "^\nRead Fail {14}GaugeHead ChargeHead\n"
       "(\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d >  3900mV    500mA\n)+$");
@@ -155,13 +149,11 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   std::string maps = collector.Maps();
   EXPECT_EQ(std::string::npos, maps.find("libxml2")) << maps;
   EXPECT_EQ(std::string::npos, maps.find("libicu")) << maps;
-  // Sanitizer and gcov runtimes pull libstdc++ in themselves.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) && \
     !defined(MORVO_COVERAGE_BUILD)
   EXPECT_EQ(std::string::npos, maps.find("libstdc++")) << maps;
 #endif
   ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
-  // Files were given their owner by then, without mapping NSS modules.
   EXPECT_EQ(std::string::npos, collector.Maps().find("libnss_")) << collector.Maps();
   ASSERT_TRUE(grouptest::WaitFor(
       [&] { return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0; }));
@@ -173,7 +165,6 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
   std::regex battery("^current time: <battery>[-0-9: ]+\r\nlevel: 87 \\(battery\\)\n$");
   std::string batteryLog = Unzipped(dir, "battery-log");
   EXPECT_TRUE(std::regex_match(batteryLog, battery)) << batteryLog;
-  // The text gathered about the nameless FIFO is handed over at the end.
   EXPECT_EQ("add device 1: " + fifo + "\n  name:     \"\"\n", Unzipped(dir, "input-log"));
 }
 

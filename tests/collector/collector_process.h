@@ -28,12 +28,10 @@ inline std::string Lines(long first, long end) {
   return text;
 }
 
-// The collector's end on SIGUSR2.
 inline bool EndedBySigusr(int status) { return WIFEXITED(status) && WEXITSTATUS(status) == 12; }
 
 class CollectorProcess {
  public:
-  // Standard error goes to a file of the root.
   CollectorProcess(const morvotest::TempRoot& root, std::vector<std::string> args)
       : errPath_(root.Under("/collector.err")), dir_(root.path()) {
     const char* bin = getenv("MORVO_BIN_DIR");
@@ -43,7 +41,6 @@ class CollectorProcess {
     if (pid_ == 0) {
       int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
       dup2(err, STDERR_FILENO);
-      // Relative node paths of a configuration are opened from here.
       if (chdir(dir_.c_str()) != 0) _exit(126);
       std::vector<char*> argv;
       for (std::string& a : args) argv.push_back(&a[0]);
@@ -67,7 +64,6 @@ class CollectorProcess {
   std::string Cmdline() const { return morvotest::ReadFile(Proc("cmdline")); }
   std::string Maps() const { return morvotest::ReadFile(Proc("maps")); }
 
-  // The wait status once the process has ended within the deadline; else -1.
   int WaitEnd() {
     int status = -1;
     grouptest::WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
@@ -79,7 +75,6 @@ class CollectorProcess {
     return WaitEnd();
   }
 
-  // The read offset of the process's descriptor on hostPath; -1 for none.
   long long ReadOffset(const std::string& hostPath) const {
     DIR* dir = opendir(Proc("fd").c_str());
     if (dir == nullptr) return -1;

@@ -1,5 +1,3 @@
-// The sources a group copies, the runner's rows, and a group under a temporary root.
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <limits.h>
@@ -71,11 +69,9 @@ class DataSources : public ::testing::Test {
   bool Arrived(const std::string& line) {
     return grouptest::WaitFor([&] { return Written().find(line) != std::string::npos; });
   }
-  // A stream read on a thread the collector's teardown way stops.
   grouptest::GroupThread* Run(const char* path) {
     return new grouptest::GroupThread([this, path] { Sink().NodeCatStream(path); });
   }
-  // The written lines without their stamps; every line must have one.
   std::vector<std::string> Lines() {
     std::vector<std::string> lines;
     std::regex stamp(std::string("^") + kStamp);
@@ -138,7 +134,6 @@ TEST_F(DataSources, AnEmptyNodeIsRetriedUntilTheCounterReachesTheLimit) {
   EXPECT_EQ(1, Sink().NodeCatOnce(empty.c_str(), 10, true));
   EXPECT_EQ(0u, Sink().failureCount);
   EXPECT_EQ("", Written());
-  // The counter is shared by the group's nodes and kept across calls.
   Sink().failureCount = 2;
   EXPECT_EQ(1, Sink().NodeCatOnce(empty.c_str(), 10, true));
   EXPECT_EQ(0u, Sink().failureCount);
@@ -254,7 +249,6 @@ TEST_F(DataSources, AStreamResumesAfterAFaultThatPasses) {
       ASSERT_TRUE(Arrived("two\n"));
     }
     unlink(Kmsg().c_str());
-    // Said once while the stream is away, however often it is retried.
     EXPECT_LE(grouptest::Count(GetCapturedStderr(), "failed to translate path"), 1u);
     sink.reset();
     unlink(record.path.c_str());
@@ -399,7 +393,6 @@ TEST_F(DataSources, APolledFifoWithoutAWriterReadsAsEmpty) {
     done = true;
   });
   bool finished = grouptest::WaitFor([&] { return done.load(); });
-  // Hang guard: a blocked open is let go by a writer that comes and goes.
   while (!done) {
     int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
     if (fd >= 0) close(fd);
@@ -430,7 +423,6 @@ TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
 
 // Even a root too long for the paths never lets a group reach the device's paths.
 TEST(DevicePathTest, AGroupUnderATemporaryRootNeverTouchesTheDevicePath) {
-  // The device's own tree: the group's configured paths name it.
   morvotest::TempRoot device;
   device.MakeDirs("/sys");
   WriteFile(device.Under("/sys/n"), "device\n");
@@ -452,7 +444,6 @@ TEST(DevicePathTest, AGroupUnderATemporaryRootNeverTouchesTheDevicePath) {
     tc::TavocatInputNodeSetT polled{0, &nodePath[0], nullptr, nullptr, nullptr, nullptr};
     grouptest::GroupRecord record(output, tc::POLL_NODE);
     record.group.inputSet = &polled;
-    // A group without a usable output path writes to standard output.
     testing::internal::CaptureStdout();
     {
       Tavocat group(&record.group, mode);

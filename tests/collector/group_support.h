@@ -22,7 +22,6 @@
 
 namespace grouptest {
 
-// A group and its instance; the test sets the style and sources.
 struct GroupRecord {
   explicit GroupRecord(const std::string& output, size_t rotateKbytes = 4096, size_t maxFiles = 10)
       : path(output) {
@@ -70,7 +69,6 @@ class GroupThread {
   bool started_ = false;
 };
 
-// Polls done until it holds or 20 seconds have passed; returns done().
 inline bool WaitFor(const std::function<bool()>& done) {
   auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!done()) {

@@ -1,5 +1,3 @@
-// The input monitor and its label tables, fed input_event records through FIFOs.
-
 #include "collector/input_monitor.h"
 
 #include <errno.h>
@@ -69,16 +67,9 @@ TEST(InputMonitorPick, NamesMatchOverElevenCharactersIgnoringCase) {
   EXPECT_FALSE(InputMonitor::IsPicked("gpio-keys", nullptr));
 }
 
-int Unread(int fd) {
-  int n = -1;
-  ioctl(fd, FIONREAD, &n);
-  return n;
-}
-
 class InputMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // A write to a FIFO the monitor has let go must fail, not end the test.
     signal(SIGPIPE, SIG_IGN);
     dir = root.Under("/dev/input");
     root.MakeDirs("/dev/input");
@@ -92,7 +83,6 @@ class InputMonitorTest : public ::testing::Test {
     monitor.MonitorFlush();
     return collected.Text();
   }
-  // True once a power-key press on a new FIFO device is handed over.
   bool NewDeviceIsRecorded(const std::string& name) {
     std::string path = dir + "/" + name;
     if (mkfifo(path.c_str(), 0600) != 0) return false;
@@ -106,7 +96,6 @@ class InputMonitorTest : public ::testing::Test {
   morvotest::TempRoot root;
   std::string dir;
   char any[1] = {'\0'};
-  // FIFOs report no name; an empty pick matches exactly that.
   TavocatStrListT pick{any, nullptr};
   Collected collected;
   InputMonitor monitor{&Collected::Write, &collected};
@@ -190,7 +179,6 @@ TEST_F(InputMonitorTest, EventsBecomeLinesAndDevicesComeAndGo) {
   int fd1 = OpenWhenHeld(second);
   ASSERT_GE(fd1, 0);
   unlink(first.c_str());
-  // The removal closes the monitor's end: a write then finds no reader.
   ASSERT_TRUE(grouptest::WaitFor([&] { return write(fd0, "x", 1) < 0 && errno == EPIPE; }));
   Stop();
   EXPECT_EQ("", GetCapturedStderr());
@@ -222,12 +210,14 @@ TEST_P(InputMonitorDeviceFault, DoesNotEndTheMonitor) {
     int fd = OpenWhenHeld(path);
     ASSERT_GE(fd, 0);
     ASSERT_EQ(10, write(fd, "short read", 10));
-    ASSERT_TRUE(grouptest::WaitFor([&] { return Unread(fd) == 0; }));
+    ASSERT_TRUE(grouptest::WaitFor([&] {
+      int unread = -1;
+      return ioctl(fd, FIONREAD, &unread) == 0 && unread == 0;
+    }));
     close(fd);
   }
   EXPECT_TRUE(NewDeviceIsRecorded("event1"));
   Stop();
-  // The count is of every ready descriptor: the folder watch may be one too.
   const std::string said = GetCapturedStderr();
   EXPECT_EQ(0u, said.find("could not get event,poll result:")) << said;
   EXPECT_EQ(letGo ? 2 : 3, monitor.DeviceCount());
@@ -275,7 +265,6 @@ TEST_P(InputMonitorLateFolder, IsWatchedOnceItIsThere) {
   root.MakeDirs("/dev/input");
   EXPECT_TRUE(NewDeviceIsRecorded("event1"));
   Stop();
-  // Said once for each time the folder went missing, however many tries.
   size_t said = grouptest::Count(GetCapturedStderr(), "could not add watch for " + dir + "\n");
   EXPECT_GE(1u, said);
   if (!watchedFirst) {

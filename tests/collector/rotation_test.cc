@@ -1,5 +1,3 @@
-// Rotation in both write modes, and what is planted or taken away.
-
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdio.h>
@@ -29,7 +27,6 @@ class RotationTest : public sinktest::SinkTest {
   std::string Numbered(int n) const { return base_ + "." + std::to_string(n); }
   std::string Archive(int n) const { return base_ + "-" + std::to_string(n) + ".tar.gz"; }
   std::string Work() const { return base_ + "_tmp"; }
-  // 700 bytes: with a threshold of 1 KiB each file holds one record.
   static std::string Record(int n) {
     std::string text = "record " + std::to_string(n) + " ";
     text.resize(699, '.');
@@ -60,7 +57,6 @@ class RotationTest : public sinktest::SinkTest {
     }
     return files;
   }
-  // "I004" for the file the link at path points to; "" for no link.
   static std::string LinkedIndex(const std::string& path) {
     std::string target = sinktest::LinkTarget(path);
     size_t at = target.rfind(".I");
@@ -112,7 +108,6 @@ TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
     EXPECT_EQ(ReadFile(Work() + "/applog." + std::to_string(n)), Record(5 - n)) << n;
   }
   ASSERT_EQ(system(("rm -rf " + Archive(0) + " " + Archive(1)).c_str()), 0);
-  // The kept members are packed before the next five move in.
   WriteRecords(sink, 6, 11);
   ExpectArchive(1, 4);
   ExpectArchive(0, 9);
@@ -157,7 +152,6 @@ TEST_F(RotationTest, WhatIsPlantedWhereTheGroupWritesNextIsReplacedNeverUsed) {
         EXPECT_EQ(ReadFile(base), record);
       } else {
         ASSERT_EQ(sink.SetupOutput(), 0);
-        // Past the first rotation, which scans the folder again.
         WriteRecords(sink, 1, 3);
         const std::vector<std::string> coming = morvotest::ComingSetNames(base, 2);
         for (const std::string& name : coming) morvotest::PlantAt(name, plant, victim);
@@ -263,7 +257,6 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
                  std::string record; int records; const char* before; } kCases[] = {
       {"deleted", M, 4096, unlinkFile, due, "three\n", 1, nullptr},
       {"its folder removed", M, 4096, removeAll, due, "three\n", 1, nullptr},
-      // 8 + 1016 bytes reach 1 KiB: due, but the new file takes it whole.
       {"folder removed, a rotation first", M, 1, removeAll, 0, rotating, 1, nullptr},
       {"deleted, the cache full first", M, 4096, unlinkFile, 0, full, 600, nullptr},
       {"a link", M, 4096, plant(P::SYMLINK), due, "three\n", 1, nullptr},
@@ -287,7 +280,6 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
     ASSERT_EQ(sink.LogcatWrite("one\n", 4, true), 0);
     c.takeAway(sink.logFilePath);
     testing::internal::CaptureStderr();
-    // Before a look is due. Mmap: both wait in the cache and go to the new file.
     ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
     std::string expected = c.mode == MMAP_WRITE ? "one\ntwo\n" : c.before ? "" : "two\n";
     if (c.mode == MMAP_WRITE) {

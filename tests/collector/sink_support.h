@@ -74,7 +74,6 @@ class TestSink : public Tavobase {
   }
 };
 
-// A sink that owns its configuration.
 class OwnSink : private GroupConfig, public TestSink {
  public:
   OwnSink(const std::string& path, size_t kbytes, size_t maxFiles, TavoCommon::TypeWrite mode)
@@ -90,7 +89,6 @@ inline std::string Unzipped(const std::string& path) {
 
 using morvotest::Entries;
 
-// Where the link at path points; empty when it is no link.
 inline std::string LinkTarget(const std::string& path) {
   char target[4096];
   ssize_t n = readlink(path.c_str(), target, sizeof(target));

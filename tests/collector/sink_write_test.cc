@@ -1,5 +1,3 @@
-// The sink's writes, settings and folder; thread base, directory monitor, charger wait.
-
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -80,7 +78,6 @@ TEST_F(SinkWriteTest, FixedWidthWritesAndTheirLimits) {
   }
 }
 
-// "MM-DD hh:mm:ss" of second in local time.
 std::string StampOf(time_t second) {
   struct tm local;
   localtime_r(&second, &local);
@@ -125,7 +122,6 @@ TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
     expected += c.written;
     EXPECT_EQ(Written(), expected);
   }
-  // Bytes with a NUL among them are kept whole.
   sink_.wall = {lastOfMinute, 7000};
   const std::string withNul("a\0b", 3);
   EXPECT_EQ(sink_.LogcatWriteStamped(withNul.data(), withNul.size()), 0);
@@ -133,12 +129,10 @@ TEST_F(SinkWriteTest, StampsFollowTheClockAcrossSeconds) {
 }
 
 TEST_F(SinkWriteTest, EmptyAndClosedOutputs) {
-  // Nothing to write and no descriptor change nothing but the record flag.
   EXPECT_EQ(sink_.FactoryWrite("x", 0, false), 0);
   EXPECT_FALSE(sink_.recordEnded);
   EXPECT_EQ(Written(), "");
   EXPECT_EQ(sink_.LogcatWrite(nullptr, 3, true), 1);
-  // A descriptor closed after a failed write is opened again at the next one.
   sink_.FactoryClose();
   EXPECT_EQ(sink_.LogcatWrite("y\n", 2, true), 0);
   EXPECT_EQ(Written(), "y\n");
@@ -168,7 +162,6 @@ TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
   EXPECT_EQ(defaults.rotateSizeKbytes, 4096u);
   EXPECT_NE(defaults.tavoWriter, nullptr);
   EXPECT_NE(defaults.dirMonitor, nullptr);
-  // Without a group every default is kept and nothing is written.
   TestSink bare(MMAP_WRITE);
   EXPECT_EQ(bare.maxFiles, 10u);
   EXPECT_EQ(bare.rotateSizeKbytes, 4096u);
@@ -193,7 +186,6 @@ TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
   EXPECT_EQ(sink_.MkdirP(longest.c_str(), 0775), 0);
   sink_.CreateDir(root_.Under("/data/log/made").c_str());
   EXPECT_EQ(sinktest::ModeOf(root_.Under("/data/log/made")), 0775u);
-  // A link in place of a folder is never entered, at the end or on the way.
   const std::string outside = root_.Under("/outside");
   const std::string linked = root_.Under("/data/log/linked");
   morvotest::MakeVictimFolder(outside);
@@ -244,7 +236,6 @@ TEST_F(SinkWriteTest, PathsWithoutAFolderAreRefused) {
   CaptureStderr();
   EXPECT_EQ(sink.SetupOutput(), 1);
   EXPECT_EQ(GetCapturedStderr(), "pend is invalide.\ncreate bugreports dir error!!\n");
-  // A folder that cannot be made is reported; the preparation goes on.
   morvotest::WriteFile(root_.Under("/data/log/file"), "x");
   CaptureStderr();
   EXPECT_EQ(sink_.CreateBugreportsDir(root_.Under("/data/log/file/sub/x").c_str()), 0);
@@ -350,7 +341,6 @@ void OpenDir(const std::string& dir) {
   if (d != nullptr) closedir(d);
 }
 
-// Opens dir until file holds text once unzipped, within a generous bound.
 bool OpensFlush(const std::string& dir, const std::string& file, const std::string& text) {
   for (int tries = 0; tries < 200; ++tries) {
     OpenDir(dir);
@@ -360,7 +350,6 @@ bool OpensFlush(const std::string& dir, const std::string& file, const std::stri
   return false;
 }
 
-// n inotify records: the masks, each followed by a name of name bytes.
 std::string Events(std::initializer_list<uint32_t> masks, uint32_t name) {
   std::string buffer;
   for (uint32_t mask : masks) {
@@ -388,7 +377,6 @@ TEST_F(SinkWriteTest, EachDirectoryRecordOfOneReadFlushesOnce) {
   EXPECT_EQ(monitor.HandleEvents(bare.data(), static_cast<ssize_t>(bare.size())), 3);
   std::string files = Events({IN_OPEN, IN_OPEN}, 32);
   EXPECT_EQ(monitor.HandleEvents(files.data(), static_cast<ssize_t>(files.size())), 0);
-  // A record whose name would run past the bytes read is not taken.
   std::string cut = Events({IN_OPEN | IN_ISDIR, IN_OPEN | IN_ISDIR}, 16);
   cut.resize(cut.size() - 1);
   EXPECT_EQ(monitor.HandleEvents(cut.data(), static_cast<ssize_t>(cut.size())), 1);
@@ -401,7 +389,6 @@ TEST_F(SinkWriteTest, DestroyingTheGroupStopsItsMonitor) {
   std::string file = sink->logFilePath;
   ASSERT_TRUE(OpensFlush(dir_, file, "kept\n"));  // the monitor is watching
   delete sink;                                    // returns only once the monitor has been joined
-  // A monitor still running would now flush a freed group.
   for (int i = 0; i < 20; ++i) OpenDir(dir_);
   usleep(100 * 1000);
   EXPECT_EQ(sinktest::Unzipped(file), "kept\n");
@@ -492,7 +479,6 @@ TEST(ChargerEvent, AnUnseekableNodeIsWaitedOnNotSpunOn) {
   });
   usleep(1500 * 1000);
   int returned = calls;
-  // An open held on the FIFO is let go by a writer, so the thread can end.
   stop = true;
   int writer = open(node.c_str(), O_WRONLY | O_NONBLOCK);
   waiter.join();

@@ -1,5 +1,3 @@
-// A collector under load and faults in both write modes; SIGUSR2 from every wait.
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdio.h>
@@ -69,7 +67,6 @@ class CollectorRoot {
   std::string Base() const { return root_.Under(kOutput); }
 
   void Append(const std::string& text) const { grouptest::Append(Kmsg(), text); }
-  // As the kernel's stream holds only what nobody has read yet.
   void Replace(const std::string& text) const {
     morvotest::WriteFile(Kmsg() + ".new", text);
     rename((Kmsg() + ".new").c_str(), Kmsg().c_str());
@@ -182,7 +179,6 @@ TEST_P(CollectorStress, KillsAtRandomPointsLoseNothingReachedAndDoubleNothing) {
     size_t lastRead = static_cast<size_t>(offset) > kReadSize
                           ? unread.rfind('\n', static_cast<size_t>(offset) - kReadSize - 1) + 1
                           : 0;
-    // The line the kill may have cut is fed again whole.
     size_t keep = offset == 0 ? 0 : unread.rfind('\n', static_cast<size_t>(offset) - 1) + 1;
     for (long n : Numbers(unread.substr(lastRead, keep - lastRead))) {
       mayBeLost[static_cast<size_t>(n)] = true;
@@ -275,7 +271,6 @@ TEST(CollectorStop, SigusrEndsTheCollectorInEveryWait) {
     const char* kept = nullptr;   // in the log after the end
   } kCases[] = {
       // clang-format off
-      // Held in an open it cannot be stopped in: the teardown waits no longer than its bound.
       {"held in a source's open", false, Group(kPollStyle, Node("/proc/planted")), "/proc/planted"},
       {"a charge node that cannot be seeked", true, Group(Element("logStyle", "cond_trigger"), Node("DateTime")),
        "/sys/class/qd_power/bq_bci/poll_charge_start_event"},

@@ -1,5 +1,3 @@
-// The reader's output files under load and faults.
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -38,14 +36,12 @@ class ReaderStress : public ::testing::Test {
                 0);
     }
   }
-  // Dumps seq first..end-1 into the set and clears the buffer for the next dump.
   void DumpSequence(long first, long end, const char* rotate = "4") {
     Write(first, end);
     morvotest::RunResult r = RunCommand({"-d", "-b", "morvo_main", "-f", Base(), "-r", rotate});
     ASSERT_EQ(0, r.status) << r.err;
     ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
   }
-  // Each file a whole gzip stream.
   std::vector<long> SetSequence(const char* name = "w", bool writingOrder = false) {
     std::vector<std::string> files = morvotest::SetFiles(Dir(), name);
     if (writingOrder) files = morvotest::WritingOrder(files, Base(name).size());
@@ -93,7 +89,6 @@ TEST_F(ReaderStress, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
     usleep(400 * 1000 + random() % (200 * 1000));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    // The next run must not read the same records again.
     ASSERT_EQ(0, RunCommand({"-c", "-b", "morvo_main"}).status);
   }
   qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "s", "last");
@@ -108,7 +103,6 @@ TEST_F(ReaderStress, RunsKilledAtRandomPointsLoseNothingTheyHadAccepted) {
 TEST_F(ReaderStress, AFullFileSystemIsSurvivedAndWritingRecovers) {
   morvotest::SmallFs fs(Dir(), 3072);
   if (!fs.mounted()) GTEST_SKIP() << "cannot mount a tmpfs here";
-  // A fresh tmpfs is shared (1777), which the reader refuses to write.
   ASSERT_EQ(0, chmod(Dir().c_str(), 0755));
   DumpSequence(0, 2000);
   fs.Fill();
