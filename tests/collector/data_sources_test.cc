@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <random>
 #include <regex>
@@ -170,6 +171,10 @@ TEST_F(DataSources, StreamTextIsSplitIntoStampedLinesAcrossReads) {
   std::regex lines(std::string("^") + kStamp + "a\n" + kStamp + "bc\n$");
   EXPECT_TRUE(std::regex_match(Written(), lines)) << Written();
   CaptureStderr();
+  EXPECT_EQ(1, Sink().NodeCatStream(nullptr));
+  char stopped[PROPERTY_VALUE_MAX];
+  property_get("ctl.stop", stopped, "");
+  EXPECT_STREQ("", stopped);
   EXPECT_EQ(1, Sink().ParseEachLine(nullptr, buf, &carry));
   EXPECT_EQ("start or buf is null ptr\n", GetCapturedStderr());
 }
@@ -346,6 +351,9 @@ TEST_F(DataSources, NodesWithoutTitlesOrSourcesStillEndTheRow) {
   Tavocat group(&record.group, tc::FACTORY_WRITE);
   EXPECT_EQ("", Output());
   EXPECT_EQ(0, group.PollNode());
+  char small[8];
+  Tavocat::PollingDateTime("%.4d-%.2d-%.2d %.2d:%.2d:%.2d > ", small, sizeof(small));
+  EXPECT_STREQ("", small);
   std::regex row("^\ncurrent time: \\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n9  \n$");
   EXPECT_TRUE(std::regex_match(Output(), row)) << Output();
 }
@@ -376,6 +384,52 @@ TEST_F(DataSources, OtherStylesAndMissingSourcesEndAtOnce) {
   Tavocat noDir(&input.group, tc::FACTORY_WRITE);
   noDir.MonitorDir();
   EXPECT_EQ("", Output());
+}
+
+// What a style held (a partial line, device text) is handed over at the teardown.
+TEST_F(DataSources, EachStyleRunsUntilStoppedAndHandsOverWhatItHeld) {
+  WriteFile(Kmsg(), "<6>boot\n<3>no end");
+  Dumpsys("echo \"state of $1\"");
+  root.MakeDirs("/dev/input");
+  const std::string fifo = root.Under("/dev/input/event0");
+  ASSERT_EQ(0, mkfifo(fifo.c_str(), 0600));
+  std::string kmsg = "/proc/kmsg", battery = "battery", dir = "/dev/input", any(1, '\0');
+  tc::TavocatInputNodeSetT node{0, Text(kmsg), nullptr, nullptr, nullptr, nullptr};
+  tc::TavocatInputCmdSetT cmd{Text(battery), nullptr};
+  tc::TavocatStrListT pick{Text(any), nullptr};
+  tc::TavocatInputDirSetT dirSet{Text(dir), &pick};
+  auto wrote = [&](const char* text) {
+    return [this, text] { return Output().find(text) != std::string::npos; };
+  };
+  auto held = [&] {
+    int fd = open(fifo.c_str(), O_WRONLY | O_NONBLOCK);
+    if (fd >= 0) close(fd);
+    return fd >= 0;
+  };
+  const std::string stamp = "[-0-9 :.]{19}",
+                    added = "add device 1: " + fifo + "\n  name:     \"\"\n";
+  // clang-format off
+  const struct { tc::LogStyle style; void* set; std::function<bool()> ready; std::string text; } kCases[] = {
+      {tc::MONITOR_NODE, &node, wrote("boot"), stamp + "<6>boot\n" + stamp + "<3>no end\n"},
+      {tc::POLL_CMD, &cmd, [this] { return grouptest::Count(Output(), "of battery") >= 2; }, "(current time: <battery>[-0-9: ]+\r\nstate of battery\n)+"},
+      {tc::MONITOR_DIR, &dirSet, held, added + "(remove device 1: " + fifo + "\n)?"},
+  };
+  // clang-format on
+  for (const auto& c : kCases) {
+    SCOPED_TRACE(c.style);
+    unlink(root.Under(outputPath).c_str());
+    grouptest::GroupRecord record(outputPath, c.style);
+    record.group.inputSet = c.set;
+    record.group.pollingInterval = 1;
+    Tavocat group(&record.group, tc::FACTORY_WRITE);
+    ASSERT_TRUE(group.Start());
+    ASSERT_TRUE(grouptest::WaitFor(c.ready));
+    group.Cancel();
+    group.Wait();
+    EXPECT_TRUE(group.RunEnded());
+    group.FlushAll();
+    EXPECT_TRUE(std::regex_match(Output(), std::regex("^" + c.text + "$"))) << Output();
+  }
 }
 
 // Polled nodes open without waiting: a FIFO with no writer reads as empty.
@@ -419,6 +473,7 @@ TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
   }
   WriteFile(node, "5");
   EXPECT_TRUE(ChargerTypeChanged());
+  EXPECT_FALSE(ChargerEventChanged());
 }
 
 // Even a root too long for the paths never lets a group reach the device's paths.
