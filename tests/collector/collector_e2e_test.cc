@@ -155,8 +155,9 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
 #endif
   ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
   EXPECT_EQ(std::string::npos, collector.Maps().find("libnss_")) << collector.Maps();
-  ASSERT_TRUE(grouptest::WaitFor(
-      [&] { return morvotest::Exists(root.Under("/ran")) && collector.Children() == 0; }));
+  ASSERT_TRUE(grouptest::WaitFor([&] {
+    return morvotest::Exists(root.Under("/ran")) && grouptest::ProcessesWith(root.path()) == 0;
+  }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
 
   std::string dir = root.Under("/data/log/android_logs");

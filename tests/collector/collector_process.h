@@ -104,21 +104,6 @@ class CollectorProcess {
     }
   }
 
-  // Processes whose parent is the collector (chown, dumpsys shells).
-  int Children() const {
-    int count = 0;
-    DIR* proc = opendir("/proc");
-    while (struct dirent* entry = readdir(proc)) {
-      std::string stat = morvotest::ReadFile(std::string("/proc/") + entry->d_name + "/stat");
-      size_t close = stat.rfind(')');
-      if (close == std::string::npos) continue;
-      int ppid = 0;
-      if (sscanf(stat.c_str() + close + 1, " %*c %d", &ppid) == 1 && ppid == pid_) ++count;
-    }
-    closedir(proc);
-    return count;
-  }
-
  private:
   std::string Proc(const std::string& name) const {
     return "/proc/" + std::to_string(pid_) + "/" + name;
