@@ -170,8 +170,7 @@ TEST_P(ParseTest, GivesItsTreeResultAndMessagesHereAndInAChild) {
   FreeConfigFile(&info_);
   FreeConfigFile(&info_);
   EXPECT_EQ("", Describe(info_));
-  // The child gives the same result and messages, and a tree only on success; its memory peak is
-  // checked while earlier children left it below the bound.
+  // Same result and messages in the child, a tree only on success; peak checked below the bound.
   const long bound = long{TavoConfig::kParseLimits.memoryGrowth >> 10};
   struct rusage children;
   ASSERT_EQ(0, getrusage(RUSAGE_CHILDREN, &children));

@@ -79,9 +79,8 @@ constexpr const char kNoFile[] = "(no file)";
 // Marks a row whose errors are libxml2's: each line names the file.
 constexpr const char kXmlErrors[] = "(xml errors)";
 
-// One parse, here and in a child: the file (kNoFile: none; "$ROOT": the
-// temporary root), instance and properties ("key=value;..."), and the result,
-// tree and standard error ("$PATH": the file's path, "$DUMP": ExpectedDump).
+// One parse, here and in a child: file (kNoFile: none; "$ROOT": the temporary root), instance,
+// properties ("k=v;..."), result, tree, stderr ("$PATH": the file's path, "$DUMP": ExpectedDump).
 struct ParseCase {
   const char* label;
   std::string xml;

@@ -113,14 +113,12 @@ TEST_F(WireTest, EachFailedAllocationIsRefusedWholeAndLeaksNothing) {
   EXPECT_GT(count, 20);
 }
 
-// This process's address space in bytes.
 unsigned long long AddressSpace() {
   return strtoull(morvotest::ReadFile("/proc/self/statm").c_str(), nullptr, 10) *
          static_cast<unsigned long long>(sysconf(_SC_PAGESIZE));
 }
 
-// Whether the child is memory-bounded, dies with its parent and survives a closed pipe (as its
-// name).
+// Whether the child is memory-bounded, dies with its parent and survives a closed pipe.
 int ReportBounds(const void*, TavocatInfoT* info) {
   struct rlimit as = {};
   int deathSignal = 0;
@@ -173,8 +171,7 @@ int BuildHugeTree(const void*, TavocatInfoT* info) {
   return 0;
 }
 
-// A child gives its tree, however large; past its memory or time bound the parse fails; it is
-// reaped.
+// A child gives its tree, however large; past its memory or time bound the parse fails.
 TEST_F(ConfigTest, ChildIsBoundedAndGivesItsTree) {
   // name: the tree's, or null for the tree the builder gives here.
   // clang-format off

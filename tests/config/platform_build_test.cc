@@ -24,8 +24,7 @@ using TavoConfig::ParseChargelogcatNodeSet;
 using TavoConfig::ParseDefault;
 using TavoConfig::ParseKmsgcatNodeSet;
 
-// Known platforms must occur in the attribute, case-sensitively; an unknown one accepts any but
-// none.
+// Known platforms must occur in the attribute, case-sensitively; an unknown one any present.
 TEST_F(ConfigTest, HardwareNameGivesThePlatformThatTheAttributeMustName) {
   // clang-format off
   const struct { const char* hardware, *platform, *attribute; bool accepted; } cases[] = {
@@ -90,10 +89,8 @@ const ParseCase kPlatformAndBuild[] = {
     Entry("UnsetPlatformTakesTheFirstEntryWithTheAttribute", "", "2"),
     Entry("QcomTakesItsEntry", "qcom", "3"),
     Entry("UnknownPlatformTakesTheFirstEntryWithTheAttribute", "kirin", "2"),
-    {"EntryWithoutPlatformFailsWithoutDump", Instance(KmsgGroup(), "name=\"kmsglogcat\""), 1, "",
-     ""},
-    {"EntryOfAnotherPlatformFails", Instance(KmsgGroup()), 1, "", "", "kmsglogcat",
-     "ro.hardware=mt6789"},
+    {"EntryWithoutPlatformFailsWithoutDump", Instance(KmsgGroup(), "name=\"kmsglogcat\""), 1, "", ""},
+    {"EntryOfAnotherPlatformFails", Instance(KmsgGroup()), 1, "", "", "kmsglogcat", "ro.hardware=mt6789"},
     {"ShorterNameDoesNotMatch", Instance(KmsgGroup()), 1, "", "", "kmsg"},
     {"LongerNameDoesNotMatch", Instance(KmsgGroup()), 1, "", "", "kmsglogcat2"},
     {"NameMatchesCaseSensitively", Instance(KmsgGroup()), 1, "", "", "Kmsglogcat"},
@@ -104,11 +101,9 @@ const ParseCase kPlatformAndBuild[] = {
     Mode("OrdinaryUpperCaseMmap", kUser, "<writeMode value=\"MMAP\"/>", true),
     Mode("OrdinaryMmapWithASpace", kUser, "<writeMode value=\"mmap \"/>", true),
     Mode("OrdinaryWriteModeWithoutValue", kUser, "<writeMode/>", true),
-    Mode("OrdinaryLastMmapWins", kUser, "<writeMode value=\"factory\"/>" + std::string(kMmap),
-     false),
+    Mode("OrdinaryLastMmapWins", kUser, "<writeMode value=\"factory\"/>" + std::string(kMmap), false),
     Mode("OrdinaryLastOtherWins", kUser, kMmap + std::string("<writeMode value=\"x\"/>"), true),
-    Mode("EngBuildWithPlatformVersionIsOrdinary", "ro.build.type=eng;ro.build.version.ovra=12.0",
-     kMmap, false),
+    Mode("EngBuildWithPlatformVersionIsOrdinary", "ro.build.type=eng;ro.build.version.ovra=12.0", kMmap, false),
     // Factory and chipset vendor builds force factory wherever writeMode is given.
     Mode("FactoryBuildForcesFactory", "ro.runmode=factory;ro.build.type=user", kMmap, true),
     Mode("FactoryBuildWithoutWriteMode", "ro.runmode=factory;ro.build.type=user", "", false),
@@ -118,33 +113,20 @@ const ParseCase kPlatformAndBuild[] = {
     Mode("RunmodeInCapitalsIsOrdinary", "ro.runmode=Factory", kMmap, false),
     Mode("BuildTypeWithASuffixIsOrdinary", "ro.build.type=engx", kMmap, false),
     {"KmsglogcatWithoutTheFile", kNoFile, 0, kKmsg, ""},
-    {"ChargelogcatWithoutTheFileListsTimeGaugeCharge", kNoFile, 0,
-     "chargelogcat rotate=4096 files=20 factory | poll_node every=5 out=/data/log/charge-log/charge-log "
-     "node{data=DateTime titlePath=Time width=23} node{data=/sys/class/qd_power/coul/coul_data/gaugelog "
-     "titlePath=/sys/class/qd_power/coul/coul_data/gaugelog_head} "
-     "node{data=/sys/class/qd_power/charger/charge_data/chargelog "
-     "titlePath=/sys/class/qd_power/charger/charge_data/chargelog_head}",
-     "", "chargelogcat"},
-    {"KmsglogcatWritesFactoryFilesOnFactoryBuilds", kNoFile, 0, kKmsgFactory, "", "kmsglogcat",
-     "ro.runmode=factory"},
-    {"KmsglogcatWritesFactoryFilesOnChipsetBuilds", kNoFile, 0, kKmsgFactory, "", "kmsglogcat",
-     "ro.runmode=normal;ro.build.type=eng"},
+    {"ChargelogcatWithoutTheFileListsTimeGaugeCharge", kNoFile, 0, "chargelogcat rotate=4096 files=20 factory | poll_node every=5 out=/data/log/charge-log/charge-log " "node{data=DateTime titlePath=Time width=23} node{data=/sys/class/qd_power/coul/coul_data/gaugelog " "titlePath=/sys/class/qd_power/coul/coul_data/gaugelog_head} " "node{data=/sys/class/qd_power/charger/charge_data/chargelog " "titlePath=/sys/class/qd_power/charger/charge_data/chargelog_head}", "", "chargelogcat"},
+    {"KmsglogcatWritesFactoryFilesOnFactoryBuilds", kNoFile, 0, kKmsgFactory, "", "kmsglogcat", "ro.runmode=factory"},
+    {"KmsglogcatWritesFactoryFilesOnChipsetBuilds", kNoFile, 0, kKmsgFactory, "", "kmsglogcat", "ro.runmode=normal;ro.build.type=eng"},
     {"ShorterNameHasNoBuiltinInstance", kNoFile, 1, "", "", "kmsg"},
     {"NameWithASpaceHasNoBuiltinInstance", kNoFile, 1, "", "", "kmsglogcat "},
     {"OtherNameHasNoBuiltinInstance", kNoFile, 1, "", "", "inputlogcat"},
     {"EmptyNameHasNoBuiltinInstance", kNoFile, 1, "", "", ""},
     {"RecoveryModeHasNoKmsglogcat", kNoFile, 1, "", "", "kmsglogcat", kRecovery},
     {"RecoveryModeHasNoChargelogcat", kNoFile, 1, "", "", "chargelogcat", kRecovery},
-    {"StoppedRecoveryIsNoRecovery", kNoFile, 0, kKmsg, "", "kmsglogcat",
-     "init.svc.recovery=stopped"},
-    {"RecoveryNeedsTheExactValue", kNoFile, 0, kKmsg, "", "kmsglogcat",
-     "init.svc.recovery=running "},
-    {"ExistingFileWithoutKmsglogcatDoesNotFallBack",
-     Instance(KmsgGroup(), "name=\"otherlogcat\" platform=\"Qcom\""), 1, "", ""},
-    {"ExistingFileWithoutChargelogcatDoesNotFallBack",
-     Instance(KmsgGroup(), "name=\"otherlogcat\" platform=\"Qcom\""), 1, "", "", "chargelogcat"},
-    {"FileInRecoveryModeIsStillRead", Instance(KmsgGroup()), 0,
-     std::string("kmsglogcat") + kKmsgTree, "$DUMP", "kmsglogcat", kRecovery},
+    {"StoppedRecoveryIsNoRecovery", kNoFile, 0, kKmsg, "", "kmsglogcat", "init.svc.recovery=stopped"},
+    {"RecoveryNeedsTheExactValue", kNoFile, 0, kKmsg, "", "kmsglogcat", "init.svc.recovery=running "},
+    {"ExistingFileWithoutKmsglogcatDoesNotFallBack", Instance(KmsgGroup(), "name=\"otherlogcat\" platform=\"Qcom\""), 1, "", ""},
+    {"ExistingFileWithoutChargelogcatDoesNotFallBack", Instance(KmsgGroup(), "name=\"otherlogcat\" platform=\"Qcom\""), 1, "", "", "chargelogcat"},
+    {"FileInRecoveryModeIsStillRead", Instance(KmsgGroup()), 0, std::string("kmsglogcat") + kKmsgTree, "$DUMP", "kmsglogcat", kRecovery},
 };
 // clang-format on
 

@@ -55,9 +55,7 @@ TEST_F(SampleConfigTest, CheckerAndCollectorAgreeOnEveryFile) {
       {kSample, "kmsglogcat", 0, "------------- printTavocatInfo end ---------------\n"},
       {kSample, "chargelogcat", 1, ""},
       {corpus + "sample.xml", "kmsglogcat", 0, ""},
-      {corpus + "two_triggers.xml", "chargelogcat", 1,
-       "------------- printTavocatInfo end ---------------\n"
-       "Main:tavocat [chargelogcat] has more than one cond_trigger group, refused!\n"},
+      {corpus + "two_triggers.xml", "chargelogcat", 1, "------------- printTavocatInfo end ---------------\nMain:tavocat [chargelogcat] has more than one cond_trigger group, refused!\n"},
       {corpus + "broken.xml", "kmsglogcat", 1, ""},
       {corpus + "entities.xml", "kmsglogcat", 1, ""},
       {corpus + "charge.xml", "chargelogcat", 0, ""},

@@ -68,7 +68,6 @@ TEST_F(EmbeddingTest, TheHostKeepsEveryDescriptorItHandsIn) {
       android_logcat_context ctx = CreateAndroidLogcat();
       RunOn(ctx, STDOUT_FILENO, STDERR_FILENO, args);
       if (!IsOpen(STDOUT_FILENO) || !IsOpen(STDERR_FILENO)) return 1;
-      // A second run on the same context with the same descriptors works.
       RunOn(ctx, STDOUT_FILENO, STDERR_FILENO, args);
       AndroidLogcatDestroy(&ctx);
       if (!IsOpen(STDOUT_FILENO) || !IsOpen(STDERR_FILENO)) return 2;

@@ -112,8 +112,7 @@ TEST_F(PlainOutputTest, DeletedFileShiftsTheCopiesAndIsOpenedAgain) {
 
 // Links planted at a rotation's names, pointing outside: nothing outside changes, no temp left.
 TEST_F(PlainOutputTest, LinksAtTheNamesARotationWritesAreNeverFollowed) {
-  // p: a hard link, appending to P would write into the victim; p_tmp: a
-  // folder link, moving P.1 in would replace the victim's p.1.
+  // p: hard link (append writes the victim); p_tmp: folder link (P.1 would replace victim's p.1).
   WriteKilobyteRecords(20);
   for (std::string name : {"p", "p-0.tar.gz", "p_tmp"}) {
     SCOPED_TRACE(name);

@@ -1,6 +1,5 @@
-// A C++ host whose own functions share their names and signatures with the
-// library's: its own reentrant getopt over its own state, its own string
-// formatter and logger entry points. The library must keep to its own.
+// A host whose own getopt, string formatter and logger entry points share the library's names
+// and signatures. The library must keep to its own.
 
 #include <getopt.h>
 #include <stdarg.h>
