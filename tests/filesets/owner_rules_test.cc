@@ -43,16 +43,8 @@ TEST_F(OwnerRulesTest, OldStyleSweepTable) {
   const std::string odd = ".I03.20240105-081502.gz";
   std::vector<std::string> gone = {"", ".1", ".2", ".3", ".4"};
   for (int n = 0; n < 10; ++n) gone.push_back("-" + std::to_string(n) + ".tar.gz");
-  struct Row {
-    const char* what;
-    FileSet* set;
-    std::vector<std::string>* list;
-    std::vector<std::string> made, gone;
-    std::string messages;
-    std::vector<std::string> formed;
-    bool detectsAfter, sweepsAgain;
-  };
   // clang-format off
+  struct Row { const char* what; FileSet* set; std::vector<std::string>* list; std::vector<std::string> made, gone; std::string messages; std::vector<std::string> formed; bool detectsAfter, sweepsAgain; };
   const std::vector<Row> rows = {
       {"reader", &reader, &reader.fileVec, allOld, gone, "", {}, true, true},
       {"reader not memory-mapped", &plain, nullptr, allOld, {}, "", {}, true, false},

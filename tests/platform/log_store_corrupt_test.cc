@@ -1,77 +1,53 @@
 #include <errno.h>
-#include <fcntl.h>
-#include <gtest/gtest.h>
 #include <stdint.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "platform/log_ring.h"
-#include "platform/logger.h"
 #include "support/file_tree.h"
-#include "support/temp_root.h"
 #include "tests/platform/log_store_support.h"
 
+namespace morvotest {
 namespace {
 
-using morvotest::BytesOf;
-using morvotest::kDrain;
-using morvotest::ListPtr;
-using morvotest::Log;
-using morvotest::MessagesOf;
-using morvotest::OpenList;
-using morvotest::Patch;
-using morvotest::RandomBytes;
-using morvotest::ReadAll;
-using morvotest::Record;
-using morvotest::RingPath;
-using morvotest::WriteInChild;
-using Strings = std::vector<std::string>;
+using LogStoreCorruptTest = StoreTest;
 
 bool OpensAsReader(log_id_t id) { return OpenList(kDrain, 0, 0, {id}) != nullptr; }
 
-TEST(LogStoreCorruptTest, ARingOverwrittenInPlaceIsRefusedByReadersAndRenewedByWriters) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, ARingOverwrittenInPlaceIsRefusedByReadersAndRenewedByWriters) {
   ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
   std::string path = RingPath(root, "morvo_main");
-  size_t size = morvotest::ReadFile(path).size();
-  morvotest::WriteFile(path, RandomBytes(size, 1));
+  size_t size = ReadFile(path).size();
+  WriteFile(path, RandomBytes(size, 1));
   EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
   // This process's writer, which has it mapped, starts the buffer afresh.
   ASSERT_GT(Log(LOG_ID_MAIN, "renewed"), 0);
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
-  EXPECT_EQ(Strings{"renewed"}, morvotest::Messages(ReadAll(list.get())));
-  morvotest::WriteFile(path, RandomBytes(size, 2));
+  ASSERT_TRUE(OpenMain());
+  EXPECT_EQ(Strings{"renewed"}, Messages(ReadAll(list.get())));
+  WriteFile(path, RandomBytes(size, 2));
   qd_log_msg msg;
   EXPECT_EQ(-EIO, qd_logger_list_read(list.get(), &msg));
   EXPECT_EQ(-EIO, qd_logger_get_log_size(qd_logger_open(list.get(), LOG_ID_MAIN)));
 }
 
-TEST(LogStoreCorruptTest, ShortLongOrMisplacedRingFilesAreRefused) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, ShortLongOrMisplacedRingFilesAreRefused) {
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m"));
   std::string path = RingPath(root, "morvo_main");
-  std::string whole = morvotest::ReadFile(path);
+  std::string whole = ReadFile(path);
   for (size_t size : {whole.size() / 2, size_t{100}, size_t{0}, whole.size() + 4096}) {
     ASSERT_EQ(0, truncate(path.c_str(), static_cast<off_t>(size)));
     EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN)) << size;
   }
-  morvotest::WriteFile(RingPath(root, "morvo_radio"), whole);
+  WriteFile(RingPath(root, "morvo_radio"), whole);
   EXPECT_FALSE(OpensAsReader(LOG_ID_RADIO));
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "anew"));
   EXPECT_EQ(Strings{"anew"}, MessagesOf({LOG_ID_MAIN}));
 }
 
 bool PatchPosition(const std::string& path, uint64_t from, uint64_t to) {
-  std::string header = morvotest::ReadFile(path).substr(0, 256);
+  std::string header = ReadFile(path).substr(0, 256);
   size_t at = header.find(BytesOf(from));
   if (at != std::string::npos) Patch(path, at, BytesOf(to));
   return at != std::string::npos;
@@ -79,7 +55,7 @@ bool PatchPosition(const std::string& path, uint64_t from, uint64_t to) {
 
 // Records from..to-1 of size bytes to main after a resize to capacity (0: none); n at n * size.
 void WriteSized(long capacity, int size, int from, int to) {
-  ASSERT_TRUE(capacity == 0 || morvotest::SetRingSize(LOG_ID_MAIN, capacity));
+  ASSERT_TRUE(capacity == 0 || SetRingSize(LOG_ID_MAIN, capacity));
   for (int n = from; n < to; ++n) {
     std::string message = std::to_string(n + 1000).substr(1);
     message.resize(static_cast<size_t>(size) - 32, 'x');
@@ -136,12 +112,9 @@ std::vector<int> Numbers(int from, int to, std::vector<int> without = {}) {
   return numbers;
 }
 
-struct DamageCase {
-  std::string what;
-  std::function<void(const std::string& path)> deal;
-  std::vector<int> read;
-  int reports;
-};
+// clang-format off
+struct DamageCase { std::string what; std::function<void(const std::string& path)> deal; std::vector<int> read; int reports; };
+// clang-format on
 
 DamageCase Damaged(const char* what, long capacity, int size, int count, int first,
                    std::vector<int> damaged, const RecordDamage& damage, int reports) {
@@ -189,10 +162,10 @@ std::vector<DamageCase> DamageCases() {
   return cases;
 }
 
-TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
+TEST_F(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
   for (const DamageCase& c : DamageCases()) {
     SCOPED_TRACE(c.what);
-    morvotest::TempRoot root;
+    TempRoot root;
     c.deal(RingPath(root, "morvo_main"));
     ASSERT_FALSE(HasFatalFailure());
     int reports = 0, end = 0;
@@ -202,8 +175,7 @@ TEST(LogStoreCorruptTest, AReaderSkipsDamagedRecordsSayingSoOncePerStretch) {
   }
 }
 
-TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
   // Three records of 28 + 100 bytes: the head is at 384.
   std::string text(100 - 5, 'p');
   for (int i = 0; i < 3; ++i) ASSERT_GT(Log(LOG_ID_CRASH, text, "pp"), 0);
@@ -220,10 +192,9 @@ TEST(LogStoreCorruptTest, ScribbledPositionsGiveErrorsNotGarbage) {
   EXPECT_EQ(Strings{"again"}, MessagesOf({LOG_ID_CRASH}));
 }
 
-TEST(LogStoreCorruptTest, AnUnusableStoreFolderFailsOpenAndWrite) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, AnUnusableStoreFolderFailsOpenAndWrite) {
   std::string file = root.Under("/plain-file");
-  morvotest::WriteFile(file, "x");
+  WriteFile(file, "x");
   for (const std::string& store : {file + "/store", file}) {
     setenv(MORVO_LOG_STORE_ENV, store.c_str(), 1);
     EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN)) << store;
@@ -233,20 +204,18 @@ TEST(LogStoreCorruptTest, AnUnusableStoreFolderFailsOpenAndWrite) {
   std::string store = root.Under("/elsewhere/store");
   setenv(MORVO_LOG_STORE_ENV, store.c_str(), 1);
   EXPECT_GT(Log(LOG_ID_MAIN, "m"), 0);
-  EXPECT_EQ(0750u, morvotest::ModeOf(store) & 0777);
-  EXPECT_EQ(0640u, morvotest::ModeOf(store + "/morvo_main") & 0777);
+  EXPECT_EQ(0750u, ModeOf(store) & 0777);
+  EXPECT_EQ(0640u, ModeOf(store + "/morvo_main") & 0777);
   unsetenv(MORVO_LOG_STORE_ENV);
 }
 
-TEST(LogStoreCorruptTest, ADamagedSignalPageIsRenewed) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, ADamagedSignalPageIsRenewed) {
   ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
-  morvotest::WriteFile(RingPath(root, "morvo_signal"), RandomBytes(4096, 3));
+  WriteFile(RingPath(root, "morvo_signal"), RandomBytes(4096, 3));
   EXPECT_EQ(Strings{"m"}, MessagesOf({LOG_ID_MAIN}));
 }
 
-TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
   // Returning system's record, the reader looks whether a writer is inside empty main.
   ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
   ListPtr clearing = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
@@ -254,7 +223,7 @@ TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
   ASSERT_EQ(0, qd_logger_clear(qd_logger_open(clearing.get(), LOG_ID_MAIN)));
   ASSERT_GT(Log(LOG_ID_SYSTEM, "s"), 0);
   std::string path = RingPath(root, "morvo_main");
-  const std::string sound = morvotest::ReadFile(path);
+  const std::string sound = ReadFile(path);
   // Over the lock's kind, this word once made the C library abort inside a trylock.
   for (size_t offset = 0; offset < 256; offset += 4) {
     Patch(path, offset, BytesOf<uint32_t>(0x8be66d43));
@@ -266,7 +235,7 @@ TEST(LogStoreCorruptTest, AWildWordAnywhereInTheRingHeaderNeverCrashesAReader) {
     EXPECT_TRUE(end == -EAGAIN || end == -EIO || end == -EINVAL) << offset << ": " << end;
     EXPECT_LE(records.size(), 2u) << offset;
     for (const Record& r : records) EXPECT_EQ("t", r.tag) << offset;
-    morvotest::WriteFile(path, sound);
+    WriteFile(path, sound);
   }
 }
 
@@ -287,10 +256,10 @@ const WildMarks kWildMarks[] = {
 };
 // clang-format on
 
-TEST(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
+TEST_F(LogStoreCorruptTest, WildMarksNeverChangeWhatATailReads) {
   for (const WildMarks& c : kWildMarks) {
     SCOPED_TRACE(c.what);
-    morvotest::TempRoot root;
+    TempRoot root;
     WriteSized(65536, 60, 0, 900);
     ListPtr all = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
     ASSERT_TRUE(all);
@@ -327,24 +296,22 @@ int ScribbleTheLockThenReadAndWrite(const std::string& path, unsigned seed) {
   ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
   if (!list || ReadAll(list.get()).size() != 3) return 4;
   if (Log(LOG_ID_MAIN, "after") <= 0) return 5;
-  return morvotest::Messages(ReadAll(list.get())) == Strings{"after"} ? 0 : 6;
+  return Messages(ReadAll(list.get())) == Strings{"after"} ? 0 : 6;
 }
 
-TEST(LogStoreCorruptTest, RandomBytesOverTheLockNeitherCrashNorHangReadersOrWriters) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, RandomBytesOverTheLockNeitherCrashNorHangReadersOrWriters) {
   std::string path = RingPath(root, "morvo_main");
   for (unsigned seed = 1; seed <= 16; ++seed) {
     unlink(path.c_str());
-    pid_t child = morvotest::RunChild([&path, seed] {
+    pid_t child = RunChild([&path, seed] {
       alarm(20);
       return ScribbleTheLockThenReadAndWrite(path, seed);
     });
-    EXPECT_EQ(0, morvotest::WaitChild(child)) << "seed " << seed;
+    EXPECT_EQ(0, WaitChild(child)) << "seed " << seed;
   }
 }
 
-TEST(LogStoreCorruptTest, ARingMarkedRetiredInPlaceIsRenewedWithItsRecords) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreCorruptTest, ARingMarkedRetiredInPlaceIsRenewedWithItsRecords) {
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "kept"));
   std::string path = RingPath(root, "morvo_main");
   Patch(path, platform::kRingRetiredOffset, BytesOf<uint32_t>(1));
@@ -367,27 +334,28 @@ const RingSwap kRingSwaps[] = {
     {"a symbolic link", [](Str r, Str v) { return unlink(r.c_str()) == 0 && symlink(v.c_str(), r.c_str()) == 0; }},
     {"a hard link", [](Str r, Str v) { return unlink(r.c_str()) == 0 && link(v.c_str(), r.c_str()) == 0; }},
     {"a FIFO", [](Str r, Str) { return unlink(r.c_str()) == 0 && mkfifo(r.c_str(), 0640) == 0; }},
-    {"owned by uid 65534", [](Str r, Str) { return chown(r.c_str(), morvotest::kNobody, morvotest::kNobody) == 0; }},
+    {"owned by uid 65534", [](Str r, Str) { return chown(r.c_str(), kNobody, kNobody) == 0; }},
     {"world-writable", [](Str r, Str) { return chmod(r.c_str(), 0646) == 0; }},
 };
 // clang-format on
 
-TEST(LogStoreCorruptTest, ARingThatIsALinkNotAFileOrForeignIsRefusedAndLeftAlone) {
+TEST_F(LogStoreCorruptTest, ARingThatIsALinkNotAFileOrForeignIsRefusedAndLeftAlone) {
   for (const RingSwap& swap : kRingSwaps) {
     SCOPED_TRACE(swap.what);
-    morvotest::TempRoot root;
+    TempRoot root;
     ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m"));
     std::string ring = RingPath(root, "morvo_main");
     // A sound ring: only the checks of the name keep writers out of it.
     std::string victim = root.Under("/victim");
-    const std::string sound = morvotest::ReadFile(ring);
-    morvotest::WriteFile(victim, sound);
+    const std::string sound = ReadFile(ring);
+    WriteFile(victim, sound);
     ASSERT_EQ(0, chmod(victim.c_str(), 0640));
     ASSERT_TRUE(swap.apply(ring, victim));
     EXPECT_FALSE(WriteInChild(LOG_ID_MAIN, "into the victim"));
     EXPECT_FALSE(OpensAsReader(LOG_ID_MAIN));
-    EXPECT_TRUE(morvotest::ReadFile(victim) == sound);
+    EXPECT_TRUE(ReadFile(victim) == sound);
   }
 }
 
 }  // namespace
+}  // namespace morvotest

@@ -1,47 +1,24 @@
 #include <errno.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <map>
-#include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "platform/log_ring.h"
-#include "platform/logger.h"
-#include "support/temp_root.h"
 #include "tests/platform/log_store_support.h"
 
+namespace morvotest {
 namespace {
 
-using morvotest::Gate;
-using morvotest::kDrain;
-using morvotest::ListPtr;
-using morvotest::Log;
-using morvotest::Messages;
-using morvotest::MessagesOf;
-using morvotest::OpenList;
-using morvotest::ReadAll;
-using morvotest::Record;
-using morvotest::RunChild;
-using morvotest::SetRingSize;
-using morvotest::WaitChild;
-using morvotest::WriteInChild;
-using Strings = std::vector<std::string>;
+using LogStoreProcessTest = StoreTest;
 
 // The losers of the race to make the store take the winner's ring rather than replace it.
-TEST(LogStoreProcessTest, ProcessesMakingTheStoreAtOnceShareOneRing) {
+TEST_F(LogStoreProcessTest, ProcessesMakingTheStoreAtOnceShareOneRing) {
   constexpr int kWriters = 6;
   for (int round = 0; round < 10; ++round) {
-    morvotest::TempRoot root;
+    TempRoot root;
     int start[2];
     ASSERT_EQ(0, pipe(start));
     std::vector<pid_t> writers;
@@ -64,8 +41,7 @@ TEST(LogStoreProcessTest, ProcessesMakingTheStoreAtOnceShareOneRing) {
 // The length and letter depend on n, so a record pieced together from two is caught.
 std::string RaceText(int n) { return std::to_string(n) + ":" + std::string(n % 300, 'a' + n % 26); }
 
-TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
   constexpr int kRecords = 60000;
   ListPtr list = OpenList(0, 0, 0, {LOG_ID_RADIO});
   ASSERT_TRUE(list);
@@ -79,7 +55,7 @@ TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
   int last = -1;
   qd_log_msg msg;
   while (last < kRecords - 1 && qd_logger_list_read(list.get(), &msg) > 0) {
-    Record r = morvotest::Parse(msg);
+    Record r = Parse(msg);
     int n = atoi(r.message.c_str());
     ASSERT_EQ(RaceText(n), r.message);
     ASSERT_EQ("race", r.tag);
@@ -90,8 +66,7 @@ TEST(LogStoreProcessTest, AReaderRacingTheRingNeverSeesATornRecord) {
   EXPECT_EQ(0, WaitChild(writer));
 }
 
-TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
   constexpr long kRing = 16384;
   ASSERT_TRUE(SetRingSize(LOG_ID_KERNEL, kRing));
   Gate gate;
@@ -115,10 +90,8 @@ TEST(LogStoreProcessTest, WrapModeWaitsUntilTheRingIsAboutToWrapThenDrains) {
   EXPECT_EQ(0, WaitChild(reader));
 }
 
-TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
-  morvotest::TempRoot root;
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
+TEST_F(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
+  ASSERT_TRUE(OpenMain());
   qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
   for (int i = 0; i < 5; ++i) ASSERT_EQ(5, Log(LOG_ID_MAIN, std::to_string(i)));
   Gate gate;
@@ -129,7 +102,7 @@ TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
     gate.Open();
     qd_log_msg msg;
     while (seen.size() < 6 && qd_logger_list_read(mine.get(), &msg) > 0) {
-      seen.push_back(morvotest::Parse(msg).message);
+      seen.push_back(Parse(msg).message);
     }
     return seen.size() == 6 && seen.back() == "after resize" ? 0 : 3;
   });
@@ -149,8 +122,7 @@ TEST(LogStoreProcessTest, SetSizeAndClearInOneProcessAreSeenByTheOthers) {
   EXPECT_TRUE(MessagesOf({LOG_ID_MAIN}).empty());
 }
 
-TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) {
   for (int round = 0; round < 10; ++round) {
     pid_t writer = fork();
     if (writer == 0) {
@@ -163,8 +135,7 @@ TEST(LogStoreProcessTest, AWriterKilledWhileWritingLeavesNoLockAndNoTornRecord) 
     ASSERT_GT(Log(LOG_ID_MAIN, alive), 0) << round;
     EXPECT_EQ(Strings{alive}, MessagesOf({LOG_ID_MAIN}, 1));
   }
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
+  ASSERT_TRUE(OpenMain());
   int end = 0;
   std::vector<Record> records = ReadAll(list.get(), &end);
   EXPECT_EQ(-EAGAIN, end);
@@ -198,8 +169,7 @@ bool HoldsAnAddress(const std::string& bytes) {
   return false;
 }
 
-TEST(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRecord) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRecord) {
   ASSERT_GT(Log(LOG_ID_MAIN, "first"), 0);
   pid_t stopped = RunChild([] {
     platform::SetLockHeldHook([] {
@@ -211,13 +181,12 @@ TEST(LogStoreProcessTest, AWriterStoppedHoldingTheLockCostsOthersOneWaitAndNoRec
   int status = 0;
   ASSERT_EQ(stopped, waitpid(stopped, &status, WUNTRACED));
   ASSERT_TRUE(WIFSTOPPED(status));
-  std::string header = morvotest::ReadFile(morvotest::RingPath(root, "morvo_main")).substr(0, 4096);
+  std::string header = ReadFile(RingPath(root, "morvo_main")).substr(0, 4096);
   EXPECT_FALSE(HoldsAnAddress(header)) << "the ring header leaks an address of its writer";
   uint64_t waits = platform::LockWaits();
   for (int i = 0; i < 5; ++i) EXPECT_GT(Log(LOG_ID_MAIN, std::to_string(i)), 0) << i;
   EXPECT_EQ(1u, platform::LockWaits() - waits);
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
+  ASSERT_TRUE(OpenMain());
   EXPECT_EQ(Strings{"first"}, Messages(ReadAll(list.get())));
   kill(stopped, SIGCONT);
   EXPECT_EQ(0, WaitChild(stopped));
@@ -230,14 +199,14 @@ void KillAtStep(platform::ResizeStep step) {
   if (step == gKillAt) raise(SIGKILL);
 }
 
-TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord) {
+TEST_F(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord) {
   struct {
     platform::ResizeStep step;
     long size;  // of the buffer afterwards
   } cases[] = {{platform::kResizeMarked, QD_LOGGER_DEFAULT_RING_SIZE},
                {platform::kResizePublished, 65536}};
   for (const auto& c : cases) {
-    morvotest::TempRoot root;
+    TempRoot root;
     for (int i = 0; i < 3; ++i) ASSERT_GT(Log(LOG_ID_MAIN, "before"), 0);
     ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
     ASSERT_TRUE(list);
@@ -260,16 +229,13 @@ TEST(LogStoreProcessTest, AResizeKilledMidwayIsUndoneOrCompletedAndLosesNoRecord
 }
 
 // A file planted in the store folder under a temporary name.
-struct Leftover {
-  const char* what;
-  const char* name;  // "%d", when there, takes the pid
-  bool live;         // named after a live process rather than a dead one
-  bool (*make)(const std::string& path, const std::string& victim);
-  bool swept;
-};
+// "%d", when there, takes the pid; named after a live process rather than a dead one
+// clang-format off
+struct Leftover { const char* what; const char* name; bool live; bool (*make)(const std::string& path, const std::string& victim); bool swept; };
+// clang-format on
 
 bool PlainFile(const std::string& path, const std::string&) {
-  morvotest::WriteFile(path, std::string(8192, 't'));
+  WriteFile(path, std::string(8192, 't'));
   return chmod(path.c_str(), 0640) == 0;
 }
 
@@ -281,7 +247,7 @@ const Leftover kLeftovers[] = {
     {"the signal page's, of a dead writer", "morvo_signal.tmp.%d.3", false, PlainFile, true},
     {"of a live process", "morvo_main.tmp.%d.1", true, PlainFile, false},
     {"owned by another user", "morvo_radio.tmp.%d.2", false,
-     [](Str p, Str v) { return PlainFile(p, v) && chown(p.c_str(), morvotest::kNobody, 0) == 0; }, false},
+     [](Str p, Str v) { return PlainFile(p, v) && chown(p.c_str(), kNobody, 0) == 0; }, false},
     {"a symbolic link", "morvo_system.tmp.%d.4", false,
      [](Str p, Str v) { return symlink(v.c_str(), p.c_str()) == 0; }, false},
     {"a hard link", "morvo_crash.tmp.%d.5", false,
@@ -294,18 +260,17 @@ const Leftover kLeftovers[] = {
 };
 // clang-format on
 
-TEST(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly) {
   ASSERT_TRUE(WriteInChild(LOG_ID_MAIN, "m"));
   pid_t dead = RunChild([] { return 0; });
   ASSERT_EQ(0, WaitChild(dead));
   std::string victim = root.Under("/victim");
-  morvotest::WriteFile(victim, "victim");
+  WriteFile(victim, "victim");
   std::vector<std::string> paths;
   for (const Leftover& leftover : kLeftovers) {
     char name[64];
     snprintf(name, sizeof(name), leftover.name, leftover.live ? getpid() : dead);
-    paths.push_back(morvotest::RingPath(root, name));
+    paths.push_back(RingPath(root, name));
     ASSERT_TRUE(leftover.make(paths.back(), victim)) << leftover.what;
   }
   ASSERT_TRUE(OpenList(kDrain, 0, 0, {LOG_ID_MAIN}));
@@ -313,11 +278,10 @@ TEST(LogStoreProcessTest, OpeningTheStoreSweepsTheTemporariesOfDeadProcessesOnly
     struct stat st;
     EXPECT_EQ(!kLeftovers[i].swept, lstat(paths[i].c_str(), &st) == 0) << kLeftovers[i].what;
   }
-  EXPECT_EQ("victim", morvotest::ReadFile(victim));
+  EXPECT_EQ("victim", ReadFile(victim));
 }
 
-TEST(LogStoreProcessTest, ThreadsWriteTogetherAndForkingWhileTheyWriteIsSafe) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreProcessTest, ThreadsWriteTogetherAndForkingWhileTheyWriteIsSafe) {
   constexpr int kThreads = 3, kPerThread = 4000;
   ASSERT_TRUE(SetRingSize(LOG_ID_EVENTS, 4 << 20));
   std::vector<std::thread> threads;
@@ -366,7 +330,7 @@ int Shell(const std::string& command) {
 
 TEST(MorvoLogToolTest, WritesArgumentsOrOneRecordPerLineAndRefusesBadOptions) {
   if (Tool().empty()) GTEST_SKIP() << "MORVO_BIN_DIR is not set";
-  morvotest::TempRoot root;
+  TempRoot root;
   ASSERT_EQ(0, Shell(Tool() + " -b morvo_system -p E -t mytag a  message 'in words'"));
   ASSERT_EQ(0, Shell("printf 'one\\ntwo\\n\\nlast' | " + Tool() + " -b morvo_system"));
   ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_SYSTEM});
@@ -388,7 +352,8 @@ TEST(MorvoLogToolTest, WritesArgumentsOrOneRecordPerLineAndRefusesBadOptions) {
   EXPECT_EQ(0, Shell(Tool() + " -p V x"));
   std::string usage = root.Under("/usage");
   Shell(Tool() + " -z 2>" + usage);
-  EXPECT_NE(std::string::npos, morvotest::ReadFile(usage).find("usage: morvo-log"));
+  EXPECT_NE(std::string::npos, ReadFile(usage).find("usage: morvo-log"));
 }
 
 }  // namespace
+}  // namespace morvotest

@@ -50,6 +50,7 @@ struct ListDeleter {
   void operator()(qd_logger_list* list) const { qd_logger_list_free(list); }
 };
 using ListPtr = std::unique_ptr<qd_logger_list, ListDeleter>;
+using Strings = std::vector<std::string>;
 
 inline ListPtr OpenList(int mode, unsigned int tail, pid_t pid, std::vector<log_id_t> ids) {
   ListPtr list(qd_logger_list_alloc(mode, tail, pid));
@@ -124,6 +125,13 @@ inline bool WriteInChild(log_id_t id, const char* message) {
   return WaitChild(RunChild([id, message] { return Log(id, message) > 0 ? 0 : 1; })) == 0;
 }
 
+// Each store test runs under its own root; list is main's, once OpenMain made it.
+struct StoreTest : ::testing::Test {
+  bool OpenMain() { return (list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN})) != nullptr; }
+  TempRoot root;
+  ListPtr list;
+};
+
 struct Gate {
   int fds[2] = {-1, -1};
   Gate() {
@@ -153,19 +161,6 @@ inline void OpenTheWayToStore(const TempRoot& root) {
   chmod(root.path().c_str(), 0755);
   chmod(root.Under("/dev").c_str(), 0755);
   chmod(root.Under("/dev/shm").c_str(), 01777);
-}
-
-// A shell command's exit status as kNobody; -1 when setpriv cannot drop to it here.
-inline int RunAsNobody(const std::string& command) {
-  if (system("setpriv --reuid=65534 --regid=65534 --clear-groups true 2>/dev/null") != 0) {
-    return -1;
-  }
-  int status = system(("setpriv --reuid=65534 --regid=65534 --clear-groups " + command).c_str());
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-inline bool BecomeNobody(gid_t gid) {
-  return setgroups(0, nullptr) == 0 && setgid(gid) == 0 && setuid(kNobody) == 0;
 }
 
 }  // namespace morvotest

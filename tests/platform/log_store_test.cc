@@ -1,30 +1,16 @@
 #include <errno.h>
-#include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <unistd.h>
 
 #include <iostream>
-#include <string>
-#include <vector>
 
 #include "platform/log_format.h"
-#include "platform/logger.h"
 #include "tests/platform/log_store_support.h"
 
+namespace morvotest {
 namespace {
 
-using morvotest::kDrain;
-using morvotest::kNobody;
-using morvotest::ListPtr;
-using morvotest::Log;
-using morvotest::MessagesOf;
-using morvotest::OpenList;
-using morvotest::ReadAll;
-using morvotest::Record;
-using morvotest::RunChild;
-using morvotest::WaitChild;
-using Strings = std::vector<std::string>;
+using LogStoreTest = StoreTest;
+using LogStoreTrustTest = StoreTest;
 
 TEST(LogIdsTest, NamesAndIdsRoundTripAndUnknownsAreRefused) {
   const char* names[] = {"morvo_main",  "morvo_radio", "morvo_events",   "morvo_system",
@@ -40,12 +26,10 @@ TEST(LogIdsTest, NamesAndIdsRoundTripAndUnknownsAreRefused) {
   EXPECT_STREQ("", qdlogging_log_id_to_name(static_cast<log_id_t>(-1)));
 }
 
-TEST(LogStoreTest, RecordsComeBackWholeWithTheWritersIds) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTest, RecordsComeBackWholeWithTheWritersIds) {
   ASSERT_EQ(13, qd_log_write(LOG_ID_MAIN, QD_LOG_WARN, "tag", "message"));
   ASSERT_EQ(3, qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, nullptr, nullptr));
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
+  ASSERT_TRUE(OpenMain());
   qd_log_msg msg;
   ASSERT_EQ(28 + 13, qd_logger_list_read(list.get(), &msg));
   EXPECT_EQ(28, msg.entry.hdr_size);
@@ -57,22 +41,20 @@ TEST(LogStoreTest, RecordsComeBackWholeWithTheWritersIds) {
   EXPECT_NEAR(time(nullptr), msg.entry.sec, 5);
   EXPECT_EQ(0, memcmp(msg.buf + 28, "\x05tag\0message\0", 13));
   ASSERT_EQ(28 + 3, qd_logger_list_read(list.get(), &msg));
-  Record empty = morvotest::Parse(msg);
+  Record empty = Parse(msg);
   EXPECT_EQ("", empty.tag + empty.message);
   EXPECT_EQ(-EAGAIN, qd_logger_list_read(list.get(), &msg));
-  EXPECT_TRUE(morvotest::Exists(root.Under(MORVO_LOG_STORE_DIR "/morvo_main")));
+  EXPECT_TRUE(Exists(root.Under(MORVO_LOG_STORE_DIR "/morvo_main")));
 }
 
-TEST(LogStoreTest, WritesAreCheckedAndOverlongTextIsCutToThePayload) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTest, WritesAreCheckedAndOverlongTextIsCutToThePayload) {
   EXPECT_EQ(-EINVAL, qd_log_write(LOG_ID_MAX, QD_LOG_INFO, "t", "m"));
   EXPECT_EQ(-EINVAL, qd_log_write(-1, QD_LOG_INFO, "t", "m"));
   EXPECT_EQ(-EINVAL, qd_log_write(LOG_ID_MAIN, 9, "t", "m"));
   std::string longText(6000, 'x');
   EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD, Log(LOG_ID_MAIN, longText, "tag"));
   EXPECT_EQ(QD_LOGGER_ENTRY_MAX_PAYLOAD, Log(LOG_ID_MAIN, "m", longText.c_str()));
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
+  ASSERT_TRUE(OpenMain());
   std::vector<Record> records = ReadAll(list.get());
   ASSERT_EQ(2u, records.size());
   EXPECT_EQ(std::string(QD_LOGGER_ENTRY_MAX_PAYLOAD - 6, 'x'), records[0].message);
@@ -80,8 +62,7 @@ TEST(LogStoreTest, WritesAreCheckedAndOverlongTextIsCutToThePayload) {
   EXPECT_EQ("", records[1].message);
 }
 
-TEST(LogStoreTest, OpenRefusesBadIdsAndReadNeedsAnOpenBuffer) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTest, OpenRefusesBadIdsAndReadNeedsAnOpenBuffer) {
   ListPtr list(qd_logger_list_alloc(kDrain, 0, 0));
   ASSERT_TRUE(list);
   qd_log_msg msg;
@@ -103,7 +84,7 @@ struct MidRead {
   bool (*happen)();
 };
 
-bool ResizeSystem() { return morvotest::SetRingSize(LOG_ID_SYSTEM, 65536); }
+bool ResizeSystem() { return SetRingSize(LOG_ID_SYSTEM, 65536); }
 
 const MidRead kMidReads[] = {
     {"a record", [] { return true; }},
@@ -112,10 +93,10 @@ const MidRead kMidReads[] = {
      [] { return WaitChild(RunChild([] { return ResizeSystem() ? 0 : 1; })) == 0; }},
 };
 
-TEST(LogStoreTest, AQuietBufferThatGetsARecordMidReadIsMergedInTimeOrder) {
+TEST_F(LogStoreTest, AQuietBufferThatGetsARecordMidReadIsMergedInTimeOrder) {
   for (const MidRead& c : kMidReads) {
     SCOPED_TRACE(c.what);
-    morvotest::TempRoot root;
+    TempRoot root;
     for (int i = 0; i < 4; ++i) ASSERT_GT(Log(LOG_ID_MAIN, std::to_string(i)), 0);
     ASSERT_GT(Log(LOG_ID_CRASH, "crash"), 0);
     ASSERT_GT(Log(LOG_ID_RADIO, "radio is not open"), 0);
@@ -123,35 +104,33 @@ TEST(LogStoreTest, AQuietBufferThatGetsARecordMidReadIsMergedInTimeOrder) {
     ASSERT_TRUE(list);
     qd_log_msg msg;
     ASSERT_GT(qd_logger_list_read(list.get(), &msg), 0);
-    EXPECT_EQ("0", morvotest::Parse(msg).message);
+    EXPECT_EQ("0", Parse(msg).message);
     ASSERT_TRUE(c.happen());
     ASSERT_GT(Log(LOG_ID_SYSTEM, "system"), 0);
     ASSERT_GT(Log(LOG_ID_MAIN, "4"), 0);
     int end = 0;
     std::vector<Record> records = ReadAll(list.get(), &end);
     EXPECT_EQ(-EAGAIN, end);
-    ASSERT_EQ((Strings{"1", "2", "3", "crash", "system", "4"}), morvotest::Messages(records));
+    ASSERT_EQ((Strings{"1", "2", "3", "crash", "system", "4"}), Messages(records));
     EXPECT_EQ(LOG_ID_SYSTEM, log_id_t(records[4].lid));
     ASSERT_GT(Log(LOG_ID_CRASH, "crash again"), 0);
-    EXPECT_EQ(Strings{"crash again"}, morvotest::Messages(ReadAll(list.get())));
+    EXPECT_EQ(Strings{"crash again"}, Messages(ReadAll(list.get())));
   }
 }
 
-TEST(LogStoreTest, TailTakesTheLastRecordsAcrossBuffersThenFollows) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTest, TailTakesTheLastRecordsAcrossBuffersThenFollows) {
   for (int i = 0; i < 10; ++i) {
     ASSERT_GT(Log(i % 3 == 0 ? LOG_ID_SYSTEM : LOG_ID_MAIN, std::to_string(i)), 0);
   }
   ListPtr list = OpenList(kDrain, 4, 0, {LOG_ID_MAIN, LOG_ID_SYSTEM});
   ASSERT_TRUE(list);
-  EXPECT_EQ((Strings{"6", "7", "8", "9"}), morvotest::Messages(ReadAll(list.get())));
+  EXPECT_EQ((Strings{"6", "7", "8", "9"}), Messages(ReadAll(list.get())));
   EXPECT_EQ(10u, MessagesOf({LOG_ID_MAIN, LOG_ID_SYSTEM}, 100).size());
   ASSERT_GT(Log(LOG_ID_MAIN, "later"), 0);
-  EXPECT_EQ(Strings{"later"}, morvotest::Messages(ReadAll(list.get())));
+  EXPECT_EQ(Strings{"later"}, Messages(ReadAll(list.get())));
 }
 
-TEST(LogStoreTest, PidFilterKeepsOnlyThatProcessesRecordsAlsoInTheTail) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTest, PidFilterKeepsOnlyThatProcessesRecordsAlsoInTheTail) {
   ASSERT_GT(Log(LOG_ID_MAIN, "parent before"), 0);
   pid_t child = RunChild([] {
     for (int i = 0; i < 3; ++i) {
@@ -168,14 +147,12 @@ TEST(LogStoreTest, PidFilterKeepsOnlyThatProcessesRecordsAlsoInTheTail) {
     for (const Record& r : records) EXPECT_EQ(child, r.pid);
     Strings expected = {"child 0", "child 1", "child 2"};
     if (tail != 0) expected.erase(expected.begin());
-    EXPECT_EQ(expected, morvotest::Messages(records)) << tail;
+    EXPECT_EQ(expected, Messages(records)) << tail;
   }
 }
 
-TEST(LogStoreTest, SetSizeIsCheckedAndKeepsTheNewestRecordsThatFit) {
-  morvotest::TempRoot root;
-  ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
-  ASSERT_TRUE(list);
+TEST_F(LogStoreTest, SetSizeIsCheckedAndKeepsTheNewestRecordsThatFit) {
+  ASSERT_TRUE(OpenMain());
   qd_logger* main = qd_logger_open(list.get(), LOG_ID_MAIN);
   EXPECT_EQ(-EINVAL, qd_logger_set_log_size(main, 4095));
   EXPECT_EQ(-EINVAL, qd_logger_set_log_size(main, 512UL * 1024 * 1024));
@@ -195,8 +172,7 @@ TEST(LogStoreTest, SetSizeIsCheckedAndKeepsTheNewestRecordsThatFit) {
   }
 }
 
-TEST(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
   ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_RADIO});
   ASSERT_TRUE(list);
   ASSERT_EQ(0, qd_logger_set_log_size(qd_logger_open(list.get(), LOG_ID_RADIO), 4096));
@@ -219,36 +195,30 @@ TEST(LogStoreTest, RingDropsTheOldestRecordsWholeAndSlowReadersSkipForward) {
 }
 
 // Made by root with mode, or by prepare, false when the machine cannot run the case.
-struct StoreCase {
-  const char* what;
-  bool accepted;
-  mode_t mode;
-  bool (*prepare)(const std::string& store, const std::string& elsewhere);
-};
-
 // clang-format off
+struct StoreCase { const char* what; bool accepted; mode_t mode; bool (*prepare)(const std::string& store, const std::string& elsewhere); };
 const StoreCase kStoreCases[] = {
     {"made by root 0755", true, 0755, nullptr},
     {"setgid for its group of readers", true, 02750, nullptr},
     {"world-writable", false, 01777, nullptr},
     {"group-writable", false, 0770, nullptr},
     {"made first by uid 65534", false, 0, [](const std::string& store, const std::string&) {
-       return morvotest::RunAsNobody("mkdir -m 0755 " + store) == 0; }},
+       return system(("setpriv --reuid=65534 --regid=65534 --clear-groups mkdir -m 0755 " + store).c_str()) == 0; }},
     {"a link to a sound folder", false, 0, [](const std::string& store, const std::string& other) {
        return mkdir(other.c_str(), 0750) == 0 && symlink(other.c_str(), store.c_str()) == 0; }},
 };
 // clang-format on
 
 bool FolderHasRings(const std::string& folder) {
-  return morvotest::Exists(folder + "/morvo_main") || morvotest::Exists(folder + "/morvo_signal");
+  return Exists(folder + "/morvo_main") || Exists(folder + "/morvo_signal");
 }
 
-TEST(LogStoreTrustTest, AStoreFolderOfAnotherUserWritableByOthersOrALinkIsRefused) {
+TEST_F(LogStoreTrustTest, AStoreFolderOfAnotherUserWritableByOthersOrALinkIsRefused) {
   for (const StoreCase& c : kStoreCases) {
     SCOPED_TRACE(c.what);
-    morvotest::TempRoot root;
-    morvotest::OpenTheWayToStore(root);
-    std::string store = morvotest::StorePath(root), elsewhere = root.Under("/elsewhere");
+    TempRoot root;
+    OpenTheWayToStore(root);
+    std::string store = StorePath(root), elsewhere = root.Under("/elsewhere");
     if (c.prepare != nullptr ? !c.prepare(store, elsewhere)
                              : mkdir(store.c_str(), 0700) != 0 || chmod(store.c_str(), c.mode)) {
       std::cout << "skipped: " << c.what << " (cannot run as uid 65534 here)\n";
@@ -260,18 +230,17 @@ TEST(LogStoreTrustTest, AStoreFolderOfAnotherUserWritableByOthersOrALinkIsRefuse
   }
 }
 
-TEST(LogStoreTrustTest, TheStoreFolderAndItsFilesAreClosedToOtherUsers) {
-  morvotest::TempRoot root;
+TEST_F(LogStoreTrustTest, TheStoreFolderAndItsFilesAreClosedToOtherUsers) {
   mode_t old = umask(0);
   ASSERT_GT(Log(LOG_ID_MAIN, "m"), 0);
   ASSERT_TRUE(OpenList(kDrain, 0, 0, {LOG_ID_MAIN, LOG_ID_CRASH}));
   umask(old);
-  std::string store = morvotest::StorePath(root);
+  std::string store = StorePath(root);
   struct stat st;
   ASSERT_EQ(0, stat(store.c_str(), &st));
   EXPECT_EQ(0750u, st.st_mode & 07777);
   // Readers of the group may ask for wake-ups in the signal page, which holds no record.
-  Strings names = morvotest::Entries(store);
+  Strings names = Entries(store);
   EXPECT_EQ((Strings{"morvo_crash", "morvo_main", "morvo_signal"}), names);
   for (const std::string& name : names) {
     ASSERT_EQ(0, stat((store + "/" + name).c_str(), &st));
@@ -279,9 +248,8 @@ TEST(LogStoreTrustTest, TheStoreFolderAndItsFilesAreClosedToOtherUsers) {
   }
 }
 
-TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
-  morvotest::TempRoot root;
-  morvotest::OpenTheWayToStore(root);
+TEST_F(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
+  OpenTheWayToStore(root);
   // From a child: the reader below must not inherit a writable mapping.
   pid_t writer = RunChild([] {
     for (int i = 0; i < 3; ++i) {
@@ -291,14 +259,14 @@ TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
   });
   ASSERT_EQ(0, WaitChild(writer));
   // The store's group may read, and not write even the signal page.
-  std::string store = morvotest::StorePath(root);
+  std::string store = StorePath(root);
   const gid_t group = kNobody;
   for (const char* name : {"", "/morvo_main", "/morvo_signal"}) {
     ASSERT_EQ(0, chown((store + name).c_str(), 0, group)) << name;
   }
   ASSERT_EQ(0, chmod((store + "/morvo_signal").c_str(), 0640));
   pid_t reader = RunChild([group] {
-    if (!morvotest::BecomeNobody(group)) return 10;
+    if (setgroups(0, nullptr) != 0 || setgid(group) != 0 || setuid(kNobody) != 0) return 10;
     ListPtr list = OpenList(kDrain, 0, 0, {LOG_ID_MAIN});
     if (!list) return 2;
     int end = 0;
@@ -310,12 +278,10 @@ TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
     ListPtr blocking = OpenList(0, 1, 0, {LOG_ID_MAIN});
     qd_log_msg msg;
     if (!blocking || qd_logger_list_read(blocking.get(), &msg) <= 0) return 6;
-    return qd_logger_list_read(blocking.get(), &msg) > 0 && morvotest::Parse(msg).message == "late"
-               ? 0
-               : 7;
+    return qd_logger_list_read(blocking.get(), &msg) > 0 && Parse(msg).message == "late" ? 0 : 7;
   });
   usleep(300 * 1000);
-  EXPECT_TRUE(morvotest::WriteInChild(LOG_ID_MAIN, "late"));
+  EXPECT_TRUE(WriteInChild(LOG_ID_MAIN, "late"));
   int status = WaitChild(reader);
   if (status == 10) GTEST_SKIP() << "cannot become uid 65534 here";
   EXPECT_EQ(0, status);
@@ -323,3 +289,4 @@ TEST(LogStoreTrustTest, AReaderNeedsOnlyReadPermission) {
 }
 
 }  // namespace
+}  // namespace morvotest

@@ -23,12 +23,8 @@
 #include "support/log_set.h"
 #include "support/temp_root.h"
 
+namespace morvotest {
 namespace {
-
-using morvotest::ReadFile;
-using morvotest::SetFiles;
-using morvotest::TempRoot;
-using morvotest::Within;
 
 struct ScopedBound {
   explicit ScopedBound(const char* value) {
@@ -166,9 +162,7 @@ TEST_F(TavoFlushTest, AQuietWritersRecordsReachItsFileWithinTheBound) {
         qd_log_write(LOG_ID_MAIN, QD_LOG_INFO, "quiet", ("seq " + std::to_string(i)).c_str());
       }
     }
-    auto holdsAll = [&] {
-      return morvotest::Holds(morvotest::Sequence(TextOf(CopyOf(dir_, c.name))), 0, kRecords);
-    };
+    auto holdsAll = [&] { return Holds(Sequence(TextOf(CopyOf(dir_, c.name))), 0, kRecords); };
     if (c.flushed) {
       EXPECT_TRUE(Within(15, holdsAll));
     } else {
@@ -216,13 +210,13 @@ TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBou
     std::vector<long> numbers;
     for (const Decoded& d : copy) {
       ASSERT_TRUE(d.whole) << "copy " << copies;
-      std::vector<long> part = morvotest::Sequence(d.text);
+      std::vector<long> part = Sequence(d.text);
       for (size_t i = 1; i < part.size(); i++) ASSERT_EQ(part[i - 1] + 1, part[i]);
       numbers.insert(numbers.end(), part.begin(), part.end());
     }
     ASSERT_EQ(std::string::npos, TextOf(copy).find("\n\n"));
     if (due > 0) checked++;
-    ASSERT_TRUE(morvotest::Holds(numbers, 0, due)) << "copy " << copies << " lacks some of " << due;
+    ASSERT_TRUE(Holds(numbers, 0, due)) << "copy " << copies << " lacks some of " << due;
     usleep(5 * 1000);
   }
   writer.join();
@@ -230,7 +224,7 @@ TEST_F(TavoFlushTest, ACopyTakenAtAnyInstantIsWholeAndHoldsWhatIsOlderThanTheBou
   EXPECT_GT(checked, 10) << "too few copies late enough to check the bound";
   std::vector<Decoded> last = CopyOf(dir_, "s");
   for (const Decoded& d : last) EXPECT_FALSE(d.truncated);
-  EXPECT_TRUE(morvotest::Holds(morvotest::Sequence(TextOf(last)), 0, written.load()));
+  EXPECT_TRUE(Holds(Sequence(TextOf(last)), 0, written.load()));
 }
 
 // Started with the first writer that has a file, joined when the last goes.
@@ -315,7 +309,7 @@ TEST_F(TavoFlushTest, AChildForkedWhileTheFlusherRunsWritesWithoutIt) {
     ASSERT_TRUE(ended) << "the child hung in round " << round;
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   }
-  std::vector<long> numbers = morvotest::Sequence(DecodeMembers(ReadFile(path)).text);
+  std::vector<long> numbers = Sequence(DecodeMembers(ReadFile(path)).text);
   EXPECT_EQ(20u, numbers.size());
 }
 
@@ -332,3 +326,4 @@ TEST(FlushBoundTest, TextGivesMillisecondsAndAnythingOddTheDefault) {
 }
 
 }  // namespace
+}  // namespace morvotest

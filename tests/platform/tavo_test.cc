@@ -23,17 +23,11 @@
 #include "support/temp_root.h"
 #include "tests/platform/log_store_support.h"
 
+namespace morvotest {
 namespace {
 
-using morvotest::BytesOf;
-using morvotest::Exists;
-using morvotest::Patch;
-using morvotest::RandomBytes;
-using morvotest::TempRoot;
-using morvotest::Zcat;
-
 std::string ReadBack(const std::string& path) {
-  std::string viaZlib = morvotest::Gunzip(path);
+  std::string viaZlib = Gunzip(path);
   EXPECT_EQ(viaZlib, Zcat(path)) << path;
   return viaZlib;
 }
@@ -52,7 +46,7 @@ std::string Records(int from, int to) {
 
 std::set<std::string> CacheFiles(const std::string& dir) {
   std::set<std::string> found;
-  for (const std::string& name : morvotest::Entries(dir)) {
+  for (const std::string& name : Entries(dir)) {
     if (name.find(".tavocache") != std::string::npos) found.insert(name);
   }
   return found;
@@ -64,16 +58,16 @@ constexpr char kSecret[] = "root's own\n";
 
 // Root's own, so that a writer cannot tell it from a file it may write.
 std::string MakeVictim(const std::string& path) {
-  EXPECT_FALSE(morvotest::Exists(path));
-  morvotest::WriteFile(path, kSecret);
+  EXPECT_FALSE(Exists(path));
+  WriteFile(path, kSecret);
   EXPECT_EQ(0, chmod(path.c_str(), 0600));
   return path;
 }
 
 void ExpectIntact(const std::string& victim) {
-  EXPECT_EQ(0600u, morvotest::NodeAt(victim).mode & 07777);
-  EXPECT_EQ(0u, morvotest::NodeAt(victim).uid);
-  EXPECT_EQ(kSecret, morvotest::ReadFile(victim));
+  EXPECT_EQ(0600u, NodeAt(victim).mode & 07777);
+  EXPECT_EQ(0u, NodeAt(victim).uid);
+  EXPECT_EQ(kSecret, ReadFile(victim));
 }
 
 bool Put(Tavo* t, const std::string& text) { return t->Write(text.data(), text.size()); }
@@ -120,13 +114,8 @@ TEST_F(TavoTest, SetOutputPathFlushesIntoTheOldFileAndCreatesTheNewOne) {
 }
 
 // The records written after the plant must go to the next file instead.
-struct OutputPlant {
-  const char* what;
-  void (*plant)(Path out, Path victim);
-  bool beforePath;
-};
-
 // clang-format off
+struct OutputPlant { const char* what; void (*plant)(Path out, Path victim); bool beforePath; };
 const OutputPlant kOutputPlants[] = {
     {"a link, before the path", [](Path out, Path v) { symlink(v.c_str(), out.c_str()); }, true},
     {"a link, between flushes", [](Path out, Path v) { symlink(v.c_str(), out.c_str()); }, false},
@@ -246,7 +235,7 @@ TEST_F(TavoTest, AFailedWriteOfTheOutputLeavesItValidAndKeepsTheDataForTheNextFl
 TEST_F(TavoTest, AFullDiskFailsTheFlushAndTheDataGoesToTheNextFile) {
   std::string small = root_.path() + "/small";
   ASSERT_EQ(0, mkdir(small.c_str(), 0775));
-  morvotest::SmallFs fs(small, 768);
+  SmallFs fs(small, 768);
   if (!fs.mounted()) GTEST_SKIP() << "cannot mount a small file system here";
   std::string out = small + "/x.I000.20261123-090000.gz";
   auto t = NewTavo(out);
@@ -272,7 +261,7 @@ void KillAtStage(platform::TavoFlushStage stage) {
 template <class Body>
 void RunKilled(Body body) {
   int status = -1;
-  pid_t pid = morvotest::RunChild([&] { return body(), 0; });
+  pid_t pid = RunChild([&] { return body(), 0; });
   ASSERT_TRUE(waitpid(pid, &status, 0) == pid && WIFSIGNALED(status) &&
               WTERMSIG(status) == SIGKILL);
 }
@@ -329,14 +318,9 @@ void AimAt(const std::string& cache, const std::string& victim) {
 }
 
 // At a restarted writer's cache name, maybe after a writer died holding records 0-29.
-struct CachePlant {
-  const char* what;
-  bool deadWriter;
-  void (*plant)(Path cache, Path first, Path victim);
-  int recovered;  // of those records, found at the start of the next file
-};
-
+// of those records, found at the start of the next file
 // clang-format off
+struct CachePlant { const char* what; bool deadWriter; void (*plant)(Path cache, Path first, Path victim); int recovered; };
 const CachePlant kCachePlants[] = {
     {"a dead writer's cache", true, [](Path, Path, Path) {}, 30},
     {"a dead writer's cache whose file is gone", true, [](Path, Path f, Path) { unlink(f.c_str()); }, 30},
@@ -388,7 +372,7 @@ TEST_F(TavoTest, OnlyTheWritersOwnCacheIsRecoveredAndOnlyIntoItsOwnFile) {
 TEST_F(TavoTest, AHeaderScribbledWhileTheWriterRunsIsNeverReadBack) {
   std::string cache = dir_ + "/.x.tavocache", victim = MakeVictim(dir_ + "-victim");
   const int kCount = 40000;  // several times the cache
-  int status = morvotest::WaitChild(morvotest::RunChild([&] {
+  int status = WaitChild(RunChild([&] {
     Tavo t;
     t.InitTavo();
     if (!t.SetOutputPath(File(0).c_str())) return 2;
@@ -408,3 +392,4 @@ TEST_F(TavoTest, AHeaderScribbledWhileTheWriterRunsIsNeverReadBack) {
 }
 
 }  // namespace
+}  // namespace morvotest
