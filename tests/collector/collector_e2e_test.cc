@@ -25,10 +25,6 @@ using e2etest::EndedBySigusr;
 using morvotest::ReadFile;
 using morvotest::WriteFile;
 
-std::string Unzipped(const std::string& dir, const std::string& base) {
-  return morvotest::CommandOutput("zcat " + dir + "/" + base + ".I*.gz 2>/dev/null");
-}
-
 class Collector : public ::testing::Test {
  protected:
   Collector() {
@@ -43,7 +39,11 @@ class Collector : public ::testing::Test {
       return ReadFile(root.Under("/proc/reboot_watchdog")) == std::to_string(collector.pid());
     });
   }
+  std::string Unzipped(const std::string& base) const {  // every file of the set, a glob
+    return morvotest::CommandOutput("zcat " + logs + "/" + base + ".I*.gz 2>/dev/null");
+  }
   morvotest::TempRoot root;
+  const std::string logs = root.Under("/data/log/android_logs");
 };
 
 // Every line taken is written whole, in order, once; a prefix when stopped mid-read.
@@ -57,9 +57,8 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   }
   AppendKmsg(2001, 5000);
   ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
-  std::string dir = root.Under("/data/log/android_logs");
   char target[4096] = {0};
-  ASSERT_GT(readlink((dir + "/kmsgcat-log").c_str(), target, sizeof(target) - 1), 0);
+  ASSERT_GT(readlink((logs + "/kmsgcat-log").c_str(), target, sizeof(target) - 1), 0);
   EXPECT_TRUE(std::regex_match(target, std::regex(".*/kmsgcat-log\\.I000\\.\\d{8}-\\d{6}\\.gz")))
       << target;
   long long read = collector.ReadOffset(root.Under("/proc/kmsg"));
@@ -67,7 +66,7 @@ TEST_F(Collector, TheKmsgInstanceCopiesEveryLineAndEndsWithStatus12) {
   ASSERT_TRUE(
       grouptest::WaitFor([&] { return collector.ReadOffset(root.Under("/proc/kmsg")) > read; }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-  std::vector<std::string> lines = morvotest::Lines(Unzipped(dir, "kmsgcat-log"));
+  std::vector<std::string> lines = morvotest::Lines(Unzipped("kmsgcat-log"));
   ASSERT_GE(lines.size(), 5000u);
   std::regex stamped("^[-0-9 :.]{19}<6>kernel line (\\d+)$");
   for (size_t i = 0; i < lines.size(); ++i) {
@@ -83,10 +82,9 @@ TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
   CollectorProcess collector(root, {"--tavo", "2", "-x", "kmsglogcat"});
   ASSERT_TRUE(Announced(collector)) << collector.Err();
   ASSERT_TRUE(collector.HasRead(root.Under("/proc/kmsg")));
-  std::string dir = root.Under("/data/log/android_logs");
   struct stat st;
   ASSERT_TRUE(grouptest::WaitFor(
-      [&] { return stat((dir + "/kmsgcat-log").c_str(), &st) == 0 && st.st_size > 0; }));
+      [&] { return stat((logs + "/kmsgcat-log").c_str(), &st) == 0 && st.st_size > 0; }));
   off_t below = std::max<off_t>(st.st_size, ReadFile(root.Under("/collector.err")).size());
   struct rlimit limit = {static_cast<rlim_t>(below + 4096), RLIM_INFINITY};
   ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
@@ -98,7 +96,7 @@ TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
   limit.rlim_cur = RLIM_INFINITY;
   ASSERT_EQ(0, prlimit(collector.pid(), RLIMIT_FSIZE, &limit, nullptr));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-  std::vector<std::string> lines = morvotest::Lines(Unzipped(dir, "kmsgcat-log"));
+  std::vector<std::string> lines = morvotest::Lines(Unzipped("kmsgcat-log"));
   ASSERT_EQ(18000u, lines.size()) << collector.Err();
   for (size_t i = 0; i < lines.size(); ++i) {
     ASSERT_EQ(e2etest::Line(static_cast<long>(i) + 1), lines[i].substr(19) + "\n");
@@ -159,14 +157,12 @@ TEST_F(Collector, TheSampleFileRunsItsThreeGroups) {
     return morvotest::Exists(root.Under("/ran")) && grouptest::ProcessesWith(root.path()) == 0;
   }));
   EXPECT_TRUE(EndedBySigusr(collector.SendAndWait(SIGUSR2))) << collector.Err();
-
-  std::string dir = root.Under("/data/log/android_logs");
-  const std::string kmsg = Unzipped(dir, "kmsgcat-log");
+  const std::string kmsg = Unzipped("kmsgcat-log");
   for (int i = 1; i <= 300; ++i) EXPECT_EQ(1u, grouptest::Count(kmsg, " " + e2etest::Line(i))) << i;
   std::regex battery("^current time: <battery>[-0-9: ]+\r\nlevel: 87 \\(battery\\)\n$");
-  std::string batteryLog = Unzipped(dir, "battery-log");
+  std::string batteryLog = Unzipped("battery-log");
   EXPECT_TRUE(std::regex_match(batteryLog, battery)) << batteryLog;
-  EXPECT_EQ("add device 1: " + fifo + "\n  name:     \"\"\n", Unzipped(dir, "input-log"));
+  EXPECT_EQ("add device 1: " + fifo + "\n  name:     \"\"\n", Unzipped("input-log"));
 }
 
 TEST_F(Collector, AGroupsEndDoesNotEndTheCollector) {
@@ -229,9 +225,7 @@ TEST_F(Collector, RefusedStarts) {
       EXPECT_TRUE(WIFEXITED(collector.WaitEnd()));
       EXPECT_NE(std::string::npos, collector.Err().find(c.said)) << collector.Err();
     }
-    if (c.name.size() == 255) {
-      EXPECT_EQ(std::string::npos, collector.Err().find("strncpy_sp"));
-    }
+    EXPECT_TRUE(c.name.size() != 255 || collector.Err().find("strncpy_sp") == std::string::npos);
     EXPECT_EQ("", ReadFile(root.Under("/proc/reboot_watchdog")));
     EXPECT_FALSE(morvotest::Exists(root.Under("/data/log/c")));
   }

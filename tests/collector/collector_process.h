@@ -57,13 +57,14 @@ class CollectorProcess {
   }
   CollectorProcess(const CollectorProcess&) = delete;
   CollectorProcess& operator=(const CollectorProcess&) = delete;
-
   pid_t pid() const { return pid_; }
   std::string Err() const { return morvotest::ReadFile(errPath_); }
-  std::string Comm() const { return Trimmed(morvotest::ReadFile(Proc("comm"))); }
+  std::string Comm() const {
+    const std::string comm = morvotest::ReadFile(Proc("comm"));
+    return comm.substr(0, comm.find('\n'));
+  }
   std::string Cmdline() const { return morvotest::ReadFile(Proc("cmdline")); }
   std::string Maps() const { return morvotest::ReadFile(Proc("maps")); }
-
   int WaitEnd() {
     int status = -1;
     grouptest::WaitFor([&] { return waitpid(pid_, &status, WNOHANG) == pid_; });
@@ -74,7 +75,6 @@ class CollectorProcess {
     kill(pid_, signo);
     return WaitEnd();
   }
-
   long long ReadOffset(const std::string& hostPath) const {
     DIR* dir = opendir(Proc("fd").c_str());
     if (dir == nullptr) return -1;
@@ -89,7 +89,6 @@ class CollectorProcess {
     closedir(dir);
     return offset;
   }
-
   // All of hostPath is read; waits on while it makes progress (slow sanitized builds).
   bool HasRead(const std::string& hostPath) const {
     auto size = [&] {
@@ -107,10 +106,6 @@ class CollectorProcess {
  private:
   std::string Proc(const std::string& name) const {
     return "/proc/" + std::to_string(pid_) + "/" + name;
-  }
-  static std::string Trimmed(std::string text) {
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    return text;
   }
   std::string errPath_;
   std::string dir_;

@@ -88,7 +88,6 @@ class DataSources : public ::testing::Test {
     WriteFile(script, "#!/bin/sh\n" + body + "\n");
     chmod(script.c_str(), 0755);
   }
-
   morvotest::TempRoot root;
   grouptest::GroupRecord record;
   std::unique_ptr<SourceSink> sink;
@@ -245,9 +244,7 @@ TEST_F(DataSources, AStreamResumesAfterAFaultThatPasses) {
     CaptureStderr();
     {
       std::unique_ptr<grouptest::GroupThread> run(Run("/proc/kmsg"));
-      if (c.first) {
-        ASSERT_TRUE(Arrived("one\n"));
-      }
+      ASSERT_TRUE(!c.first || Arrived("one\n"));
       if (!c.first) usleep(300 * 1000);  // the stream has met the fault
       c.fault(Kmsg());
       Append("two\n");
@@ -282,14 +279,10 @@ TEST_F(DataSources, TheModemLogDeviceIsRetriedThenItsServiceStopped) {
 
 TEST_F(DataSources, TheOutputFollowsAHeader) {
   const char* const kDate = "\\d{4}-\\d{1,2}-\\d{1,2} \\d{1,2}:\\d{1,2}:\\d{1,2}\r\n";
-  const struct {
-    const char* script;
-    const char* command;
-    std::string text;
-  } kCases[] = {
-      {"printf 'level: %s\\n\\nend' \"$1\"", "battery", "level: battery\n\nend"},
-      {"exit 3", "power", ""},
-  };
+  // clang-format off
+  const struct { const char* script; const char* command; std::string text; } kCases[] = {
+      {"printf 'level: %s\\n\\nend' \"$1\"", "battery", "level: battery\n\nend"}, {"exit 3", "power", ""}};
+  // clang-format on
   std::string expected;
   for (const auto& c : kCases) {
     Dumpsys(c.script);
@@ -312,19 +305,16 @@ TEST_F(DataSources, ACommandTooLongForTheHeaderIsNotRun) {
 
 // Root: dumpsys only from fixed system folders, its words as arguments, no shell.
 TEST_F(DataSources, DumpsysIsTakenFromSystemFoldersAndRunWithoutAShell) {
-  root.MakeDirs("/bin");
   root.MakeDirs("/path");
   const char* path = getenv("PATH");
   std::string savedPath = path != nullptr ? path : "";
   setenv("PATH", (root.Under("/path") + ":" + savedPath).c_str(), 1);
   Dumpsys("touch " + root.Under("/from-path"), "/path");
   Sink();
-  {
-    CaptureStderr();
-    EXPECT_EQ(1, Sink().SystemCmdCat("battery"));
-    EXPECT_EQ("dumpsys not found in /system/bin:/system/xbin:/vendor/bin:/usr/bin:/bin\n",
-              GetCapturedStderr());
-  }
+  CaptureStderr();
+  EXPECT_EQ(1, Sink().SystemCmdCat("battery"));
+  EXPECT_EQ("dumpsys not found in /system/bin:/system/xbin:/vendor/bin:/usr/bin:/bin\n",
+            GetCapturedStderr());
   Dumpsys("for a; do printf '[%s]' \"$a\"; done", "/bin");
   std::string attack = "battery;touch " + root.Under("/injected") + " $(id)";
   EXPECT_EQ(0, Sink().SystemCmdCat(attack.c_str()));
@@ -346,8 +336,7 @@ TEST_F(DataSources, NodesWithoutTitlesOrSourcesStillEndTheRow) {
   tc::TavocatInputNodeSetT last{3, nullptr, nullptr, nullptr, &alternatives, nullptr};
   tc::TavocatInputNodeSetT nothing{5, nullptr, nullptr, nullptr, nullptr, &last};
   tc::TavocatInputNodeSetT now{0, Text(current), nullptr, nullptr, nullptr, &nothing};
-  grouptest::GroupRecord record(outputPath, tc::POLL_NODE);
-  record.group.inputSet = &now;
+  grouptest::GroupRecord record(outputPath, tc::POLL_NODE, &now);
   Tavocat group(&record.group, tc::FACTORY_WRITE);
   EXPECT_EQ("", Output());
   EXPECT_EQ(0, group.PollNode());
@@ -361,8 +350,7 @@ TEST_F(DataSources, NodesWithoutTitlesOrSourcesStillEndTheRow) {
 TEST_F(DataSources, ATriggerWithAnUnknownIndexEndsAfterItsTitleRow) {
   std::string title = "Type";
   tc::TavocatInputNodeSetT node{6, nullptr, nullptr, Text(title), nullptr, nullptr};
-  grouptest::GroupRecord record(outputPath, tc::COND_TRIGGER);
-  record.group.inputSet = &node;
+  grouptest::GroupRecord record(outputPath, tc::COND_TRIGGER, &node);
   record.group.condIndex = 1;
   Tavocat group(&record.group, tc::FACTORY_WRITE);
   CaptureStderr();
@@ -418,8 +406,7 @@ TEST_F(DataSources, EachStyleRunsUntilStoppedAndHandsOverWhatItHeld) {
   for (const auto& c : kCases) {
     SCOPED_TRACE(c.style);
     unlink(root.Under(outputPath).c_str());
-    grouptest::GroupRecord record(outputPath, c.style);
-    record.group.inputSet = c.set;
+    grouptest::GroupRecord record(outputPath, c.style, c.set);
     record.group.pollingInterval = 1;
     Tavocat group(&record.group, tc::FACTORY_WRITE);
     ASSERT_TRUE(group.Start());
@@ -440,8 +427,7 @@ TEST_F(DataSources, APolledFifoWithoutAWriterReadsAsEmpty) {
   tc::TavocatInputNodeSetT node{10, Text(path), Text(path), nullptr, nullptr, nullptr};
   std::atomic<bool> done{false};
   std::thread poller([&] {
-    grouptest::GroupRecord record(outputPath, tc::POLL_NODE);
-    record.group.inputSet = &node;
+    grouptest::GroupRecord record(outputPath, tc::POLL_NODE, &node);
     Tavocat group(&record.group, tc::FACTORY_WRITE);
     group.PollNode();
     done = true;
@@ -462,11 +448,10 @@ TEST(ChargerEvent, PresenceChangesAreReportedOncePerChange) {
   root.MakeDirs("/sys/class/qd_power/charger/charge_data");
   std::string node = root.Under("/sys/class/qd_power/charger/charge_data/chargerType");
   EXPECT_FALSE(ChargerTypeChanged());
-  const struct {
-    const char* type;
-    bool changed;
-  } kSequence[] = {{"5", false}, {"5\n", false}, {"1", true},   {"1", false},
-                   {"5", true},  {"-1", false},  {"abc", true}, {"4", false}};
+  // clang-format off
+  const struct { const char* type; bool changed; } kSequence[] = {
+      {"5", false}, {"5\n", false}, {"1", true}, {"1", false}, {"5", true}, {"-1", false}, {"abc", true}, {"4", false}};
+  // clang-format on
   for (const auto& step : kSequence) {
     WriteFile(node, step.type);
     EXPECT_EQ(step.changed, ChargerTypeChanged()) << step.type;
@@ -497,8 +482,7 @@ TEST(DevicePathTest, AGroupUnderATemporaryRootNeverTouchesTheDevicePath) {
     }
     std::string nodePath = node;
     tc::TavocatInputNodeSetT polled{0, &nodePath[0], nullptr, nullptr, nullptr, nullptr};
-    grouptest::GroupRecord record(output, tc::POLL_NODE);
-    record.group.inputSet = &polled;
+    grouptest::GroupRecord record(output, tc::POLL_NODE, &polled);
     testing::internal::CaptureStdout();
     {
       Tavocat group(&record.group, mode);

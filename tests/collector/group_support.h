@@ -30,12 +30,13 @@ struct GroupRecord {
     group.info = &info;
     group.outputFilePath = &path[0];
   }
-  GroupRecord(const std::string& output, TavoCommon::LogStyle style) : GroupRecord(output) {
+  GroupRecord(const std::string& output, TavoCommon::LogStyle style, void* inputSet = nullptr)
+      : GroupRecord(output) {
     group.style = style;
+    group.inputSet = inputSet;
   }
   GroupRecord(const GroupRecord&) = delete;
   GroupRecord& operator=(const GroupRecord&) = delete;
-
   std::string path;
   TavoCommon::TavocatInfoT info{};
   TavoCommon::TavocatGroupT group{};
@@ -98,10 +99,8 @@ inline void Append(const std::string& path, const std::string& text) {
 }
 
 struct Event {
-  int64_t sec;
-  int64_t usec;
-  uint16_t type;
-  uint16_t code;
+  int64_t sec, usec;
+  uint16_t type, code;
   int32_t value;
 };
 static_assert(sizeof(Event) == 24, "the kernel's record on a 64-bit system");

@@ -16,9 +16,9 @@ namespace {
 
 using morvotest::Exists;
 using morvotest::ReadFile;
+using morvotest::Zcat;
 using sinktest::GroupConfig;
 using sinktest::TestSink;
-using sinktest::Unzipped;
 using TavoCommon::FACTORY_WRITE;
 using TavoCommon::MMAP_WRITE;
 
@@ -66,9 +66,7 @@ class RotationTest : public sinktest::SinkTest {
     EXPECT_EQ(SetFiles(), files);
     EXPECT_EQ(LinkedIndex(base_), files.back());
     EXPECT_EQ(LinkedIndex(base_ + ".1"), previous);
-    if (previous.empty()) {
-      EXPECT_FALSE(sinktest::IsLink(base_ + ".1"));
-    }
+    EXPECT_TRUE(!previous.empty() || !sinktest::IsLink(base_ + ".1"));
   }
 };
 
@@ -112,7 +110,6 @@ TEST_F(RotationTest, AFailedArchiveKeepsItsMembersUntilOneCanBeMade) {
   ExpectArchive(1, 4);
   ExpectArchive(0, 9);
   EXPECT_FALSE(Exists(Work()));
-
   ASSERT_EQ(system(("rm -rf " + dir_ + "/*").c_str()), 0);
   sinktest::OwnSink stale(base_, 1, 10, FACTORY_WRITE);
   ASSERT_EQ(stale.SetupOutput(), 0);
@@ -161,7 +158,7 @@ TEST_F(RotationTest, WhatIsPlantedWhereTheGroupWritesNextIsReplacedNeverUsed) {
         testing::internal::GetCapturedStderr();
         ASSERT_NE(std::find(coming.begin(), coming.end(), sink.logFilePath), coming.end());
         morvotest::ExpectOwnFile(sink.logFilePath, 0664);
-        EXPECT_EQ(Unzipped(sink.logFilePath), record);
+        EXPECT_EQ(Zcat(sink.logFilePath), record);
         EXPECT_EQ(sinktest::LinkTarget(base), sink.logFilePath);
       }
       morvotest::ExpectUntouched(victim);
@@ -176,9 +173,10 @@ TEST_F(RotationTest, WhatIsPlantedAtNumberedNamesNeverReachesAnArchive) {
   morvotest::MakeVictim(victim);
   sinktest::OwnSink sink(base_, 1, 10, FACTORY_WRITE);
   ASSERT_EQ(sink.SetupOutput(), 0);
-  morvotest::PlantAt(Numbered(2), morvotest::Plant::SYMLINK, victim);
-  morvotest::PlantAt(Numbered(3), morvotest::Plant::HARD_LINK, victim);
-  morvotest::PlantAt(Numbered(4), morvotest::Plant::SYMLINK, victim);
+  for (int n : {2, 3, 4}) {
+    morvotest::PlantAt(Numbered(n),
+                       n == 3 ? morvotest::Plant::HARD_LINK : morvotest::Plant::SYMLINK, victim);
+  }
   WriteRecords(sink, 0, 6);
   ExpectArchive(0, 4);
   EXPECT_FALSE(Exists(Archive(1)));
@@ -201,9 +199,8 @@ TEST_F(RotationTest, MmapSetAndLinksThroughRotationsAndARestart) {
     ExpectSet({"I001", "I002", "I003"}, "I002");
     EXPECT_EQ(sink.fileVec.size(), 3u);
   }
-  EXPECT_EQ(Unzipped(base_ + ".1"), Record(2));
-  EXPECT_EQ(Unzipped(base_), Record(3));
-
+  EXPECT_EQ(Zcat(base_ + ".1"), Record(2));
+  EXPECT_EQ(Zcat(base_), Record(3));
   TestSink restarted(config, MMAP_WRITE);
   ASSERT_EQ(restarted.SetupOutput(), 0);
   ExpectSet({"I001", "I002", "I003", "I004"}, "I003");
@@ -222,7 +219,6 @@ TEST_F(RotationTest, MmapRotationFallsInWholeKibibytes) {
   big.RotateLog(304);  // 4096 KiB
   EXPECT_NE(big.logFilePath, current);
   EXPECT_EQ(big.curFileSize, 0u);
-
   sinktest::OwnSink never(base_, 0, 10, MMAP_WRITE);
   ASSERT_EQ(never.SetupOutput(), 0);
   const std::string kept = never.logFilePath;
@@ -282,9 +278,7 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
     testing::internal::CaptureStderr();
     ASSERT_EQ(sink.LogcatWrite("two\n", 4, true), 0);
     std::string expected = c.mode == MMAP_WRITE ? "one\ntwo\n" : c.before ? "" : "two\n";
-    if (c.mode == MMAP_WRITE) {
-      EXPECT_EQ(sink.opens, 1);
-    }
+    EXPECT_TRUE(c.mode != MMAP_WRITE || sink.opens == 1) << sink.opens;
     sink.millis += c.waitMillis;
     for (int i = 0; i < c.records; ++i) {
       ASSERT_EQ(sink.LogcatWrite(c.record.data(), c.record.size(), true), 0);
@@ -295,13 +289,11 @@ TEST_F(RotationTest, AVanishedCurrentFileIsMadeAgain) {
     morvotest::ExpectOwnFile(sink.logFilePath, 0664);
     if (c.mode == MMAP_WRITE) {
       EXPECT_EQ(sinktest::LinkTarget(base_), sink.logFilePath);
-      EXPECT_EQ(Unzipped(sink.logFilePath), expected);
+      EXPECT_EQ(Zcat(sink.logFilePath), expected);
     } else {
       EXPECT_EQ(sink.logFilePath, base_);
       EXPECT_EQ(ReadFile(base_), expected);
-      if (c.before != nullptr) {
-        EXPECT_EQ(ReadFile(renamed), c.before);
-      }
+      EXPECT_TRUE(c.before == nullptr || ReadFile(renamed) == c.before) << ReadFile(renamed);
     }
     morvotest::ExpectUntouched(victim);
     EXPECT_FALSE(Exists(victim + ".new"));
@@ -325,17 +317,7 @@ TEST_F(RotationTest, AnMmapLimitOfZeroKeepsEveryFileEachWithItsTitle) {
   EXPECT_EQ(SetFiles().size(), 5u);
   EXPECT_EQ(sink.fileVec.size(), 5u);
   sink.LogcatClose();
-  for (int n = 0; n < 5; ++n) EXPECT_EQ(Unzipped(files[n]), "TITLE\n" + Record(n)) << n;
-}
-
-// Record n in two parts of varying length, so only its end allows a rotation.
-int WriteNumbered(TestSink& sink, int n) {
-  char head[32];
-  snprintf(head, sizeof(head), "record %06d ", n);
-  std::string tail(static_cast<size_t>(n % 37), '.');
-  tail += "\n";
-  if (sink.LogcatWrite(head, strlen(head), false) != 0) return 1;
-  return sink.LogcatWrite(tail.data(), tail.size(), true);
+  for (int n = 0; n < 5; ++n) EXPECT_EQ(Zcat(files[n]), "TITLE\n" + Record(n)) << n;
 }
 
 // Mmap rotations while the monitor flushes from its own thread (TSan race check).
@@ -359,7 +341,12 @@ TEST_F(RotationTest, LongMmapRunsKeepEveryRecordOnceAndWhole) {
     });
     int refused = -1;
     for (int n = 0; n < kRecords && refused < 0; ++n) {
-      if (WriteNumbered(sink, n) != 0) refused = n;
+      char head[32];  // record n in two parts of varying length: only its end allows a rotation
+      snprintf(head, sizeof(head), "record %06d ", n);
+      const std::string tail = std::string(static_cast<size_t>(n % 37), '.') + "\n";
+      if (sink.LogcatWrite(head, strlen(head), false) != 0 ||
+          sink.LogcatWrite(tail.data(), tail.size(), true) != 0)
+        refused = n;
     }
     done.store(true);
     opener.join();
@@ -369,7 +356,7 @@ TEST_F(RotationTest, LongMmapRunsKeepEveryRecordOnceAndWhole) {
   }
   int next = 0;
   for (const std::string& file : files) {
-    const std::string piece = Unzipped(file);
+    const std::string piece = Zcat(file);
     ASSERT_FALSE(piece.empty()) << file;
     ASSERT_EQ(piece.back(), '\n') << file << " ends inside a record";
     for (const std::string& line : morvotest::Lines(piece)) {

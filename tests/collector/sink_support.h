@@ -28,7 +28,6 @@ class TestSink : public Tavobase {
  public:
   TestSink(const GroupConfig& config, TavoCommon::TypeWrite mode) : Tavobase(&config.group, mode) {}
   explicit TestSink(TavoCommon::TypeWrite mode) : Tavobase(nullptr, mode) {}
-
   using FileSet::fileVec;
   using FileSet::maxFiles;
   using Tavobase::curFileSize;
@@ -40,7 +39,6 @@ class TestSink : public Tavobase {
   using Tavobase::recordEnded;
   using Tavobase::rotateSizeKbytes;
   using Tavobase::tavoWriter;
-
   // Written at the top of every new file in two writes, as a title row is.
   std::string title;
   int opens = 0;
@@ -63,11 +61,8 @@ class TestSink : public Tavobase {
     LogcatWrite(title.data() + half, title.size() - half, true);
   }
   void WallClock(timeval* now) const override {
-    if (stillClocks) {
-      *now = wall;
-    } else {
-      Tavobase::WallClock(now);
-    }
+    if (!stillClocks) return Tavobase::WallClock(now);
+    *now = wall;
   }
   int64_t MonotonicMillis() const override {
     return stillClocks ? millis : Tavobase::MonotonicMillis();
@@ -80,14 +75,9 @@ class OwnSink : private GroupConfig, public TestSink {
       : GroupConfig(path, kbytes, maxFiles), TestSink(*this, mode) {}
 };
 
+using morvotest::Entries;
 using morvotest::ModeOf;
 using morvotest::Quoted;
-
-inline std::string Unzipped(const std::string& path) {
-  return morvotest::CommandOutput("zcat " + Quoted(path) + " 2>/dev/null");
-}
-
-using morvotest::Entries;
 
 inline std::string LinkTarget(const std::string& path) {
   char target[4096];
@@ -105,7 +95,6 @@ class SinkTest : public morvotest::LogFolderTest {
  protected:
   SinkTest() : LogFolderTest("/data/log/group") {}
   void TearDown() override { EXPECT_FALSE(chown_.Ran()) << "a chown found through PATH ran"; }
-
   morvotest::FakeChownOnPath chown_{root_.path()};
 };
 
