@@ -39,7 +39,6 @@ class SourceSink : public DataSrcReader {
     SetupOutput();
   }
   using Tavobase::failureCount;
-  using Tavobase::failureRetry;
 
  protected:
   void openLogFilePost() override {}
@@ -78,11 +77,10 @@ class DataSources : public ::testing::Test {
     std::regex stamp(std::string("^") + kStamp);
     for (const std::string& line : morvotest::Lines(Written())) {
       EXPECT_TRUE(std::regex_search(line, stamp)) << line.substr(0, 40);
-      lines.push_back(line.size() > kStampLength ? line.substr(kStampLength) : "");
+      lines.push_back(line.size() > 19 ? line.substr(19) : "");
     }
     return lines;
   }
-  static constexpr size_t kStampLength = 19;
   void Dumpsys(const std::string& body, const std::string& dir = "/system/bin") {
     std::string script = root.Under(dir + "/dumpsys");
     WriteFile(script, "#!/bin/sh\n" + body + "\n");

@@ -70,7 +70,6 @@ class InputMonitorTest : public ::testing::Test {
  protected:
   void SetUp() override {
     signal(SIGPIPE, SIG_IGN);
-    dir = root.Under("/dev/input");
     root.MakeDirs("/dev/input");
   }
   void Start() {
@@ -93,7 +92,7 @@ class InputMonitorTest : public ::testing::Test {
         [&] { return collected.Text().find("[7.000000]  KEY_POWER DOWN") != std::string::npos; });
   }
   morvotest::TempRoot root;
-  std::string dir;
+  const std::string dir = root.Under("/dev/input");
   char any[1] = {'\0'};
   TavocatStrListT pick{any, nullptr};
   Collected collected;

@@ -52,7 +52,7 @@ class RotationTest : public sinktest::SinkTest {
   }
   std::vector<std::string> SetFiles() const {
     std::vector<std::string> files;
-    for (const std::string& name : sinktest::Entries(dir_)) {
+    for (const std::string& name : morvotest::Entries(dir_)) {
       if (name.rfind("applog.I", 0) == 0) files.push_back(name.substr(7, 4));
     }
     return files;
@@ -88,7 +88,7 @@ TEST_F(RotationTest, FactoryArchivesKeepTheNewestFilesAndDropTheOldest) {
     EXPECT_EQ(ReadFile(base), Record(15));
     for (int n = 1; n <= 5; ++n) EXPECT_FALSE(Exists(base + "." + std::to_string(n))) << n;
     EXPECT_FALSE(Exists(base + "_tmp"));
-    EXPECT_EQ(sinktest::ModeOf(base), 0664u);
+    EXPECT_EQ(morvotest::ModeOf(base), 0664u);
   }
 }
 
@@ -323,10 +323,9 @@ TEST_F(RotationTest, AnMmapLimitOfZeroKeepsEveryFileEachWithItsTitle) {
 // Mmap rotations while the monitor flushes from its own thread (TSan race check).
 TEST_F(RotationTest, LongMmapRunsKeepEveryRecordOnceAndWhole) {
   constexpr int kRecords = 50000;
-  GroupConfig config(base_, 4, 1000);
   std::vector<std::string> files;
   {
-    TestSink sink(config, MMAP_WRITE);
+    sinktest::OwnSink sink(base_, 4, 1000, MMAP_WRITE);
     ASSERT_EQ(sink.SetupOutput(), 0);
     std::atomic<bool> done{false};
     std::thread opener([&] {

@@ -75,10 +75,6 @@ class OwnSink : private GroupConfig, public TestSink {
       : GroupConfig(path, kbytes, maxFiles), TestSink(*this, mode) {}
 };
 
-using morvotest::Entries;
-using morvotest::ModeOf;
-using morvotest::Quoted;
-
 inline std::string LinkTarget(const std::string& path) {
   char target[4096];
   ssize_t n = readlink(path.c_str(), target, sizeof(target));

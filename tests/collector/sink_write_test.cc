@@ -149,8 +149,7 @@ TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
                         Case{25, FACTORY_WRITE, 5}, Case{1, FACTORY_WRITE, 1},
                         Case{0, FACTORY_WRITE, 0}, Case{7, MMAP_WRITE, 7}}) {
     // clang-format on
-    GroupConfig config(base_, 64, c.configured);
-    TestSink sink(config, c.mode);
+    sinktest::OwnSink sink(base_, 64, c.configured, c.mode);
     EXPECT_EQ(sink.maxFiles, c.kept) << c.configured;
     EXPECT_EQ(sink.IsMMapWrite(), c.mode == MMAP_WRITE);
   }
@@ -173,9 +172,9 @@ TEST_F(SinkWriteTest, SettingsComeFromTheGroupAndItsInstance) {
 TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
   std::string deep = root_.Under("/data/log/a/b/c");
   EXPECT_EQ(sink_.MkdirP(deep.c_str(), 0775), 0);
-  EXPECT_EQ(sinktest::ModeOf(deep), 0775u);
+  EXPECT_EQ(morvotest::ModeOf(deep), 0775u);
   EXPECT_EQ(sink_.MkdirP((deep + "/").c_str(), 0700), 0);
-  EXPECT_EQ(sinktest::ModeOf(deep), 0775u);  // existing folders stay as they are
+  EXPECT_EQ(morvotest::ModeOf(deep), 0775u);  // existing folders stay as they are
   EXPECT_EQ(sink_.MkdirP("", 0775), 1);
   EXPECT_EQ(sink_.MkdirP("/", 0775), 0);
   std::string longest = root_.Under("/") + std::string(254 - root_.Under("/").size(), 'x');
@@ -184,7 +183,7 @@ TEST_F(SinkWriteTest, FoldersAreMadeWithTheirParents) {
   EXPECT_FALSE(morvotest::Exists(tooLong));
   EXPECT_EQ(sink_.MkdirP(longest.c_str(), 0775), 0);
   sink_.CreateDir(root_.Under("/data/log/made").c_str());
-  EXPECT_EQ(sinktest::ModeOf(root_.Under("/data/log/made")), 0775u);
+  EXPECT_EQ(morvotest::ModeOf(root_.Under("/data/log/made")), 0775u);
   const std::string outside = root_.Under("/outside");
   const std::string linked = root_.Under("/data/log/linked");
   morvotest::MakeVictimFolder(outside);
@@ -211,7 +210,7 @@ TEST_F(SinkWriteTest, AGroupFolderReplacedByALinkIsNeverEntered) {
     sinktest::OwnSink sink(group + "/applog", 1, 10, mode);
     ASSERT_EQ(sink.SetupOutput(), 0);
     ASSERT_EQ(sink.LogcatWrite(record.data(), record.size(), true), 0);
-    ASSERT_EQ(system(("rm -rf " + sinktest::Quoted(group)).c_str()), 0);
+    ASSERT_EQ(system(("rm -rf " + morvotest::Quoted(group)).c_str()), 0);
     ASSERT_EQ(symlink(outside.c_str(), group.c_str()), 0);
     CaptureStderr();
     for (int i = 0; i < 3; ++i) sink.LogcatWrite(record.data(), record.size(), true);
@@ -302,7 +301,7 @@ TEST_F(SinkWriteTest, AFolderThatCannotBeMadeIsReportedOnceAndWritingResumes) {
     std::string lines;
     for (const std::string& line : morvotest::Lines(text)) lines += line.substr(19) + "\n";
     EXPECT_EQ(lines, expected);
-    ASSERT_EQ(system(("rm -rf " + sinktest::Quoted(blocked)).c_str()), 0);
+    ASSERT_EQ(system(("rm -rf " + morvotest::Quoted(blocked)).c_str()), 0);
   }
 }
 
@@ -352,8 +351,7 @@ bool OpensFlush(const std::string& dir, const std::string& file, const std::stri
 std::string Events(std::initializer_list<uint32_t> masks, uint32_t name) {
   std::string buffer;
   for (uint32_t mask : masks) {
-    struct inotify_event event;
-    memset(&event, 0, sizeof(event));
+    struct inotify_event event = {};
     event.wd = 1;
     event.mask = mask;
     event.len = name;
@@ -409,9 +407,8 @@ TEST_F(SinkWriteTest, AStoppedMonitorFlushesNoMore) {
 }
 
 TEST_F(SinkWriteTest, MonitorsWithoutAWatchEndByThemselves) {
-  GroupConfig config(mbase_, 4096, 10);
-  TestSink sink(config, TavoCommon::FACTORY_WRITE);  // no monitor of its own
-  MonitorDir noFolder("applog");                     // no '/': no folder to watch
+  sinktest::OwnSink sink(mbase_, 4096, 10, FACTORY_WRITE);  // no monitor of its own
+  MonitorDir noFolder("applog");                            // no '/': no folder to watch
   noFolder.SetupLogBase(&sink);
   ASSERT_TRUE(noFolder.Start());
   noFolder.Wait();
