@@ -31,7 +31,6 @@ using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 namespace tc = TavoCommon;
 
-// A factory-mode sink: what the sources write is read back as it is.
 class SourceSink : public DataSrcReader {
  public:
   explicit SourceSink(const TavoCommon::TavocatGroupT* group)

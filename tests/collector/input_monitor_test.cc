@@ -41,7 +41,6 @@ struct Collected {
   }
 };
 
-// Opens the FIFO for writing once the monitor holds it open for reading.
 int OpenWhenHeld(const std::string& path) {
   int fd = -1;
   grouptest::WaitFor([&] {
