@@ -105,10 +105,9 @@ TEST_F(Collector, TheLinesHeldThroughAWriteFaultGoOutAtTheStop) {
 }
 
 TEST_F(Collector, TheChargeInstancePollsItsNodesIntoRowsUnderATitle) {
-  std::string coul = "/sys/class/qd_power/coul/coul_data/";
-  std::string charge = "/sys/class/qd_power/charger/charge_data/";
-  root.MakeDirs(coul);
-  root.MakeDirs(charge);
+  std::string coul = "/sys/class/qd_power/coul/coul_data/",
+              charge = "/sys/class/qd_power/charger/charge_data/";
+  for (const std::string& dir : {coul, charge}) root.MakeDirs(dir);
   WriteFile(root.Under(coul + "gaugelog_head"), "GaugeHead \n");
   WriteFile(root.Under(coul + "gaugelog"), "3900mV    \n");
   WriteFile(root.Under(charge + "chargelog_head"), "ChargeHead\n");
