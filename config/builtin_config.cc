@@ -4,18 +4,13 @@
 
 #include <new>
 
+#include "config/config_records.h"
 #include "config/config_tree.h"
 #include "config/platform_check.h"
 
 namespace TavoConfig {
 
 using TavoCommon::FACTORY_WRITE;
-using TavoCommon::MMAP_WRITE;
-using TavoCommon::MONITOR_NODE;
-using TavoCommon::POLL_NODE;
-using TavoCommon::TavocatGroupT;
-using TavoCommon::TavocatInfoT;
-using TavoCommon::TavocatInputNodeSetT;
 using TavoCommon::kBuiltinRotateSizeKbytes;
 using TavoCommon::kChargeDataPath;
 using TavoCommon::kChargeInstance;
@@ -32,6 +27,9 @@ using TavoCommon::kKmsgDataPath;
 using TavoCommon::kKmsgInstance;
 using TavoCommon::kKmsgMaxCompressdFiles;
 using TavoCommon::kKmsgOutputPath;
+using TavoCommon::MMAP_WRITE;
+using TavoCommon::MONITOR_NODE;
+using TavoCommon::POLL_NODE;
 
 namespace {
 

@@ -2,18 +2,13 @@
 
 #include <stdio.h>
 
+#include "config/config_records.h"
+
 namespace TavoConfig {
 
 using TavoCommon::COND_TRIGGER;
-using TavoCommon::IsNodeStyle;
 using TavoCommon::MONITOR_DIR;
 using TavoCommon::POLL_CMD;
-using TavoCommon::TavocatGroupT;
-using TavoCommon::TavocatInfoT;
-using TavoCommon::TavocatInputCmdSetT;
-using TavoCommon::TavocatInputDirSetT;
-using TavoCommon::TavocatInputNodeSetT;
-using TavoCommon::TavocatStrListT;
 
 namespace {
 

@@ -7,6 +7,7 @@
 
 #include "config/builtin_config.h"
 #include "config/config_check.h"
+#include "config/config_records.h"
 #include "config/config_tree.h"
 #include "config/group_parser.h"
 #include "config/platform_check.h"
@@ -19,8 +20,6 @@ using TavoCommon::FACTORY_WRITE;
 using TavoCommon::kConfigFilePath;
 using TavoCommon::kInstanceNameMax;
 using TavoCommon::MMAP_WRITE;
-using TavoCommon::TavocatInfoT;
-using TavoCommon::TavocatStrListT;
 
 int ParseConfigFile(const char* name, TavocatInfoT* info) {
   if (name == nullptr || info == nullptr) return 1;

@@ -4,20 +4,14 @@
 
 #include <new>
 
+#include "config/config_records.h"
 #include "platform/safe_string.h"
 
 namespace TavoConfig {
 
-using TavoCommon::IsNodeStyle;
 using TavoCommon::MMAP_WRITE;
 using TavoCommon::MONITOR_DIR;
 using TavoCommon::POLL_CMD;
-using TavoCommon::TavocatGroupT;
-using TavoCommon::TavocatInfoT;
-using TavoCommon::TavocatInputCmdSetT;
-using TavoCommon::TavocatInputDirSetT;
-using TavoCommon::TavocatInputNodeSetT;
-using TavoCommon::TavocatStrListT;
 
 namespace {
 

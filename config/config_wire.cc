@@ -6,20 +6,14 @@
 
 #include <new>
 
+#include "config/config_records.h"
 #include "config/config_tree.h"
 
 namespace TavoConfig {
 
-using TavoCommon::IsNodeStyle;
 using TavoCommon::LogStyle;
 using TavoCommon::MONITOR_DIR;
 using TavoCommon::POLL_CMD;
-using TavoCommon::TavocatGroupT;
-using TavoCommon::TavocatInfoT;
-using TavoCommon::TavocatInputCmdSetT;
-using TavoCommon::TavocatInputDirSetT;
-using TavoCommon::TavocatInputNodeSetT;
-using TavoCommon::TavocatStrListT;
 using TavoCommon::TypeWrite;
 
 namespace {

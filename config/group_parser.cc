@@ -5,23 +5,18 @@
 #include <new>
 
 #include "config/config_parser.h"
+#include "config/config_records.h"
 #include "config/config_tree.h"
 #include "config/xml_document.h"
 
 namespace TavoConfig {
 
 using TavoCommon::COND_TRIGGER;
-using TavoCommon::IsNodeStyle;
 using TavoCommon::LogStyle;
 using TavoCommon::MONITOR_DIR;
 using TavoCommon::MONITOR_NODE;
 using TavoCommon::POLL_CMD;
 using TavoCommon::POLL_NODE;
-using TavoCommon::TavocatGroupT;
-using TavoCommon::TavocatInfoT;
-using TavoCommon::TavocatInputCmdSetT;
-using TavoCommon::TavocatInputDirSetT;
-using TavoCommon::TavocatInputNodeSetT;
 
 namespace {
 

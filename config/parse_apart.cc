@@ -14,13 +14,12 @@
 #include <unistd.h>
 
 #include "config/config_parser.h"
+#include "config/config_records.h"
 #include "config/config_tree.h"
 #include "config/config_wire.h"
 #include "platform/write_fully.h"
 
 namespace TavoConfig {
-
-using TavoCommon::TavocatInfoT;
 
 namespace {
 
